@@ -1,0 +1,105 @@
+#include <windows.h>
+#include <msiquery.h>
+
+#include <climits>
+#include <cwchar>
+
+#include "actions/Workers.h"
+#include "host/MsiProperty.h"
+#include "host/types/WideString.h"
+#include "logging/Log.h"
+
+namespace Quillcast::Actions {
+
+namespace {
+
+constexpr wchar_t kLogSource[] = L"Various";
+
+using System::Types::CWideBuffer;
+
+enum class FieldRead
+{
+    Taken,
+    OutOfRange,
+};
+
+// Takes the field at `position` (up to the next "." or the end) and moves past
+// its ".". Fields convert as wcstol converts: blanks and a sign accepted,
+// stopping at the first non-digit, clamped to the 32-bit range.
+FieldRead TakeField(const wchar_t* text, size_t length, size_t& position, long& value)
+{
+    if (position >= length)
+    {
+        return FieldRead::OutOfRange;
+    }
+    const wchar_t* field = text + position;
+    const wchar_t* point = ::wcsstr(field, L".");
+    CWideBuffer fieldText;
+    const size_t fieldLength = point != nullptr ? static_cast<size_t>(point - field) : length - position;
+    if (!System::Types::Assign(fieldText, field, static_cast<uint32_t>(fieldLength)))
+    {
+        return FieldRead::OutOfRange;
+    }
+    value = ::wcstol(System::Types::Text(fieldText), nullptr, 10);
+    position += fieldLength + 1;
+    return FieldRead::Taken;
+}
+
+const wchar_t* CompareVersions(const CWideBuffer& versionA, const CWideBuffer& versionB)
+{
+    const wchar_t* textA = System::Types::Text(versionA);
+    const wchar_t* textB = System::Types::Text(versionB);
+    const size_t lengthA = ::wcslen(textA);
+    const size_t lengthB = ::wcslen(textB);
+    size_t positionA = 0;
+    size_t positionB = 0;
+    for (;;)
+    {
+        // Only the fields both strings have are compared: "1.2" equals "1.2.5".
+        if (lengthA == 0 || positionA >= lengthA || lengthB == 0 || positionB >= lengthB)
+        {
+            return L"0";
+        }
+        long fieldA = 0;
+        long fieldB = 0;
+        // Unreachable while the strings stay unchanged during the call, kept as a guard.
+        if (TakeField(textA, lengthA, positionA, fieldA) != FieldRead::Taken)
+        {
+            QC_LOG_WARNING(kLogSource) << L"Could not parse VersionA";
+            return L"-50";
+        }
+        if (TakeField(textB, lengthB, positionB, fieldB) != FieldRead::Taken)
+        {
+            QC_LOG_WARNING(kLogSource) << L"Could not parse VersionB";
+            return L"-50";
+        }
+        const int32_t numberA = static_cast<int32_t>(fieldA);
+        const int32_t numberB = static_cast<int32_t>(fieldB);
+        if (numberA < numberB)
+        {
+            return L"-1";
+        }
+        if (numberA > numberB)
+        {
+            return L"1";
+        }
+    }
+}
+
+} // namespace
+
+UINT CompareVersionStringWorker(Host::CWorkbench* pWorkbench)
+{
+    const MSIHANDLE hInstall = pWorkbench->m_hInstall;
+    CWideBuffer versionA;
+    CWideBuffer versionB;
+    if (!Host::ReadPropertyOrLog(hInstall, L"VersionA", versionA, kLogSource, __LINE__) ||
+        !Host::ReadPropertyOrLog(hInstall, L"VersionB", versionB, kLogSource, __LINE__))
+    {
+        return ERROR_INSTALL_FAILURE;
+    }
+    ::MsiSetPropertyW(hInstall, L"CompareResult", CompareVersions(versionA, versionB));
+    return ERROR_SUCCESS;
+}
+
+} // namespace Quillcast::Actions

@@ -1,0 +1,88 @@
+#pragma once
+
+#include <windows.h>
+#include <msi.h>
+
+namespace Quillcast::System::Types {
+
+// One owner for one handle: closes it when replaced or destroyed, keeping the
+// thread's last-error value intact so that a failure can still be logged after
+// the handle went out of scope.
+template <typename THandle, typename TTraits>
+class CUniqueHandle
+{
+public:
+    CUniqueHandle() noexcept = default;
+    explicit CUniqueHandle(THandle handle) noexcept : m_Handle(handle) {}
+    CUniqueHandle(const CUniqueHandle&) = delete;
+    CUniqueHandle& operator=(const CUniqueHandle&) = delete;
+    CUniqueHandle(CUniqueHandle&& other) noexcept : m_Handle(other.Detach()) {}
+    CUniqueHandle& operator=(CUniqueHandle&& other) noexcept
+    {
+        if (this != &other)
+        {
+            Reset(other.Detach());
+        }
+        return *this;
+    }
+    ~CUniqueHandle() { Reset(); }
+
+    void Reset(THandle handle = TTraits::Invalid()) noexcept
+    {
+        if (m_Handle != TTraits::Invalid())
+        {
+            const DWORD dwError = ::GetLastError();
+            TTraits::Close(m_Handle);
+            ::SetLastError(dwError);
+        }
+        m_Handle = handle;
+    }
+    THandle Detach() noexcept
+    {
+        THandle handle = m_Handle;
+        m_Handle = TTraits::Invalid();
+        return handle;
+    }
+    THandle Get() const noexcept { return m_Handle; }
+    // For out-parameters: releases what it held and hands out the slot.
+    THandle* Put() noexcept
+    {
+        Reset();
+        return &m_Handle;
+    }
+    explicit operator bool() const noexcept { return m_Handle != TTraits::Invalid(); }
+
+private:
+    THandle m_Handle = TTraits::Invalid();
+};
+
+struct MsiHandleTraits
+{
+    static MSIHANDLE Invalid() noexcept { return 0; }
+    static void Close(MSIHANDLE handle) noexcept { ::MsiCloseHandle(handle); }
+};
+
+struct KernelHandleTraits
+{
+    static HANDLE Invalid() noexcept { return nullptr; }
+    static void Close(HANDLE handle) noexcept { ::CloseHandle(handle); }
+};
+
+struct RegistryKeyTraits
+{
+    static HKEY Invalid() noexcept { return nullptr; }
+    static void Close(HKEY key) noexcept { ::RegCloseKey(key); }
+};
+
+struct LocalMemoryTraits
+{
+    static HLOCAL Invalid() noexcept { return nullptr; }
+    static void Close(HLOCAL memory) noexcept { ::LocalFree(memory); }
+};
+
+using CMsiHandle = CUniqueHandle<MSIHANDLE, MsiHandleTraits>;
+using CKernelHandle = CUniqueHandle<HANDLE, KernelHandleTraits>;
+using CRegistryKey = CUniqueHandle<HKEY, RegistryKeyTraits>;
+using CLocalMemory = CUniqueHandle<HLOCAL, LocalMemoryTraits>;
+
+} // namespace Quillcast::System::Types

@@ -1,0 +1,72 @@
+#pragma once
+
+#include <cstddef>
+#include <vector>
+
+#include "host/types/ClassPtr.h"
+
+namespace Quillcast::System::Types {
+
+// An owning list of heap objects in append order, with an iteration cursor.
+template <typename T>
+class CPointerList
+{
+public:
+    CPointerList() noexcept = default;
+    CPointerList(const CPointerList&) = delete;
+    CPointerList& operator=(const CPointerList&) = delete;
+    virtual ~CPointerList() = default;
+
+    // Takes ownership of `pObject` and appends it at the tail. A null pointer is
+    // not appended. On memory exhaustion the object is deleted and false returned.
+    bool Append(T* pObject) noexcept
+    {
+        if (pObject == nullptr)
+        {
+            return false;
+        }
+        try
+        {
+            m_Nodes.push_back(CClassPtr<T>(pObject));
+        }
+        catch (...)
+        {
+            return false;
+        }
+        return true;
+    }
+
+    size_t Count() const noexcept { return m_Nodes.size(); }
+
+    // Cursor iteration: First() then Next() until null.
+    T* First() noexcept
+    {
+        m_Cursor = 0;
+        return Current();
+    }
+    T* Next() noexcept
+    {
+        if (m_Cursor < m_Nodes.size())
+        {
+            ++m_Cursor;
+        }
+        return Current();
+    }
+
+    template <typename Visitor>
+    void ForEach(Visitor&& visit) const
+    {
+        for (const CClassPtr<T>& node : m_Nodes)
+        {
+            visit(*node.Get());
+        }
+    }
+
+private:
+    T* Current() const noexcept { return m_Cursor < m_Nodes.size() ? m_Nodes[m_Cursor].Get() : nullptr; }
+
+    std::vector<CClassPtr<T>> m_Nodes;
+    size_t m_Cursor = 0;
+};
+
+} // namespace Quillcast::System::Types

@@ -1,0 +1,16 @@
+#pragma once
+
+#include <cstdint>
+
+namespace Quillcast::System::IO {
+
+template <typename T>
+class COutputStream
+{
+public:
+    virtual ~COutputStream() = default;
+    // Writes `length` elements of `text`. False when nothing was written.
+    virtual bool Write(const T* text, uint32_t length) = 0;
+};
+
+} // namespace Quillcast::System::IO
