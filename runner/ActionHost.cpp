@@ -1,0 +1,340 @@
+#include "ActionHost.h"
+
+#include <msiquery.h>
+#include <objbase.h>
+
+#include <cwchar>
+#include <mutex>
+
+namespace QcRunner {
+
+namespace {
+
+// MsiSetExternalUIRecord is process-wide; records are routed to the host that
+// is calling an action on the current thread (the installer calls the handler
+// synchronously, on the thread that sent the message).
+thread_local CActionHost* t_pActiveHost = nullptr;
+std::once_flag g_HandlerInstalled;
+
+class CMsiHandleOwner
+{
+public:
+    explicit CMsiHandleOwner(MSIHANDLE handle = 0) : m_Handle(handle) {}
+    CMsiHandleOwner(const CMsiHandleOwner&) = delete;
+    CMsiHandleOwner& operator=(const CMsiHandleOwner&) = delete;
+    ~CMsiHandleOwner()
+    {
+        if (m_Handle != 0)
+        {
+            MsiCloseHandle(m_Handle);
+        }
+    }
+    MSIHANDLE Get() const { return m_Handle; }
+    MSIHANDLE* Put() { return &m_Handle; }
+
+private:
+    MSIHANDLE m_Handle;
+};
+
+std::wstring RecordString(MSIHANDLE hRecord, UINT field)
+{
+    wchar_t empty[1] = {L'\0'};
+    DWORD cch = 0;
+    if (MsiRecordGetStringW(hRecord, field, empty, &cch) != ERROR_MORE_DATA)
+    {
+        return std::wstring();
+    }
+    std::wstring text(cch + 1, L'\0');
+    cch += 1;
+    if (MsiRecordGetStringW(hRecord, field, &text[0], &cch) != ERROR_SUCCESS)
+    {
+        return std::wstring();
+    }
+    text.resize(cch);
+    return text;
+}
+
+std::wstring NewGuid()
+{
+    GUID guid{};
+    CoCreateGuid(&guid);
+    wchar_t text[40] = {};
+    StringFromGUID2(guid, text, 40);
+    return text;
+}
+
+std::wstring Describe(const wchar_t* step, UINT result)
+{
+    return std::wstring(step) + L" failed with error " + std::to_wstring(result);
+}
+
+// The scratch package: a Property table with the properties every package has,
+// and the summary information that MsiOpenPackage requires.
+std::wstring CreatePackage(const std::wstring& path)
+{
+    CMsiHandleOwner database;
+    UINT result = MsiOpenDatabaseW(path.c_str(), MSIDBOPEN_CREATE, database.Put());
+    if (result != ERROR_SUCCESS)
+    {
+        return Describe(L"MsiOpenDatabase", result);
+    }
+    {
+        CMsiHandleOwner view;
+        result = MsiDatabaseOpenViewW(database.Get(),
+                                      L"CREATE TABLE `Property` (`Property` CHAR(72) NOT NULL, "
+                                      L"`Value` LONGCHAR NOT NULL LOCALIZABLE PRIMARY KEY `Property`)",
+                                      view.Put());
+        if (result == ERROR_SUCCESS)
+        {
+            result = MsiViewExecute(view.Get(), 0);
+        }
+        if (result != ERROR_SUCCESS)
+        {
+            return Describe(L"CREATE TABLE Property", result);
+        }
+    }
+    const std::wstring properties[][2] = {
+        {L"ProductCode", NewGuid()},
+        {L"ProductLanguage", L"1033"},
+        {L"ProductName", L"Quillcast Action Runner"},
+        {L"ProductVersion", L"1.0.0"},
+        {L"Manufacturer", L"Quillcast"},
+    };
+    for (const auto& property : properties)
+    {
+        CMsiHandleOwner view;
+        CMsiHandleOwner record(MsiCreateRecord(2));
+        MsiRecordSetStringW(record.Get(), 1, property[0].c_str());
+        MsiRecordSetStringW(record.Get(), 2, property[1].c_str());
+        result = MsiDatabaseOpenViewW(database.Get(), L"INSERT INTO `Property` (`Property`, `Value`) VALUES (?, ?)",
+                                      view.Put());
+        if (result == ERROR_SUCCESS)
+        {
+            result = MsiViewExecute(view.Get(), record.Get());
+        }
+        if (result != ERROR_SUCCESS)
+        {
+            return Describe(L"INSERT INTO Property", result);
+        }
+    }
+    {
+        CMsiHandleOwner summary;
+        result = MsiGetSummaryInformationW(database.Get(), nullptr, 20, summary.Put());
+        if (result != ERROR_SUCCESS)
+        {
+            return Describe(L"MsiGetSummaryInformation", result);
+        }
+        const std::wstring revision = NewGuid();
+        MsiSummaryInfoSetPropertyW(summary.Get(), 7 /* template */, VT_LPSTR, 0, nullptr, L"x64;1033");
+        MsiSummaryInfoSetPropertyW(summary.Get(), 9 /* revision */, VT_LPSTR, 0, nullptr, revision.c_str());
+        MsiSummaryInfoSetPropertyW(summary.Get(), 14 /* page count */, VT_I4, 200, nullptr, nullptr);
+        MsiSummaryInfoSetPropertyW(summary.Get(), 15 /* word count */, VT_I4, 2, nullptr, nullptr);
+        result = MsiSummaryInfoPersist(summary.Get());
+        if (result != ERROR_SUCCESS)
+        {
+            return Describe(L"MsiSummaryInfoPersist", result);
+        }
+    }
+    result = MsiDatabaseCommit(database.Get());
+    return result == ERROR_SUCCESS ? std::wstring() : Describe(L"MsiDatabaseCommit", result);
+}
+
+bool IsDigits(const std::wstring& text, size_t from, size_t count)
+{
+    if (from + count > text.size())
+    {
+        return false;
+    }
+    for (size_t i = from; i < from + count; ++i)
+    {
+        if (text[i] < L'0' || text[i] > L'9')
+        {
+            return false;
+        }
+    }
+    return true;
+}
+
+} // namespace
+
+int __stdcall HostRecordHandler(void* /*pContext*/, UINT messageType, MSIHANDLE hRecord)
+{
+    CActionHost* pHost = t_pActiveHost;
+    return pHost == nullptr ? 0 : pHost->OnRecord(messageType, hRecord);
+}
+
+CActionLibrary::CActionLibrary(const std::wstring& path) : m_Path(path)
+{
+    m_hModule = LoadLibraryW(path.c_str());
+}
+
+CActionLibrary::~CActionLibrary()
+{
+    if (m_hModule != nullptr)
+    {
+        FreeLibrary(m_hModule);
+    }
+}
+
+CustomActionFunction CActionLibrary::Find(const std::string& exportName) const
+{
+    if (m_hModule == nullptr)
+    {
+        return nullptr;
+    }
+    return reinterpret_cast<CustomActionFunction>(
+        reinterpret_cast<void*>(GetProcAddress(m_hModule, exportName.c_str())));
+}
+
+CActionHost::CActionHost()
+{
+    std::call_once(g_HandlerInstalled, [] {
+        MsiSetInternalUI(INSTALLUILEVEL_NONE, nullptr);
+        MsiSetExternalUIRecord(HostRecordHandler,
+                               INSTALLLOGMODE_INFO | INSTALLLOGMODE_USER | INSTALLLOGMODE_WARNING |
+                                   INSTALLLOGMODE_ERROR | INSTALLLOGMODE_FATALEXIT,
+                               nullptr, nullptr);
+    });
+
+    wchar_t folder[MAX_PATH + 1] = {};
+    wchar_t file[MAX_PATH + 1] = {};
+    if (GetTempPathW(MAX_PATH, folder) == 0 || GetTempFileNameW(folder, L"qca", 0, file) == 0)
+    {
+        m_Error = L"no temporary file for the scratch package";
+        return;
+    }
+    m_PackagePath = file;
+    DeleteFileW(m_PackagePath.c_str());
+    m_Error = CreatePackage(m_PackagePath);
+    if (!m_Error.empty())
+    {
+        return;
+    }
+    const UINT result = MsiOpenPackageW(m_PackagePath.c_str(), &m_hSession);
+    if (result != ERROR_SUCCESS)
+    {
+        m_hSession = 0;
+        m_Error = Describe(L"MsiOpenPackage", result);
+    }
+}
+
+CActionHost::~CActionHost()
+{
+    if (m_hSession != 0)
+    {
+        MsiCloseHandle(m_hSession);
+    }
+    if (!m_PackagePath.empty())
+    {
+        DeleteFileW(m_PackagePath.c_str());
+    }
+}
+
+bool CActionHost::SetProperty(const std::wstring& name, const std::wstring& value)
+{
+    return MsiSetPropertyW(m_hSession, name.c_str(), value.c_str()) == ERROR_SUCCESS;
+}
+
+std::wstring CActionHost::GetProperty(const std::wstring& name) const
+{
+    wchar_t empty[1] = {L'\0'};
+    DWORD cch = 0;
+    if (MsiGetPropertyW(m_hSession, name.c_str(), empty, &cch) != ERROR_MORE_DATA)
+    {
+        return std::wstring();
+    }
+    std::wstring value(cch + 1, L'\0');
+    cch += 1;
+    if (MsiGetPropertyW(m_hSession, name.c_str(), &value[0], &cch) != ERROR_SUCCESS)
+    {
+        return std::wstring();
+    }
+    value.resize(cch);
+    return value;
+}
+
+UINT CActionHost::Call(CustomActionFunction action)
+{
+    return CallWithHandle(action, m_hSession);
+}
+
+UINT CActionHost::CallWithHandle(CustomActionFunction action, MSIHANDLE hInstall)
+{
+    CActionHost* pPrevious = t_pActiveHost;
+    t_pActiveHost = this;
+    const UINT result = action(hInstall);
+    t_pActiveHost = pPrevious;
+    return result;
+}
+
+void CActionHost::ClearCaptured()
+{
+    m_LogLines.clear();
+    m_Messages.clear();
+}
+
+int CActionHost::OnRecord(UINT messageType, MSIHANDLE hRecord)
+{
+    const UINT kind = messageType & 0xFF000000u;
+    if (kind == INSTALLMESSAGE_INFO)
+    {
+        m_LogLines.push_back(RecordString(hRecord, 1));
+        return 0;
+    }
+    const int answer = m_NextAnswer < m_Answers.size() ? m_Answers[m_NextAnswer++] : m_FallbackAnswer;
+    wchar_t head[32] = {};
+    _snwprintf(head, 31, L"0x%08X:", messageType);
+    std::wstring text = head;
+    const UINT fields = MsiRecordGetFieldCount(hRecord);
+    for (UINT field = 0; field <= fields; ++field)
+    {
+        text += (field == 0 ? L" " : L"|") + RecordString(hRecord, field);
+    }
+    m_Messages.push_back(text + L" -> " + std::to_wstring(answer));
+    return answer;
+}
+
+std::wstring WithoutPrefixes(const std::wstring& line)
+{
+    // "dd.mm.yyyy hh:mm:ss "
+    size_t start = 0;
+    if (IsDigits(line, 0, 2) && line[2] == L'.' && IsDigits(line, 3, 2) && line[5] == L'.' && IsDigits(line, 6, 4) &&
+        line[10] == L' ' && IsDigits(line, 11, 2) && line[13] == L':' && IsDigits(line, 14, 2) && line[16] == L':' &&
+        IsDigits(line, 17, 2) && line[19] == L' ')
+    {
+        start = 20;
+    }
+    // "PID(0x..) TID(0x..) "
+    if (line.compare(start, 6, L"PID(0x") == 0)
+    {
+        const size_t tid = line.find(L") TID(0x", start);
+        const size_t end = tid == std::wstring::npos ? tid : line.find(L") ", tid + 8);
+        if (end != std::wstring::npos)
+        {
+            start = end + 2;
+        }
+    }
+    return line.substr(start);
+}
+
+std::wstring Body(const std::wstring& line)
+{
+    std::wstring text = WithoutPrefixes(line);
+    const size_t open = text.find(L" (");
+    if (open == std::wstring::npos)
+    {
+        return text;
+    }
+    size_t digitsEnd = open + 2;
+    while (digitsEnd < text.size() && text[digitsEnd] >= L'0' && text[digitsEnd] <= L'9')
+    {
+        ++digitsEnd;
+    }
+    if (digitsEnd == open + 2 || text.compare(digitsEnd, 2, L") ") != 0)
+    {
+        return text;
+    }
+    return text.substr(0, open + 2) + L"#" + text.substr(digitsEnd);
+}
+
+} // namespace QcRunner
