@@ -2,12 +2,12 @@
 
 #include <new>
 
+#include "host/Globals.h"
 #include "logging/DefaultLogger.h"
 #include "logging/Log.h"
 #include "logging/LogPostfixPoint.h"
 #include "logging/msi/LogStreamMsi.h"
 
-extern HMODULE g_hModule;
 
 namespace {
 

@@ -2,6 +2,7 @@
 // exists before DllMain runs and after it has deleted the logger.
 #include <windows.h>
 
+#include "host/Globals.h"
 #include "logging/Log.h"
 #include "logging/msi/LogStreamMsi.h"
 

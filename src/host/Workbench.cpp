@@ -2,12 +2,12 @@
 
 #include <cwchar>
 
+#include "host/Globals.h"
 #include "host/types/Buffer.h"
 #include "logging/Log.h"
 #include "logging/msi/LogStreamMsi.h"
 #include "system/FileVersion.h"
 
-extern HMODULE g_hModule;
 
 namespace Quillcast::Host {
 
