@@ -1,0 +1,39 @@
+#!/usr/bin/env bash
+# Installs the sample installer package with Wine's msiexec (/qn /l*v) in a
+# headless prefix of its own, prints the lines the custom actions wrote into
+# the installer log and the resulting CompareResult, uninstalls it again and
+# stops the prefix.
+#   scripts/sample.sh [BUILD_DIR] [PUBLIC_NAME=VALUE...]
+# BUILD_DIR defaults to build/ at the repository root and must hold a build.
+# The properties go to msiexec, e.g. SAMPLE_VERSIONA=2.0 SAMPLE_VERSIONB=2.0.1.
+# The package is tests/e2e/packages/sample.wxs and the steps and checks are
+# tests/e2e/cases/Sample.sh, which CTest runs as e2e_Sample.
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+build=$root/build
+if [ $# -gt 0 ] && [[ "$1" != *=* ]]; then
+    build=$1
+    shift
+fi
+if [ ! -f "$build/bin/Quillcast.Common.System.dll" ]; then
+    echo "sample: no DLL in $build/bin; build first:" >&2
+    echo "  cmake -G Ninja -S $root -B $build -DCMAKE_TOOLCHAIN_FILE=$root/cmake/mingw-w64-x86_64.cmake && ninja -C $build" >&2
+    exit 1
+fi
+for tool in wine wixl msiinfo; do
+    if ! command -v "$tool" >/dev/null; then
+        echo "sample: $tool is missing (apt-get install -y wine wine64 msitools wixl)" >&2
+        exit 1
+    fi
+done
+build=$(cd "$build" && pwd)
+wine_dir=$build/wine-sample
+
+if [ ! -f "$wine_dir/template/.ready" ]; then
+    echo "Preparing the Wine prefix $wine_dir (the first time takes about 15 s)"
+fi
+"$root/scripts/wine-prefix.sh" create "$wine_dir" >/dev/null
+trap '"$root/scripts/wine-prefix.sh" stop "$wine_dir"' EXIT
+
+QC_WINEPREFIX=$wine_dir/prefix QC_BIN_DIR=$build/bin QC_SOURCE_DIR=$root \
+    "$root/tests/e2e/msi-case.sh" "$root/tests/e2e/cases/Sample.sh" "$build/sample" "$@"

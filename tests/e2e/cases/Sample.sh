@@ -1,0 +1,19 @@
+# The sample of scripts/sample.sh: the arguments (PUBLIC_NAME=VALUE, such as
+# SAMPLE_VERSIONA=2.0) go to msiexec; the package's defaults compare 1.10 with 1.9.
+package sample
+install "$@"
+show_dll_lines
+show_property VersionA
+show_property VersionB
+show_property CompareResult
+
+expect_dll_line --in CompareVersions "Workbench (#) Processing custom action: CompareVersionString."
+expect_dll_line --in InstallFinalize "Workbench (#) Custom Action Dll '*' has version '$QC_PROJECT_VERSION'."
+if [ $# -eq 0 ]; then
+    expect_property CompareResult 1
+    expect_reg 'HKLM\Software\Quillcast\Sample' CompareResult 1
+fi
+
+uninstall
+expect_no_reg 'HKLM\Software\Quillcast\Sample'
+expect_product_absent
