@@ -119,7 +119,8 @@ void CMsiArguments::Parse(const wchar_t* data)
 
 const wchar_t* CMsiArguments::GetArgument(const wchar_t* name) const noexcept
 {
-    if (name == nullptr)
+    // Pairs written with an empty name ("=value") are kept but never found.
+    if (name == nullptr || *name == L'\0')
     {
         return nullptr;
     }

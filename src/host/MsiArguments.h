@@ -38,7 +38,7 @@ public:
     void Parse(const wchar_t* data);
 
     // The value of the first pair whose name equals `name` ignoring ASCII case;
-    // "" for an empty value; null when `name` is null or nothing matches. Valid
+    // "" for an empty value; null when `name` is null or empty or nothing matches. Valid
     // while the list lives.
     const wchar_t* GetArgument(const wchar_t* name) const noexcept;
 

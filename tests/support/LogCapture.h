@@ -1,0 +1,60 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "ActionHost.h"
+#include "logging/DefaultLogger.h"
+#include "logging/Log.h"
+#include "logging/LogPostfixPoint.h"
+#include "support/CapturingStream.h"
+
+namespace QcTest {
+
+// Lines are compared as the action host renders them: without the date and
+// process/thread prefixes, the source line number masked as "#".
+using QcRunner::Body;
+using QcRunner::WithoutPrefixes;
+
+// Length of the date and process/thread prefixes at the start of `line`; 0 without them.
+inline size_t PrefixLength(const std::wstring& line)
+{
+    return line.size() - WithoutPrefixes(line).size();
+}
+
+// A logger set up like the library's own (date and process/thread prefixes, the
+// point postfix) that keeps its lines in memory. While it lives it is the
+// process-wide g_pLogger; the previous logger is put back when it dies.
+class CLogCapture
+{
+public:
+    CLogCapture() : m_Logger(&m_Stream), m_pPrevious(g_pLogger)
+    {
+        m_Logger.AddPostfix(Quillcast::Logging::CLogPostfixPoint());
+        g_pLogger = &m_Logger;
+    }
+    CLogCapture(const CLogCapture&) = delete;
+    CLogCapture& operator=(const CLogCapture&) = delete;
+    ~CLogCapture() { g_pLogger = m_pPrevious; }
+
+    Quillcast::Logging::CDefaultLogger& Logger() { return m_Logger; }
+    const std::vector<std::wstring>& Lines() const { return m_Stream.m_Lines; }
+    // Every line as Body() renders it.
+    std::vector<std::wstring> Bodies() const
+    {
+        std::vector<std::wstring> bodies;
+        for (const std::wstring& line : m_Stream.m_Lines)
+        {
+            bodies.push_back(Body(line));
+        }
+        return bodies;
+    }
+    void Clear() { m_Stream.m_Lines.clear(); }
+
+private:
+    CCapturingStream m_Stream;
+    Quillcast::Logging::CDefaultLogger m_Logger;
+    Quillcast::Logging::CLogger* m_pPrevious;
+};
+
+} // namespace QcTest
