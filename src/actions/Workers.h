@@ -9,4 +9,9 @@ namespace Quillcast::Actions {
 
 UINT CompareVersionStringWorker(Host::CWorkbench* pWorkbench);
 
+// Services.cpp
+UINT ServiceRestartWorker(Host::CWorkbench* pWorkbench);
+UINT ServiceStartWorker(Host::CWorkbench* pWorkbench);
+UINT ServiceStopWorker(Host::CWorkbench* pWorkbench);
+
 } // namespace Quillcast::Actions

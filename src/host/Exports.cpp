@@ -12,3 +12,6 @@ using Host::Dispatch;
 
 QC_EXPORT CompareVersionString(MSIHANDLE h) { return Dispatch(h, Host::ACTION_CompareVersionString, Actions::CompareVersionStringWorker); }
 QC_EXPORT GetCustomActionVersion(MSIHANDLE h) { return Dispatch(h, Host::ACTION_GetCustomActionVersion, nullptr); }
+QC_EXPORT ServiceRestart(MSIHANDLE h) { return Dispatch(h, Host::ACTION_ServiceRestart, Actions::ServiceRestartWorker); }
+QC_EXPORT ServiceStart(MSIHANDLE h) { return Dispatch(h, Host::ACTION_ServiceStart, Actions::ServiceStartWorker); }
+QC_EXPORT ServiceStop(MSIHANDLE h) { return Dispatch(h, Host::ACTION_ServiceStop, Actions::ServiceStopWorker); }

@@ -26,6 +26,9 @@ namespace {
 const std::set<std::string> kExpectedExports = {
     "CompareVersionString",
     "GetCustomActionVersion",
+    "ServiceRestart",
+    "ServiceStart",
+    "ServiceStop",
 };
 
 class ShippedDll : public ::testing::Test

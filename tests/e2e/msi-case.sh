@@ -105,7 +105,7 @@ dll_lines_raw() {
 # number masked: "[ERROR] Daemon (#) OpenService failed with error 1060."
 dll_bodies() {
     dll_lines_raw "$@" |
-        sed -E 's/^[0-9.]+ [0-9:]+ PID\(0x[0-9A-F]+\) TID\(0x[0-9A-F]+\) //; s/^((\[(ERROR|WARNING)\] )?[A-Za-z0-9_]+ \()[0-9]+\) /\1#) /'
+        sed -E 's/^[0-9.]+ [0-9:]+ PID\(0x[0-9A-F]+\) TID\(0x[0-9A-F]+\) //; s/^((\[(ERROR|WARNING)\] | )?[A-Za-z0-9_]+ \()[0-9]+\) /\1#) /'
 }
 
 # TEXT with "*" as the only wildcard -> an anchored extended regular expression.

@@ -80,9 +80,27 @@ struct LocalMemoryTraits
     static void Close(HLOCAL memory) noexcept { ::LocalFree(memory); }
 };
 
+// CloseHandle, not CloseServiceHandle, is intentional: the service controller releases its handles this way.
+struct ServiceHandleByCloseHandleTraits
+{
+    static SC_HANDLE Invalid() noexcept { return nullptr; }
+    static void Close(SC_HANDLE handle) noexcept { ::CloseHandle(handle); }
+};
+
+template <typename T>
+struct ProcessHeapTraits
+{
+    static T* Invalid() noexcept { return nullptr; }
+    static void Close(T* memory) noexcept { ::HeapFree(::GetProcessHeap(), 0, memory); }
+};
+
 using CMsiHandle = CUniqueHandle<MSIHANDLE, MsiHandleTraits>;
 using CKernelHandle = CUniqueHandle<HANDLE, KernelHandleTraits>;
 using CRegistryKey = CUniqueHandle<HKEY, RegistryKeyTraits>;
 using CLocalMemory = CUniqueHandle<HLOCAL, LocalMemoryTraits>;
+using CServiceHandleClosedByCloseHandle = CUniqueHandle<SC_HANDLE, ServiceHandleByCloseHandleTraits>;
+// Memory from HeapAlloc on GetProcessHeap().
+template <typename T>
+using CProcessHeapPtr = CUniqueHandle<T*, ProcessHeapTraits<T>>;
 
 } // namespace Quillcast::System::Types

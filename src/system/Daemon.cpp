@@ -1,0 +1,542 @@
+#include "system/Daemon.h"
+
+#include <cwchar>
+
+#include "logging/Log.h"
+
+namespace Quillcast::System {
+
+namespace {
+
+constexpr wchar_t kLogSource[] = L"Daemon";
+
+constexpr uint32_t kNoTimeout = 0xFFFFFFFF;
+constexpr uint32_t kPollIntervalMs = 1500;
+
+constexpr uint32_t kStopDependents = 1;
+constexpr uint32_t kStartDependents = 4;
+
+constexpr DWORD kServiceAccess = SERVICE_QUERY_CONFIG | SERVICE_QUERY_STATUS | SERVICE_ENUMERATE_DEPENDENTS |
+                                 SERVICE_START | SERVICE_STOP;
+constexpr DWORD kStopDependentAccess = SERVICE_QUERY_CONFIG | SERVICE_QUERY_STATUS | SERVICE_STOP;
+constexpr DWORD kStartDependentAccess = SERVICE_QUERY_CONFIG | SERVICE_QUERY_STATUS | SERVICE_START;
+
+static_assert(kServiceAccess == 0x3D && kStopDependentAccess == 0x25 && kStartDependentAccess == 0x15);
+
+} // namespace
+
+CDaemon::CDaemon(const wchar_t* pszServiceName) noexcept
+{
+    SetLastErrorCode(ERROR_SUCCESS);
+    const wchar_t* pszFailure = Open(pszServiceName);
+    if (pszFailure != nullptr)
+    {
+        QC_LOG_ERROR(kLogSource) << pszFailure;
+    }
+}
+
+const wchar_t* CDaemon::Open(const wchar_t* pszServiceName) noexcept
+{
+    if (pszServiceName == nullptr || *pszServiceName == L'\0')
+    {
+        SetLastErrorCode(ERROR_INVALID_PARAMETER);
+        return L"ERROR_INVALID_PARAMETER";
+    }
+    m_bDependencies = false;
+    m_hSCManager.Reset(::OpenSCManagerW(nullptr, SERVICES_ACTIVE_DATABASEW, SC_MANAGER_ALL_ACCESS));
+    if (!m_hSCManager)
+    {
+        return L"OpenSCManager failed";
+    }
+    // Without memory for the copy the messages show an empty name; the service
+    // is still opened by the name as given.
+    const size_t length = ::wcslen(pszServiceName);
+    if (m_strServiceName.AllocateZeroed(length + 1))
+    {
+        ::wmemcpy(m_strServiceName.Get(), pszServiceName, length);
+    }
+    m_hService.Reset(::OpenServiceW(m_hSCManager.Get(), pszServiceName, kServiceAccess));
+    if (!m_hService)
+    {
+        return L"OpenService failed";
+    }
+    m_bDependencies = false;
+    m_dwTimeout = kNoTimeout;
+    m_dwPollInterval = kPollIntervalMs;
+    return nullptr;
+}
+
+CDaemon::~CDaemon()
+{
+    m_hSCManager.Reset();
+    m_hService.Reset();
+    m_hDependency.Reset();
+    m_lpDependencies.Reset();
+    m_dwDependencyCount = 0;
+    m_strServiceName.Release();
+    m_dwStartTick = 0;
+}
+
+bool CDaemon::Start() noexcept
+{
+    SERVICE_STATUS status{};
+    if (!::QueryServiceStatus(m_hService.Get(), &status))
+    {
+        const DWORD dwError = ::GetLastError();
+        QC_LOG_ERROR(kLogSource) << L"QueryServiceStatus failed with error " << dwError;
+        ResetTick();
+        return false;
+    }
+
+    bool bRunning = false;
+    switch (status.dwCurrentState)
+    {
+    case SERVICE_RUNNING:
+        QC_LOG_WARNING(kLogSource) << Name() << L" is already started";
+        ResetTick();
+        bRunning = true;
+        break;
+    case SERVICE_START_PENDING:
+        QC_LOG_WARNING(kLogSource) << Name() << L" pending start";
+        ResetTick();
+        switch (WaitFor(m_hService.Get(), status, SERVICE_RUNNING, SERVICE_START_PENDING))
+        {
+        case WaitResult::Reached:
+            ResetTick();
+            bRunning = true;
+            break;
+        case WaitResult::LeftPending:
+            // Start it ourselves; the measure started above runs on.
+            break;
+        case WaitResult::QueryFailed:
+            ResetTick();
+            return false;
+        case WaitResult::TimedOut:
+            LogTimeout(Logging::LOG_LEVEL_ERROR, Name());
+            SetLastErrorCode(ERROR_TIMEOUT);
+            ResetTick();
+            return false;
+        }
+        break;
+    case SERVICE_STOPPED:
+        ResetTick();
+        break;
+    default:
+        QC_LOG_WARNING(kLogSource) << Name() << L" status, unknown #" << status.dwCurrentState;
+        ResetTick();
+        break;
+    }
+
+    if (!bRunning)
+    {
+        if (!::StartServiceW(m_hService.Get(), 0, nullptr))
+        {
+            const DWORD dwError = ::GetLastError();
+            QC_LOG_ERROR(kLogSource) << L"StartService failed with error " << dwError;
+            ResetTick();
+            return false;
+        }
+        switch (WaitFor(m_hService.Get(), status, SERVICE_RUNNING, 0))
+        {
+        case WaitResult::Reached:
+            ResetTick();
+            break;
+        case WaitResult::TimedOut:
+            LogTimeout(Logging::LOG_LEVEL_ERROR, Name());
+            SetLastErrorCode(ERROR_TIMEOUT);
+            ResetTick();
+            return false;
+        case WaitResult::QueryFailed:
+        case WaitResult::LeftPending:
+            ResetTick();
+            return false;
+        }
+    }
+
+    if (m_bDependencies)
+    {
+        // The dependents' failures are logged and do not fail the start.
+        static_cast<void>(HandleDependencies(kStartDependents));
+    }
+    return true;
+}
+
+bool CDaemon::Stop() noexcept
+{
+    SERVICE_STATUS status{};
+    if (!::QueryServiceStatus(m_hService.Get(), &status))
+    {
+        const DWORD dwError = ::GetLastError();
+        QC_LOG_ERROR(kLogSource) << L"QueryServiceStatus failed with error " << dwError;
+        ResetTick();
+        return false;
+    }
+
+    switch (status.dwCurrentState)
+    {
+    case SERVICE_STOPPED:
+        // Its dependents are left as they are.
+        QC_LOG_WARNING(kLogSource) << Name() << L" is already stopped";
+        ResetTick();
+        return true;
+    case SERVICE_STOP_PENDING:
+        QC_LOG_WARNING(kLogSource) << Name() << L" pending stop";
+        ResetTick();
+        switch (WaitFor(m_hService.Get(), status, SERVICE_STOPPED, SERVICE_STOP_PENDING))
+        {
+        case WaitResult::Reached:
+            ResetTick();
+            return true;
+        case WaitResult::LeftPending:
+            // Stop it ourselves; the measure started above runs on.
+            break;
+        case WaitResult::QueryFailed:
+            ResetTick();
+            return false;
+        case WaitResult::TimedOut:
+            LogTimeout(Logging::LOG_LEVEL_ERROR, Name());
+            SetLastErrorCode(ERROR_TIMEOUT);
+            ResetTick();
+            return false;
+        }
+        break;
+    case SERVICE_RUNNING:
+        ResetTick();
+        break;
+    default:
+        QC_LOG_WARNING(kLogSource) << Name() << L" status, unknown #" << status.dwCurrentState;
+        ResetTick();
+        break;
+    }
+
+    if (m_bDependencies)
+    {
+        // Dependents go first; their failures are logged and do not fail the stop.
+        static_cast<void>(HandleDependencies(kStopDependents));
+    }
+
+    if (!::ControlService(m_hService.Get(), SERVICE_CONTROL_STOP, &status))
+    {
+        const DWORD dwError = ::GetLastError();
+        QC_LOG_ERROR(kLogSource) << L"ControlService failed with error " << dwError;
+        ResetTick();
+        return false;
+    }
+    if (status.dwCurrentState == SERVICE_STOPPED)
+    {
+        ResetTick();
+        return true;
+    }
+    switch (WaitFor(m_hService.Get(), status, SERVICE_STOPPED, 0))
+    {
+    case WaitResult::Reached:
+        ResetTick();
+        return true;
+    case WaitResult::TimedOut:
+        LogTimeout(Logging::LOG_LEVEL_ERROR, Name());
+        SetLastErrorCode(ERROR_TIMEOUT);
+        ResetTick();
+        return false;
+    case WaitResult::QueryFailed:
+    case WaitResult::LeftPending:
+        break;
+    }
+    ResetTick();
+    return false;
+}
+
+bool CDaemon::HandleDependencies(uint32_t dwAction) noexcept
+{
+    switch (dwAction)
+    {
+    case kStopDependents:
+        return StopDependents();
+    case kStartDependents:
+        return StartDependents();
+    default:
+        return true;
+    }
+}
+
+bool CDaemon::EnumDependencies(uint32_t dwServiceState) noexcept
+{
+    DWORD dwBytesNeeded = 0;
+    if (::EnumDependentServicesW(m_hService.Get(), dwServiceState, m_lpDependencies.Get(), 0, &dwBytesNeeded,
+                                 &m_dwDependencyCount))
+    {
+        SetLastErrorCode(ERROR_FILE_NOT_FOUND);
+        return false;
+    }
+    const DWORD dwError = ::GetLastError();
+    if (dwError != ERROR_MORE_DATA)
+    {
+        QC_LOG_ERROR(kLogSource) << L"!ERROR_MOREDATA with error " << dwError;
+        return false;
+    }
+
+    // The earlier list is freed before the new one is allocated.
+    m_lpDependencies.Reset();
+    m_lpDependencies.Reset(
+        static_cast<ENUM_SERVICE_STATUSW*>(::HeapAlloc(::GetProcessHeap(), HEAP_ZERO_MEMORY, dwBytesNeeded)));
+    if (!m_lpDependencies)
+    {
+        const DWORD dwAllocError = ::GetLastError();
+        QC_LOG_ERROR(kLogSource) << L"!m_lpDependencies with error " << dwAllocError;
+        return false;
+    }
+
+    if (!::EnumDependentServicesW(m_hService.Get(), dwServiceState, m_lpDependencies.Get(), dwBytesNeeded,
+                                  &dwBytesNeeded, &m_dwDependencyCount))
+    {
+        const DWORD dwEnumError = ::GetLastError();
+        QC_LOG_ERROR(kLogSource) << L"EnumDependentServices failed with error " << dwEnumError;
+        return false;
+    }
+    return true;
+}
+
+bool CDaemon::StopDependents() noexcept
+{
+    // Enumerated afresh on every stop: the list Start() reuses is the active one.
+    if (!EnumDependencies(SERVICE_ACTIVE))
+    {
+        if (LastError() == ERROR_FILE_NOT_FOUND)
+        {
+            return true;
+        }
+        const DWORD dwError = ::GetLastError();
+        QC_LOG_ERROR(kLogSource) << L"!m_lpDependencies with error " << dwError;
+        SetLastErrorCode(ERROR_INVALID_PARAMETER);
+        return false;
+    }
+
+    // The platform lists dependents in reverse start order, the safe order to stop them.
+    for (uint32_t i = 0; i < m_dwDependencyCount; ++i)
+    {
+        const wchar_t* pszDependent = m_lpDependencies.Get()[i].lpServiceName;
+        TakeDependencyHandle(::OpenServiceW(m_hSCManager.Get(), pszDependent, kStopDependentAccess));
+        if (!m_hDependency)
+        {
+            const DWORD dwError = ::GetLastError();
+            QC_LOG_ERROR(kLogSource) << L"OpenService failed with error " << dwError;
+            ResetTick();
+            return false;
+        }
+        SERVICE_STATUS status{};
+        if (!::QueryServiceStatus(m_hDependency.Get(), &status))
+        {
+            const DWORD dwError = ::GetLastError();
+            QC_LOG_ERROR(kLogSource) << L"QueryServiceStatus failed with error " << dwError;
+            ResetTick();
+            return false;
+        }
+        if (status.dwCurrentState == SERVICE_STOPPED)
+        {
+            QC_LOG_WARNING(kLogSource) << pszDependent << L" is already stopped";
+            ResetTick();
+            continue;
+        }
+        if (status.dwCurrentState == SERVICE_RUNNING)
+        {
+            ResetTick();
+        }
+        if (!::ControlService(m_hDependency.Get(), SERVICE_CONTROL_STOP, &status))
+        {
+            const DWORD dwError = ::GetLastError();
+            QC_LOG_ERROR(kLogSource) << L"ControlService failed with error " << dwError;
+            ResetTick();
+            return false;
+        }
+        if (status.dwCurrentState != SERVICE_STOPPED)
+        {
+            switch (WaitFor(m_hDependency.Get(), status, SERVICE_STOPPED, 0))
+            {
+            case WaitResult::Reached:
+                break;
+            case WaitResult::TimedOut:
+                // A warning here, an error everywhere else: intended. The next
+                // dependent's wait goes on from the same measure.
+                LogTimeout(Logging::LOG_LEVEL_WARNING, pszDependent);
+                SetLastErrorCode(ERROR_TIMEOUT);
+                continue;
+            case WaitResult::QueryFailed:
+            case WaitResult::LeftPending:
+                return false;
+            }
+        }
+        ResetTick();
+    }
+    return true;
+}
+
+bool CDaemon::StartDependents() noexcept
+{
+    // After a Stop() on this object the list holds the dependents that were
+    // active before it: exactly those are started again.
+    if (!m_lpDependencies)
+    {
+        static_cast<void>(EnumDependencies(SERVICE_INACTIVE));
+    }
+    if (!m_lpDependencies)
+    {
+        if (LastError() == ERROR_FILE_NOT_FOUND)
+        {
+            return true;
+        }
+        const DWORD dwError = ::GetLastError();
+        QC_LOG_ERROR(kLogSource) << L"!m_lpDependencies with error " << dwError;
+        SetLastErrorCode(ERROR_INVALID_PARAMETER);
+        return false;
+    }
+
+    // Reverse of the stop order.
+    while (m_dwDependencyCount != 0)
+    {
+        --m_dwDependencyCount;
+        const wchar_t* pszDependent = m_lpDependencies.Get()[m_dwDependencyCount].lpServiceName;
+        TakeDependencyHandle(::OpenServiceW(m_hSCManager.Get(), pszDependent, kStartDependentAccess));
+        if (!m_hDependency)
+        {
+            const DWORD dwError = ::GetLastError();
+            QC_LOG_ERROR(kLogSource) << L"OpenService failed with error " << dwError;
+            ResetTick();
+            return false;
+        }
+        SERVICE_STATUS status{};
+        if (!::QueryServiceStatus(m_hDependency.Get(), &status))
+        {
+            const DWORD dwError = ::GetLastError();
+            QC_LOG_ERROR(kLogSource) << L"QueryServiceStatus failed with error " << dwError;
+            ResetTick();
+            return false;
+        }
+
+        DWORD dwConfigSize = 0;
+        if (!::QueryServiceConfigW(m_hDependency.Get(), nullptr, 0, &dwConfigSize))
+        {
+            const DWORD dwError = ::GetLastError();
+            if (dwError != ERROR_INSUFFICIENT_BUFFER)
+            {
+                QC_LOG_ERROR(kLogSource) << L"QueryServiceConfig failed with error " << dwError;
+                return false;
+            }
+        }
+        // Deliberately never freed, one small buffer per dependent started:
+        // the controller has always behaved so.
+        auto* pConfig = static_cast<QUERY_SERVICE_CONFIGW*>(::LocalAlloc(LPTR, dwConfigSize));
+        // A failed allocation (LocalAlloc sets the error) counts as a failed query.
+        if (pConfig == nullptr || !::QueryServiceConfigW(m_hDependency.Get(), pConfig, dwConfigSize, &dwConfigSize))
+        {
+            const DWORD dwError = ::GetLastError();
+            QC_LOG_ERROR(kLogSource) << L"QueryServiceConfig failed with error " << dwError;
+            return false;
+        }
+        if (pConfig->dwStartType == SERVICE_DEMAND_START)
+        {
+            // Also when it ran before a restart.
+            QC_LOG_WARNING(kLogSource) << pszDependent << L" only starts on demand, will skip";
+            ResetTick();
+            continue;
+        }
+
+        if (status.dwCurrentState == SERVICE_RUNNING)
+        {
+            QC_LOG_WARNING(kLogSource) << pszDependent << L" is already started";
+            ResetTick();
+            continue;
+        }
+        if (status.dwCurrentState == SERVICE_STOPPED)
+        {
+            ResetTick();
+        }
+
+        if (!::StartServiceW(m_hDependency.Get(), 0, nullptr))
+        {
+            const DWORD dwError = ::GetLastError();
+            QC_LOG_ERROR(kLogSource) << L"StartService failed with error " << dwError;
+            ResetTick();
+            if (dwError == ERROR_SERVICE_DISABLED)
+            {
+                continue;
+            }
+            return false;
+        }
+        switch (WaitFor(m_hDependency.Get(), status, SERVICE_RUNNING, 0))
+        {
+        case WaitResult::Reached:
+            break;
+        case WaitResult::TimedOut:
+            // A dependent's time-out does not end the walk.
+            LogTimeout(Logging::LOG_LEVEL_ERROR, pszDependent);
+            SetLastErrorCode(ERROR_TIMEOUT);
+            ResetTick();
+            break;
+        case WaitResult::QueryFailed:
+        case WaitResult::LeftPending:
+            return false;
+        }
+    }
+    return true;
+}
+
+CDaemon::WaitResult CDaemon::WaitFor(SC_HANDLE hService, SERVICE_STATUS& status, DWORD dwTarget,
+                                     DWORD dwPending) noexcept
+{
+    // Sleep, query, time-out, state: a time-out found on a poll wins over the
+    // state read on that same poll.
+    for (;;)
+    {
+        ::Sleep(m_dwPollInterval);
+        if (!::QueryServiceStatus(hService, &status))
+        {
+            const DWORD dwError = ::GetLastError();
+            QC_LOG_ERROR(kLogSource) << L"QueryServiceStatus failed with error " << dwError;
+            return WaitResult::QueryFailed;
+        }
+        if (HasTimedOut())
+        {
+            return WaitResult::TimedOut;
+        }
+        if (status.dwCurrentState == dwTarget)
+        {
+            return WaitResult::Reached;
+        }
+        if (dwPending != 0 && status.dwCurrentState != dwPending)
+        {
+            return WaitResult::LeftPending;
+        }
+    }
+}
+
+void CDaemon::ResetTick() noexcept
+{
+    m_dwStartTick = ::GetTickCount();
+}
+
+bool CDaemon::HasTimedOut() const noexcept
+{
+    const uint32_t dwElapsed = static_cast<uint32_t>(::GetTickCount()) - m_dwStartTick;
+    return dwElapsed > m_dwTimeout;
+}
+
+void CDaemon::LogTimeout(uint32_t dwLevel, const wchar_t* pszServiceName) const noexcept
+{
+    const uint32_t dwSeconds = m_dwTimeout / 1000;
+    QC_LOG(dwLevel, kLogSource) << pszServiceName << L" timeout, after " << dwSeconds << L" seconds";
+}
+
+void CDaemon::TakeDependencyHandle(SC_HANDLE hDependency) noexcept
+{
+    // The previous dependent's handle is left open, not closed in between: only
+    // the last one is released, by the destructor.
+    static_cast<void>(m_hDependency.Detach());
+    m_hDependency.Reset(hDependency);
+}
+
+const wchar_t* CDaemon::Name() const noexcept
+{
+    const wchar_t* pszName = m_strServiceName.Get();
+    return pszName != nullptr ? pszName : L"";
+}
+
+} // namespace Quillcast::System
