@@ -266,6 +266,7 @@ finish() {
         timeout $wine_timeout wine msiexec /x "$(windows_path "$msi")" /qn \
             /l*v "$(windows_path "$work_dir/cleanup-$(basename "$msi" .msi).log")" </dev/null >/dev/null 2>&1 || true
     done
+    remove_test_services
     if [ $status -ne 0 ] || [ $failures -ne 0 ]; then
         for entry in "${run_logs[@]}"; do
             print_excerpt "${entry%%|*}" "${entry#*|}"
@@ -466,6 +467,36 @@ show_property() {
 # wine_run PROGRAM [ARGS...]: runs a Windows program in the prefix (setup steps).
 wine_run() {
     timeout $wine_timeout wine "$@" </dev/null
+}
+
+# The project's test service (tests/services/QcTestService.cpp), registered
+# demand-start for this case, started, and deleted when the case ends.
+#   add_test_service NAME [SERVICE ARGUMENTS...]
+test_services=()
+add_test_service() {
+    local name=$1
+    shift
+    wine_run sc delete "$name" >/dev/null 2>&1 || true
+    wine_run sc create "$name" binPath= "$(windows_path "$QC_BIN_DIR/QcTestService.exe") $name $*" \
+        start= demand >/dev/null
+    test_services+=("$name")
+    wine_run sc start "$name" >/dev/null
+}
+
+remove_test_services() {
+    local name
+    for name in "${test_services[@]}"; do
+        wine_run sc stop "$name" >/dev/null 2>&1 || true
+        wine_run sc delete "$name" >/dev/null 2>&1 || true
+    done
+    test_services=()
+}
+
+# expect_service_state NAME STATE: as `sc query` reports it (RUNNING, STOPPED, ...).
+expect_service_state() {
+    local state
+    state=$(wine_run sc query "$1" 2>/dev/null | tr -d '\r' | sed -n 's/^ *STATE *: *[0-9]* *//p')
+    if [ "$state" = "$2" ]; then pass "service $1 is $2"; else fail "service $1 is '${state}', not $2"; fi
 }
 
 echo "case: $(basename "$case_file" .sh)"

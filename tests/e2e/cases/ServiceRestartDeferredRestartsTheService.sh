@@ -1,8 +1,7 @@
 # A deferred ServiceRestart (";SERVICENAME=<name>;DEPENDENCIES=1;TIMEOUT=30")
 # run by the install script stops a running service and starts it again. The
 # test service (tests/services/QcTestService.cpp) notes each transition in a
-# journal; it is registered for this case only, demand-start, and deleted at
-# the end.
+# journal; it is registered for this case only.
 service=QcE2eServiceRestart
 journal="$work_dir/service-journal.txt"
 
@@ -18,19 +17,8 @@ expect_journal() {
     fi
 }
 
-# expect_service_state STATE: as `sc query` reports it (RUNNING, STOPPED, ...).
-expect_service_state() {
-    local state
-    state=$(wine_run sc query "$service" 2>/dev/null | tr -d '\r' | sed -n 's/^ *STATE *: *[0-9]* *//p')
-    if [ "$state" = "$1" ]; then pass "service $service is $1"; else fail "service $service is '${state}', not $1"; fi
-}
-
-wine_run sc delete "$service" >/dev/null 2>&1 || true
-wine_run sc create "$service" \
-    binPath= "$(windows_path "$QC_BIN_DIR/QcTestService.exe") $service --journal=$(windows_path "$journal")" \
-    start= demand >/dev/null
-wine_run sc start "$service" >/dev/null
-expect_service_state RUNNING
+add_test_service "$service" "--journal=$(windows_path "$journal")"
+expect_service_state "$service" RUNNING
 : >"$journal"
 
 package service-restart
@@ -40,12 +28,9 @@ expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: Se
 # Wine shows them).
 expect_no_dll_line "*Daemon (*"
 expect_journal "$service stopped" "$service running"
-expect_service_state RUNNING
+expect_service_state "$service" RUNNING
 expect_reg 'HKLM\Software\Quillcast\E2E\ServiceRestart' Installed 1.0.0.0
 
 uninstall
 expect_no_reg 'HKLM\Software\Quillcast\E2E\ServiceRestart'
 expect_product_absent
-
-wine_run sc stop "$service" >/dev/null 2>&1 || true
-wine_run sc delete "$service" >/dev/null 2>&1 || true
