@@ -23,6 +23,23 @@ constexpr DWORD kStartDependentAccess = SERVICE_QUERY_CONFIG | SERVICE_QUERY_STA
 
 static_assert(kServiceAccess == 0x3D && kStopDependentAccess == 0x25 && kStartDependentAccess == 0x15);
 
+// Logs `pszText` followed by the thread's last-error value, as an error.
+void LogLastError(const wchar_t* pszText) noexcept
+{
+    const DWORD dwError = ::GetLastError();
+    QC_LOG_ERROR(kLogSource) << pszText << dwError;
+}
+
+bool QueryStatus(SC_HANDLE hService, SERVICE_STATUS& status) noexcept
+{
+    if (::QueryServiceStatus(hService, &status))
+    {
+        return true;
+    }
+    LogLastError(L"QueryServiceStatus failed with error ");
+    return false;
+}
+
 } // namespace
 
 CDaemon::CDaemon(const wchar_t* pszServiceName) noexcept
@@ -80,10 +97,8 @@ CDaemon::~CDaemon()
 bool CDaemon::Start() noexcept
 {
     SERVICE_STATUS status{};
-    if (!::QueryServiceStatus(m_hService.Get(), &status))
+    if (!QueryStatus(m_hService.Get(), status))
     {
-        const DWORD dwError = ::GetLastError();
-        QC_LOG_ERROR(kLogSource) << L"QueryServiceStatus failed with error " << dwError;
         ResetTick();
         return false;
     }
@@ -97,24 +112,15 @@ bool CDaemon::Start() noexcept
         bRunning = true;
         break;
     case SERVICE_START_PENDING:
-        QC_LOG_WARNING(kLogSource) << Name() << L" pending start";
-        ResetTick();
-        switch (WaitFor(m_hService.Get(), status, SERVICE_RUNNING, SERVICE_START_PENDING))
+        switch (AwaitPending(L" pending start", SERVICE_RUNNING, SERVICE_START_PENDING, status))
         {
-        case WaitResult::Reached:
-            ResetTick();
+        case PendingOutcome::Reached:
             bRunning = true;
             break;
-        case WaitResult::LeftPending:
+        case PendingOutcome::LeftPending:
             // Start it ourselves; the measure started above runs on.
             break;
-        case WaitResult::QueryFailed:
-            ResetTick();
-            return false;
-        case WaitResult::TimedOut:
-            LogTimeout(Logging::LOG_LEVEL_ERROR, Name());
-            SetLastErrorCode(ERROR_TIMEOUT);
-            ResetTick();
+        case PendingOutcome::Failed:
             return false;
         }
         break;
@@ -131,24 +137,12 @@ bool CDaemon::Start() noexcept
     {
         if (!::StartServiceW(m_hService.Get(), 0, nullptr))
         {
-            const DWORD dwError = ::GetLastError();
-            QC_LOG_ERROR(kLogSource) << L"StartService failed with error " << dwError;
+            LogLastError(L"StartService failed with error ");
             ResetTick();
             return false;
         }
-        switch (WaitFor(m_hService.Get(), status, SERVICE_RUNNING, 0))
+        if (!AwaitServiceState(SERVICE_RUNNING, status))
         {
-        case WaitResult::Reached:
-            ResetTick();
-            break;
-        case WaitResult::TimedOut:
-            LogTimeout(Logging::LOG_LEVEL_ERROR, Name());
-            SetLastErrorCode(ERROR_TIMEOUT);
-            ResetTick();
-            return false;
-        case WaitResult::QueryFailed:
-        case WaitResult::LeftPending:
-            ResetTick();
             return false;
         }
     }
@@ -164,10 +158,8 @@ bool CDaemon::Start() noexcept
 bool CDaemon::Stop() noexcept
 {
     SERVICE_STATUS status{};
-    if (!::QueryServiceStatus(m_hService.Get(), &status))
+    if (!QueryStatus(m_hService.Get(), status))
     {
-        const DWORD dwError = ::GetLastError();
-        QC_LOG_ERROR(kLogSource) << L"QueryServiceStatus failed with error " << dwError;
         ResetTick();
         return false;
     }
@@ -180,23 +172,14 @@ bool CDaemon::Stop() noexcept
         ResetTick();
         return true;
     case SERVICE_STOP_PENDING:
-        QC_LOG_WARNING(kLogSource) << Name() << L" pending stop";
-        ResetTick();
-        switch (WaitFor(m_hService.Get(), status, SERVICE_STOPPED, SERVICE_STOP_PENDING))
+        switch (AwaitPending(L" pending stop", SERVICE_STOPPED, SERVICE_STOP_PENDING, status))
         {
-        case WaitResult::Reached:
-            ResetTick();
+        case PendingOutcome::Reached:
             return true;
-        case WaitResult::LeftPending:
+        case PendingOutcome::LeftPending:
             // Stop it ourselves; the measure started above runs on.
             break;
-        case WaitResult::QueryFailed:
-            ResetTick();
-            return false;
-        case WaitResult::TimedOut:
-            LogTimeout(Logging::LOG_LEVEL_ERROR, Name());
-            SetLastErrorCode(ERROR_TIMEOUT);
-            ResetTick();
+        case PendingOutcome::Failed:
             return false;
         }
         break;
@@ -217,8 +200,7 @@ bool CDaemon::Stop() noexcept
 
     if (!::ControlService(m_hService.Get(), SERVICE_CONTROL_STOP, &status))
     {
-        const DWORD dwError = ::GetLastError();
-        QC_LOG_ERROR(kLogSource) << L"ControlService failed with error " << dwError;
+        LogLastError(L"ControlService failed with error ");
         ResetTick();
         return false;
     }
@@ -227,22 +209,48 @@ bool CDaemon::Stop() noexcept
         ResetTick();
         return true;
     }
-    switch (WaitFor(m_hService.Get(), status, SERVICE_STOPPED, 0))
+    return AwaitServiceState(SERVICE_STOPPED, status);
+}
+
+CDaemon::PendingOutcome CDaemon::AwaitPending(const wchar_t* pszWarning, DWORD dwTarget, DWORD dwPending,
+                                              SERVICE_STATUS& status) noexcept
+{
+    QC_LOG_WARNING(kLogSource) << Name() << pszWarning;
+    ResetTick();
+    switch (WaitFor(m_hService.Get(), status, dwTarget, dwPending))
     {
     case WaitResult::Reached:
         ResetTick();
-        return true;
-    case WaitResult::TimedOut:
-        LogTimeout(Logging::LOG_LEVEL_ERROR, Name());
-        SetLastErrorCode(ERROR_TIMEOUT);
-        ResetTick();
-        return false;
-    case WaitResult::QueryFailed:
+        return PendingOutcome::Reached;
     case WaitResult::LeftPending:
+        return PendingOutcome::LeftPending;
+    case WaitResult::TimedOut:
+        FailOnTimeout();
+        return PendingOutcome::Failed;
+    case WaitResult::QueryFailed:
         break;
     }
     ResetTick();
-    return false;
+    return PendingOutcome::Failed;
+}
+
+bool CDaemon::AwaitServiceState(DWORD dwTarget, SERVICE_STATUS& status) noexcept
+{
+    const WaitResult result = WaitFor(m_hService.Get(), status, dwTarget, 0);
+    if (result == WaitResult::TimedOut)
+    {
+        FailOnTimeout();
+        return false;
+    }
+    ResetTick();
+    return result == WaitResult::Reached;
+}
+
+void CDaemon::FailOnTimeout() noexcept
+{
+    LogTimeout(Logging::LOG_LEVEL_ERROR, Name());
+    SetLastErrorCode(ERROR_TIMEOUT);
+    ResetTick();
 }
 
 bool CDaemon::HandleDependencies(uint32_t dwAction) noexcept
@@ -280,16 +288,14 @@ bool CDaemon::EnumDependencies(uint32_t dwServiceState) noexcept
         static_cast<ENUM_SERVICE_STATUSW*>(::HeapAlloc(::GetProcessHeap(), HEAP_ZERO_MEMORY, dwBytesNeeded)));
     if (!m_lpDependencies)
     {
-        const DWORD dwAllocError = ::GetLastError();
-        QC_LOG_ERROR(kLogSource) << L"!m_lpDependencies with error " << dwAllocError;
+        LogLastError(L"!m_lpDependencies with error ");
         return false;
     }
 
     if (!::EnumDependentServicesW(m_hService.Get(), dwServiceState, m_lpDependencies.Get(), dwBytesNeeded,
                                   &dwBytesNeeded, &m_dwDependencyCount))
     {
-        const DWORD dwEnumError = ::GetLastError();
-        QC_LOG_ERROR(kLogSource) << L"EnumDependentServices failed with error " << dwEnumError;
+        LogLastError(L"EnumDependentServices failed with error ");
         return false;
     }
     return true;
@@ -304,8 +310,7 @@ bool CDaemon::StopDependents() noexcept
         {
             return true;
         }
-        const DWORD dwError = ::GetLastError();
-        QC_LOG_ERROR(kLogSource) << L"!m_lpDependencies with error " << dwError;
+        LogLastError(L"!m_lpDependencies with error ");
         SetLastErrorCode(ERROR_INVALID_PARAMETER);
         return false;
     }
@@ -315,18 +320,15 @@ bool CDaemon::StopDependents() noexcept
     {
         const wchar_t* pszDependent = m_lpDependencies.Get()[i].lpServiceName;
         TakeDependencyHandle(::OpenServiceW(m_hSCManager.Get(), pszDependent, kStopDependentAccess));
+        SERVICE_STATUS status{};
         if (!m_hDependency)
         {
-            const DWORD dwError = ::GetLastError();
-            QC_LOG_ERROR(kLogSource) << L"OpenService failed with error " << dwError;
+            LogLastError(L"OpenService failed with error ");
             ResetTick();
             return false;
         }
-        SERVICE_STATUS status{};
-        if (!::QueryServiceStatus(m_hDependency.Get(), &status))
+        if (!QueryStatus(m_hDependency.Get(), status))
         {
-            const DWORD dwError = ::GetLastError();
-            QC_LOG_ERROR(kLogSource) << L"QueryServiceStatus failed with error " << dwError;
             ResetTick();
             return false;
         }
@@ -342,8 +344,7 @@ bool CDaemon::StopDependents() noexcept
         }
         if (!::ControlService(m_hDependency.Get(), SERVICE_CONTROL_STOP, &status))
         {
-            const DWORD dwError = ::GetLastError();
-            QC_LOG_ERROR(kLogSource) << L"ControlService failed with error " << dwError;
+            LogLastError(L"ControlService failed with error ");
             ResetTick();
             return false;
         }
@@ -383,8 +384,7 @@ bool CDaemon::StartDependents() noexcept
         {
             return true;
         }
-        const DWORD dwError = ::GetLastError();
-        QC_LOG_ERROR(kLogSource) << L"!m_lpDependencies with error " << dwError;
+        LogLastError(L"!m_lpDependencies with error ");
         SetLastErrorCode(ERROR_INVALID_PARAMETER);
         return false;
     }
@@ -395,18 +395,15 @@ bool CDaemon::StartDependents() noexcept
         --m_dwDependencyCount;
         const wchar_t* pszDependent = m_lpDependencies.Get()[m_dwDependencyCount].lpServiceName;
         TakeDependencyHandle(::OpenServiceW(m_hSCManager.Get(), pszDependent, kStartDependentAccess));
+        SERVICE_STATUS status{};
         if (!m_hDependency)
         {
-            const DWORD dwError = ::GetLastError();
-            QC_LOG_ERROR(kLogSource) << L"OpenService failed with error " << dwError;
+            LogLastError(L"OpenService failed with error ");
             ResetTick();
             return false;
         }
-        SERVICE_STATUS status{};
-        if (!::QueryServiceStatus(m_hDependency.Get(), &status))
+        if (!QueryStatus(m_hDependency.Get(), status))
         {
-            const DWORD dwError = ::GetLastError();
-            QC_LOG_ERROR(kLogSource) << L"QueryServiceStatus failed with error " << dwError;
             ResetTick();
             return false;
         }
@@ -414,10 +411,9 @@ bool CDaemon::StartDependents() noexcept
         DWORD dwConfigSize = 0;
         if (!::QueryServiceConfigW(m_hDependency.Get(), nullptr, 0, &dwConfigSize))
         {
-            const DWORD dwError = ::GetLastError();
-            if (dwError != ERROR_INSUFFICIENT_BUFFER)
+            if (::GetLastError() != ERROR_INSUFFICIENT_BUFFER)
             {
-                QC_LOG_ERROR(kLogSource) << L"QueryServiceConfig failed with error " << dwError;
+                LogLastError(L"QueryServiceConfig failed with error ");
                 return false;
             }
         }
@@ -427,8 +423,7 @@ bool CDaemon::StartDependents() noexcept
         // A failed allocation (LocalAlloc sets the error) counts as a failed query.
         if (pConfig == nullptr || !::QueryServiceConfigW(m_hDependency.Get(), pConfig, dwConfigSize, &dwConfigSize))
         {
-            const DWORD dwError = ::GetLastError();
-            QC_LOG_ERROR(kLogSource) << L"QueryServiceConfig failed with error " << dwError;
+            LogLastError(L"QueryServiceConfig failed with error ");
             return false;
         }
         if (pConfig->dwStartType == SERVICE_DEMAND_START)
@@ -453,7 +448,7 @@ bool CDaemon::StartDependents() noexcept
         if (!::StartServiceW(m_hDependency.Get(), 0, nullptr))
         {
             const DWORD dwError = ::GetLastError();
-            QC_LOG_ERROR(kLogSource) << L"StartService failed with error " << dwError;
+            LogLastError(L"StartService failed with error ");
             ResetTick();
             if (dwError == ERROR_SERVICE_DISABLED)
             {
@@ -487,10 +482,8 @@ CDaemon::WaitResult CDaemon::WaitFor(SC_HANDLE hService, SERVICE_STATUS& status,
     for (;;)
     {
         ::Sleep(m_dwPollInterval);
-        if (!::QueryServiceStatus(hService, &status))
+        if (!QueryStatus(hService, status))
         {
-            const DWORD dwError = ::GetLastError();
-            QC_LOG_ERROR(kLogSource) << L"QueryServiceStatus failed with error " << dwError;
             return WaitResult::QueryFailed;
         }
         if (HasTimedOut())

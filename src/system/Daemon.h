@@ -62,11 +62,27 @@ private:
         TimedOut,    // not logged: the level depends on the caller
     };
 
+    enum class PendingOutcome
+    {
+        Reached,     // the target state was read (tick reset)
+        LeftPending, // the pending state ended elsewhere: act as usual, measure running on
+        Failed,      // logged, tick reset
+    };
+
     // Null on success, otherwise the text to log.
     const wchar_t* Open(const wchar_t* pszServiceName) noexcept;
     // Polls `hService` until it reports `dwTarget`. With `dwPending` non-zero
     // the wait also ends when any state other than `dwPending` is read.
     WaitResult WaitFor(SC_HANDLE hService, SERVICE_STATUS& status, DWORD dwTarget, DWORD dwPending) noexcept;
+    // The service was found pending: warns "<name><pszWarning>", resets the tick
+    // and waits for `dwTarget` while the state stays `dwPending`.
+    PendingOutcome AwaitPending(const wchar_t* pszWarning, DWORD dwTarget, DWORD dwPending,
+                                SERVICE_STATUS& status) noexcept;
+    // Waits for the service to reach `dwTarget` after a control; resets the
+    // tick either way. False after a logged failure or time-out.
+    bool AwaitServiceState(DWORD dwTarget, SERVICE_STATUS& status) noexcept;
+    // A wait of the service itself timed out: error entry, last error 1460, tick reset.
+    void FailOnTimeout() noexcept;
     bool StopDependents() noexcept;
     bool StartDependents() noexcept;
     void ResetTick() noexcept;
