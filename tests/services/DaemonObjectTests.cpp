@@ -15,30 +15,25 @@ namespace {
 using Quillcast::System::CDaemon;
 using Lines = std::vector<std::wstring>;
 
-TEST(DaemonObject, NullNameLogsInvalidParameterAndStartFailsAtTheFirstQuery)
+TEST(DaemonObject, NullOrEmptyNameLogsInvalidParameterAndEitherOperationFailsAtItsFirstQuery)
 {
-    QcTest::CLogCapture log;
-    CDaemon daemon(nullptr);
-    EXPECT_EQ(daemon.LastError(), 87u);
+    for (const wchar_t* name : {static_cast<const wchar_t*>(nullptr), L""})
+    {
+        for (const bool start : {true, false})
+        {
+            SCOPED_TRACE(::testing::Message() << (name == nullptr ? "null name, " : "empty name, ")
+                                              << (start ? "Start" : "Stop"));
+            QcTest::CLogCapture log;
+            CDaemon daemon(name);
+            daemon.SetDependencies(true);
 
-    EXPECT_FALSE(daemon.Start());
+            EXPECT_FALSE(start ? daemon.Start() : daemon.Stop());
 
-    EXPECT_EQ(log.Bodies(), Lines({L"[ERROR] Daemon (#) ERROR_INVALID_PARAMETER.",
-                                   L"[ERROR] Daemon (#) QueryServiceStatus failed with error 6."}));
-    EXPECT_EQ(daemon.LastError(), 87u);
-}
-
-TEST(DaemonObject, EmptyNameLogsInvalidParameterAndStopFailsAtTheFirstQuery)
-{
-    QcTest::CLogCapture log;
-    CDaemon daemon(L"");
-    daemon.SetDependencies(true);
-
-    EXPECT_FALSE(daemon.Stop());
-
-    EXPECT_EQ(log.Bodies(), Lines({L"[ERROR] Daemon (#) ERROR_INVALID_PARAMETER.",
-                                   L"[ERROR] Daemon (#) QueryServiceStatus failed with error 6."}));
-    EXPECT_EQ(daemon.LastError(), 87u);
+            EXPECT_EQ(log.Bodies(), Lines({L"[ERROR] Daemon (#) ERROR_INVALID_PARAMETER.",
+                                           L"[ERROR] Daemon (#) QueryServiceStatus failed with error 6."}));
+            EXPECT_EQ(daemon.LastError(), 87u);
+        }
+    }
 }
 
 TEST(DaemonObject, HandleDependenciesWithAnUnknownActionDoesNothingAndSucceeds)

@@ -1,49 +1,20 @@
 // The dependents of a service: which are stopped and started, in which order,
 // and how their failures and time-outs are reported without failing the action.
-#include "services/ServiceActionTests.h"
-
-#include <chrono>
-#include <thread>
+#include "services/ServiceActionFixture.h"
 
 namespace QcTest {
 namespace {
-
-using Lines = std::vector<std::wstring>;
 
 class DependentServices : public ServiceActionTest
 {
 };
 
-TEST_F(DependentServices, StopStopsActiveDependentsInEnumerationOrderBeforeTheService)
-{
-    CTestService& service = Add(L"S");
-    CTestService& d1 = Add(L"D1", L"", SERVICE_AUTO_START, {service.Name()});
-    CTestService& d2 = Add(L"D2", L"", SERVICE_AUTO_START, {d1.Name()});
-    CTestService& d3 = Add(L"D3", L"", SERVICE_AUTO_START, {service.Name()});
-    CTestService& idle = Add(L"D4", L"", SERVICE_AUTO_START, {service.Name()});
-    for (CTestService* running : {&service, &d1, &d2, &d3})
-    {
-        ASSERT_TRUE(running->Start()) << ::testing::PrintToString(running->Name());
-    }
-    ClearJournal();
-
-    const ActionOutcome outcome = Run("ServiceStop", L";SERVICENAME=" + service.Name() + L";DEPENDENCIES=1;TIMEOUT=30");
-
-    // Start order D1, D2 (needs D1), D3: stopped as enumerated, D3 first.
-    EXPECT_EQ(outcome.result, 0u);
-    EXPECT_EQ(WorkerLines(outcome), Lines());
-    EXPECT_EQ(Journal(), Lines({d3.Name() + L" stopped", d2.Name() + L" stopped", d1.Name() + L" stopped",
-                                service.Name() + L" stopped"}));
-    EXPECT_EQ(CDependentsSeam::Calls(), std::vector<DWORD>({SERVICE_ACTIVE, SERVICE_ACTIVE}));
-    EXPECT_STATE(idle, SERVICE_STOPPED);
-}
-
 TEST_F(DependentServices, StartOfARunningServiceStartsItsInactiveDependentsInStartOrder)
 {
     CTestService& service = Add(L"S");
-    CTestService& d1 = Add(L"D1", L"", SERVICE_AUTO_START, {service.Name()});
-    CTestService& d2 = Add(L"D2", L"", SERVICE_AUTO_START, {d1.Name()});
-    CTestService& active = Add(L"D3", L"", SERVICE_AUTO_START, {service.Name()});
+    CTestService& d1 = Add(L"D1", L"", SERVICE_AUTO_START, {L"S"});
+    CTestService& d2 = Add(L"D2", L"", SERVICE_AUTO_START, {L"D1"});
+    CTestService& active = Add(L"D3", L"", SERVICE_AUTO_START, {L"S"});
     ASSERT_TRUE(service.Start());
     ASSERT_TRUE(active.Start());
     ClearJournal();
@@ -53,119 +24,71 @@ TEST_F(DependentServices, StartOfARunningServiceStartsItsInactiveDependentsInSta
 
     // Only the inactive ones are enumerated: D3 is not met at all.
     EXPECT_EQ(outcome.result, 0u);
-    EXPECT_EQ(WorkerLines(outcome), Lines({Warning(service.Name() + L" is already started")}));
-    EXPECT_EQ(Journal(), Lines({d1.Name() + L" running", d2.Name() + L" running"}));
+    EXPECT_EQ(ControllerLines(outcome), Expand({Warning(L"{S} is already started")}));
+    EXPECT_EQ(Journal(), Expand({L"{D1} running", L"{D2} running"}));
     EXPECT_EQ(CDependentsSeam::Calls(), std::vector<DWORD>({SERVICE_INACTIVE, SERVICE_INACTIVE}));
     EXPECT_STATE(d1, SERVICE_RUNNING);
     EXPECT_STATE(d2, SERVICE_RUNNING);
 }
 
-TEST_F(DependentServices, DemandStartDependentIsSkippedWithAWarning)
+TEST_F(DependentServices, RestartWithDependentsRestartsExactlyThoseThatRanSkippingDemandStart)
 {
     CTestService& service = Add(L"S");
-    CTestService& dependent = Add(L"D", L"", SERVICE_DEMAND_START, {service.Name()});
-    ASSERT_TRUE(service.Start());
-
-    const ActionOutcome outcome =
-        Run("ServiceStart", L";SERVICENAME=" + service.Name() + L";DEPENDENCIES=1;TIMEOUT=30");
-
-    EXPECT_EQ(outcome.result, 0u);
-    EXPECT_EQ(WorkerLines(outcome), Lines({Warning(service.Name() + L" is already started"),
-                                           Warning(dependent.Name() + L" only starts on demand, will skip")}));
-    EXPECT_STATE(dependent, SERVICE_STOPPED);
-}
-
-TEST_F(DependentServices, DependentStopTimeoutIsAWarningAndTheWalkGoesOn)
-{
-    CTestService& service = Add(L"S");
-    CTestService& d1 = Add(L"D1", L"--stop-delay=500", SERVICE_AUTO_START, {service.Name()});
-    CTestService& slow = Add(L"D2", L"--stop-delay=hold", SERVICE_AUTO_START, {d1.Name()});
-    for (CTestService* running : {&service, &d1, &slow})
+    CTestService& d1 = Add(L"D1", L"", SERVICE_AUTO_START, {L"S"});
+    CTestService& d2 = Add(L"D2", L"", SERVICE_AUTO_START, {L"S"});
+    CTestService& d3 = Add(L"D3", L"", SERVICE_DEMAND_START, {L"S"});
+    CTestService& d4 = Add(L"D4", L"", SERVICE_AUTO_START, {L"D1"});
+    for (CTestService* running : {&service, &d1, &d3, &d4})
     {
         ASSERT_TRUE(running->Start()) << ::testing::PrintToString(running->Name());
     }
+    ClearJournal();
 
-    const ActionOutcome outcome = Run("ServiceStop", L";SERVICENAME=" + service.Name() + L";DEPENDENCIES=1;TIMEOUT=3");
+    const ActionOutcome outcome =
+        Run("ServiceRestart", L";SERVICENAME=" + service.Name() + L";DEPENDENCIES=1;TIMEOUT=30");
 
-    // D2 comes first and times out; D1 and the service stop anyway. D1 was
-    // running, so its wait is measured afresh and passes its first poll.
+    // Active dependents in reverse start order: D3, D4 (needs D1), D1. They
+    // stop in that order before the service and start again in the reverse
+    // order after it, from the list the stop enumerated (one size query and
+    // one read); D3 only starts on demand and D2 did not run.
     EXPECT_EQ(outcome.result, 0u);
-    EXPECT_EQ(WorkerLines(outcome), Lines({Warning(slow.Name() + L" timeout, after 3 seconds")}));
-    EXPECT_STATE(slow, SERVICE_STOP_PENDING);
-    EXPECT_STATE(d1, SERVICE_STOPPED);
-    EXPECT_STATE(service, SERVICE_STOPPED);
+    EXPECT_EQ(ControllerLines(outcome), Expand({Warning(L"{D3} only starts on demand, will skip")}));
+    EXPECT_EQ(Journal(), Expand({L"{D3} stopped", L"{D4} stopped", L"{D1} stopped", L"{S} stopped", L"{S} running",
+                                 L"{D1} running", L"{D4} running"}));
+    EXPECT_EQ(CDependentsSeam::Calls(), std::vector<DWORD>({SERVICE_ACTIVE, SERVICE_ACTIVE}));
+    EXPECT_STATE(service, SERVICE_RUNNING);
+    EXPECT_STATE(d1, SERVICE_RUNNING);
+    EXPECT_STATE(d2, SERVICE_STOPPED);
+    EXPECT_STATE(d3, SERVICE_STOPPED);
+    EXPECT_STATE(d4, SERVICE_RUNNING);
 }
 
 TEST_F(DependentServices, DependentStopTimeoutLeavesTheMeasureRunningForTheService)
 {
-    // No reset after a dependent's time-out: the service's own wait goes on
-    // from the dependent's measure (3 s and more by then) and fails at its
-    // first poll, although the service stops within half a second.
+    // Walked C, B, A. C times out (a warning) and the walk goes on; B was
+    // running, so its wait is measured afresh and passes its first poll; A
+    // times out as well, and as nothing resets the measure after that, the
+    // service's own wait goes on from it and fails at its first poll, although
+    // the service stops within half a second.
     CTestService& service = Add(L"S", L"--stop-delay=500");
-    CTestService& slow = Add(L"D", L"--stop-delay=hold", SERVICE_AUTO_START, {service.Name()});
-    ASSERT_TRUE(service.Start());
-    ASSERT_TRUE(slow.Start());
+    CTestService& a = Add(L"A", L"--stop-delay=hold", SERVICE_AUTO_START, {L"S"});
+    CTestService& b = Add(L"B", L"--stop-delay=500", SERVICE_AUTO_START, {L"A"});
+    CTestService& c = Add(L"C", L"--stop-delay=hold", SERVICE_AUTO_START, {L"B"});
+    for (CTestService* running : {&service, &a, &b, &c})
+    {
+        ASSERT_TRUE(running->Start()) << ::testing::PrintToString(running->Name());
+    }
 
     const ActionOutcome outcome = Run("ServiceStop", L";SERVICENAME=" + service.Name() + L";DEPENDENCIES=1;TIMEOUT=2");
 
     EXPECT_EQ(outcome.result, 1603u);
-    EXPECT_EQ(WorkerLines(outcome), Lines({Warning(slow.Name() + L" timeout, after 2 seconds"),
-                                           Error(service.Name() + L" timeout, after 2 seconds")}));
-    EXPECT_STATE(slow, SERVICE_STOP_PENDING);
-    EXPECT_TRUE(service.WaitForState(SERVICE_STOPPED, 60000)) << "its stop went on after the time-out";
-}
-
-TEST_F(DependentServices, DependentStartTimeoutIsAnErrorAndTheWalkGoesOn)
-{
-    CTestService& service = Add(L"S");
-    CTestService& slow = Add(L"D1", L"--start-delay=hold", SERVICE_AUTO_START, {service.Name()});
-    CTestService& d2 = Add(L"D2", L"", SERVICE_AUTO_START, {service.Name()});
-    ASSERT_TRUE(service.Start());
-
-    // D1 starts first and never gets there; D2 is started after D1's time-out.
-    // 4 s leave D2's first poll (at 1.5 s) well inside the limit.
-    const ActionOutcome outcome = Run("ServiceStart", L";SERVICENAME=" + service.Name() + L";DEPENDENCIES=1;TIMEOUT=4");
-
-    EXPECT_EQ(outcome.result, 0u);
-    EXPECT_EQ(WorkerLines(outcome), Lines({Warning(service.Name() + L" is already started"),
-                                           Error(slow.Name() + L" timeout, after 4 seconds")}));
-    EXPECT_STATE(slow, SERVICE_START_PENDING);
-    EXPECT_STATE(d2, SERVICE_RUNNING);
-}
-
-TEST_F(DependentServices, DisabledDependentIsSkippedAndTheWalkGoesOn)
-{
-    CTestService& service = Add(L"S");
-    CTestService& disabled = Add(L"D1", L"", SERVICE_DISABLED, {service.Name()});
-    CTestService& d2 = Add(L"D2", L"", SERVICE_AUTO_START, {service.Name()});
-    ASSERT_TRUE(service.Start());
-
-    const ActionOutcome outcome =
-        Run("ServiceStart", L";SERVICENAME=" + service.Name() + L";DEPENDENCIES=1;TIMEOUT=30");
-
-    EXPECT_EQ(outcome.result, 0u);
-    EXPECT_EQ(WorkerLines(outcome), Lines({Warning(service.Name() + L" is already started"),
-                                           Error(L"StartService failed with error 1058")}));
-    EXPECT_STATE(disabled, SERVICE_STOPPED);
-    EXPECT_STATE(d2, SERVICE_RUNNING);
-}
-
-TEST_F(DependentServices, OtherDependentStartFailureEndsTheWalkButNotTheAction)
-{
-    // D1 reports SERVICE_STOPPED with an error from its ServiceMain, which
-    // Wine's manager turns into StartService failing with 1053.
-    CTestService& service = Add(L"S");
-    Add(L"D1", L"--fail-start", SERVICE_AUTO_START, {service.Name()});
-    CTestService& d2 = Add(L"D2", L"", SERVICE_AUTO_START, {service.Name()});
-    ASSERT_TRUE(service.Start());
-
-    const ActionOutcome outcome =
-        Run("ServiceStart", L";SERVICENAME=" + service.Name() + L";DEPENDENCIES=1;TIMEOUT=30");
-
-    EXPECT_EQ(outcome.result, 0u);
-    EXPECT_EQ(WorkerLines(outcome), Lines({Warning(service.Name() + L" is already started"),
-                                           Error(L"StartService failed with error 1053")}));
-    EXPECT_STATE(d2, SERVICE_STOPPED);
+    EXPECT_EQ(ControllerLines(outcome),
+              Expand({Warning(L"{C} timeout, after 2 seconds"), Warning(L"{A} timeout, after 2 seconds"),
+                      Error(L"{S} timeout, after 2 seconds")}));
+    EXPECT_STATE(c, SERVICE_STOP_PENDING);
+    EXPECT_STATE(b, SERVICE_STOPPED);
+    EXPECT_STATE(a, SERVICE_STOP_PENDING);
+    EXPECT_TRUE(service.WaitForState(SERVICE_STOPPED)) << "its stop went on after the time-out";
 }
 
 TEST_F(DependentServices, DependentThatStoppedMeanwhileWarnsAlreadyStopped)
@@ -173,8 +96,8 @@ TEST_F(DependentServices, DependentThatStoppedMeanwhileWarnsAlreadyStopped)
     // Enumerated while stopping (active), stopped by the time the walk reaches
     // it: D2 comes first and is held until D1 has stopped.
     CTestService& service = Add(L"S");
-    CTestService& d1 = Add(L"D1", L"--stop-delay=hold", SERVICE_AUTO_START, {service.Name()});
-    CTestService& d2 = Add(L"D2", L"--stop-delay=hold", SERVICE_AUTO_START, {d1.Name()});
+    CTestService& d1 = Add(L"D1", L"--stop-delay=hold", SERVICE_AUTO_START, {L"S"});
+    CTestService& d2 = Add(L"D2", L"--stop-delay=hold", SERVICE_AUTO_START, {L"D1"});
     for (CTestService* running : {&service, &d1, &d2})
     {
         ASSERT_TRUE(running->Start()) << ::testing::PrintToString(running->Name());
@@ -184,42 +107,110 @@ TEST_F(DependentServices, DependentThatStoppedMeanwhileWarnsAlreadyStopped)
 
     std::future<ActionOutcome> call =
         RunAsync("ServiceStop", L";SERVICENAME=" + service.Name() + L";DEPENDENCIES=1;TIMEOUT=60");
-    EXPECT_TRUE(d2.WaitForState(SERVICE_STOP_PENDING, 60000));
+    EXPECT_TRUE(d2.WaitForState(SERVICE_STOP_PENDING));
     d1.Continue();
-    EXPECT_TRUE(d1.WaitForState(SERVICE_STOPPED, 60000));
+    EXPECT_TRUE(d1.WaitForState(SERVICE_STOPPED));
     d2.Continue();
-    ASSERT_EQ(call.wait_for(std::chrono::minutes(1)), std::future_status::ready);
     const ActionOutcome outcome = call.get();
 
     EXPECT_EQ(outcome.result, 0u);
-    EXPECT_EQ(WorkerLines(outcome), Lines({Warning(d1.Name() + L" is already stopped")}));
+    EXPECT_EQ(ControllerLines(outcome), Expand({Warning(L"{D1} is already stopped")}));
     EXPECT_STATE(d2, SERVICE_STOPPED);
     EXPECT_STATE(service, SERVICE_STOPPED);
 }
 
-// DEPENDENCIES values other than exactly "1".
-class DependenciesValue : public ServiceActionTest, public ::testing::WithParamInterface<const wchar_t*>
+// D1 is started before D2; the service runs.
+struct StartWalkCase
+{
+    const char* behaviour;
+    DWORD firstStartType;
+    const wchar_t* firstOptions;
+    const wchar_t* timeout;
+    const wchar_t* firstFailure; // after the service's own " is already started"
+    DWORD firstAfter;
+    DWORD secondAfter;
+};
+
+class DependentStart : public ServiceActionTest, public ::testing::WithParamInterface<StartWalkCase>
 {
 };
 
-TEST_P(DependenciesValue, OtherThanExactlyOneLeavesDependentsAlone)
+TEST_P(DependentStart, FailureOfTheFirstDependent)
 {
+    const StartWalkCase& test = GetParam();
     CTestService& service = Add(L"S");
-    CTestService& dependent = Add(L"D", L"", SERVICE_AUTO_START, {service.Name()});
+    CTestService& first = Add(L"D1", test.firstOptions, test.firstStartType, {L"S"});
+    CTestService& second = Add(L"D2", L"", SERVICE_AUTO_START, {L"S"});
     ASSERT_TRUE(service.Start());
-    ASSERT_TRUE(dependent.Start());
 
     const ActionOutcome outcome =
-        Run("ServiceStop", L";SERVICENAME=" + service.Name() + L";DEPENDENCIES=" + GetParam() + L";TIMEOUT=30");
+        Run("ServiceStart", L";SERVICENAME=" + service.Name() + L";DEPENDENCIES=1;TIMEOUT=" + test.timeout);
 
     EXPECT_EQ(outcome.result, 0u);
-    EXPECT_EQ(WorkerLines(outcome), Lines());
+    EXPECT_EQ(ControllerLines(outcome), Expand({Warning(L"{S} is already started"), Error(test.firstFailure)}));
+    EXPECT_STATE(first, test.firstAfter);
+    EXPECT_STATE(second, test.secondAfter);
+}
+
+const StartWalkCase kStartWalkCases[] = {
+    {"DisabledDependentIsSkippedAndTheWalkGoesOn", SERVICE_DISABLED, L"", L"30",
+     L"StartService failed with error 1058", SERVICE_STOPPED, SERVICE_RUNNING},
+    // Wine's manager fails the start with 1053 when ServiceMain reports
+    // SERVICE_STOPPED with an error.
+    {"OtherStartFailureEndsTheWalkButNotTheAction", SERVICE_AUTO_START, L"--fail-start", L"30",
+     L"StartService failed with error 1053", SERVICE_STOPPED, SERVICE_STOPPED},
+    // 4 s leave D2's first poll (at 1.5 s) well inside the limit.
+    {"DependentStartTimeoutIsAnErrorAndTheWalkGoesOn", SERVICE_AUTO_START, L"--start-delay=hold", L"4",
+     L"{D1} timeout, after 4 seconds", SERVICE_START_PENDING, SERVICE_RUNNING},
+};
+
+INSTANTIATE_TEST_SUITE_P(Cases, DependentStart, ::testing::ValuesIn(kStartWalkCases),
+                         [](const auto& info) { return std::string(info.param.behaviour); });
+
+// ServiceStop with a running dependent that must not be touched.
+struct LeftAloneCase
+{
+    const char* behaviour;
+    bool serviceRuns;
+    const wchar_t* dependencies;
+    const wchar_t* warning; // or null
+};
+
+class DependentsLeftAlone : public ServiceActionTest, public ::testing::WithParamInterface<LeftAloneCase>
+{
+};
+
+TEST_P(DependentsLeftAlone, OnStop)
+{
+    const LeftAloneCase& test = GetParam();
+    CTestService& service = Add(L"S");
+    CTestService& dependent = Add(L"D", L"", SERVICE_AUTO_START, {L"S"});
+    ASSERT_TRUE(dependent.Start());
+    ASSERT_TRUE(!test.serviceRuns || service.Start());
+
+    const ActionOutcome outcome = Run(
+        "ServiceStop", L";SERVICENAME=" + service.Name() + L";DEPENDENCIES=" + test.dependencies + L";TIMEOUT=30");
+
+    EXPECT_EQ(outcome.result, 0u);
+    EXPECT_EQ(ControllerLines(outcome), test.warning != nullptr ? Expand({Warning(test.warning)}) : Lines());
     EXPECT_TRUE(CDependentsSeam::Calls().empty()) << "dependents were enumerated";
     EXPECT_STATE(service, SERVICE_STOPPED);
     EXPECT_STATE(dependent, SERVICE_RUNNING);
 }
 
-INSTANTIATE_TEST_SUITE_P(NotOne, DependenciesValue, ::testing::Values(L"0", L"true", L"yes", L"01", L"", L"11"));
+const LeftAloneCase kLeftAloneCases[] = {
+    {"StopWhenAlreadyStoppedLeavesDependentsAlone", false, L"1", L"{S} is already stopped"},
+    // Dependents are handled only when DEPENDENCIES is exactly "1".
+    {"Dependencies0", true, L"0", nullptr},
+    {"DependenciesTrue", true, L"true", nullptr},
+    {"DependenciesYes", true, L"yes", nullptr},
+    {"Dependencies01", true, L"01", nullptr},
+    {"DependenciesEmpty", true, L"", nullptr},
+    {"Dependencies11", true, L"11", nullptr},
+};
+
+INSTANTIATE_TEST_SUITE_P(Cases, DependentsLeftAlone, ::testing::ValuesIn(kLeftAloneCases),
+                         [](const auto& info) { return std::string(info.param.behaviour); });
 
 } // namespace
 } // namespace QcTest

@@ -1,10 +1,12 @@
 #include "services/DependentsSeam.h"
 
 #include <cwchar>
-#include <cwctype>
 #include <map>
+#include <mutex>
 #include <set>
 #include <string>
+
+#include "services/TestServices.h"
 
 namespace QcTest {
 
@@ -12,8 +14,6 @@ namespace {
 
 std::mutex g_CallsLock;
 std::vector<DWORD> g_Calls;
-
-constexpr wchar_t kServicesKey[] = L"SYSTEM\\CurrentControlSet\\Services";
 
 struct NoCaseLess
 {
@@ -24,27 +24,8 @@ struct NoCaseLess
 };
 
 using NameSet = std::set<std::wstring, NoCaseLess>;
-// Service -> the services it depends on.
+// Service -> the services it depends on, in name order.
 using DependencyMap = std::map<std::wstring, NameSet, NoCaseLess>;
-
-class CServiceHandle
-{
-public:
-    explicit CServiceHandle(SC_HANDLE handle) : m_Handle(handle) {}
-    CServiceHandle(const CServiceHandle&) = delete;
-    CServiceHandle& operator=(const CServiceHandle&) = delete;
-    ~CServiceHandle()
-    {
-        if (m_Handle != nullptr)
-        {
-            ::CloseServiceHandle(m_Handle);
-        }
-    }
-    SC_HANDLE Get() const { return m_Handle; }
-
-private:
-    SC_HANDLE m_Handle;
-};
 
 // The key name of the service behind `hService`: there is no direct query, so
 // through its display name.
@@ -57,13 +38,10 @@ DWORD ServiceKeyName(SC_HANDLE hManager, SC_HANDLE hService, std::wstring& name)
     }
     std::vector<BYTE> buffer(needed);
     auto* config = reinterpret_cast<QUERY_SERVICE_CONFIGW*>(buffer.data());
-    if (!::QueryServiceConfigW(hService, config, needed, &needed))
-    {
-        return ::GetLastError();
-    }
     wchar_t key[257] = {};
     DWORD length = 256;
-    if (!::GetServiceKeyNameW(hManager, config->lpDisplayName, key, &length))
+    if (!::QueryServiceConfigW(hService, config, needed, &needed) ||
+        !::GetServiceKeyNameW(hManager, config->lpDisplayName, key, &length))
     {
         return ::GetLastError();
     }
@@ -76,33 +54,24 @@ DependencyMap ReadDependencies()
 {
     DependencyMap dependencies;
     HKEY hServices = nullptr;
-    if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kServicesKey, 0, KEY_READ, &hServices) != ERROR_SUCCESS)
+    if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, L"SYSTEM\\CurrentControlSet\\Services", 0, KEY_READ, &hServices) !=
+        ERROR_SUCCESS)
     {
         return dependencies;
     }
-    for (DWORD index = 0;; ++index)
+    wchar_t name[256] = {};
+    for (DWORD index = 0, length = 256;
+         ::RegEnumKeyExW(hServices, index, name, &length, nullptr, nullptr, nullptr, nullptr) == ERROR_SUCCESS;
+         ++index, length = 256)
     {
-        wchar_t name[256] = {};
-        DWORD nameLength = 256;
-        if (::RegEnumKeyExW(hServices, index, name, &nameLength, nullptr, nullptr, nullptr, nullptr) != ERROR_SUCCESS)
-        {
-            break;
-        }
-        DWORD type = 0;
-        DWORD size = 0;
-        if (::RegGetValueW(hServices, name, L"DependOnService", RRF_RT_REG_MULTI_SZ, &type, nullptr, &size) !=
-                ERROR_SUCCESS ||
-            size == 0)
-        {
-            continue;
-        }
-        std::vector<wchar_t> value(size / sizeof(wchar_t) + 2, L'\0');
-        if (::RegGetValueW(hServices, name, L"DependOnService", RRF_RT_REG_MULTI_SZ, &type, value.data(), &size) !=
+        wchar_t value[4096] = {};
+        DWORD size = sizeof(value) - 2 * sizeof(wchar_t);
+        if (::RegGetValueW(hServices, name, L"DependOnService", RRF_RT_REG_MULTI_SZ, nullptr, value, &size) !=
             ERROR_SUCCESS)
         {
             continue;
         }
-        for (const wchar_t* entry = value.data(); *entry != L'\0'; entry += std::wcslen(entry) + 1)
+        for (const wchar_t* entry = value; *entry != L'\0'; entry += std::wcslen(entry) + 1)
         {
             if (*entry != SC_GROUP_IDENTIFIERW)
             {
@@ -114,71 +83,19 @@ DependencyMap ReadDependencies()
     return dependencies;
 }
 
-// The services that depend on `target`, directly or not, in start order.
-std::vector<std::wstring> DependentsInStartOrder(const DependencyMap& dependencies, const std::wstring& target)
+// Appends the services that depend on `service`, each after all that depend on
+// it; those of one service in reverse name order, so that they start by name.
+void CollectDependents(const DependencyMap& dependencies, const std::wstring& service, NameSet& seen,
+                       std::vector<std::wstring>& order)
 {
-    NameSet dependents;
-    std::vector<std::wstring> pending{target};
-    while (!pending.empty())
+    for (auto it = dependencies.rbegin(); it != dependencies.rend(); ++it)
     {
-        const std::wstring current = pending.back();
-        pending.pop_back();
-        for (const auto& [service, needs] : dependencies)
+        if (it->second.count(service) != 0 && seen.insert(it->first).second)
         {
-            if (needs.count(current) != 0 && ::_wcsicmp(service.c_str(), target.c_str()) != 0 &&
-                dependents.insert(service).second)
-            {
-                pending.push_back(service);
-            }
+            CollectDependents(dependencies, it->first, seen, order);
+            order.push_back(it->first);
         }
     }
-
-    std::vector<std::wstring> order;
-    NameSet placed;
-    while (placed.size() < dependents.size())
-    {
-        // The first by name whose dependencies inside the set have all started;
-        // a cycle (which Windows refuses) is broken by name order.
-        const std::wstring* next = nullptr;
-        for (const std::wstring& service : dependents)
-        {
-            if (placed.count(service) != 0)
-            {
-                continue;
-            }
-            bool ready = true;
-            const auto found = dependencies.find(service);
-            for (const std::wstring& need : found->second)
-            {
-                ready = ready && (dependents.count(need) == 0 || placed.count(need) != 0);
-            }
-            if (ready)
-            {
-                next = &service;
-                break;
-            }
-        }
-        if (next == nullptr)
-        {
-            for (const std::wstring& service : dependents)
-            {
-                if (placed.count(service) == 0)
-                {
-                    next = &service;
-                    break;
-                }
-            }
-        }
-        placed.insert(*next);
-        order.push_back(*next);
-    }
-    return order;
-}
-
-bool MatchesState(DWORD state, DWORD filter)
-{
-    const bool inactive = state == SERVICE_STOPPED;
-    return (inactive && (filter & SERVICE_INACTIVE) != 0) || (!inactive && (filter & SERVICE_ACTIVE) != 0);
 }
 
 struct Dependent
@@ -188,14 +105,12 @@ struct Dependent
     SERVICE_STATUS status;
 };
 
-} // namespace
-
 BOOL WINAPI EnumDependentServicesFromRegistry(SC_HANDLE hService, DWORD dwServiceState,
                                               LPENUM_SERVICE_STATUSW lpServices, DWORD cbBufSize,
                                               LPDWORD pcbBytesNeeded, LPDWORD lpServicesReturned)
 {
     {
-        std::lock_guard<std::mutex> lock(g_CallsLock);
+        const std::lock_guard<std::mutex> lock(g_CallsLock);
         g_Calls.push_back(dwServiceState);
     }
     if (pcbBytesNeeded == nullptr || lpServicesReturned == nullptr || dwServiceState == 0 ||
@@ -206,38 +121,38 @@ BOOL WINAPI EnumDependentServicesFromRegistry(SC_HANDLE hService, DWORD dwServic
     }
     const CServiceHandle manager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
     std::wstring target;
-    const DWORD nameError = ServiceKeyName(manager.Get(), hService, target);
+    const DWORD nameError = ServiceKeyName(manager.get(), hService, target);
     if (nameError != ERROR_SUCCESS)
     {
         ::SetLastError(nameError);
         return FALSE;
     }
 
+    NameSet seen{target};
+    std::vector<std::wstring> order;
+    CollectDependents(ReadDependencies(), target, seen, order);
     std::vector<Dependent> found;
-    const std::vector<std::wstring> startOrder = DependentsInStartOrder(ReadDependencies(), target);
-    for (auto it = startOrder.rbegin(); it != startOrder.rend(); ++it)
+    DWORD needed = 0;
+    for (const std::wstring& name : order)
     {
-        // Services being deleted (or keys that are no service) are not reported.
-        const CServiceHandle dependent(::OpenServiceW(manager.Get(), it->c_str(), SERVICE_QUERY_STATUS));
-        Dependent entry{*it, *it, {}};
-        if (dependent.Get() == nullptr || !::QueryServiceStatus(dependent.Get(), &entry.status) ||
-            !MatchesState(entry.status.dwCurrentState, dwServiceState))
+        // Keys that are no service (or one being deleted) are not reported.
+        const CServiceHandle dependent(::OpenServiceW(manager.get(), name.c_str(), SERVICE_QUERY_STATUS));
+        Dependent entry{name, name, {}};
+        wchar_t display[257] = {};
+        DWORD length = 256;
+        if (!dependent || !::QueryServiceStatus(dependent.get(), &entry.status) ||
+            (dwServiceState & (entry.status.dwCurrentState == SERVICE_STOPPED ? SERVICE_INACTIVE : SERVICE_ACTIVE)) ==
+                0)
         {
             continue;
         }
-        wchar_t display[257] = {};
-        DWORD length = 256;
-        if (::GetServiceDisplayNameW(manager.Get(), it->c_str(), display, &length))
+        if (::GetServiceDisplayNameW(manager.get(), name.c_str(), display, &length))
         {
             entry.displayName = display;
         }
+        needed += static_cast<DWORD>(sizeof(ENUM_SERVICE_STATUSW) +
+                                     (entry.name.size() + entry.displayName.size() + 2) * sizeof(wchar_t));
         found.push_back(entry);
-    }
-
-    DWORD needed = static_cast<DWORD>(found.size() * sizeof(ENUM_SERVICE_STATUSW));
-    for (const Dependent& entry : found)
-    {
-        needed += static_cast<DWORD>((entry.name.size() + 1 + entry.displayName.size() + 1) * sizeof(wchar_t));
     }
     if (cbBufSize < needed || (needed != 0 && lpServices == nullptr))
     {
@@ -249,21 +164,20 @@ BOOL WINAPI EnumDependentServicesFromRegistry(SC_HANDLE hService, DWORD dwServic
 
     auto* text = reinterpret_cast<wchar_t*>(lpServices + found.size());
     const auto copy = [&text](const std::wstring& value) {
-        wchar_t* start = text;
-        std::wmemcpy(text, value.c_str(), value.size() + 1);
+        wchar_t* start = std::wmemcpy(text, value.c_str(), value.size() + 1);
         text += value.size() + 1;
         return start;
     };
     for (size_t i = 0; i < found.size(); ++i)
     {
-        lpServices[i].lpServiceName = copy(found[i].name);
-        lpServices[i].lpDisplayName = copy(found[i].displayName);
-        lpServices[i].ServiceStatus = found[i].status;
+        lpServices[i] = {copy(found[i].name), copy(found[i].displayName), found[i].status};
     }
     *pcbBytesNeeded = 0;
     *lpServicesReturned = static_cast<DWORD>(found.size());
     return TRUE;
 }
+
+} // namespace
 
 CDependentsSeam::CDependentsSeam(HMODULE hModule)
     : m_Patch(hModule, "ADVAPI32.dll", "EnumDependentServicesW",
@@ -272,17 +186,15 @@ CDependentsSeam::CDependentsSeam(HMODULE hModule)
     ClearCalls();
 }
 
-CDependentsSeam::~CDependentsSeam() = default;
-
 std::vector<DWORD> CDependentsSeam::Calls()
 {
-    std::lock_guard<std::mutex> lock(g_CallsLock);
+    const std::lock_guard<std::mutex> lock(g_CallsLock);
     return g_Calls;
 }
 
 void CDependentsSeam::ClearCalls()
 {
-    std::lock_guard<std::mutex> lock(g_CallsLock);
+    const std::lock_guard<std::mutex> lock(g_CallsLock);
     g_Calls.clear();
 }
 

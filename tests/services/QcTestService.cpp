@@ -4,21 +4,19 @@
 //   QcTestService.exe <service name> [options]
 //     --start-delay=MS     START_PENDING (with a wait hint) for MS ms, then RUNNING
 //     --start-delay=hold   START_PENDING until the continue event is set
-//     --stop-delay=MS      STOP_PENDING for MS ms after the stop control, then STOPPED
-//     --stop-delay=hold    STOP_PENDING until the continue event is set
+//     --stop-delay=MS|hold the same for STOP_PENDING after the stop control, then STOPPED
 //     --refuse-stop        does not accept the stop control at all (1052)
 //     --fail-start         reports STOPPED with a service-specific error instead of running
-//     --abort-first-start  the first start ever (of this registration) pends for the
-//                          start delay and then reports STOPPED; later starts run
-//     --pausable           accepts pause and continue (SERVICE_PAUSED)
+//     --abort-held-start   a start that had to wait for the continue event reports
+//                          STOPPED when it comes; a start that finds it set runs
+//     --pausable           accepts the pause control (SERVICE_PAUSED)
 //     --journal=PATH       appends "<name> running" / "<name> stopped" lines to PATH
 //
 // Without a stop delay the control handler reports SERVICE_STOPPED itself, so
 // that ControlService already returns the stopped state.
 //
 // Two manual-reset events, created by whichever side comes first:
-//   "Global\QcTestService.<name>.Continue" ends a held or delayed pending state
-//   normally (on to RUNNING or STOPPED);
+//   "Global\QcTestService.<name>.Continue" ends a held or delayed pending state;
 //   "Global\QcTestService.<name>.Exit" makes the service report SERVICE_STOPPED
 //   and exit, whatever it is doing. Tests use it to clean up.
 #include <windows.h>
@@ -41,7 +39,7 @@ struct Options
     DWORD stopDelay = 0;
     bool refuseStop = false;
     bool failStart = false;
-    bool abortFirstStart = false;
+    bool abortHeldStart = false;
     bool pausable = false;
     std::wstring journal;
 };
@@ -55,32 +53,11 @@ HANDLE g_hExit = nullptr;
 HANDLE g_hStopRequested = nullptr;
 bool g_bStoppedReported = false;
 
-bool ParseDelay(const wchar_t* text, DWORD& delay)
+bool ParseDelay(const std::wstring& text, DWORD& delay)
 {
-    if (std::wcscmp(text, L"hold") == 0)
-    {
-        delay = kHold;
-        return true;
-    }
     wchar_t* end = nullptr;
-    const unsigned long value = std::wcstoul(text, &end, 10);
-    if (end == text || *end != L'\0')
-    {
-        return false;
-    }
-    delay = static_cast<DWORD>(value);
-    return true;
-}
-
-bool StartsWith(const wchar_t* text, const wchar_t* prefix, const wchar_t*& rest)
-{
-    const size_t length = std::wcslen(prefix);
-    if (std::wcsncmp(text, prefix, length) != 0)
-    {
-        return false;
-    }
-    rest = text + length;
-    return true;
+    delay = text == L"hold" ? kHold : static_cast<DWORD>(std::wcstoul(text.c_str(), &end, 10));
+    return text == L"hold" || (!text.empty() && *end == L'\0');
 }
 
 bool ParseOptions(int argc, wchar_t** argv)
@@ -92,42 +69,35 @@ bool ParseOptions(int argc, wchar_t** argv)
     g_Options.name = argv[1];
     for (int i = 2; i < argc; ++i)
     {
-        const wchar_t* value = nullptr;
-        if (StartsWith(argv[i], L"--start-delay=", value))
+        const std::wstring option = argv[i];
+        const std::wstring value = option.substr(option.find(L'=') + 1);
+        bool valid = true;
+        if (option.rfind(L"--start-delay=", 0) == 0)
         {
-            if (!ParseDelay(value, g_Options.startDelay))
-            {
-                return false;
-            }
+            valid = ParseDelay(value, g_Options.startDelay);
         }
-        else if (StartsWith(argv[i], L"--stop-delay=", value))
+        else if (option.rfind(L"--stop-delay=", 0) == 0)
         {
-            if (!ParseDelay(value, g_Options.stopDelay))
-            {
-                return false;
-            }
+            valid = ParseDelay(value, g_Options.stopDelay);
         }
-        else if (StartsWith(argv[i], L"--journal=", value))
+        else if (option.rfind(L"--journal=", 0) == 0)
         {
             g_Options.journal = value;
         }
-        else if (std::wcscmp(argv[i], L"--refuse-stop") == 0)
-        {
-            g_Options.refuseStop = true;
-        }
-        else if (std::wcscmp(argv[i], L"--fail-start") == 0)
-        {
-            g_Options.failStart = true;
-        }
-        else if (std::wcscmp(argv[i], L"--abort-first-start") == 0)
-        {
-            g_Options.abortFirstStart = true;
-        }
-        else if (std::wcscmp(argv[i], L"--pausable") == 0)
-        {
-            g_Options.pausable = true;
-        }
         else
+        {
+            bool* flag = option == L"--refuse-stop"        ? &g_Options.refuseStop
+                         : option == L"--fail-start"       ? &g_Options.failStart
+                         : option == L"--abort-held-start" ? &g_Options.abortHeldStart
+                         : option == L"--pausable"         ? &g_Options.pausable
+                                                           : nullptr;
+            valid = flag != nullptr;
+            if (valid)
+            {
+                *flag = true;
+            }
+        }
+        if (!valid)
         {
             return false;
         }
@@ -135,30 +105,17 @@ bool ParseOptions(int argc, wchar_t** argv)
     return true;
 }
 
-void Journal(const wchar_t* event)
+void Journal(const char* event)
 {
-    if (g_Options.journal.empty())
+    if (FILE* file = g_Options.journal.empty() ? nullptr : ::_wfopen(g_Options.journal.c_str(), L"ab"))
     {
-        return;
+        std::fprintf(file, "%ls %s\n", g_Options.name.c_str(), event);
+        std::fclose(file);
     }
-    HANDLE hFile = ::CreateFileW(g_Options.journal.c_str(), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                                 nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (hFile == INVALID_HANDLE_VALUE)
-    {
-        return;
-    }
-    std::wstring wide = g_Options.name + L" " + event + L"\n";
-    const int size = ::WideCharToMultiByte(CP_UTF8, 0, wide.c_str(), static_cast<int>(wide.size()), nullptr, 0,
-                                           nullptr, nullptr);
-    std::string line(static_cast<size_t>(size), '\0');
-    ::WideCharToMultiByte(CP_UTF8, 0, wide.c_str(), static_cast<int>(wide.size()), line.data(), size, nullptr,
-                          nullptr);
-    DWORD written = 0;
-    ::WriteFile(hFile, line.data(), static_cast<DWORD>(line.size()), &written, nullptr);
-    ::CloseHandle(hFile);
 }
 
-// Reports a state; STOPPED is reported (and journaled) once only.
+// Reports a state; STOPPED is reported (and journaled) once only. The journal
+// line is written before the state is visible to anyone polling for it.
 void Report(DWORD state, DWORD waitHint = 0, DWORD specificError = 0)
 {
     ::EnterCriticalSection(&g_StatusLock);
@@ -169,41 +126,33 @@ void Report(DWORD state, DWORD waitHint = 0, DWORD specificError = 0)
         g_Status.dwControlsAccepted = 0;
         if (state == SERVICE_RUNNING || state == SERVICE_PAUSED)
         {
-            if (!g_Options.refuseStop)
-            {
-                g_Status.dwControlsAccepted |= SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_SHUTDOWN;
-            }
-            if (g_Options.pausable)
-            {
-                g_Status.dwControlsAccepted |= SERVICE_ACCEPT_PAUSE_CONTINUE;
-            }
+            g_Status.dwControlsAccepted = (g_Options.refuseStop ? 0 : SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_SHUTDOWN) |
+                                          (g_Options.pausable ? SERVICE_ACCEPT_PAUSE_CONTINUE : 0);
         }
         g_Status.dwWin32ExitCode = specificError != 0 ? ERROR_SERVICE_SPECIFIC_ERROR : NO_ERROR;
         g_Status.dwServiceSpecificExitCode = specificError;
         g_Status.dwWaitHint = waitHint;
-        g_Status.dwCheckPoint = (state == SERVICE_START_PENDING || state == SERVICE_STOP_PENDING)
-                                    ? g_Status.dwCheckPoint + 1
-                                    : 0;
-        if (state == SERVICE_STOPPED)
+        g_Status.dwCheckPoint = waitHint != 0 ? g_Status.dwCheckPoint + 1 : 0;
+        g_bStoppedReported = state == SERVICE_STOPPED;
+        if (state == SERVICE_STOPPED || state == SERVICE_RUNNING)
         {
-            g_bStoppedReported = true;
-            Journal(L"stopped");
-        }
-        else if (state == SERVICE_RUNNING)
-        {
-            Journal(L"running");
+            Journal(state == SERVICE_STOPPED ? "stopped" : "running");
         }
         ::SetServiceStatus(g_hStatus, &g_Status);
     }
     ::LeaveCriticalSection(&g_StatusLock);
 }
 
+DWORD WaitHint(DWORD delay)
+{
+    return delay == kHold ? 2000 : delay + 1000;
+}
+
 // Waits `delay` ms (or until the continue event) in the pending `state`,
 // renewing the check point; false when the exit event ended the wait.
 bool Pending(DWORD state, DWORD delay)
 {
-    const DWORD hint = delay == kHold ? 2000 : delay + 1000;
-    Report(state, hint);
+    Report(state, WaitHint(delay));
     const HANDLE waits[] = {g_hExit, g_hContinue};
     const DWORD start = ::GetTickCount();
     for (;;)
@@ -214,16 +163,12 @@ bool Pending(DWORD state, DWORD delay)
             return true;
         }
         const DWORD left = delay == kHold ? kChunkMs : delay - elapsed;
-        switch (::WaitForMultipleObjects(2, waits, FALSE, left < kChunkMs ? left : kChunkMs))
+        const DWORD signaled = ::WaitForMultipleObjects(2, waits, FALSE, left < kChunkMs ? left : kChunkMs);
+        if (signaled == WAIT_OBJECT_0 || signaled == WAIT_OBJECT_0 + 1)
         {
-        case WAIT_OBJECT_0:
-            return false;
-        case WAIT_OBJECT_0 + 1:
-            return true;
-        default:
-            break;
+            return signaled == WAIT_OBJECT_0 + 1;
         }
-        Report(state, hint);
+        Report(state, WaitHint(delay));
     }
 }
 
@@ -237,52 +182,18 @@ DWORD WINAPI Handler(DWORD control, DWORD /*eventType*/, LPVOID /*eventData*/, L
         {
             return ERROR_CALL_NOT_IMPLEMENTED;
         }
-        if (g_Options.stopDelay == 0)
-        {
-            Report(SERVICE_STOPPED);
-        }
-        else
-        {
-            Report(SERVICE_STOP_PENDING, g_Options.stopDelay == kHold ? 2000 : g_Options.stopDelay + 1000);
-        }
+        Report(g_Options.stopDelay == 0 ? SERVICE_STOPPED : SERVICE_STOP_PENDING,
+               g_Options.stopDelay == 0 ? 0 : WaitHint(g_Options.stopDelay));
         ::SetEvent(g_hStopRequested);
         return NO_ERROR;
     case SERVICE_CONTROL_PAUSE:
         Report(SERVICE_PAUSED);
-        return NO_ERROR;
-    case SERVICE_CONTROL_CONTINUE:
-        Report(SERVICE_RUNNING);
         return NO_ERROR;
     case SERVICE_CONTROL_INTERROGATE:
         return NO_ERROR;
     default:
         return ERROR_CALL_NOT_IMPLEMENTED;
     }
-}
-
-// True once per registration: notes itself in the service's own registry key,
-// which goes away with the service.
-bool FirstStartEver()
-{
-    const std::wstring key = L"SYSTEM\\CurrentControlSet\\Services\\" + g_Options.name;
-    HKEY hKey = nullptr;
-    if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, key.c_str(), 0, KEY_QUERY_VALUE | KEY_SET_VALUE, &hKey) != ERROR_SUCCESS)
-    {
-        return false;
-    }
-    DWORD value = 0;
-    DWORD size = sizeof(value);
-    const bool first =
-        ::RegQueryValueExW(hKey, L"QcTestStartedBefore", nullptr, nullptr, reinterpret_cast<BYTE*>(&value), &size) !=
-        ERROR_SUCCESS;
-    if (first)
-    {
-        value = 1;
-        ::RegSetValueExW(hKey, L"QcTestStartedBefore", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&value),
-                         sizeof(value));
-    }
-    ::RegCloseKey(hKey);
-    return first;
 }
 
 void WINAPI ServiceMain(DWORD /*argc*/, LPWSTR* /*argv*/)
@@ -296,23 +207,14 @@ void WINAPI ServiceMain(DWORD /*argc*/, LPWSTR* /*argv*/)
     g_hContinue = ::CreateEventW(nullptr, TRUE, FALSE, (prefix + L".Continue").c_str());
     g_hExit = ::CreateEventW(nullptr, TRUE, FALSE, (prefix + L".Exit").c_str());
     g_hStopRequested = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    if (g_hContinue == nullptr || g_hExit == nullptr || g_hStopRequested == nullptr)
+    if (g_hContinue == nullptr || g_hExit == nullptr || g_hStopRequested == nullptr || g_Options.failStart)
     {
-        Report(SERVICE_STOPPED, 0, 1);
+        Report(SERVICE_STOPPED, 0, g_Options.failStart ? kFailStartCode : 1);
         return;
     }
-    if (g_Options.failStart)
-    {
-        Report(SERVICE_STOPPED, 0, kFailStartCode);
-        return;
-    }
-    const bool abortThisStart = g_Options.abortFirstStart && FirstStartEver();
-    if ((g_Options.startDelay != 0 || abortThisStart) && !Pending(SERVICE_START_PENDING, g_Options.startDelay))
-    {
-        Report(SERVICE_STOPPED);
-        return;
-    }
-    if (abortThisStart)
+    const bool held = g_Options.startDelay != 0 && ::WaitForSingleObject(g_hContinue, 0) != WAIT_OBJECT_0;
+    if (g_Options.startDelay != 0 && (!Pending(SERVICE_START_PENDING, g_Options.startDelay) ||
+                                      (held && g_Options.abortHeldStart)))
     {
         Report(SERVICE_STOPPED);
         return;
@@ -334,8 +236,7 @@ int main()
     wchar_t** argv = ::CommandLineToArgvW(::GetCommandLineW(), &argc);
     if (argv == nullptr || !ParseOptions(argc, argv))
     {
-        std::fprintf(stderr, "usage: QcTestService.exe <service name> [--start-delay=MS|hold] [--stop-delay=MS|hold] "
-                             "[--refuse-stop] [--fail-start] [--abort-first-start] [--pausable] [--journal=PATH]\n");
+        std::fprintf(stderr, "usage: QcTestService.exe <service name> [options] (see QcTestService.cpp)\n");
         return 2;
     }
     ::InitializeCriticalSection(&g_StatusLock);

@@ -1,9 +1,11 @@
-#include "services/ServiceActionTests.h"
+#include "services/ServiceActionFixture.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cwchar>
 #include <cwctype>
 
+#include "services/StatusQueryCounter.h"
 #include "support/ShippedDll.h"
 
 namespace QcTest {
@@ -42,36 +44,38 @@ void ServiceActionTest::SetUp()
     CDependentsSeam::ClearCalls();
 }
 
-HMODULE ServiceActionTest::Module()
-{
-    return s_pLibrary->Module();
-}
-
 std::wstring ServiceActionTest::Name(const std::wstring& role) const
 {
-    const ::testing::TestInfo* info = ::testing::UnitTest::GetInstance()->current_test_info();
     std::wstring name = L"QcSvc_";
-    for (const char* p = info->name(); *p != '\0'; ++p)
+    for (const char* p = ::testing::UnitTest::GetInstance()->current_test_info()->name(); *p != '\0'; ++p)
     {
         name += std::iswalnum(static_cast<wint_t>(*p)) ? static_cast<wchar_t>(*p) : L'_';
     }
     return name + L"_" + role;
 }
 
-CTestService& ServiceActionTest::Add(const std::wstring& role, const std::wstring& options, DWORD startType,
-                                     const std::vector<std::wstring>& dependsOn)
+Lines ServiceActionTest::Expand(Lines lines) const
 {
-    ServiceSpec spec;
-    spec.name = Name(role);
-    spec.options = options;
-    spec.startType = startType;
-    spec.dependsOn = dependsOn;
-    return Add(spec);
+    for (std::wstring& line : lines)
+    {
+        for (size_t open = line.find(L'{'); open != std::wstring::npos; open = line.find(L'{', open))
+        {
+            const size_t close = line.find(L'}', open);
+            line.replace(open, close - open + 1, Name(line.substr(open + 1, close - open - 1)));
+        }
+    }
+    return lines;
 }
 
-CTestService& ServiceActionTest::Add(const ServiceSpec& spec)
+CTestService& ServiceActionTest::Add(const std::wstring& role, const std::wstring& options, DWORD startType,
+                                     const std::vector<std::wstring>& dependsOnRoles)
 {
-    CTestService& service = m_Services.Add(spec);
+    ServiceDefinition definition{Name(role), options, startType, {}};
+    for (const std::wstring& dependency : dependsOnRoles)
+    {
+        definition.dependsOn.push_back(Name(dependency));
+    }
+    CTestService& service = m_Services.Add(definition);
     EXPECT_TRUE(service.IsRegistered()) << ::testing::PrintToString(service.Error());
     return service;
 }
@@ -95,37 +99,21 @@ std::future<ActionOutcome> ServiceActionTest::RunAsync(const char* exportName, c
     });
 }
 
-ActionOutcome ServiceActionTest::Run(const char* exportName, const std::wstring& data)
+ActionOutcome ServiceActionTest::Run(const char* exportName, const std::wstring& data, CTestService* pHeld,
+                                     int queries)
 {
+    const CStatusQueryCounter counter(s_pLibrary->Module());
     std::future<ActionOutcome> call = RunAsync(exportName, data);
-    bool watchdogFired = false;
-    if (call.wait_for(kWatchdog) != std::future_status::ready)
+    if (pHeld != nullptr)
     {
-        watchdogFired = true;
-        m_Services.ContinueAll();
-    }
-    ActionOutcome outcome = call.get();
-    outcome.watchdogFired = watchdogFired;
-    EXPECT_FALSE(watchdogFired) << "the action did not return by itself";
-    return outcome;
-}
-
-ActionOutcome ServiceActionTest::RunAndContinueAfter(const char* exportName, const std::wstring& data,
-                                                     CTestService& service, int queries)
-{
-    const CStatusQueryCounter counter(Module());
-    EXPECT_TRUE(counter.IsInstalled());
-    std::future<ActionOutcome> call = RunAsync(exportName, data);
-    const auto giveUp = std::chrono::steady_clock::now() + kWatchdog;
-    while (counter.Count() < queries && std::chrono::steady_clock::now() < giveUp)
-    {
-        if (call.wait_for(std::chrono::milliseconds(20)) == std::future_status::ready)
+        const auto giveUp = std::chrono::steady_clock::now() + kWatchdog;
+        while (counter.IsInstalled() && counter.Count() < queries && std::chrono::steady_clock::now() < giveUp &&
+               call.wait_for(std::chrono::milliseconds(20)) != std::future_status::ready)
         {
-            break;
         }
+        EXPECT_GE(counter.Count(), queries) << "the action made fewer status queries";
+        pHeld->Continue();
     }
-    EXPECT_GE(counter.Count(), queries) << "the action made fewer status queries";
-    service.Continue();
     if (call.wait_for(kWatchdog) != std::future_status::ready)
     {
         m_Services.ContinueAll();
@@ -134,30 +122,23 @@ ActionOutcome ServiceActionTest::RunAndContinueAfter(const char* exportName, con
     return call.get();
 }
 
-std::vector<std::wstring> ServiceActionTest::Bodies(const ActionOutcome& outcome)
+Lines ServiceActionTest::ControllerLines(const ActionOutcome& outcome)
 {
-    std::vector<std::wstring> bodies;
+    wchar_t ids[64] = {};
+    _snwprintf(ids, 63, L"PID(0x%X) TID(0x%X) ", static_cast<unsigned>(::GetCurrentProcessId()),
+               static_cast<unsigned>(outcome.threadId));
+    const size_t idsLength = std::wcslen(ids);
+    const Lines frame = {L"Workbench (#) ", L"[ERROR] Workbench (#) ", L"[WARNING] Workbench (#) "};
+    Lines lines;
     for (const std::wstring& line : outcome.lines)
     {
-        bodies.push_back(QcRunner::Body(line));
-    }
-    return bodies;
-}
-
-std::vector<std::wstring> ServiceActionTest::WorkerLines(const ActionOutcome& outcome)
-{
-    std::vector<std::wstring> lines;
-    for (const std::wstring& body : Bodies(outcome))
-    {
-        std::wstring source = body;
-        for (const wchar_t* marker : {L"[ERROR] ", L"[WARNING] "})
-        {
-            if (source.compare(0, std::wcslen(marker), marker) == 0)
-            {
-                source = source.substr(std::wcslen(marker));
-            }
-        }
-        if (source.compare(0, 14, L"Workbench (#) ") != 0)
+        // "dd.mm.yyyy hh:mm:ss " comes first.
+        EXPECT_EQ(line.size() - QcRunner::WithoutPrefixes(line).size(), 20 + idsLength)
+            << ::testing::PrintToString(line);
+        EXPECT_EQ(line.compare(20, idsLength, ids), 0) << ::testing::PrintToString(line);
+        const std::wstring body = QcRunner::Body(line);
+        const auto opens = [&body](const std::wstring& start) { return body.rfind(start, 0) == 0; };
+        if (std::none_of(frame.begin(), frame.end(), opens))
         {
             lines.push_back(body);
         }

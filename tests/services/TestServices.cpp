@@ -1,6 +1,7 @@
 #include "services/TestServices.h"
 
-#include <sstream>
+#include <cstdio>
+#include <cstring>
 
 #include "support/ShippedDll.h"
 
@@ -8,45 +9,11 @@ namespace QcTest {
 
 namespace {
 
-constexpr DWORD kSettleMs = 60000;
-
-std::wstring ProgramFolder()
+CKernelHandle Event(const std::wstring& service, const wchar_t* what)
 {
-    const std::wstring dll = ShippedDllPath();
-    return dll.substr(0, dll.find_last_of(L'\\') + 1);
-}
-
-std::wstring EventName(const std::wstring& service, const wchar_t* what)
-{
-    return L"Global\\QcTestService." + service + L"." + what;
-}
-
-// Ends and deletes a service left over by an earlier run of the same test.
-void RemoveLeftover(SC_HANDLE hManager, const std::wstring& name)
-{
-    SC_HANDLE hService = ::OpenServiceW(hManager, name.c_str(), SERVICE_QUERY_STATUS | SERVICE_STOP | DELETE);
-    if (hService == nullptr)
-    {
-        return;
-    }
-    HANDLE hExit = ::CreateEventW(nullptr, TRUE, FALSE, EventName(name, L"Exit").c_str());
-    if (hExit != nullptr)
-    {
-        ::SetEvent(hExit);
-    }
-    SERVICE_STATUS status{};
-    for (DWORD waited = 0; waited < kSettleMs && ::QueryServiceStatus(hService, &status) &&
-                           status.dwCurrentState != SERVICE_STOPPED;
-         waited += 20)
-    {
-        ::Sleep(20);
-    }
-    ::DeleteService(hService);
-    ::CloseServiceHandle(hService);
-    if (hExit != nullptr)
-    {
-        ::CloseHandle(hExit);
-    }
+    // Manual-reset, shared by name with the service (QcTestService.cpp).
+    const std::wstring name = L"Global\\QcTestService." + service + L"." + what;
+    return CKernelHandle(::CreateEventW(nullptr, TRUE, FALSE, name.c_str()));
 }
 
 } // namespace
@@ -70,44 +37,26 @@ const wchar_t* StateName(DWORD state)
     }
 }
 
-CTestService::CTestService(const ServiceSpec& spec, const std::wstring& journalPath) : m_Name(spec.name)
+CTestService::CTestService(const ServiceDefinition& definition, const std::wstring& journalPath)
+    : m_Name(definition.name), m_hManager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS)),
+      m_hContinue(Event(m_Name, L"Continue")), m_hExit(Event(m_Name, L"Exit"))
 {
-    m_hManager = ::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS);
-    if (m_hManager == nullptr)
-    {
-        m_Error = L"OpenSCManager failed with error " + std::to_wstring(::GetLastError());
-        return;
-    }
-    RemoveLeftover(m_hManager, m_Name);
-    m_hContinue = ::CreateEventW(nullptr, TRUE, FALSE, EventName(m_Name, L"Continue").c_str());
-    m_hExit = ::CreateEventW(nullptr, TRUE, FALSE, EventName(m_Name, L"Exit").c_str());
-    ::ResetEvent(m_hContinue);
-    ::ResetEvent(m_hExit);
-
-    const std::wstring program =
-        ProgramFolder() + (spec.missingProgram ? L"QcNoSuchProgram.exe" : L"QcTestService.exe");
-    std::wstring commandLine = L"\"" + program + L"\" " + m_Name;
-    if (!spec.options.empty())
-    {
-        commandLine += L" " + spec.options;
-    }
-    if (!journalPath.empty())
-    {
-        commandLine += L" \"--journal=" + journalPath + L"\"";
-    }
+    ::ResetEvent(m_hContinue.get());
+    ::ResetEvent(m_hExit.get());
+    const std::wstring dll = ShippedDllPath();
+    std::wstring commandLine = L"\"" + dll.substr(0, dll.find_last_of(L'\\') + 1) + L"QcTestService.exe\" " + m_Name +
+                               L" " + definition.options + L" \"--journal=" + journalPath + L"\"";
     std::wstring dependencies;
-    for (const std::wstring& dependency : spec.dependsOn)
+    for (const std::wstring& dependency : definition.dependsOn)
     {
-        dependencies += dependency;
-        dependencies += L'\0';
+        dependencies += dependency + L'\0';
     }
     dependencies += L'\0';
-    const std::wstring displayName = L"Quillcast test service " + m_Name;
-    m_hService = ::CreateServiceW(m_hManager, m_Name.c_str(), displayName.c_str(), SERVICE_ALL_ACCESS,
-                                  SERVICE_WIN32_OWN_PROCESS, spec.startType, SERVICE_ERROR_NORMAL, commandLine.c_str(),
-                                  nullptr, nullptr, spec.dependsOn.empty() ? nullptr : dependencies.c_str(), nullptr,
-                                  nullptr);
-    if (m_hService == nullptr)
+    m_hService.reset(::CreateServiceW(m_hManager.get(), m_Name.c_str(), m_Name.c_str(), SERVICE_ALL_ACCESS,
+                                      SERVICE_WIN32_OWN_PROCESS, definition.startType, SERVICE_ERROR_NORMAL,
+                                      commandLine.c_str(), nullptr, nullptr,
+                                      definition.dependsOn.empty() ? nullptr : dependencies.c_str(), nullptr, nullptr));
+    if (!m_hService)
     {
         m_Error = L"CreateService " + m_Name + L" failed with error " + std::to_wstring(::GetLastError());
     }
@@ -115,85 +64,51 @@ CTestService::CTestService(const ServiceSpec& spec, const std::wstring& journalP
 
 CTestService::~CTestService()
 {
-    if (m_hService != nullptr)
+    if (m_hService)
     {
-        // The exit event stops it whatever its state; a stop control sent while
-        // its process exits would keep the manager waiting for an answer.
-        Exit();
-        if (!WaitForState(SERVICE_STOPPED, kSettleMs))
-        {
-            SERVICE_STATUS status{};
-            ::ControlService(m_hService, SERVICE_CONTROL_STOP, &status);
-            WaitForState(SERVICE_STOPPED, kSettleMs);
-        }
-        ::DeleteService(m_hService);
-        ::CloseServiceHandle(m_hService);
-    }
-    if (m_hManager != nullptr)
-    {
-        ::CloseServiceHandle(m_hManager);
-    }
-    for (HANDLE hEvent : {m_hContinue, m_hExit})
-    {
-        if (hEvent != nullptr)
-        {
-            ::CloseHandle(hEvent);
-        }
+        // The exit event ends it in any state; a stop control sent while its
+        // process exits would keep the manager waiting for an answer.
+        ::SetEvent(m_hExit.get());
+        WaitForState(SERVICE_STOPPED);
+        ::DeleteService(m_hService.get());
     }
 }
 
 DWORD CTestService::State() const
 {
     SERVICE_STATUS status{};
-    return ::QueryServiceStatus(m_hService, &status) ? status.dwCurrentState : 0;
+    return ::QueryServiceStatus(m_hService.get(), &status) ? status.dwCurrentState : 0;
 }
 
 bool CTestService::Start(bool wait)
 {
-    if (!::StartServiceW(m_hService, 0, nullptr))
-    {
-        return false;
-    }
-    return !wait || WaitForState(SERVICE_RUNNING, kSettleMs);
+    return ::StartServiceW(m_hService.get(), 0, nullptr) && (!wait || WaitForState(SERVICE_RUNNING));
 }
 
 bool CTestService::RequestStop()
 {
     SERVICE_STATUS status{};
-    return ::ControlService(m_hService, SERVICE_CONTROL_STOP, &status) != FALSE;
+    return ::ControlService(m_hService.get(), SERVICE_CONTROL_STOP, &status) != FALSE;
 }
 
 bool CTestService::Pause()
 {
     SERVICE_STATUS status{};
-    return ::ControlService(m_hService, SERVICE_CONTROL_PAUSE, &status) && WaitForState(SERVICE_PAUSED, kSettleMs);
+    return ::ControlService(m_hService.get(), SERVICE_CONTROL_PAUSE, &status) && WaitForState(SERVICE_PAUSED);
 }
 
 bool CTestService::WaitForState(DWORD state, DWORD timeoutMs) const
 {
     const DWORD start = ::GetTickCount();
-    for (;;)
+    while (State() != state)
     {
-        if (State() == state)
-        {
-            return true;
-        }
         if (::GetTickCount() - start > timeoutMs)
         {
             return false;
         }
         ::Sleep(20);
     }
-}
-
-void CTestService::Continue()
-{
-    ::SetEvent(m_hContinue);
-}
-
-void CTestService::Exit()
-{
-    ::SetEvent(m_hExit);
+    return true;
 }
 
 CTestServices::CTestServices()
@@ -212,15 +127,12 @@ CTestServices::~CTestServices()
     {
         m_Services.pop_back();
     }
-    if (!m_JournalPath.empty())
-    {
-        ::DeleteFileW(m_JournalPath.c_str());
-    }
+    ::DeleteFileW(m_JournalPath.c_str());
 }
 
-CTestService& CTestServices::Add(const ServiceSpec& spec)
+CTestService& CTestServices::Add(const ServiceDefinition& definition)
 {
-    m_Services.push_back(std::make_unique<CTestService>(spec, m_JournalPath));
+    m_Services.push_back(std::make_unique<CTestService>(definition, m_JournalPath));
     return *m_Services.back();
 }
 
@@ -235,35 +147,23 @@ void CTestServices::ContinueAll()
 std::vector<std::wstring> CTestServices::Journal() const
 {
     std::vector<std::wstring> entries;
-    HANDLE hFile = ::CreateFileW(m_JournalPath.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                                 OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (hFile == INVALID_HANDLE_VALUE)
+    if (FILE* file = ::_wfopen(m_JournalPath.c_str(), L"r"))
     {
-        return entries;
-    }
-    std::string content;
-    char chunk[4096];
-    DWORD read = 0;
-    while (::ReadFile(hFile, chunk, sizeof(chunk), &read, nullptr) && read != 0)
-    {
-        content.append(chunk, read);
-    }
-    ::CloseHandle(hFile);
-    std::istringstream lines(content);
-    for (std::string line; std::getline(lines, line);)
-    {
-        entries.emplace_back(line.begin(), line.end());
+        for (char line[512]; std::fgets(line, sizeof(line), file) != nullptr;)
+        {
+            const std::string entry(line, std::strcspn(line, "\r\n"));
+            entries.emplace_back(entry.begin(), entry.end());
+        }
+        std::fclose(file);
     }
     return entries;
 }
 
 void CTestServices::ClearJournal()
 {
-    HANDLE hFile = ::CreateFileW(m_JournalPath.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                                 TRUNCATE_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (hFile != INVALID_HANDLE_VALUE)
+    if (FILE* file = ::_wfopen(m_JournalPath.c_str(), L"w"))
     {
-        ::CloseHandle(hFile);
+        std::fclose(file);
     }
 }
 
