@@ -3,182 +3,105 @@
 #include <windows.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "logging/LogStreamMem.h"
 #include "logging/msi/LogStreamMsi.h"
+#include "support/ImportPatch.h"
 
 using Quillcast::Logging::CLogStreamMem;
 using Quillcast::Logging::MSI::CLogStreamMsi;
 
 namespace {
 
-std::wstring TextOf(const CLogStreamMem& line)
+int g_nRecordsCreated = 0;
+
+MSIHANDLE WINAPI CountRecordCreation(UINT)
 {
-    return line.Length() == 0 ? L"" : std::wstring(line.Data(), line.Length());
+    ++g_nRecordsCreated;
+    return 0;
 }
 
-// A thread that stays alive (keeping its id) and runs work on request, one item
-// at a time, so that a test can step several bound threads in turn.
-class CWorkerThread
+// Runs the steps one after another, each on the thread it names (0, 1, ...). Every
+// thread lives, and keeps its id, until the last step is done.
+void RunInTurn(int threads, const std::vector<std::pair<int, std::function<void()>>>& steps)
 {
-public:
-    CWorkerThread() : m_Thread([this] { Loop(); }) {}
-    CWorkerThread(const CWorkerThread&) = delete;
-    CWorkerThread& operator=(const CWorkerThread&) = delete;
-    ~CWorkerThread()
+    std::atomic<size_t> next{0};
+    std::vector<std::thread> pool;
+    for (int t = 0; t < threads; ++t)
     {
-        {
-            std::lock_guard<std::mutex> lock(m_Mutex);
-            m_bStop = true;
-        }
-        m_Changed.notify_all();
-        m_Thread.join();
-    }
-
-    // Runs `work` on this thread and waits for it to finish.
-    void Run(std::function<void()> work)
-    {
-        std::unique_lock<std::mutex> lock(m_Mutex);
-        m_Work = std::move(work);
-        m_Changed.notify_all();
-        m_Changed.wait(lock, [this] { return !m_Work; });
-    }
-
-private:
-    void Loop()
-    {
-        std::unique_lock<std::mutex> lock(m_Mutex);
-        for (;;)
-        {
-            m_Changed.wait(lock, [this] { return m_bStop || m_Work; });
-            if (!m_Work)
+        pool.emplace_back([&, t] {
+            for (size_t step = next; step < steps.size(); step = next)
             {
-                return;
+                if (steps[step].first == t)
+                {
+                    steps[step].second();
+                    ++next;
+                }
+                std::this_thread::yield();
             }
-            m_Work();
-            m_Work = nullptr;
-            m_Changed.notify_all();
-        }
+        });
     }
-
-    std::mutex m_Mutex;
-    std::condition_variable m_Changed;
-    std::function<void()> m_Work;
-    bool m_bStop = false;
-    std::thread m_Thread;
-};
+    for (std::thread& thread : pool)
+    {
+        thread.join();
+    }
+}
 
 } // namespace
 
-TEST(LogStreamMem, WriteWithoutTextOrLengthFailsAndKeepsTheLine)
+TEST(LogStreamMem, WriteGrowsExactlyRefusesAnEmptyWriteAndClearKeepsTheCapacity)
 {
     CLogStreamMem line;
     ASSERT_TRUE(line.Write(L"abc", 3));
     EXPECT_FALSE(line.Write(nullptr, 4));
     EXPECT_FALSE(line.Write(L"def", 0));
-    EXPECT_EQ(TextOf(line), L"abc");
-    EXPECT_EQ(line.Capacity(), 3u);
-}
-
-TEST(LogStreamMem, WriteGrowsExactlyByTheGivenLength)
-{
-    CLogStreamMem line;
-    ASSERT_TRUE(line.Write(L"abc", 3));
-    EXPECT_EQ(line.Length(), 3u);
-    EXPECT_EQ(line.Capacity(), 3u);
     ASSERT_TRUE(line.Write(L"defgh", 2));
-    EXPECT_EQ(line.Length(), 5u);
+    EXPECT_EQ(std::wstring(line.Data(), line.Length()), L"abcde");
     EXPECT_EQ(line.Capacity(), 5u);
-    EXPECT_EQ(TextOf(line), L"abcde");
-}
 
-TEST(LogStreamMem, ClearKeepsTheCapacityAndTerminateAddsOneZero)
-{
-    CLogStreamMem line;
-    ASSERT_TRUE(line.Write(L"abcdef", 6));
     line.Clear();
-    EXPECT_EQ(line.Length(), 0u);
-    EXPECT_EQ(line.Capacity(), 6u);
     ASSERT_TRUE(line.Write(L"xy", 2));
-    EXPECT_EQ(line.Capacity(), 6u);
     ASSERT_TRUE(line.Terminate());
     EXPECT_EQ(line.Length(), 3u);
+    EXPECT_EQ(line.Capacity(), 5u);
     EXPECT_STREQ(line.Data(), L"xy");
 }
 
-TEST(LogStreamMsi, BindingHandleZeroIsRefusedAndAddsNothing)
+TEST(LogStreamMsi, EachThreadHasOneEntryThatBindSwitchesAndUnbindRemovesWithoutDisturbingOthers)
 {
     CLogStreamMsi stream;
-    EXPECT_FALSE(stream.Bind(0));
-    EXPECT_EQ(stream.BindingCount(), 0u);
-    EXPECT_EQ(stream.BoundSession(), 0u);
-}
-
-TEST(LogStreamMsi, BindingAgainSwitchesTheSessionOfTheOneEntry)
-{
-    CLogStreamMsi stream;
-    ASSERT_TRUE(stream.Bind(101));
-    ASSERT_TRUE(stream.Bind(202));
-    EXPECT_EQ(stream.BindingCount(), 1u);
-    EXPECT_EQ(stream.BoundSession(), 202u);
-    EXPECT_FALSE(stream.Bind(0));
-    EXPECT_EQ(stream.BoundSession(), 202u);
-    stream.Unbind();
-    EXPECT_EQ(stream.BindingCount(), 0u);
-}
-
-TEST(LogStreamMsi, UnbindingRemovesOnlyTheCallingThread)
-{
-    CLogStreamMsi stream;
-    CWorkerThread a, b, c;
-    a.Run([&] { EXPECT_TRUE(stream.Bind(101)); });
-    b.Run([&] { EXPECT_TRUE(stream.Bind(102)); });
-    c.Run([&] { EXPECT_TRUE(stream.Bind(103)); });
-    ASSERT_EQ(stream.BindingCount(), 3u);
-
-    // This thread was never bound: nothing changes.
-    stream.Unbind();
-    EXPECT_EQ(stream.BindingCount(), 3u);
-
-    b.Run([&] { stream.Unbind(); });
+    MSIHANDLE seen[3] = {};
+    const auto bind = [&](MSIHANDLE h) { return [&, h] { EXPECT_EQ(stream.Bind(h), h != 0); }; };
+    const auto unbind = [&] { stream.Unbind(); };
+    const auto look = [&](int t) { return [&, t] { seen[t] = stream.BoundSession(); }; };
+    // Thread 3 was never bound: its unbinding changes nothing.
+    RunInTurn(4, {{0, bind(0)}, {0, bind(100)}, {0, bind(101)}, {1, bind(102)}, {2, bind(103)}, {3, unbind},
+                  {1, unbind}, {0, look(0)}, {1, look(1)}, {2, look(2)}});
     EXPECT_EQ(stream.BindingCount(), 2u);
-    MSIHANDLE sessions[3] = {};
-    a.Run([&] { sessions[0] = stream.BoundSession(); });
-    b.Run([&] { sessions[1] = stream.BoundSession(); });
-    c.Run([&] { sessions[2] = stream.BoundSession(); });
-    EXPECT_EQ(sessions[0], 101u);
-    EXPECT_EQ(sessions[1], 0u);
-    EXPECT_EQ(sessions[2], 103u);
-
-    c.Run([&] { stream.Unbind(); });
-    b.Run([&] { EXPECT_TRUE(stream.Bind(104)); });
-    a.Run([&] { sessions[0] = stream.BoundSession(); });
-    b.Run([&] { sessions[1] = stream.BoundSession(); });
-    EXPECT_EQ(stream.BindingCount(), 2u);
-    EXPECT_EQ(sessions[0], 101u);
-    EXPECT_EQ(sessions[1], 104u);
-    a.Run([&] { stream.Unbind(); });
-    b.Run([&] { stream.Unbind(); });
-    EXPECT_EQ(stream.BindingCount(), 0u);
+    EXPECT_EQ(seen[0], 101u);
+    EXPECT_EQ(seen[1], 0u);
+    EXPECT_EQ(seen[2], 103u);
 }
 
 TEST(LogStreamMsi, ConcurrentBindingsNeverSeeEachOther)
 {
-    constexpr uint32_t kThreads = 8;
     CLogStreamMsi stream;
-    std::atomic<uint32_t> mismatches{0};
+    std::atomic<uint32_t> ready{0}, mismatches{0};
     std::vector<std::thread> threads;
-    for (uint32_t t = 0; t < kThreads; ++t)
+    for (MSIHANDLE hOwn = 1000; hOwn < 1008; ++hOwn)
     {
-        threads.emplace_back([&, t] {
-            const MSIHANDLE hOwn = 1000 + t;
-            for (int i = 0; i < 2000; ++i)
+        threads.emplace_back([&, hOwn] {
+            // Start together, so that the table really is changed by several threads at once.
+            for (++ready; ready < 8;)
+            {
+                std::this_thread::yield();
+            }
+            for (int i = 0; i < 20000; ++i)
             {
                 mismatches += !stream.Bind(hOwn) || stream.BoundSession() != hOwn;
                 stream.Unbind();
@@ -194,15 +117,20 @@ TEST(LogStreamMsi, ConcurrentBindingsNeverSeeEachOther)
     EXPECT_EQ(stream.BindingCount(), 0u);
 }
 
-TEST(LogStreamMsi, WriteFailsWithoutTextOrABoundSession)
+TEST(LogStreamMsi, WriteFailsWithoutTextAndAnUnboundThreadNeverReachesTheInstaller)
 {
+    const QcTest::CImportPatch patch(::GetModuleHandleW(nullptr), "msi.dll", "MsiCreateRecord",
+                                     reinterpret_cast<const void*>(&CountRecordCreation));
+    ASSERT_TRUE(patch.IsApplied());
+    g_nRecordsCreated = 0;
     CLogStreamMsi stream;
     EXPECT_FALSE(stream.Write(L"line", 4));
-
     ASSERT_TRUE(stream.Bind(0x7FFF4321));
     EXPECT_FALSE(stream.Write(nullptr, 4));
     EXPECT_FALSE(stream.Write(L"line", 0));
-    // Bound, but to a handle that is no installer session.
+    EXPECT_EQ(g_nRecordsCreated, 0);
+    // Bound, the line goes as far as the record, which the stand-in refuses.
     EXPECT_FALSE(stream.Write(L"line", 4));
+    EXPECT_EQ(g_nRecordsCreated, 1);
     stream.Unbind();
 }

@@ -3,6 +3,7 @@
 #include <windows.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/LogCapture.h"
@@ -16,58 +17,50 @@ namespace {
 std::wstring TestFile(const wchar_t* name)
 {
     wchar_t path[MAX_PATH] = {};
-    const DWORD length = ::GetModuleFileNameW(nullptr, path, MAX_PATH);
-    std::wstring folder(path, length);
-    return folder.substr(0, folder.find_last_of(L'\\') + 1) + name;
+    const std::wstring program(path, ::GetModuleFileNameW(nullptr, path, MAX_PATH));
+    return program.substr(0, program.find_last_of(L'\\') + 1) + name;
 }
 
 } // namespace
 
-TEST(FileVersion, TextIsTheFileVersionWhateverProductVersionAndStringsSay)
+TEST(FileVersion, TextIsTheFileVersionInFullSixteenBitWordsWhateverProductVersionAndStringsSay)
 {
     QcTest::CLogCapture log;
-    CFileVersion version(TestFile(L"qc_test_version1234.dll").c_str());
-    EXPECT_EQ(version.Error(), 0u);
-    EXPECT_STREQ(version.Text(), L"1.2.3.4");
-    ASSERT_NE(version.FixedInfo(), nullptr);
-    EXPECT_EQ(version.FixedInfo()->dwProductVersionMS, 0x00090008u);
+    const std::pair<const wchar_t*, const wchar_t*> cases[] = {
+        {L"qc_test_version1234.dll", L"1.2.3.4"},
+        {L"qc_test_versionmax.dll", L"65535.65535.65535.65534"},
+    };
+    for (const auto& [name, expected] : cases)
+    {
+        CFileVersion version(TestFile(name).c_str());
+        EXPECT_EQ(version.Error(), 0u);
+        EXPECT_STREQ(version.Text(), expected);
+        ASSERT_NE(version.FixedInfo(), nullptr);
+        EXPECT_EQ(version.FixedInfo()->dwSignature, static_cast<DWORD>(VS_FFI_SIGNATURE));
+    }
     EXPECT_TRUE(log.Lines().empty());
 }
 
-TEST(FileVersion, WordsUseTheFullUnsignedSixteenBitRange)
+TEST(FileVersion, FileWithoutVersionResourceOrMissingIsLoggedWithTheSystemsCode)
 {
-    CFileVersion version(TestFile(L"qc_test_versionmax.dll").c_str());
-    EXPECT_EQ(version.Error(), 0u);
-    EXPECT_STREQ(version.Text(), L"65535.65535.65535.65534");
-}
+    for (const wchar_t* name : {L"qc_test_noversion.dll", L"qc_test_absent.dll"})
+    {
+        // Which code is the platform's choice (Wine answers 1812 for no resource): ask the system itself.
+        const std::wstring path = TestFile(name);
+        DWORD dwHandle = 0;
+        ::SetLastError(0);
+        ASSERT_EQ(::GetFileVersionInfoSizeW(path.c_str(), &dwHandle), 0u);
+        const DWORD dwExpected = ::GetLastError();
+        ASSERT_NE(dwExpected, 0u);
 
-TEST(FileVersion, FileWithoutVersionResourceIsLoggedWithTheSystemsCode)
-{
-    const std::wstring path = TestFile(L"qc_test_noversion.dll");
-    // Which code is the platform's choice (Wine answers 1812 here): ask the system itself.
-    DWORD dwHandle = 0;
-    ::SetLastError(0);
-    ASSERT_EQ(::GetFileVersionInfoSizeW(path.c_str(), &dwHandle), 0u);
-    const DWORD dwExpected = ::GetLastError();
-    ASSERT_NE(dwExpected, 0u);
-
-    QcTest::CLogCapture log;
-    CFileVersion version(path.c_str());
-    EXPECT_EQ(version.Error(), dwExpected);
-    EXPECT_STREQ(version.Text(), L"");
-    EXPECT_EQ(version.FixedInfo(), nullptr);
-    EXPECT_EQ(log.Bodies(), std::vector<std::wstring>{L"[ERROR] FileVersion (#) GetFileVersionInfoSize failed with error " +
-                                                      std::to_wstring(dwExpected) + L"."});
-}
-
-TEST(FileVersion, MissingFileIsLoggedWithFileNotFound)
-{
-    QcTest::CLogCapture log;
-    CFileVersion version(TestFile(L"qc_test_absent.dll").c_str());
-    EXPECT_EQ(version.Error(), static_cast<uint32_t>(ERROR_FILE_NOT_FOUND));
-    EXPECT_STREQ(version.Text(), L"");
-    EXPECT_EQ(log.Bodies(),
-              std::vector<std::wstring>{L"[ERROR] FileVersion (#) GetFileVersionInfoSize failed with error 2."});
+        QcTest::CLogCapture log;
+        CFileVersion version(path.c_str());
+        EXPECT_EQ(version.Error(), dwExpected);
+        EXPECT_STREQ(version.Text(), L"");
+        EXPECT_EQ(version.FixedInfo(), nullptr);
+        EXPECT_EQ(log.Bodies(), std::vector<std::wstring>{L"[ERROR] FileVersion (#) GetFileVersionInfoSize failed "
+                                                          L"with error " + std::to_wstring(dwExpected) + L"."});
+    }
 }
 
 TEST(FileVersion, NullOrEmptyPathIsAnInvalidParameterWithoutLogEntry)

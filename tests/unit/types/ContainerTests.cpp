@@ -1,19 +1,17 @@
 #include <gtest/gtest.h>
 
-#include <windows.h>
-
-#include <memory>
+#include <numeric>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "host/types/Buffer.h"
-#include "host/types/ClassPtr.h"
 #include "host/types/CriticalSection.h"
 #include "host/types/PointerList.h"
 
 using Quillcast::System::Synchronization::CCriticalSection;
 using Quillcast::System::Synchronization::CSingleLock;
 using Quillcast::System::Types::CBuffer;
-using Quillcast::System::Types::CClassPtr;
 using Quillcast::System::Types::CPointerList;
 
 namespace {
@@ -21,209 +19,96 @@ namespace {
 // Counts destructions, so that a test can see exactly when an owner frees.
 struct CCounted
 {
-    static int s_destroyed;
+    static inline int s_destroyed = 0;
     int m_nValue = 0;
-    CCounted() = default;
-    explicit CCounted(int nValue) : m_nValue(nValue) {}
-    CCounted(const CCounted&) = default;
-    CCounted& operator=(const CCounted&) = default;
     ~CCounted() { ++s_destroyed; }
 };
-int CCounted::s_destroyed = 0;
 
-void Fill(CBuffer<int>& buffer)
+// The whole capacity, with "|" where the count ends: "1 2|0 0" is count 2 of capacity 4.
+std::string Layout(const CBuffer<int>& buffer)
 {
-    for (uint32_t i = 0; i < buffer.Size(); ++i)
+    std::string text;
+    for (uint32_t i = 0; i < buffer.Capacity(); ++i)
     {
-        buffer[i] = static_cast<int>(i) + 1;
+        text += (i == buffer.Size() ? "|" : i > 0 ? " " : "") + std::to_string(buffer[i]);
     }
-}
-
-bool IsZero(const CBuffer<int>& buffer, uint32_t from, uint32_t to)
-{
-    for (uint32_t i = from; i < to; ++i)
-    {
-        if (buffer[i] != 0)
-        {
-            return false;
-        }
-    }
-    return true;
+    return buffer.Size() == buffer.Capacity() ? text + "|" : text;
 }
 
 } // namespace
 
-TEST(Buffer, AllocateZeroCountIsRefusedAndKeepsContents)
+TEST(Buffer, AllocateAndResizeGrowExactlyReuseALargeEnoughArrayAndZeroEverythingPastTheCount)
 {
     CBuffer<int> buffer;
     EXPECT_FALSE(buffer.Allocate(0));
-    EXPECT_EQ(buffer.Size(), 0u);
-    EXPECT_EQ(buffer.Data(), nullptr);
-
-    ASSERT_TRUE(buffer.Allocate(3));
-    Fill(buffer);
-    EXPECT_FALSE(buffer.Allocate(0));
-    EXPECT_EQ(buffer.Size(), 3u);
-    EXPECT_EQ(buffer.Capacity(), 3u);
-    EXPECT_EQ(buffer[2], 3);
-}
-
-TEST(Buffer, AllocateGrowsExactlyAndReusesLargeEnoughArrayZeroingAllOfIt)
-{
-    CBuffer<int> buffer;
-    ASSERT_TRUE(buffer.Allocate(5));
-    EXPECT_EQ(buffer.Size(), 5u);
-    EXPECT_EQ(buffer.Capacity(), 5u);
-    EXPECT_TRUE(IsZero(buffer, 0, 5));
-
-    Fill(buffer);
-    const int* pArray = buffer.Data();
-    ASSERT_TRUE(buffer.Allocate(2));
-    EXPECT_EQ(buffer.Data(), pArray);
-    EXPECT_EQ(buffer.Size(), 2u);
-    EXPECT_EQ(buffer.Capacity(), 5u);
-    EXPECT_TRUE(IsZero(buffer, 0, 5));
-
-    Fill(buffer);
-    ASSERT_TRUE(buffer.Allocate(9));
-    EXPECT_EQ(buffer.Size(), 9u);
-    EXPECT_EQ(buffer.Capacity(), 9u);
-    EXPECT_TRUE(IsZero(buffer, 0, 9));
-}
-
-TEST(Buffer, ResizeKeepsContentsGrowsExactlyAndZeroesEverythingPastTheCount)
-{
-    CBuffer<int> buffer;
     ASSERT_TRUE(buffer.Allocate(4));
-    Fill(buffer);
-
+    std::iota(buffer.Data(), buffer.Data() + buffer.Size(), 1);
+    EXPECT_FALSE(buffer.Allocate(0));
     ASSERT_TRUE(buffer.Resize(6));
-    EXPECT_EQ(buffer.Size(), 6u);
-    EXPECT_EQ(buffer.Capacity(), 6u);
-    EXPECT_EQ(buffer[0], 1);
-    EXPECT_EQ(buffer[3], 4);
-    EXPECT_TRUE(IsZero(buffer, 4, 6));
+    EXPECT_EQ(Layout(buffer), "1 2 3 4 0 0|");
 
-    Fill(buffer);
+    std::iota(buffer.Data(), buffer.Data() + buffer.Size(), 1);
     const int* pArray = buffer.Data();
+    ASSERT_TRUE(buffer.Allocate(3));
+    EXPECT_EQ(Layout(buffer), "0 0 0|0 0 0");
+    std::iota(buffer.Data(), buffer.Data() + buffer.Size(), 1);
     ASSERT_TRUE(buffer.Resize(2));
-    EXPECT_EQ(buffer.Data(), pArray);
-    EXPECT_EQ(buffer.Size(), 2u);
-    EXPECT_EQ(buffer.Capacity(), 6u);
-    EXPECT_EQ(buffer[1], 2);
-    EXPECT_TRUE(IsZero(buffer, 2, 6));
-
-    // Growing back within the capacity brings zeroes, not the old values.
-    ASSERT_TRUE(buffer.Resize(5));
-    EXPECT_EQ(buffer.Data(), pArray);
-    EXPECT_EQ(buffer[1], 2);
-    EXPECT_TRUE(IsZero(buffer, 2, 6));
-
+    EXPECT_EQ(Layout(buffer), "1 2|0 0 0 0");
     ASSERT_TRUE(buffer.Resize(0));
-    EXPECT_EQ(buffer.Size(), 0u);
-    EXPECT_EQ(buffer.Capacity(), 6u);
     EXPECT_TRUE(buffer.IsEmpty());
-    EXPECT_TRUE(IsZero(buffer, 0, 6));
+    EXPECT_EQ(Layout(buffer), "|0 0 0 0 0 0");
+    EXPECT_EQ(buffer.Data(), pArray);
+    ASSERT_TRUE(buffer.Allocate(7));
+    EXPECT_EQ(Layout(buffer), "0 0 0 0 0 0 0|");
 }
 
-TEST(Buffer, CopiesShareOneArrayThatOutlivesTheFirstOwner)
-{
-    auto pFirst = std::make_unique<CBuffer<wchar_t>>();
-    ASSERT_TRUE(pFirst->Allocate(4));
-    (*pFirst)[0] = L'a';
-    (*pFirst)[1] = L'b';
-
-    CBuffer<wchar_t> second(*pFirst);
-    EXPECT_EQ(second.Data(), pFirst->Data());
-    EXPECT_EQ(second.OwnerCount(), 2);
-    EXPECT_EQ(second.Size(), 4u);
-
-    pFirst.reset();
-    EXPECT_EQ(second.OwnerCount(), 1);
-    EXPECT_STREQ(second.Data(), L"ab");
-}
-
-TEST(Buffer, OnlyTheLastOwnerFreesTheArray)
-{
-    CCounted::s_destroyed = 0;
-    auto pFirst = std::make_unique<CBuffer<CCounted>>();
-    ASSERT_TRUE(pFirst->Allocate(3));
-    auto pSecond = std::make_unique<CBuffer<CCounted>>(*pFirst);
-    auto pThird = std::make_unique<CBuffer<CCounted>>();
-    *pThird = *pSecond;
-    EXPECT_EQ(pThird->OwnerCount(), 3);
-
-    CCounted::s_destroyed = 0;
-    pFirst.reset();
-    pSecond.reset();
-    EXPECT_EQ(CCounted::s_destroyed, 0);
-    EXPECT_EQ(pThird->OwnerCount(), 1);
-
-    pThird.reset();
-    EXPECT_EQ(CCounted::s_destroyed, 3);
-}
-
-TEST(Buffer, GrowingACopyDetachesItFromTheSharedArray)
-{
-    CBuffer<int> first;
-    ASSERT_TRUE(first.Allocate(2));
-    Fill(first);
-    CBuffer<int> second(first);
-
-    ASSERT_TRUE(second.Resize(4));
-    EXPECT_NE(second.Data(), first.Data());
-    EXPECT_EQ(first.OwnerCount(), 1);
-    EXPECT_EQ(second.OwnerCount(), 1);
-    EXPECT_EQ(second[1], 2);
-    EXPECT_EQ(first.Size(), 2u);
-    EXPECT_EQ(first[1], 2);
-}
-
-TEST(ClassPtr, CopiesShareTheObjectAndTheLastOwnerDeletesItOnce)
+TEST(Buffer, CopiesShareOneArrayUntilOneGrowsAndOnlyTheLastOwnerFreesIt)
 {
     CCounted::s_destroyed = 0;
     {
-        CClassPtr<CCounted> first(new CCounted(7));
+        CBuffer<CCounted> last;
         {
-            CClassPtr<CCounted> second(first);
-            EXPECT_EQ(second.Get(), first.Get());
+            CBuffer<CCounted> first;
+            ASSERT_TRUE(first.Allocate(3));
+            first[1].m_nValue = 7;
+            CBuffer<CCounted> grown(first);
+            last = grown;
+            EXPECT_EQ(last.Data(), first.Data());
+            EXPECT_EQ(last.OwnerCount(), 3);
+
+            ASSERT_TRUE(grown.Resize(4));
+            EXPECT_NE(grown.Data(), first.Data());
+            EXPECT_EQ(grown[1].m_nValue, 7);
             EXPECT_EQ(first.OwnerCount(), 2);
         }
-        EXPECT_EQ(CCounted::s_destroyed, 0);
-        EXPECT_EQ(first->m_nValue, 7);
+        // Only the grown copy's own array of four is gone.
+        EXPECT_EQ(CCounted::s_destroyed, 4);
+        EXPECT_EQ(last.OwnerCount(), 1);
+        EXPECT_EQ(last[1].m_nValue, 7);
     }
-    EXPECT_EQ(CCounted::s_destroyed, 1);
+    EXPECT_EQ(CCounted::s_destroyed, 7);
 }
 
-TEST(PointerList, NullIsNotAppended)
-{
-    CPointerList<CCounted> list;
-    EXPECT_FALSE(list.Append(nullptr));
-    EXPECT_EQ(list.Count(), 0u);
-    EXPECT_EQ(list.First(), nullptr);
-}
-
-TEST(PointerList, CursorVisitsElementsInAppendOrderAndTheListFreesThem)
+TEST(PointerList, CursorVisitsElementsInAppendOrderSkippingNullAndTheListFreesThem)
 {
     CCounted::s_destroyed = 0;
     {
         CPointerList<CCounted> list;
+        EXPECT_FALSE(list.Append(nullptr));
+        EXPECT_EQ(list.First(), nullptr);
         for (int i = 1; i <= 3; ++i)
         {
-            EXPECT_TRUE(list.Append(new CCounted(i)));
+            EXPECT_TRUE(list.Append(new CCounted{i}));
         }
         EXPECT_EQ(list.Count(), 3u);
-
-        for (int pass = 0; pass < 2; ++pass)
+        std::vector<int> visited;
+        for (CCounted* pItem = list.First(); pItem != nullptr; pItem = list.Next())
         {
-            int expected = 1;
-            for (CCounted* pItem = list.First(); pItem != nullptr; pItem = list.Next())
-            {
-                EXPECT_EQ(pItem->m_nValue, expected++);
-            }
-            EXPECT_EQ(expected, 4);
-            EXPECT_EQ(list.Next(), nullptr);
+            visited.push_back(pItem->m_nValue);
         }
+        EXPECT_EQ(visited, (std::vector<int>{1, 2, 3}));
+        EXPECT_EQ(list.Next(), nullptr);
+        EXPECT_EQ(list.First()->m_nValue, 1);
         EXPECT_EQ(CCounted::s_destroyed, 0);
     }
     EXPECT_EQ(CCounted::s_destroyed, 3);
@@ -232,7 +117,7 @@ TEST(PointerList, CursorVisitsElementsInAppendOrderAndTheListFreesThem)
 TEST(CriticalSection, SingleLockHoldsTheSectionForItsScopeOnly)
 {
     CCriticalSection section;
-    const auto tryFromOtherThread = [&section] {
+    const auto takenByOtherThread = [&section] {
         bool bTaken = false;
         std::thread([&] {
             bTaken = section.TryLock();
@@ -245,7 +130,7 @@ TEST(CriticalSection, SingleLockHoldsTheSectionForItsScopeOnly)
     };
     {
         CSingleLock lock(section);
-        EXPECT_FALSE(tryFromOtherThread());
+        EXPECT_FALSE(takenByOtherThread());
     }
-    EXPECT_TRUE(tryFromOtherThread());
+    EXPECT_TRUE(takenByOtherThread());
 }

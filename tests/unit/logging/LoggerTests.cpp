@@ -1,0 +1,246 @@
+#include <gtest/gtest.h>
+
+#include <windows.h>
+
+#include <algorithm>
+#include <atomic>
+#include <climits>
+#include <cstdint>
+#include <cwchar>
+#include <functional>
+#include <string>
+#include <thread>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "logging/DefaultLogger.h"
+#include "logging/Log.h"
+#include "logging/LogPostfixPoint.h"
+#include "support/CapturingStream.h"
+#include "support/LogCapture.h"
+
+using Quillcast::Logging::CDefaultLogger;
+using Quillcast::Logging::CLogger;
+using Quillcast::Logging::CLogPostfixPoint;
+using Quillcast::Logging::CLogPrefix;
+using Quillcast::System::IO::COutputStream;
+using Lines = std::vector<std::wstring>;
+
+namespace {
+
+// The process/thread prefix as the calling thread writes it.
+std::wstring ThreadPrefix()
+{
+    wchar_t text[64] = {};
+    ::_snwprintf(text, 63, L"PID(0x%X) TID(0x%X) ", static_cast<unsigned>(::GetCurrentProcessId()),
+                 static_cast<unsigned>(::GetCurrentThreadId()));
+    return text;
+}
+
+// A prefix or postfix with a fixed text; one that cannot be cloned plays a
+// clone that failed for lack of memory.
+class CTextPiece : public CLogPrefix
+{
+public:
+    explicit CTextPiece(const wchar_t* pText, bool bClonable = true) : m_pText(pText), m_bClonable(bClonable) {}
+    void Write(COutputStream<wchar_t>& stream) const override
+    {
+        stream.Write(m_pText, static_cast<uint32_t>(::wcslen(m_pText)));
+    }
+    CLogable* Clone() const override { return m_bClonable ? new CTextPiece(*this) : nullptr; }
+
+private:
+    const wchar_t* m_pText;
+    bool m_bClonable;
+};
+
+void LogEntry(CLogger& logger, uint32_t level, const std::function<void(CLogger&)>& append, bool bNoPostfix = false)
+{
+    logger.Begin(level);
+    append(logger);
+    logger.End(bNoPostfix);
+}
+
+} // namespace
+
+TEST(LoggerLayout, ErrorEntryHasDateThreadMarkerSourceBodyAndPoint)
+{
+    QcTest::CLogCapture log;
+    SYSTEMTIME before{}, after{}, logged{};
+    ::GetLocalTime(&before);
+    LogEntry(log.Logger(), 1, [](CLogger& entry) { entry.Source(L"MsiArguments", 38).Append(L"Invalid MSI handle"); });
+    ::GetLocalTime(&after);
+
+    ASSERT_EQ(log.Lines().size(), 1u);
+    const std::wstring& line = log.Lines()[0];
+    EXPECT_EQ(line.substr(20), ThreadPrefix() + L"[ERROR] MsiArguments (38) Invalid MSI handle.");
+    // Day first, then month, year and the 24-hour clock.
+    ASSERT_EQ(::swscanf(line.c_str(), L"%2hu.%2hu.%4hu %2hu:%2hu:%2hu ", &logged.wDay, &logged.wMonth, &logged.wYear,
+                        &logged.wHour, &logged.wMinute, &logged.wSecond),
+              6);
+    const auto order = [](const SYSTEMTIME& t) {
+        return std::tie(t.wYear, t.wMonth, t.wDay, t.wHour, t.wMinute, t.wSecond);
+    };
+    EXPECT_TRUE(order(before) <= order(logged) && order(logged) <= order(after)) << line;
+}
+
+TEST(LoggerLayout, EveryEnabledLevelStartsAFreshLineAndOnlyErrorsAndWarningsCarryAMarker)
+{
+    QcTest::CLogCapture log;
+    const struct
+    {
+        uint32_t level;
+        const wchar_t* body;
+        Lines expected;
+    } cases[] = {
+        {1, L"body", {L"[ERROR] Workbench (#) body."}},
+        {2, L"body", {L"[WARNING] Workbench (#) body."}},
+        {4, L"body", {L"Workbench (#) body."}},
+        {8, L"body", {L"Workbench (#) body."}},
+        {16, L"outside the mask", {}},
+        // The point follows even a body that ends in one.
+        {1, L"Converting 3 characters failed.", {L"[ERROR] Workbench (#) Converting 3 characters failed.."}},
+    };
+    for (const auto& sample : cases)
+    {
+        log.Clear();
+        LogEntry(log.Logger(), sample.level,
+                 [&](CLogger& entry) { entry.Source(L"Workbench", 7).Append(sample.body); });
+        EXPECT_EQ(log.Bodies(), sample.expected) << sample.level;
+    }
+}
+
+TEST(LoggerLayout, PrefixesAndPostfixesAreWrittenInAttachOrderAsCopies)
+{
+    QcTest::CCapturingStream stream;
+    CDefaultLogger logger(&stream);
+    {
+        // The temporaries die here: the logger must hold its own copies.
+        logger.AddPrefix(CTextPiece(L"<one> "));
+        logger.AddPrefix(CTextPiece(L"<never> ", false));
+        logger.AddPrefix(CTextPiece(L"<two> "));
+        logger.AddPostfix(CTextPiece(L"|tail"));
+        logger.AddPostfix(CLogPostfixPoint());
+    }
+    LogEntry(logger, 2, [](CLogger& log) { log.Source(L"Shell", 3).Append(L"body"); });
+    LogEntry(logger, 4, [](CLogger& log) { log.Append(L"bare"); }, true);
+    ASSERT_EQ(stream.m_Lines.size(), 2u);
+    EXPECT_EQ(QcTest::WithoutPrefixes(stream.m_Lines[0]), L"<one> <two> [WARNING] Shell (3) body|tail.");
+    EXPECT_EQ(QcTest::WithoutPrefixes(stream.m_Lines[1]), L"<one> <two> bare");
+}
+
+TEST(LoggerLayout, EveryAppendWritesItsFormatAndNullOrEmptyTextWritesNothing)
+{
+    // Without a postfix the line is the prefixes and exactly what was appended.
+    QcTest::CCapturingStream stream;
+    CDefaultLogger logger(&stream);
+    const std::pair<std::function<void(CLogger&)>, const wchar_t*> cases[] = {
+        {[](CLogger& log) { log.Append(true); }, L"True"},
+        {[](CLogger& log) { log.Append(false); }, L"False"},
+        {[](CLogger& log) { log.Append(static_cast<uint32_t>(UINT32_MAX)); }, L"4294967295"},
+        {[](CLogger& log) { log.Append(static_cast<unsigned long>(ULONG_MAX)); }, L"4294967295"},
+        {[](CLogger& log) { log.AppendHex(255); }, L"FF"},
+        {[](CLogger& log) { log.AppendHex(0xDEADBEEF); }, L"DEADBEEF"},
+        // Only the low 32 bits of a 64-bit number appear.
+        {[](CLogger& log) { log.Append(static_cast<uint64_t>(0x100000005ull)); }, L"5"},
+        {[](CLogger& log) { log.Append(static_cast<int32_t>(INT32_MIN)); }, L"-2147483648"},
+        {[](CLogger& log) { log.Append(-7L); }, L"-7"},
+        {[](CLogger& log) { log.Append(static_cast<int16_t>(-32768)); }, L"-32768"},
+        {[](CLogger& log) { log.Append(static_cast<uint16_t>(65535)); }, L"65535"},
+        {[](CLogger& log) { log.Append(static_cast<uint8_t>(255)); }, L"255"},
+        {[](CLogger& log) { log.Append(-0.125f); }, L"-0.125000"},
+        {[](CLogger& log) { log.Append(1e20); }, L"100000000000000000000.000000"},
+        {[](CLogger& log) { log.Append("narrow text"); }, L"narrow text"},
+        {[](CLogger& log) { log.Append(CTextPiece(L"piece")); }, L"piece"},
+        {[](CLogger& log) { log.Source(L"Daemon", 4294967295u); }, L"Daemon (4294967295) "},
+        {[](CLogger& log) { log.Append(static_cast<const wchar_t*>(nullptr)); log.Append(L""); }, L""},
+        {[](CLogger& log) { log.Append(static_cast<const char*>(nullptr)); log.Append(""); }, L""},
+    };
+    for (const auto& [append, expected] : cases)
+    {
+        stream.m_Lines.clear();
+        LogEntry(logger, 4, append);
+        EXPECT_EQ(stream.m_Lines.size() == 1 ? QcTest::WithoutPrefixes(stream.m_Lines[0]) : L"?", expected);
+    }
+}
+
+TEST(LogMacros, EntryCarriesLevelSourceAndStreamedValuesKeepsTheLastErrorAndNeedsALogger)
+{
+    QcTest::CLogCapture log;
+    ::SetLastError(5);
+    QC_LOG_ERROR(L"Daemon") << L"OpenService failed with error " << ::GetLastError() << L" / " << DWORD{1060};
+    EXPECT_EQ(::GetLastError(), 5u);
+    QC_LOG_WARNING(L"Shell") << "narrow " << -3 << L" " << true;
+    QC_LOG_INFO(L"Various") << static_cast<uint64_t>(12) << L" " << static_cast<uint16_t>(65535);
+
+    CLogger* pInstalled = g_pLogger;
+    g_pLogger = nullptr;
+    ::SetLastError(1603);
+    QC_LOG_ERROR(L"Daemon") << L"dropped " << 1u;
+    EXPECT_EQ(::GetLastError(), 1603u);
+    g_pLogger = pInstalled;
+    EXPECT_EQ(log.Bodies(), (Lines{L"[ERROR] Daemon (#) OpenService failed with error 5 / 1060.",
+                                   L"[WARNING] Shell (#) narrow -3 True.", L"Various (#) 12 65535."}));
+}
+
+TEST(LoggerThreads, ConcurrentEntriesComeOutWholeAndInOrderWithTheirOwnThreadId)
+{
+    constexpr uint32_t kThreads = 6, kLines = 500;
+    QcTest::CCapturingStream stream;
+    CDefaultLogger logger(&stream);
+    logger.AddPostfix(CLogPostfixPoint());
+
+    std::vector<std::wstring> threadPrefix(kThreads);
+    std::atomic<uint32_t> ready{0};
+    std::vector<std::thread> threads;
+    for (uint32_t t = 0; t < kThreads; ++t)
+    {
+        threads.emplace_back([&, t] {
+            threadPrefix[t] = ThreadPrefix();
+            const std::wstring padding(40, static_cast<wchar_t>(L'a' + t));
+            for (++ready; ready < kThreads;)
+            {
+                std::this_thread::yield();
+            }
+            for (uint32_t i = 0; i < kLines; ++i)
+            {
+                // Many small appends per entry, so that unserialised entries would mix.
+                logger.Begin(2);
+                logger.Source(L"Worker", t);
+                logger.Append(L"line ");
+                logger.Append(i);
+                logger.Append(L" ");
+                logger.Append(padding.c_str());
+                logger.Append(L" end");
+                logger.End(false);
+            }
+        });
+    }
+    for (std::thread& thread : threads)
+    {
+        thread.join();
+    }
+
+    ASSERT_EQ(stream.m_Lines.size(), kThreads * kLines);
+    std::vector<uint32_t> nextLine(kThreads, 0);
+    int failures = 0;
+    for (const std::wstring& line : stream.m_Lines)
+    {
+        // The source line number tells the writing thread; after the 20-character date comes the rest.
+        uint32_t t = kThreads;
+        ::swscanf(QcTest::WithoutPrefixes(line).c_str(), L"[WARNING] Worker (%u)", &t);
+        std::wstring expected;
+        if (t < kThreads)
+        {
+            expected = threadPrefix[t] + L"[WARNING] Worker (" + std::to_wstring(t) + L") line " +
+                       std::to_wstring(nextLine[t]++) + L" " + std::wstring(40, static_cast<wchar_t>(L'a' + t)) +
+                       L" end.";
+        }
+        if (line.compare(std::min<size_t>(20, line.size()), std::wstring::npos, expected) != 0 && ++failures <= 5)
+        {
+            ADD_FAILURE() << "unexpected line " << ::testing::PrintToString(line);
+        }
+    }
+    EXPECT_EQ(failures, 0);
+}
