@@ -319,17 +319,9 @@ bool CDaemon::StopDependents() noexcept
     for (uint32_t i = 0; i < m_dwDependencyCount; ++i)
     {
         const wchar_t* pszDependent = m_lpDependencies.Get()[i].lpServiceName;
-        TakeDependencyHandle(::OpenServiceW(m_hSCManager.Get(), pszDependent, kStopDependentAccess));
         SERVICE_STATUS status{};
-        if (!m_hDependency)
+        if (!OpenDependent(pszDependent, kStopDependentAccess, status))
         {
-            LogLastError(L"OpenService failed with error ");
-            ResetTick();
-            return false;
-        }
-        if (!QueryStatus(m_hDependency.Get(), status))
-        {
-            ResetTick();
             return false;
         }
         if (status.dwCurrentState == SERVICE_STOPPED)
@@ -394,17 +386,9 @@ bool CDaemon::StartDependents() noexcept
     {
         --m_dwDependencyCount;
         const wchar_t* pszDependent = m_lpDependencies.Get()[m_dwDependencyCount].lpServiceName;
-        TakeDependencyHandle(::OpenServiceW(m_hSCManager.Get(), pszDependent, kStartDependentAccess));
         SERVICE_STATUS status{};
-        if (!m_hDependency)
+        if (!OpenDependent(pszDependent, kStartDependentAccess, status))
         {
-            LogLastError(L"OpenService failed with error ");
-            ResetTick();
-            return false;
-        }
-        if (!QueryStatus(m_hDependency.Get(), status))
-        {
-            ResetTick();
             return false;
         }
 
@@ -516,6 +500,23 @@ void CDaemon::LogTimeout(uint32_t dwLevel, const wchar_t* pszServiceName) const 
 {
     const uint32_t dwSeconds = m_dwTimeout / 1000;
     QC_LOG(dwLevel, kLogSource) << pszServiceName << L" timeout, after " << dwSeconds << L" seconds";
+}
+
+bool CDaemon::OpenDependent(const wchar_t* pszDependent, DWORD dwAccess, SERVICE_STATUS& status) noexcept
+{
+    TakeDependencyHandle(::OpenServiceW(m_hSCManager.Get(), pszDependent, dwAccess));
+    if (!m_hDependency)
+    {
+        LogLastError(L"OpenService failed with error ");
+        ResetTick();
+        return false;
+    }
+    if (!QueryStatus(m_hDependency.Get(), status))
+    {
+        ResetTick();
+        return false;
+    }
+    return true;
 }
 
 void CDaemon::TakeDependencyHandle(SC_HANDLE hDependency) noexcept

@@ -88,6 +88,9 @@ private:
     void ResetTick() noexcept;
     bool HasTimedOut() const noexcept;
     void LogTimeout(uint32_t dwLevel, const wchar_t* pszServiceName) const noexcept;
+    // Opens a dependent into m_hDependency and reads its status; false after a
+    // logged failure, with the tick reset.
+    bool OpenDependent(const wchar_t* pszDependent, DWORD dwAccess, SERVICE_STATUS& status) noexcept;
     void TakeDependencyHandle(SC_HANDLE hDependency) noexcept;
     const wchar_t* Name() const noexcept;
 
