@@ -4,7 +4,6 @@
 
 #include <windows.h>
 
-#include <algorithm>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -41,10 +40,13 @@ UINT OptionalArgumentWorker(CWorkbench* pWorkbench)
     return Quillcast::Host::HasArgument(*pWorkbench, L"TIMEOUT") ? 0 : 1;
 }
 
-template <uint32_t Index>
-UINT __stdcall RecordingExport(MSIHANDLE hInstall)
+uint32_t g_ActionIndex = 0;
+Quillcast::Host::ActionWorker g_Worker = RecordingWorker;
+
+// Stands for any export: the row and worker come from the two globals above.
+UINT __stdcall AnyExport(MSIHANDLE hInstall)
 {
-    return Dispatch(hInstall, Index, RecordingWorker);
+    return Dispatch(hInstall, g_ActionIndex, g_Worker);
 }
 
 class FrameTest : public ::testing::Test
@@ -56,6 +58,19 @@ protected:
         g_WorkerCalls = 0;
         g_WorkerResult = 0;
         g_BindingsSeenByWorker = 0;
+        g_Worker = RecordingWorker;
+    }
+
+    UINT Run(uint32_t index, const wchar_t* customActionData = nullptr,
+             Quillcast::Host::ActionWorker worker = RecordingWorker)
+    {
+        if (customActionData != nullptr)
+        {
+            m_Host.SetCustomActionData(customActionData);
+        }
+        g_ActionIndex = index;
+        g_Worker = worker;
+        return m_Host.Call(AnyExport);
     }
 
     std::vector<std::wstring> Bodies() const
@@ -81,86 +96,77 @@ TEST_F(FrameTest, WorkerResultIsReturnedUnchangedAndThreadIsBoundOnlyDuringTheCa
     for (UINT result : {0u, 1603u, 42u})
     {
         g_WorkerResult = result;
-        EXPECT_EQ(m_Host.Call(RecordingExport<Quillcast::Host::ACTION_CompareVersionString>), result);
+        EXPECT_EQ(Run(Quillcast::Host::ACTION_CompareVersionString), result);
     }
     EXPECT_EQ(g_WorkerCalls, 3);
     EXPECT_EQ(g_BindingsSeenByWorker, 1u);
     EXPECT_EQ(g_MsiLogStream.BindingCount(), 0u);
 }
 
-TEST_F(FrameTest, ImmediateActionPassesWithoutCustomActionDataAndNamesItself)
+struct ValidationCase
 {
-    EXPECT_EQ(m_Host.Call(RecordingExport<Quillcast::Host::ACTION_GetEngineVersion>), 0u);
-    EXPECT_EQ(g_WorkerCalls, 1);
-    EXPECT_EQ(Bodies(), (Lines{L"Workbench (#) Processing custom action: GetEngineVersion."}));
+    const char* name;
+    uint32_t index;
+    const wchar_t* customActionData; // null: the property is absent
+    UINT result;                     // 0: validation passed and the worker ran
+    Lines bodies;
+};
+
+class FrameValidation : public FrameTest, public ::testing::WithParamInterface<ValidationCase>
+{
+};
+
+TEST_P(FrameValidation, LogsTheArgumentsAndRunsTheWorkerOnlyWhenTheyPass)
+{
+    const ValidationCase& c = GetParam();
+    EXPECT_EQ(Run(c.index, c.customActionData), c.result);
+    EXPECT_EQ(g_WorkerCalls, c.result == 0 ? 1 : 0);
+    EXPECT_EQ(Bodies(), c.bodies);
 }
 
-TEST_F(FrameTest, TooFewPairsFailsEvenWhenTheRequiredNameIsPresent)
-{
-    m_Host.SetCustomActionData(L";SERVICENAME=Spooler");
-    EXPECT_EQ(m_Host.Call(RecordingExport<Quillcast::Host::ACTION_ServiceStart>), 1603u);
-    EXPECT_EQ(g_WorkerCalls, 0);
-    EXPECT_EQ(Bodies(), (Lines{
-                            L"Workbench (#) Processing custom action: ServiceStart.",
-                            L"Workbench (#) Argument[SERVICENAME] = Spooler.",
-                            L"[ERROR] Workbench (#) Argument[DEPENDENCIES] = NOT DEFINED.",
-                            L"[ERROR] Workbench (#) Argument[TIMEOUT] = NOT DEFINED.",
-                            L"[ERROR] Workbench (#) Got less arguments than expected -> expected=3 received=1.",
-                        }));
-}
-
-TEST_F(FrameTest, PairCountAloneSatisfiesTheListingEvenWithUnknownNames)
-{
-    m_Host.SetCustomActionData(L"|SERVICENAME=Spooler|OTHER=1|OTHER=2");
-    EXPECT_EQ(m_Host.Call(RecordingExport<Quillcast::Host::ACTION_ServiceStop>), 0u);
-    EXPECT_EQ(g_WorkerCalls, 1);
-}
-
-TEST_F(FrameTest, RequiredArgumentPresentButEmptyIsInvalid)
-{
-    m_Host.SetCustomActionData(L";CMDLINE=");
-    EXPECT_EQ(m_Host.Call(RecordingExport<Quillcast::Host::ACTION_CreateProcessDeferred>), 1603u);
-    EXPECT_EQ(g_WorkerCalls, 0);
-    EXPECT_EQ(Bodies(), (Lines{
-                            L"Workbench (#) Processing custom action: CreateProcessDeferred.",
-                            L"Workbench (#) Argument[CMDLINE] = .",
-                            L"[ERROR] Workbench (#) Argument[CMDLINE] is invalid.",
-                        }));
-}
-
-TEST_F(FrameTest, RequiredChecksStopAtTheFirstInvalidName)
-{
-    m_Host.SetCustomActionData(L";RULENAME=;LOCALPORTS=");
-    EXPECT_EQ(m_Host.Call(RecordingExport<Quillcast::Host::ACTION_RemovePortException>), 1603u);
-    const Lines bodies = Bodies();
-    ASSERT_FALSE(bodies.empty());
-    EXPECT_EQ(bodies.back(), L"[ERROR] Workbench (#) Argument[RULENAME] is invalid.");
-    EXPECT_EQ(std::count(bodies.begin(), bodies.end(), L"[ERROR] Workbench (#) Argument[LOCALPORTS] is invalid."), 0);
-}
-
-TEST_F(FrameTest, AbsentCustomActionDataFailsEveryRowWithNamesOnTheCountAlone)
-{
-    EXPECT_EQ(m_Host.Call(RecordingExport<Quillcast::Host::ACTION_ShowMessageDeferred>), 1603u);
-    EXPECT_EQ(g_WorkerCalls, 0);
-    EXPECT_EQ(Bodies(), (Lines{
-                            L"Workbench (#) Processing custom action: ShowMessageDeferred.",
-                            L"[ERROR] Workbench (#) Argument[MESSAGE] = NOT DEFINED.",
-                            L"[ERROR] Workbench (#) Argument[TYPE] = NOT DEFINED.",
-                            L"[ERROR] Workbench (#) Got less arguments than expected -> expected=2 received=0.",
-                        }));
-}
+INSTANTIATE_TEST_SUITE_P(
+    Rows, FrameValidation,
+    ::testing::Values(
+        ValidationCase{"ImmediateActionNeedsNoCustomActionData", Quillcast::Host::ACTION_GetEngineVersion, nullptr, 0,
+                       {L"Workbench (#) Processing custom action: GetEngineVersion."}},
+        ValidationCase{"AbsentCustomActionDataFailsOnTheCountAlone", Quillcast::Host::ACTION_ShowMessageDeferred,
+                       nullptr, 1603,
+                       {L"Workbench (#) Processing custom action: ShowMessageDeferred.",
+                        L"[ERROR] Workbench (#) Argument[MESSAGE] = NOT DEFINED.",
+                        L"[ERROR] Workbench (#) Argument[TYPE] = NOT DEFINED.",
+                        L"[ERROR] Workbench (#) Got less arguments than expected -> expected=2 received=0."}},
+        // The pair count must reach the number of known names, required or not.
+        ValidationCase{"TooFewPairsFailsThoughTheRequiredNameIsPresent", Quillcast::Host::ACTION_ServiceStart,
+                       L";SERVICENAME=Spooler", 1603,
+                       {L"Workbench (#) Processing custom action: ServiceStart.",
+                        L"Workbench (#) Argument[SERVICENAME] = Spooler.",
+                        L"[ERROR] Workbench (#) Argument[DEPENDENCIES] = NOT DEFINED.",
+                        L"[ERROR] Workbench (#) Argument[TIMEOUT] = NOT DEFINED.",
+                        L"[ERROR] Workbench (#) Got less arguments than expected -> expected=3 received=1."}},
+        // Only the number of pairs counts, not their names.
+        ValidationCase{"UnknownAndDuplicatedNamesCountAsPairs", Quillcast::Host::ACTION_ServiceStop,
+                       L"|SERVICENAME=Spooler|OTHER=1|OTHER=2", 0,
+                       {L"Workbench (#) Processing custom action: ServiceStop.",
+                        L"Workbench (#) Argument[SERVICENAME] = Spooler.",
+                        L"[ERROR] Workbench (#) Argument[DEPENDENCIES] = NOT DEFINED.",
+                        L"[ERROR] Workbench (#) Argument[TIMEOUT] = NOT DEFINED."}},
+        ValidationCase{"RequiredArgumentPresentButEmptyIsInvalid", Quillcast::Host::ACTION_CreateProcessDeferred,
+                       L";CMDLINE=", 1603,
+                       {L"Workbench (#) Processing custom action: CreateProcessDeferred.",
+                        L"Workbench (#) Argument[CMDLINE] = .",
+                        L"[ERROR] Workbench (#) Argument[CMDLINE] is invalid."}},
+        ValidationCase{"RequiredChecksStopAtTheFirstInvalidName", Quillcast::Host::ACTION_RemovePortException,
+                       L";RULENAME=;LOCALPORTS=", 1603,
+                       {L"Workbench (#) Processing custom action: RemovePortException.",
+                        L"Workbench (#) Argument[RULENAME] = .", L"Workbench (#) Argument[LOCALPORTS] = .",
+                        L"[ERROR] Workbench (#) Argument[RULENAME] is invalid."}}),
+    [](const ::testing::TestParamInfo<ValidationCase>& info) { return std::string(info.param.name); });
 
 TEST_F(FrameTest, OptionalArgumentWithEmptyValueIsListedButNotDefinedForTheWorker)
 {
-    struct Trampoline
-    {
-        static UINT __stdcall Run(MSIHANDLE hInstall)
-        {
-            return Dispatch(hInstall, Quillcast::Host::ACTION_ServiceRestart, OptionalArgumentWorker);
-        }
-    };
-    m_Host.SetCustomActionData(L";SERVICENAME=a;DEPENDENCIES=1;TIMEOUT=");
-    EXPECT_EQ(m_Host.Call(Trampoline::Run), 1u);
+    EXPECT_EQ(Run(Quillcast::Host::ACTION_ServiceRestart, L";SERVICENAME=a;DEPENDENCIES=1;TIMEOUT=",
+                  OptionalArgumentWorker),
+              1u);
     EXPECT_EQ(Bodies(), (Lines{
                             L"Workbench (#) Processing custom action: ServiceRestart.",
                             L"Workbench (#) Argument[SERVICENAME] = a.",
@@ -172,22 +178,16 @@ TEST_F(FrameTest, OptionalArgumentWithEmptyValueIsListedButNotDefinedForTheWorke
 
 TEST_F(FrameTest, ExceptionFromAWorkerUnbindsTheThreadAndFailsTheAction)
 {
-    struct Trampoline
-    {
-        static UINT __stdcall Run(MSIHANDLE hInstall)
-        {
-            return Dispatch(hInstall, Quillcast::Host::ACTION_GetDomain, ThrowingWorker);
-        }
-    };
-    EXPECT_EQ(m_Host.Call(Trampoline::Run), 1603u);
+    EXPECT_EQ(Run(Quillcast::Host::ACTION_GetDomain, nullptr, ThrowingWorker), 1603u);
     EXPECT_EQ(g_MsiLogStream.BindingCount(), 0u);
 }
 
 TEST_F(FrameTest, NullOrUnknownSessionHandleFailsValidatingActionsWithoutCrashing)
 {
     m_Host.SetCustomActionData(L";SERVICENAME=x;DEPENDENCIES=1;TIMEOUT=1");
-    EXPECT_EQ(m_Host.CallWithHandle(RecordingExport<Quillcast::Host::ACTION_ServiceStart>, 0), 1603u);
-    EXPECT_EQ(m_Host.CallWithHandle(RecordingExport<Quillcast::Host::ACTION_ServiceStart>, 0x7FFF1234), 1603u);
+    g_ActionIndex = Quillcast::Host::ACTION_ServiceStart;
+    EXPECT_EQ(m_Host.CallWithHandle(AnyExport, 0), 1603u);
+    EXPECT_EQ(m_Host.CallWithHandle(AnyExport, 0x7FFF1234), 1603u);
     EXPECT_EQ(g_WorkerCalls, 0);
     // Nothing can be delivered to a session that does not exist.
     EXPECT_TRUE(m_Host.LogLines().empty());
