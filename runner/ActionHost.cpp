@@ -6,6 +6,8 @@
 #include <cwchar>
 #include <mutex>
 
+#include "host/types/Handles.h"
+
 namespace QcRunner {
 
 namespace {
@@ -16,25 +18,7 @@ namespace {
 thread_local CActionHost* t_pActiveHost = nullptr;
 std::once_flag g_HandlerInstalled;
 
-class CMsiHandleOwner
-{
-public:
-    explicit CMsiHandleOwner(MSIHANDLE handle = 0) : m_Handle(handle) {}
-    CMsiHandleOwner(const CMsiHandleOwner&) = delete;
-    CMsiHandleOwner& operator=(const CMsiHandleOwner&) = delete;
-    ~CMsiHandleOwner()
-    {
-        if (m_Handle != 0)
-        {
-            MsiCloseHandle(m_Handle);
-        }
-    }
-    MSIHANDLE Get() const { return m_Handle; }
-    MSIHANDLE* Put() { return &m_Handle; }
-
-private:
-    MSIHANDLE m_Handle;
-};
+using CMsiHandleOwner = Quillcast::System::Types::CMsiHandle;
 
 std::wstring RecordString(MSIHANDLE hRecord, UINT field)
 {
