@@ -326,18 +326,32 @@ uninstall() {
     fi
 }
 
+# line_check COMMAND yes|no log|dll ERE TEXT: whether some line in scope (of
+# the log, or of the DLL's bodies) matches ERE is what the check wants.
+line_check() {
+    local command=$1 want=$2 what=$3 pattern=$4 text=$5 noun=line verb=matches hit
+    if [ "$what" = dll ]; then noun="DLL line" verb=reads; fi
+    if ! scoped_lines "$what"; then
+        fail "$command: action $scope did not run"
+    elif hit=$(grep -E -e "$pattern" <<<"$scoped"); then
+        if [ "$want" = yes ]; then
+            pass "a $noun $(scope_text) $verb: $text"
+        else
+            fail "a $noun $(scope_text) $verb $text: ${hit%%$'\n'*}"
+        fi
+    elif [ "$want" = yes ]; then
+        fail "no $noun $(scope_text) $verb: $text"
+    else
+        pass "no $noun $(scope_text) $verb: $text"
+    fi
+}
+
 # expect_log [--in ACTION] ERE: some line of the current log matches.
 expect_log() {
     require_log expect_log
     read_scope "$@"
     [ -n "$scope" ] && shift 2
-    if ! scoped_lines log; then
-        fail "expect_log: action $scope did not run"
-    elif grep -E -e "$1" <<<"$scoped" >/dev/null; then
-        pass "a line $(scope_text) matches: $1"
-    else
-        fail "no line $(scope_text) matches: $1"
-    fi
+    line_check expect_log yes log "$1" "$1"
 }
 
 # expect_no_log [--in ACTION] ERE: no line of the current log matches.
@@ -345,14 +359,7 @@ expect_no_log() {
     require_log expect_no_log
     read_scope "$@"
     [ -n "$scope" ] && shift 2
-    local hit
-    if ! scoped_lines log; then
-        fail "expect_no_log: action $scope did not run"
-    elif hit=$(grep -E -e "$1" <<<"$scoped"); then
-        fail "a line $(scope_text) matches $1: ${hit%%$'\n'*}"
-    else
-        pass "no line $(scope_text) matches: $1"
-    fi
+    line_check expect_no_log no log "$1" "$1"
 }
 
 # expect_dll_line [--in ACTION] TEXT: a line of the DLL reads TEXT once date,
@@ -362,13 +369,7 @@ expect_dll_line() {
     require_log expect_dll_line
     read_scope "$@"
     [ -n "$scope" ] && shift 2
-    if ! scoped_lines dll; then
-        fail "expect_dll_line: action $scope did not run"
-    elif grep -E -e "$(wildcard_regex "$1")" <<<"$scoped" >/dev/null; then
-        pass "DLL line $(scope_text): $1"
-    else
-        fail "no DLL line $(scope_text) reads: $1"
-    fi
+    line_check expect_dll_line yes dll "$(wildcard_regex "$1")" "$1"
 }
 
 # expect_no_dll_line [--in ACTION] TEXT: no line of the DLL reads TEXT.
@@ -376,14 +377,7 @@ expect_no_dll_line() {
     require_log expect_no_dll_line
     read_scope "$@"
     [ -n "$scope" ] && shift 2
-    local hit
-    if ! scoped_lines dll; then
-        fail "expect_no_dll_line: action $scope did not run"
-    elif hit=$(grep -E -e "$(wildcard_regex "$1")" <<<"$scoped"); then
-        fail "a DLL line $(scope_text) reads $1: ${hit%%$'\n'*}"
-    else
-        pass "no DLL line $(scope_text) reads: $1"
-    fi
+    line_check expect_no_dll_line no dll "$(wildcard_regex "$1")" "$1"
 }
 
 # property_value NAME: the property's final value, from the log's property dump.
