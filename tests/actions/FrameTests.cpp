@@ -160,7 +160,7 @@ INSTANTIATE_TEST_SUITE_P(
                        {L"Workbench (#) Processing custom action: RemovePortException.",
                         L"Workbench (#) Argument[RULENAME] = .", L"Workbench (#) Argument[LOCALPORTS] = .",
                         L"[ERROR] Workbench (#) Argument[RULENAME] is invalid."}}),
-    [](const ::testing::TestParamInfo<ValidationCase>& info) { return std::string(info.param.name); });
+    [](const ::testing::TestParamInfo<ValidationCase>& paramInfo) { return std::string(paramInfo.param.name); });
 
 TEST_F(FrameTest, OptionalArgumentWithEmptyValueIsListedButNotDefinedForTheWorker)
 {

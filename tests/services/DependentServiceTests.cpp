@@ -165,7 +165,7 @@ const StartWalkCase kStartWalkCases[] = {
 };
 
 INSTANTIATE_TEST_SUITE_P(Cases, DependentStart, ::testing::ValuesIn(kStartWalkCases),
-                         [](const auto& info) { return std::string(info.param.behaviour); });
+                         [](const auto& paramInfo) { return std::string(paramInfo.param.behaviour); });
 
 // ServiceStop with a running dependent that must not be touched.
 struct LeftAloneCase
@@ -210,7 +210,7 @@ const LeftAloneCase kLeftAloneCases[] = {
 };
 
 INSTANTIATE_TEST_SUITE_P(Cases, DependentsLeftAlone, ::testing::ValuesIn(kLeftAloneCases),
-                         [](const auto& info) { return std::string(info.param.behaviour); });
+                         [](const auto& paramInfo) { return std::string(paramInfo.param.behaviour); });
 
 } // namespace
 } // namespace QcTest

@@ -102,7 +102,7 @@ const OneServiceCase kOneServiceCases[] = {
 };
 
 INSTANTIATE_TEST_SUITE_P(Cases, ServiceAction, ::testing::ValuesIn(kOneServiceCases),
-                         [](const auto& info) { return std::string(info.param.behaviour); });
+                         [](const auto& paramInfo) { return std::string(paramInfo.param.behaviour); });
 
 class ServiceNameCheck : public ServiceActionTest, public ::testing::WithParamInterface<const char*>
 {
