@@ -14,4 +14,13 @@ UINT ServiceRestartWorker(Host::CWorkbench* pWorkbench);
 UINT ServiceStartWorker(Host::CWorkbench* pWorkbench);
 UINT ServiceStopWorker(Host::CWorkbench* pWorkbench);
 
+// Processes.cpp
+UINT CloseAutoConnectWorker(Host::CWorkbench* pWorkbench);
+UINT CloseProcessDeferredWorker(Host::CWorkbench* pWorkbench);
+UINT CloseProcessImmediatelyWorker(Host::CWorkbench* pWorkbench);
+UINT CreateProcessDeferredWorker(Host::CWorkbench* pWorkbench);
+UINT CreateProcessImmediatelyWorker(Host::CWorkbench* pWorkbench);
+UINT ShellExecuteDeferredWorker(Host::CWorkbench* pWorkbench);
+UINT ShellExecuteImmediatelyWorker(Host::CWorkbench* pWorkbench);
+
 } // namespace Quillcast::Actions

@@ -10,8 +10,15 @@ using Host::Dispatch;
 
 #define QC_EXPORT extern "C" UINT __stdcall
 
+QC_EXPORT CloseAutoConnect(MSIHANDLE h) { return Dispatch(h, Host::ACTION_CloseAutoConnect, Actions::CloseAutoConnectWorker); }
+QC_EXPORT CloseProcessDeferred(MSIHANDLE h) { return Dispatch(h, Host::ACTION_CloseProcessDeferred, Actions::CloseProcessDeferredWorker); }
+QC_EXPORT CloseProcessImmediately(MSIHANDLE h) { return Dispatch(h, Host::ACTION_CloseProcessImmediately, Actions::CloseProcessImmediatelyWorker); }
 QC_EXPORT CompareVersionString(MSIHANDLE h) { return Dispatch(h, Host::ACTION_CompareVersionString, Actions::CompareVersionStringWorker); }
+QC_EXPORT CreateProcessDeferred(MSIHANDLE h) { return Dispatch(h, Host::ACTION_CreateProcessDeferred, Actions::CreateProcessDeferredWorker); }
+QC_EXPORT CreateProcessImmediately(MSIHANDLE h) { return Dispatch(h, Host::ACTION_CreateProcessImmediately, Actions::CreateProcessImmediatelyWorker); }
 QC_EXPORT GetCustomActionVersion(MSIHANDLE h) { return Dispatch(h, Host::ACTION_GetCustomActionVersion, nullptr); }
 QC_EXPORT ServiceRestart(MSIHANDLE h) { return Dispatch(h, Host::ACTION_ServiceRestart, Actions::ServiceRestartWorker); }
 QC_EXPORT ServiceStart(MSIHANDLE h) { return Dispatch(h, Host::ACTION_ServiceStart, Actions::ServiceStartWorker); }
 QC_EXPORT ServiceStop(MSIHANDLE h) { return Dispatch(h, Host::ACTION_ServiceStop, Actions::ServiceStopWorker); }
+QC_EXPORT ShellExecuteDeferred(MSIHANDLE h) { return Dispatch(h, Host::ACTION_ShellExecuteDeferred, Actions::ShellExecuteDeferredWorker); }
+QC_EXPORT ShellExecuteImmediately(MSIHANDLE h) { return Dispatch(h, Host::ACTION_ShellExecuteImmediately, Actions::ShellExecuteImmediatelyWorker); }
