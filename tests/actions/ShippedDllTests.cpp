@@ -24,11 +24,18 @@ namespace {
 
 // The exports that exist today; the rest of the thirty are added with their workers.
 const std::set<std::string> kExpectedExports = {
+    "CloseAutoConnect",
+    "CloseProcessDeferred",
+    "CloseProcessImmediately",
     "CompareVersionString",
+    "CreateProcessDeferred",
+    "CreateProcessImmediately",
     "GetCustomActionVersion",
     "ServiceRestart",
     "ServiceStart",
     "ServiceStop",
+    "ShellExecuteDeferred",
+    "ShellExecuteImmediately",
 };
 
 class ShippedDll : public ::testing::Test
