@@ -1,10 +1,12 @@
 # The sample of scripts/sample.sh: the arguments (PUBLIC_NAME=VALUE, such as
 # SAMPLE_VERSIONA=2.0) go to msiexec; the package's defaults compare 1.10 with
-# 1.9, restart the sample service on install and stop it on removal.
+# 1.9, restart the sample service on install and stop it on removal, run the
+# helper program (the project's test program) on install and close any running
+# copy of it on removal.
 service=QuillcastSampleService
 add_test_service "$service"
 
-package sample
+package sample -D HelperProgram="$(windows_path "$QC_BIN_DIR/QcTestProgram.exe")"
 install "$@"
 show_dll_lines
 show_property VersionA
@@ -14,6 +16,7 @@ show_property CompareResult
 expect_dll_line --in CompareVersions "Workbench (#) Processing custom action: CompareVersionString."
 expect_dll_line --in InstallFinalize "Workbench (#) Custom Action Dll '*' has version '$QC_PROJECT_VERSION'."
 expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: ServiceRestart."
+expect_dll_line --in InstallFinalize "Various (#) Exit code of process is 0."
 expect_service_state "$service" RUNNING
 if [ $# -eq 0 ]; then
     expect_property CompareResult 1
@@ -23,6 +26,7 @@ fi
 uninstall
 show_dll_lines
 expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: ServiceStop."
+expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: CloseProcessDeferred."
 expect_service_state "$service" STOPPED
 expect_no_reg 'HKLM\Software\Quillcast\Sample'
 expect_product_absent

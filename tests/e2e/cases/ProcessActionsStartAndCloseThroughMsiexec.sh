@@ -1,0 +1,43 @@
+# CloseProcessImmediately closes a running instance of a program (started here,
+# windowless, so it is terminated without a wait), and the install script's
+# CreateProcessDeferred starts the test program hidden and waits for its end.
+# The program (tests/process/QcTestProgram.cpp) records each start in
+# <program>.record: command line, directory, show command.
+program="$work_dir/QcE2eProgram.exe"
+cp "$QC_BIN_DIR/QcTestProgram.exe" "$program"
+record="$program.record"
+
+# The running instance: the wine launcher ends with the program and passes on
+# its exit code (0: terminated by the action; 4: it ended by itself).
+timeout 150 wine "$program" --hold --release-event=QcE2eNeverReleased </dev/null >/dev/null 2>&1 &
+running=$!
+for _ in $(seq 100); do [ -s "$record" ] && break; sleep 0.1; done
+: >"$record"
+
+package process
+install E2E_CLOSENAME=QcE2eProgram.exe E2E_CLOSETIMEOUT=5 E2E_PROGRAM="$(windows_path "$program")"
+expect_dll_line --in CloseRunning "Workbench (#) Processing custom action: CloseProcessImmediately."
+expect_no_dll_line --in CloseRunning "*Process (*"
+expect_dll_line --in InstallFinalize "Various (#) Exit code of process is 3."
+
+for _ in $(seq 200); do kill -0 "$running" 2>/dev/null || break; sleep 0.1; done
+if kill -0 "$running" 2>/dev/null; then
+    fail "the running instance was not closed"
+    wine_run taskkill /f /im QcE2eProgram.exe >/dev/null 2>&1 || true
+    wait "$running" || true
+else
+    status=0
+    wait "$running" || status=$?
+    if [ "$status" = 0 ]; then pass "the running instance was terminated"; else fail "the running instance ended with $status"; fi
+fi
+expected="$(windows_path "$program") --run-ms=1500 --exit-code=3"
+if [ "$(wc -l <"$record")" = 1 ] && [ "$(cut -f1 <"$record")" = "$expected" ] &&
+    [ "$(cut -f3 <"$record" | tr -d '\r')" = 0 ]; then
+    pass "the started program recorded its command line, started hidden"
+else
+    fail "the started program's record: '$(cat "$record")', expected '$expected<TAB>...<TAB>0'"
+fi
+
+uninstall
+expect_no_reg 'HKLM\Software\Quillcast\E2E\Processes'
+expect_product_absent
