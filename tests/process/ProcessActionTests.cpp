@@ -3,6 +3,9 @@
 
 #include <cstring>
 
+#include "support/LogCapture.h"
+#include "system/Process.h"
+
 namespace QcTest {
 namespace {
 
@@ -54,9 +57,12 @@ TEST_P(CreateProcessAction, StartsHiddenAndWaits)
     Lines lines;
     const bool bDeferred = std::string(test.action) == "CreateProcessDeferred";
     const std::wstring data = L"|CMDLINE=" + commandLine;
-    const UINT result = Run(test.action, bDeferred ? data.c_str() : nullptr,
-                            bDeferred || commandLine.empty() ? Properties() : Properties{{L"CreateProcessProperty", commandLine}},
-                            lines);
+    Properties properties;
+    if (!bDeferred && !commandLine.empty())
+    {
+        properties.emplace_back(L"CreateProcessProperty", commandLine);
+    }
+    const UINT result = Run(test.action, bDeferred ? data.c_str() : nullptr, properties, lines);
 
     EXPECT_EQ(result, test.result);
     EXPECT_EQ(lines, Expand(test.lines));
@@ -147,8 +153,9 @@ TEST_P(CloseProcessAction, ClosesEveryInstanceByName)
     UINT result = 0;
     if (std::string(test.action) == "CloseProcessDeferred")
     {
-        const std::wstring data = L";PROCESSNAME=" + name + (test.timeout != nullptr ? std::wstring(L";TIMEOUT=") + test.timeout
-                                                                                      : std::wstring(L";UNUSED=1"));
+        // Two pairs are needed: without TIMEOUT another pair takes its place.
+        const std::wstring data = L";PROCESSNAME=" + name +
+                                  (test.timeout != nullptr ? L";TIMEOUT=" + std::wstring(test.timeout) : L";UNUSED=1");
         result = Run(test.action, data.c_str(), {}, lines);
     }
     else
@@ -213,8 +220,8 @@ const CloseCase kCloseCases[] = {
     // message, and is still passed to TerminateProcess, which Windows refuses.
     // No blank before "failed": intentional.
     {"ProcessEndingWithinTheTimeoutIsStillTerminated", "CloseProcessDeferred", {L"--window=exit --close-delay=300"},
-     false, L"10", Gate::None, true, false, 1603, {Error(L"Process", L"TerminateProcess for {pid0}failed with error 5")},
-     {0, 10000}, {7}},
+     false, L"10", Gate::None, true, false, 1603,
+     {Error(L"Process", L"TerminateProcess for {pid0}failed with error 5")}, {0, 10000}, {7}},
     {"TwoInstancesAreBothClosedInSnapshotOrder", "CloseProcessDeferred", {L"--hold", L"--hold"}, false, L"10",
      Gate::None, false, false, 0, {}, {0, 0}, {0, 0}},
     {"NameInOtherLetterCaseClosesNothing", "CloseProcessDeferred", {L"--hold"}, true, L"10", Gate::None, false, false,
@@ -228,6 +235,19 @@ const CloseCase kCloseCases[] = {
 
 INSTANTIATE_TEST_SUITE_P(Runs, CloseProcessAction, ::testing::ValuesIn(kCloseCases),
                          [](const auto& paramInfo) { return std::string(paramInfo.param.behaviour); });
+
+// ------------------------------------------------------------------ the class's own refusals
+
+TEST_F(ProcessActionTest, RefusesAnEmptyCommandLineOrACloseWithoutSnapshotSilently)
+{
+    CLogCapture log;
+    Quillcast::System::CProcess process;
+    EXPECT_FALSE(process.Create(L""));
+    EXPECT_EQ(process.LastError(), 87u);
+    EXPECT_FALSE(process.CloseByName(L"QcNothing.exe", 0));
+    EXPECT_EQ(process.LastError(), 87u);
+    EXPECT_TRUE(log.Lines().empty());
+}
 
 } // namespace
 } // namespace QcTest

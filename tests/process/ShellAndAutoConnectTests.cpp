@@ -171,8 +171,10 @@ TEST_P(CloseAutoConnectAction, RunsTheProgramBesideTheServiceTwice)
                                     nullptr, &hKey, nullptr),
                   ERROR_SUCCESS);
         const std::wstring imagePath = Expand(test.imagePath);
-        EXPECT_TRUE(imagePath.empty() || ::RegSetValueExW(hKey, L"ImagePath", 0, REG_EXPAND_SZ, reinterpret_cast<const BYTE*>(imagePath.c_str()),
-                                   static_cast<DWORD>((imagePath.size() + 1) * sizeof(wchar_t))) == ERROR_SUCCESS);
+        const auto* pData = reinterpret_cast<const BYTE*>(imagePath.c_str());
+        const auto cbData = static_cast<DWORD>((imagePath.size() + 1) * sizeof(wchar_t));
+        EXPECT_TRUE(imagePath.empty() ||
+                    ::RegSetValueExW(hKey, L"ImagePath", 0, REG_EXPAND_SZ, pData, cbData) == ERROR_SUCCESS);
         ::RegCloseKey(hKey);
     }
 
