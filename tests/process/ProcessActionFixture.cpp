@@ -177,12 +177,16 @@ void ProcessActionTest::TearDown()
         {
             continue;
         }
+        // A program the shell started ends by itself, maybe only just now.
         const Quillcast::System::Types::CKernelHandle hProcess(
             ::OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, entry.th32ProcessID));
-        ADD_FAILURE() << "a program of the case was still running: "
-                      << ::testing::PrintToString(std::wstring(entry.szExeFile));
-        ::TerminateProcess(hProcess.Get(), 99);
-        ::WaitForSingleObject(hProcess.Get(), kPatienceMs);
+        if (::WaitForSingleObject(hProcess.Get(), kPatienceMs) != WAIT_OBJECT_0)
+        {
+            ADD_FAILURE() << "a program of the case was still running: "
+                          << ::testing::PrintToString(std::wstring(entry.szExeFile));
+            ::TerminateProcess(hProcess.Get(), 99);
+            ::WaitForSingleObject(hProcess.Get(), kPatienceMs);
+        }
     }
     ::CloseHandle(hSnapshot);
     for (const Quillcast::System::Types::CKernelHandle& hProcess : m_Launched)
