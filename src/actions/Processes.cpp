@@ -258,7 +258,8 @@ UINT CloseAutoConnectWorker(Host::CWorkbench*)
         LogLastError(L"Access failed with error ");
         return ERROR_INSTALL_FAILURE;
     }
-    // The path is not quoted again.
+    // The path is not quoted again. Append and the Replace below fail only on
+    // an exhausted heap, reported as a start that could not happen.
     if (!System::Types::Append(commandLine, L" -d all -q"))
     {
         LogLastError(L"Start failed with error ");
