@@ -3,6 +3,7 @@
 
 #include <cstring>
 
+#include "actions/Workers.h"
 #include "support/LogCapture.h"
 #include "system/Process.h"
 
@@ -247,6 +248,28 @@ TEST_F(ProcessActionTest, RefusesAnEmptyCommandLineOrACloseWithoutSnapshotSilent
     EXPECT_FALSE(process.CloseByName(L"QcNothing.exe", 0));
     EXPECT_EQ(process.LastError(), 87u);
     EXPECT_TRUE(log.Lines().empty());
+}
+
+// No session can refuse a property read; a context without one can. The entry
+// names the property and carries the thread's last-error value, not the
+// installer's answer (ERROR_INVALID_HANDLE).
+TEST_F(ProcessActionTest, ImmediateWorkersNameTheUnreadablePropertyWithTheThreadsLastError)
+{
+    const std::pair<Quillcast::Host::ActionWorker, const wchar_t*> workers[] = {
+        {Quillcast::Actions::CreateProcessImmediatelyWorker, L"CreateProcessProperty"},
+        {Quillcast::Actions::CloseProcessImmediatelyWorker, L"CloseProcessProperty"},
+        {Quillcast::Actions::ShellExecuteImmediatelyWorker, L"ShellExecuteTarget"},
+    };
+    for (const auto& worker : workers)
+    {
+        CLogCapture log;
+        Quillcast::Host::CWorkbench workbench(0);
+        log.Clear();
+        ::SetLastError(4242);
+        EXPECT_EQ(worker.first(&workbench), 1603u);
+        EXPECT_EQ(log.Bodies(), Lines{Error(L"Various", std::wstring(L"MsiGetProperty ") + worker.second +
+                                                            L" failed with error 4242")});
+    }
 }
 
 } // namespace
