@@ -14,4 +14,17 @@ UINT ServiceRestartWorker(Host::CWorkbench* pWorkbench);
 UINT ServiceStartWorker(Host::CWorkbench* pWorkbench);
 UINT ServiceStopWorker(Host::CWorkbench* pWorkbench);
 
+// IcaClient.cpp
+UINT AddIcaClientWorker(Host::CWorkbench* pWorkbench);
+UINT RemoveIcaClientWorker(Host::CWorkbench* pWorkbench);
+// EngineVersion.cpp, FileVersionQuery.cpp
+UINT GetEngineVersionWorker(Host::CWorkbench* pWorkbench);
+UINT GetFileVersionWorker(Host::CWorkbench* pWorkbench);
+// Messages.cpp
+UINT ShowMessageDeferredWorker(Host::CWorkbench* pWorkbench);
+UINT ShowMessageImmediatelyWorker(Host::CWorkbench* pWorkbench);
+// RemoteConfig.cpp
+UINT SetRemoteConfigDeferredWorker(Host::CWorkbench* pWorkbench);
+UINT SetRemoteConfigImmediatelyWorker(Host::CWorkbench* pWorkbench);
+
 } // namespace Quillcast::Actions

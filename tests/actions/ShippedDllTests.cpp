@@ -24,11 +24,19 @@ namespace {
 
 // The exports that exist today; the rest of the thirty are added with their workers.
 const std::set<std::string> kExpectedExports = {
+    "AddIcaClient",
     "CompareVersionString",
     "GetCustomActionVersion",
+    "GetEngineVersion",
+    "GetFileVersion",
+    "RemoveIcaClient",
     "ServiceRestart",
     "ServiceStart",
     "ServiceStop",
+    "SetRemoteConfigDeferred",
+    "SetRemoteConfigImmediately",
+    "ShowMessageDeferred",
+    "ShowMessageImmediately",
 };
 
 class ShippedDll : public ::testing::Test
