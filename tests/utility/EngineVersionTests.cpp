@@ -135,7 +135,8 @@ TEST_P(EngineVersion, SetsTheEditionProperty)
 }
 
 const std::wstring kNoFirstKey = Warning(L"Open registry key .lumen Engine failed with error {LastError}");
-const std::wstring kNoSecondVersion = L"[ERROR] FileVersion (#) GetFileVersionInfoSize failed with error {SecondProgramError}.";
+const std::wstring kNoSecondVersion =
+    L"[ERROR] FileVersion (#) GetFileVersionInfoSize failed with error {SecondProgramError}.";
 
 const EngineCase kCases[] = {
     {"Version76UnderEngineKeySetsServerKit76", L"WinNT", Keys::Engine, L"7.6", false, nullptr, 0, {}, L"SERVERKIT76"},

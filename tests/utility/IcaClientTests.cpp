@@ -14,6 +14,7 @@ enum class Before
     NoValue,    // the key exists, the value does not
     Value,      // the value holds `value`, of type `type`
     ZeroBytes,  // the value exists with no data at all
+    Unterminated, // `value` stored as REG_BINARY without a terminator
 };
 
 struct IcaCase
@@ -27,6 +28,7 @@ struct IcaCase
     Lines lines;
     bool valueAfter;    // whether the value exists afterwards
     std::wstring after; // then its text, written as REG_SZ with its terminator
+    bool failingWrite = false; // the registry refuses the write
 };
 
 // A list of 10,000 characters: "DrvNNNN," repeated, without the entry.
@@ -74,6 +76,16 @@ TEST_P(IcaClient, ChangesTheVirtualDriverList)
     case Before::ZeroBytes:
         ASSERT_TRUE(SetValue(KEY_WOW64_32KEY, kModules, kName, REG_SZ, L"", 0));
         break;
+    case Before::Unterminated:
+        ASSERT_TRUE(SetValue(KEY_WOW64_32KEY, kModules, kName, REG_BINARY, test.value.c_str(),
+                             static_cast<DWORD>(test.value.size() * sizeof(wchar_t))));
+        break;
+    }
+    std::unique_ptr<CFailingRegistryWrite> failing;
+    if (test.failingWrite)
+    {
+        failing = std::make_unique<CFailingRegistryWrite>(Module());
+        ASSERT_TRUE(failing->IsApplied());
     }
 
     EXPECT_EQ(Run(test.action), test.result);
@@ -105,6 +117,13 @@ const IcaCase kCases[] = {
      L"QCClnIca"},
     {"AddIgnoresTheValueTypeAndWritesText", "AddIcaClient", Before::Value, L"DrvA", REG_EXPAND_SZ, 0, {}, true,
      L"DrvA,QCClnIca"},
+    {"AddReadsAValueStoredWithoutTerminator", "AddIcaClient", Before::Unterminated, L"DrvA", REG_BINARY, 0, {}, true,
+     L"DrvA,QCClnIca"},
+    // Nothing is undone or retried: the list stays as it was.
+    {"AddFailsWhenTheWriteIsRefused", "AddIcaClient", Before::Value, L"DrvA", REG_SZ, 1603,
+     {Error(L"Set registry value failed with error {LastError}")}, true, L"DrvA", true},
+    {"RemoveFailsWhenTheWriteIsRefused", "RemoveIcaClient", Before::Value, L"DrvA,QCClnIca", REG_SZ, 1603,
+     {Error(L"Set registry value failed with error {LastError}")}, true, L"DrvA,QCClnIca", true},
     {"AddOnlyWarnsWhenTheEntryIsThere", "AddIcaClient", Before::Value, L"QCClnIca", REG_SZ, 0,
      {Warning(L"Found QCClnIca registry value")}, true, L"QCClnIca"},
     {"AddCountsALongerNameContainingTheEntry", "AddIcaClient", Before::Value, L"DrvA,QCClnIca64", REG_SZ, 0,

@@ -14,6 +14,7 @@ struct RemoteConfigCase
     const wchar_t* list; // REMOTECONFIG or RMTCONF
     REGSAM keyView;      // where the key exists; 0: nowhere
     bool failingRead;    // the read of RMTCONF fails
+    bool failingWrite;   // the registry refuses the write
     UINT result;
     Lines lines;
     bool written;
@@ -45,6 +46,12 @@ TEST_P(RemoteConfig, WritesTheListAsStrings)
         failing = std::make_unique<CFailingPropertyRead>(Module(), L"RMTCONF", CFailingPropertyRead::SizeQuery);
         ASSERT_TRUE(failing->IsApplied());
     }
+    std::unique_ptr<CFailingRegistryWrite> refusing;
+    if (test.failingWrite)
+    {
+        refusing = std::make_unique<CFailingRegistryWrite>(Module());
+        ASSERT_TRUE(refusing->IsApplied());
+    }
     // Not ";" as the separator: the list itself holds semicolons.
     m_Host->SetCustomActionData(std::wstring(L"|REMOTECONFIG=") + test.list);
 
@@ -67,20 +74,22 @@ using namespace std::string_literals;
 
 const RemoteConfigCase kCases[] = {
     // One terminator only: the count leaves out the list's second zero.
-    {"DeferredWritesEachHostAsAString", "SetRemoteConfigDeferred", L"host1;host2", KEY_WOW64_64KEY, false, 0, {}, true,
-     L"host1\0host2\0"s},
-    {"ImmediateWritesEachHostAsAString", "SetRemoteConfigImmediately", L"host1;host2", KEY_WOW64_64KEY, false, 0, {},
-     true, L"host1\0host2\0"s},
-    {"TrailingSemicolonGivesAnEmptyLastString", "SetRemoteConfigDeferred", L"a;b;", KEY_WOW64_64KEY, false, 0, {},
-     true, L"a\0b\0\0"s},
-    {"EmptyTextWritesOneZeroCharacter", "SetRemoteConfigImmediately", L"", KEY_WOW64_64KEY, false, 0, {}, true,
+    {"DeferredWritesEachHostAsAString", "SetRemoteConfigDeferred", L"host1;host2", KEY_WOW64_64KEY, false, false, 0,
+     {}, true, L"host1\0host2\0"s},
+    {"ImmediateWritesEachHostAsAString", "SetRemoteConfigImmediately", L"host1;host2", KEY_WOW64_64KEY, false, false,
+     0, {}, true, L"host1\0host2\0"s},
+    {"TrailingSemicolonGivesAnEmptyLastString", "SetRemoteConfigDeferred", L"a;b;", KEY_WOW64_64KEY, false, false, 0,
+     {}, true, L"a\0b\0\0"s},
+    {"EmptyTextWritesOneZeroCharacter", "SetRemoteConfigImmediately", L"", KEY_WOW64_64KEY, false, false, 0, {}, true,
      L"\0"s},
-    {"DeferredFailsWithoutTheKey", "SetRemoteConfigDeferred", L"host1", 0, false, 1603,
+    {"DeferredFailsWithoutTheKey", "SetRemoteConfigDeferred", L"host1", 0, false, false, 1603,
      {Error(L"Open registry key failed with error {LastError}")}, false, L""},
-    {"KeyIn32BitViewOnlyIsNoKey", "SetRemoteConfigImmediately", L"host1", KEY_WOW64_32KEY, false, 1603,
+    {"KeyIn32BitViewOnlyIsNoKey", "SetRemoteConfigImmediately", L"host1", KEY_WOW64_32KEY, false, false, 1603,
      {Error(L"Open registry key failed with error {LastError}")}, false, L""},
-    {"UnreadablePropertyFailsAndWritesNothing", "SetRemoteConfigImmediately", L"host1", KEY_WOW64_64KEY, true, 1603,
-     {Error(L"MsiGetProperty RMTCONF failed with error {LastError}")}, false, L""},
+    {"UnreadablePropertyFailsAndWritesNothing", "SetRemoteConfigImmediately", L"host1", KEY_WOW64_64KEY, true, false,
+     1603, {Error(L"MsiGetProperty RMTCONF failed with error {LastError}")}, false, L""},
+    {"RefusedWriteFails", "SetRemoteConfigDeferred", L"host1", KEY_WOW64_64KEY, false, true, 1603,
+     {Error(L"Set registry value failed with error {LastError}")}, false, L""},
 };
 
 INSTANTIATE_TEST_SUITE_P(Cases, RemoteConfig, ::testing::ValuesIn(kCases),

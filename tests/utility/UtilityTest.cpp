@@ -247,6 +247,35 @@ bool CFailingPropertyRead::IsApplied() const
     return m_pImpl->patch.IsApplied();
 }
 
+// ---------------------------------------------------------------- CFailingRegistryWrite
+
+namespace {
+
+LSTATUS WINAPI RefusedSetValue(HKEY, LPCWSTR, DWORD, DWORD, const BYTE*, DWORD)
+{
+    return ERROR_ACCESS_DENIED;
+}
+
+} // namespace
+
+struct CFailingRegistryWrite::Impl
+{
+    explicit Impl(HMODULE hModule)
+        : patch(hModule, "advapi32.dll", "RegSetValueExW", reinterpret_cast<const void*>(RefusedSetValue))
+    {
+    }
+    CImportPatch patch;
+};
+
+CFailingRegistryWrite::CFailingRegistryWrite(HMODULE hModule) : m_pImpl(std::make_unique<Impl>(hModule)) {}
+
+CFailingRegistryWrite::~CFailingRegistryWrite() = default;
+
+bool CFailingRegistryWrite::IsApplied() const
+{
+    return m_pImpl->patch.IsApplied();
+}
+
 // ---------------------------------------------------------------- CMessageBoxWatcher
 
 namespace {

@@ -85,6 +85,23 @@ private:
     std::unique_ptr<Impl> m_pImpl;
 };
 
+// Makes the shipped DLL's registry writes fail as a value protected against
+// writing does: ERROR_ACCESS_DENIED, nothing written, the thread's last-error
+// value untouched.
+class CFailingRegistryWrite
+{
+public:
+    explicit CFailingRegistryWrite(HMODULE hModule);
+    CFailingRegistryWrite(const CFailingRegistryWrite&) = delete;
+    CFailingRegistryWrite& operator=(const CFailingRegistryWrite&) = delete;
+    ~CFailingRegistryWrite();
+    bool IsApplied() const;
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> m_pImpl;
+};
+
 // A message box this process showed: its caption, the texts of its controls,
 // whether it is topmost (system-modal) and which buttons it has.
 struct SeenBox
