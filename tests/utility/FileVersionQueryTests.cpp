@@ -27,7 +27,7 @@ TEST_P(GetFileVersion, WritesTheFileVersion)
     std::unique_ptr<CFailingPropertyRead> failing;
     if (test.failingRead != nullptr)
     {
-        failing = std::make_unique<CFailingPropertyRead>(Module(), test.failingRead, CFailingPropertyRead::Read);
+        failing = std::make_unique<CFailingPropertyRead>(Module(), test.failingRead, false);
         ASSERT_TRUE(failing->IsApplied());
     }
     DWORD handle = 0;

@@ -94,12 +94,12 @@ TEST_P(ShowMessageImmediately, ShowsTheMessage)
     std::unique_ptr<CFailingPropertyRead> failing;
     if (test.failingRead != nullptr)
     {
-        failing = std::make_unique<CFailingPropertyRead>(Module(), test.failingRead, CFailingPropertyRead::Read);
+        failing = std::make_unique<CFailingPropertyRead>(Module(), test.failingRead, false);
         ASSERT_TRUE(failing->IsApplied());
     }
     m_Host->QueueAnswer(test.answer);
 
-    CMessageBoxWatcher watcher(IDCANCEL);
+    CMessageBoxWatcher watcher;
     const UINT result = Run("ShowMessageImmediately", properties);
     const std::vector<SeenBox> boxes = watcher.Stop();
 

@@ -43,7 +43,7 @@ TEST_P(RemoteConfig, WritesTheListAsStrings)
     std::unique_ptr<CFailingPropertyRead> failing;
     if (test.failingRead)
     {
-        failing = std::make_unique<CFailingPropertyRead>(Module(), L"RMTCONF", CFailingPropertyRead::SizeQuery);
+        failing = std::make_unique<CFailingPropertyRead>(Module(), L"RMTCONF", true);
         ASSERT_TRUE(failing->IsApplied());
     }
     std::unique_ptr<CFailingRegistryWrite> refusing;

@@ -5,7 +5,6 @@
 #include <chrono>
 #include <cstdlib>
 
-#include "support/ImportPatch.h"
 #include "support/ShippedDll.h"
 
 namespace QcTest {
@@ -14,12 +13,8 @@ namespace {
 
 std::wstring WithMarker(std::wstring text)
 {
-    const std::wstring token = L"{LastError}";
-    for (size_t at = text.find(token); at != std::wstring::npos; at = text.find(token))
-    {
-        text.replace(at, token.size(), std::to_wstring(kLastErrorMarker));
-    }
-    return text;
+    const size_t at = text.find(L"{LastError}");
+    return at == std::wstring::npos ? text : text.replace(at, 11, std::to_wstring(kLastErrorMarker));
 }
 
 bool IsFrameLine(const std::wstring& body)
@@ -27,10 +22,41 @@ bool IsFrameLine(const std::wstring& body)
     return body.rfind(L"Workbench (#) ", 0) == 0;
 }
 
-HKEY OpenKey(REGSAM view, const std::wstring& key, REGSAM access)
+template <typename TFunction>
+TFunction SystemFunction(const wchar_t* dll, const char* name)
 {
-    HKEY hKey = nullptr;
-    return RegOpenKeyExW(HKEY_LOCAL_MACHINE, key.c_str(), 0, access | view, &hKey) == ERROR_SUCCESS ? hKey : nullptr;
+    return reinterpret_cast<TFunction>(reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(dll), name)));
+}
+
+using OpenKeyFunction = LSTATUS(WINAPI*)(HKEY, LPCWSTR, DWORD, REGSAM, PHKEY);
+OpenKeyFunction g_OriginalOpenKey = nullptr;
+CImportPatch* g_pOpenKeyPatch = nullptr;
+
+LSTATUS WINAPI OpenKeyAfterMarker(HKEY hKey, LPCWSTR subKey, DWORD options, REGSAM access, PHKEY phResult)
+{
+    SetLastError(kLastErrorMarker);
+    return g_OriginalOpenKey(hKey, subKey, options, access, phResult);
+}
+
+using GetPropertyFunction = UINT(WINAPI*)(MSIHANDLE, LPCWSTR, LPWSTR, LPDWORD);
+GetPropertyFunction g_OriginalGetProperty = nullptr;
+std::wstring g_FailingName;
+bool g_bFailingSizeQuery = true;
+
+UINT WINAPI FailingGetProperty(MSIHANDLE hInstall, LPCWSTR name, LPWSTR value, LPDWORD pcch)
+{
+    const bool bSizeQuery = pcch != nullptr && *pcch == 0;
+    if (name != nullptr && g_FailingName == name && bSizeQuery == g_bFailingSizeQuery)
+    {
+        SetLastError(kLastErrorMarker);
+        return ERROR_INVALID_HANDLE;
+    }
+    return g_OriginalGetProperty(hInstall, name, value, pcch);
+}
+
+LSTATUS WINAPI RefusedSetValue(HKEY, LPCWSTR, DWORD, DWORD, const BYTE*, DWORD)
+{
+    return ERROR_ACCESS_DENIED;
 }
 
 } // namespace
@@ -47,30 +73,17 @@ std::wstring Warning(const std::wstring& text)
 
 std::wstring Detail(const std::wstring& text)
 {
-    return WithMarker(L"Various (#) " + text + L".");
+    return L"Various (#) " + text + L".";
 }
+
+// ---------------------------------------------------------------- the fixture
 
 QcRunner::CActionLibrary* UtilityTest::s_pLibrary = nullptr;
-
-namespace {
-
-using OpenKeyFunction = LSTATUS(WINAPI*)(HKEY, LPCWSTR, DWORD, REGSAM, PHKEY);
-OpenKeyFunction g_OriginalOpenKey = nullptr;
-CImportPatch* g_pOpenKeyPatch = nullptr;
-
-LSTATUS WINAPI OpenKeyAfterMarker(HKEY hKey, LPCWSTR subKey, DWORD options, REGSAM access, PHKEY phResult)
-{
-    SetLastError(kLastErrorMarker);
-    return g_OriginalOpenKey(hKey, subKey, options, access, phResult);
-}
-
-} // namespace
 
 void UtilityTest::SetUpTestSuite()
 {
     s_pLibrary = new QcRunner::CActionLibrary(ShippedDllPath());
-    g_OriginalOpenKey = reinterpret_cast<OpenKeyFunction>(
-        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"advapi32.dll"), "RegOpenKeyExW")));
+    g_OriginalOpenKey = SystemFunction<OpenKeyFunction>(L"advapi32.dll", "RegOpenKeyExW");
     g_pOpenKeyPatch = new CImportPatch(s_pLibrary->Module(), "advapi32.dll", "RegOpenKeyExW",
                                        reinterpret_cast<const void*>(OpenKeyAfterMarker));
 }
@@ -95,15 +108,11 @@ UINT UtilityTest::Run(const char* exportName, const Properties& properties)
 {
     const QcRunner::CustomActionFunction action = s_pLibrary->Find(exportName);
     EXPECT_NE(action, nullptr) << exportName;
-    if (action == nullptr)
-    {
-        return ERROR_CALL_NOT_IMPLEMENTED;
-    }
     for (const auto& property : properties)
     {
         m_Host->SetProperty(property.first, property.second);
     }
-    return m_Host->Call(action);
+    return action == nullptr ? ERROR_CALL_NOT_IMPLEMENTED : m_Host->Call(action);
 }
 
 Lines UtilityTest::ActionLines() const
@@ -111,16 +120,27 @@ Lines UtilityTest::ActionLines() const
     Lines lines;
     for (const std::wstring& line : m_Host->LogLines())
     {
-        const std::wstring body = QcRunner::Body(line);
-        if (!IsFrameLine(body))
+        if (!IsFrameLine(QcRunner::Body(line)))
         {
-            lines.push_back(body);
+            lines.push_back(QcRunner::Body(line));
         }
     }
     return lines;
 }
 
+// ---------------------------------------------------------------- registry
+
 bool CreateKey(REGSAM view, const std::wstring& key)
+{
+    HKEY hKey = nullptr;
+    const LSTATUS status = RegCreateKeyExW(HKEY_LOCAL_MACHINE, key.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS | view,
+                                           nullptr, &hKey, nullptr);
+    RegCloseKey(hKey);
+    return status == ERROR_SUCCESS;
+}
+
+bool SetValue(REGSAM view, const std::wstring& key, const std::wstring& name, DWORD type, const void* data,
+              DWORD cbData)
 {
     HKEY hKey = nullptr;
     if (RegCreateKeyExW(HKEY_LOCAL_MACHINE, key.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS | view, nullptr, &hKey,
@@ -128,25 +148,9 @@ bool CreateKey(REGSAM view, const std::wstring& key)
     {
         return false;
     }
+    const LSTATUS status = RegSetValueExW(hKey, name.c_str(), 0, type, static_cast<const BYTE*>(data), cbData);
     RegCloseKey(hKey);
-    return true;
-}
-
-bool SetValue(REGSAM view, const std::wstring& key, const std::wstring& name, DWORD type, const void* data,
-              DWORD cbData)
-{
-    if (!CreateKey(view, key))
-    {
-        return false;
-    }
-    HKEY hKey = OpenKey(view, key, KEY_SET_VALUE);
-    const bool bSet = hKey != nullptr && RegSetValueExW(hKey, name.c_str(), 0, type, static_cast<const BYTE*>(data),
-                                                        cbData) == ERROR_SUCCESS;
-    if (hKey != nullptr)
-    {
-        RegCloseKey(hKey);
-    }
-    return bSet;
+    return status == ERROR_SUCCESS;
 }
 
 bool SetString(REGSAM view, const std::wstring& key, const std::wstring& name, const std::wstring& value)
@@ -162,24 +166,22 @@ bool DeleteKey(REGSAM view, const std::wstring& key)
 
 bool KeyExists(REGSAM view, const std::wstring& key)
 {
-    HKEY hKey = OpenKey(view, key, KEY_READ);
-    if (hKey == nullptr)
-    {
-        return false;
-    }
+    HKEY hKey = nullptr;
+    const LSTATUS status = RegOpenKeyExW(HKEY_LOCAL_MACHINE, key.c_str(), 0, KEY_QUERY_VALUE | view, &hKey);
     RegCloseKey(hKey);
-    return true;
+    return status == ERROR_SUCCESS;
 }
 
 bool ReadValue(REGSAM view, const std::wstring& key, const std::wstring& name, std::vector<BYTE>& data, DWORD& type)
 {
-    HKEY hKey = OpenKey(view, key, KEY_QUERY_VALUE);
-    if (hKey == nullptr)
+    HKEY hKey = nullptr;
+    LSTATUS status = RegOpenKeyExW(HKEY_LOCAL_MACHINE, key.c_str(), 0, KEY_QUERY_VALUE | view, &hKey);
+    if (status != ERROR_SUCCESS)
     {
         return false;
     }
     DWORD cbData = 0;
-    LSTATUS status = RegQueryValueExW(hKey, name.c_str(), nullptr, &type, nullptr, &cbData);
+    status = RegQueryValueExW(hKey, name.c_str(), nullptr, &type, nullptr, &cbData);
     data.assign(cbData, 0);
     if (status == ERROR_SUCCESS && cbData != 0)
     {
@@ -191,92 +193,30 @@ bool ReadValue(REGSAM view, const std::wstring& key, const std::wstring& name, s
 
 std::wstring AsText(const std::vector<BYTE>& data)
 {
-    std::wstring text(data.size() / sizeof(wchar_t), L'\0');
-    memcpy(&text[0], data.data(), text.size() * sizeof(wchar_t));
-    return text;
+    return std::wstring(reinterpret_cast<const wchar_t*>(data.data()), data.size() / sizeof(wchar_t));
 }
 
-// ---------------------------------------------------------------- CFailingPropertyRead
+// ---------------------------------------------------------------- doubles
 
-namespace {
-
-using GetPropertyFunction = UINT(WINAPI*)(MSIHANDLE, LPCWSTR, LPWSTR, LPDWORD);
-GetPropertyFunction g_OriginalGetProperty = nullptr;
-std::wstring g_FailingName;
-CFailingPropertyRead::Step g_FailingStep = CFailingPropertyRead::SizeQuery;
-
-UINT WINAPI FailingGetProperty(MSIHANDLE hInstall, LPCWSTR name, LPWSTR value, LPDWORD pcch)
+CFailingPropertyRead::CFailingPropertyRead(HMODULE hModule, const std::wstring& name, bool bSizeQuery)
+    : m_Patch(hModule, "msi.dll", "MsiGetPropertyW", reinterpret_cast<const void*>(FailingGetProperty))
 {
-    const bool bSizeQuery = pcch != nullptr && *pcch == 0;
-    if (name != nullptr && g_FailingName == name && bSizeQuery == (g_FailingStep == CFailingPropertyRead::SizeQuery))
-    {
-        SetLastError(kLastErrorMarker);
-        return ERROR_INVALID_HANDLE;
-    }
-    return g_OriginalGetProperty(hInstall, name, value, pcch);
-}
-
-} // namespace
-
-struct CFailingPropertyRead::Impl
-{
-    explicit Impl(HMODULE hModule)
-        : patch(hModule, "msi.dll", "MsiGetPropertyW", reinterpret_cast<const void*>(FailingGetProperty))
-    {
-    }
-    CImportPatch patch;
-};
-
-CFailingPropertyRead::CFailingPropertyRead(HMODULE hModule, const std::wstring& name, Step step)
-{
+    g_OriginalGetProperty = SystemFunction<GetPropertyFunction>(L"msi.dll", "MsiGetPropertyW");
     g_FailingName = name;
-    g_FailingStep = step;
-    g_OriginalGetProperty = reinterpret_cast<GetPropertyFunction>(
-        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"msi.dll"), "MsiGetPropertyW")));
-    m_pImpl = std::make_unique<Impl>(hModule);
+    g_bFailingSizeQuery = bSizeQuery;
 }
 
 CFailingPropertyRead::~CFailingPropertyRead()
 {
-    m_pImpl.reset();
     g_FailingName.clear();
 }
 
-bool CFailingPropertyRead::IsApplied() const
+CFailingRegistryWrite::CFailingRegistryWrite(HMODULE hModule)
+    : m_Patch(hModule, "advapi32.dll", "RegSetValueExW", reinterpret_cast<const void*>(RefusedSetValue))
 {
-    return m_pImpl->patch.IsApplied();
 }
 
-// ---------------------------------------------------------------- CFailingRegistryWrite
-
-namespace {
-
-LSTATUS WINAPI RefusedSetValue(HKEY, LPCWSTR, DWORD, DWORD, const BYTE*, DWORD)
-{
-    return ERROR_ACCESS_DENIED;
-}
-
-} // namespace
-
-struct CFailingRegistryWrite::Impl
-{
-    explicit Impl(HMODULE hModule)
-        : patch(hModule, "advapi32.dll", "RegSetValueExW", reinterpret_cast<const void*>(RefusedSetValue))
-    {
-    }
-    CImportPatch patch;
-};
-
-CFailingRegistryWrite::CFailingRegistryWrite(HMODULE hModule) : m_pImpl(std::make_unique<Impl>(hModule)) {}
-
-CFailingRegistryWrite::~CFailingRegistryWrite() = default;
-
-bool CFailingRegistryWrite::IsApplied() const
-{
-    return m_pImpl->patch.IsApplied();
-}
-
-// ---------------------------------------------------------------- CMessageBoxWatcher
+// ---------------------------------------------------------------- message boxes
 
 namespace {
 
@@ -299,11 +239,6 @@ BOOL CALLBACK CollectChild(HWND hChild, LPARAM context)
     return TRUE;
 }
 
-struct BoxSearch
-{
-    HWND hBox = nullptr;
-};
-
 BOOL CALLBACK FindOwnBox(HWND hWnd, LPARAM context)
 {
     DWORD processId = 0;
@@ -312,7 +247,7 @@ BOOL CALLBACK FindOwnBox(HWND hWnd, LPARAM context)
     GetClassNameW(hWnd, className, 15);
     if (processId == GetCurrentProcessId() && wcscmp(className, L"#32770") == 0 && IsWindowVisible(hWnd))
     {
-        reinterpret_cast<BoxSearch*>(context)->hBox = hWnd;
+        *reinterpret_cast<HWND*>(context) = hWnd;
         return FALSE;
     }
     return TRUE;
@@ -320,14 +255,27 @@ BOOL CALLBACK FindOwnBox(HWND hWnd, LPARAM context)
 
 } // namespace
 
-CMessageBoxWatcher::CMessageBoxWatcher(int dismissWith) : m_DismissWith(dismissWith)
+CMessageBoxWatcher::CMessageBoxWatcher()
 {
-    m_Thread = std::thread([this] { Watch(); });
-}
-
-CMessageBoxWatcher::~CMessageBoxWatcher()
-{
-    (void)Stop();
+    m_Thread = std::thread([this] {
+        HWND hLast = nullptr;
+        while (!m_bStop)
+        {
+            HWND hBox = nullptr;
+            EnumWindows(FindOwnBox, reinterpret_cast<LPARAM>(&hBox));
+            if (hBox != nullptr && hBox != hLast)
+            {
+                SeenBox box;
+                box.caption = WindowText(hBox);
+                box.topmost = (GetWindowLongW(hBox, GWL_EXSTYLE) & WS_EX_TOPMOST) != 0;
+                EnumChildWindows(hBox, CollectChild, reinterpret_cast<LPARAM>(&box));
+                m_Boxes.push_back(box);
+                hLast = hBox;
+                PostMessageW(hBox, WM_COMMAND, IDCANCEL, 0);
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+    });
 }
 
 std::vector<SeenBox> CMessageBoxWatcher::Stop()
@@ -338,27 +286,6 @@ std::vector<SeenBox> CMessageBoxWatcher::Stop()
         m_Thread.join();
     }
     return m_Boxes;
-}
-
-void CMessageBoxWatcher::Watch()
-{
-    HWND hLast = nullptr;
-    while (!m_bStop)
-    {
-        BoxSearch search;
-        EnumWindows(FindOwnBox, reinterpret_cast<LPARAM>(&search));
-        if (search.hBox != nullptr && search.hBox != hLast)
-        {
-            SeenBox box;
-            box.caption = WindowText(search.hBox);
-            box.topmost = (GetWindowLongW(search.hBox, GWL_EXSTYLE) & WS_EX_TOPMOST) != 0;
-            EnumChildWindows(search.hBox, CollectChild, reinterpret_cast<LPARAM>(&box));
-            m_Boxes.push_back(box);
-            hLast = search.hBox;
-            PostMessageW(search.hBox, WM_COMMAND, static_cast<WPARAM>(m_DismissWith), 0);
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
 }
 
 // ---------------------------------------------------------------- programs, product type, runner
@@ -375,11 +302,6 @@ CSystemProgram::CSystemProgram(const std::wstring& builtName, const std::wstring
     GetSystemDirectoryW(folder, MAX_PATH);
     m_Path = std::wstring(folder) + L"\\" + name;
     m_bPlaced = CopyFileW((BinFolder() + builtName).c_str(), m_Path.c_str(), FALSE) != FALSE;
-}
-
-CSystemProgram::~CSystemProgram()
-{
-    DeleteFileW(m_Path.c_str());
 }
 
 namespace {
@@ -412,25 +334,23 @@ RunnerOutcome RunInRunner(const std::wstring& arguments)
     startup.dwFlags = STARTF_USESTDHANDLES;
     startup.hStdOutput = hWrite;
     startup.hStdError = hWrite;
-    startup.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
     PROCESS_INFORMATION process = {};
     std::wstring commandLine = L"\"" + BinFolder() + L"QcActionRunner.exe\" " + arguments;
     const BOOL bStarted = CreateProcessW(nullptr, &commandLine[0], nullptr, nullptr, TRUE, 0, nullptr, nullptr,
                                          &startup, &process);
     CloseHandle(hWrite);
-    if (!bStarted)
-    {
-        CloseHandle(hRead);
-        return outcome;
-    }
     std::string output;
     char chunk[4096];
     DWORD read = 0;
-    while (ReadFile(hRead, chunk, sizeof(chunk), &read, nullptr) && read != 0)
+    while (bStarted && ReadFile(hRead, chunk, sizeof(chunk), &read, nullptr) && read != 0)
     {
         output.append(chunk, read);
     }
     CloseHandle(hRead);
+    if (!bStarted)
+    {
+        return outcome;
+    }
     if (WaitForSingleObject(process.hProcess, 60000) != WAIT_OBJECT_0)
     {
         TerminateProcess(process.hProcess, 1);
@@ -438,27 +358,16 @@ RunnerOutcome RunInRunner(const std::wstring& arguments)
     CloseHandle(process.hThread);
     CloseHandle(process.hProcess);
 
-    const int length = MultiByteToWideChar(CP_UTF8, 0, output.data(), static_cast<int>(output.size()), nullptr, 0);
-    std::wstring text(static_cast<size_t>(length), L'\0');
-    MultiByteToWideChar(CP_UTF8, 0, output.data(), static_cast<int>(output.size()), &text[0], length);
-    size_t start = 0;
-    while (start < text.size())
+    // Its lines are UTF-8; the texts asked for here are ASCII.
+    for (size_t start = 0, end = 0; start < output.size(); start = end + 1)
     {
-        size_t end = text.find(L'\n', start);
-        end = end == std::wstring::npos ? text.size() : end;
-        std::wstring line = text.substr(start, end - start);
-        start = end + 1;
-        if (!line.empty() && line.back() == L'\r')
+        end = output.find('\n', start);
+        end = end == std::string::npos ? output.size() : end;
+        const std::string narrow = output.substr(start, end - start - (end > start && output[end - 1] == '\r'));
+        std::wstring line(narrow.begin(), narrow.end());
+        if (line.rfind(L"log: ", 0) == 0 && !IsFrameLine(QcRunner::Body(line.substr(5))))
         {
-            line.pop_back();
-        }
-        if (line.rfind(L"log: ", 0) == 0)
-        {
-            const std::wstring body = QcRunner::Body(line.substr(5));
-            if (!IsFrameLine(body))
-            {
-                outcome.lines.push_back(body);
-            }
+            outcome.lines.push_back(QcRunner::Body(line.substr(5)));
         }
         else if (line.rfind(L"property: ", 0) == 0)
         {

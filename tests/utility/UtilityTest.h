@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "ActionHost.h"
+#include "support/ImportPatch.h"
 
 namespace QcTest {
 
@@ -51,7 +52,7 @@ protected:
     static QcRunner::CActionLibrary* s_pLibrary;
 };
 
-// Registry of the prefix, in the given view (KEY_WOW64_32KEY or KEY_WOW64_64KEY).
+// HKLM in one registry view (KEY_WOW64_32KEY or KEY_WOW64_64KEY).
 bool CreateKey(REGSAM view, const std::wstring& key);
 bool SetValue(REGSAM view, const std::wstring& key, const std::wstring& name, DWORD type, const void* data,
               DWORD cbData);
@@ -63,46 +64,33 @@ bool KeyExists(REGSAM view, const std::wstring& key);
 bool ReadValue(REGSAM view, const std::wstring& key, const std::wstring& name, std::vector<BYTE>& data, DWORD& type);
 std::wstring AsText(const std::vector<BYTE>& data);
 
-// Makes the shipped DLL's read of one property fail, as an installer whose
-// session went away answers: ERROR_INVALID_HANDLE, with kLastErrorMarker as
-// the thread's last-error value. All other reads go to the installer.
+// Makes the shipped DLL's read of one property fail (its size query or its
+// read), as an installer whose session went away answers: ERROR_INVALID_HANDLE,
+// with kLastErrorMarker as the thread's last-error value.
 class CFailingPropertyRead
 {
 public:
-    enum Step
-    {
-        SizeQuery,
-        Read,
-    };
-    CFailingPropertyRead(HMODULE hModule, const std::wstring& name, Step step);
-    CFailingPropertyRead(const CFailingPropertyRead&) = delete;
-    CFailingPropertyRead& operator=(const CFailingPropertyRead&) = delete;
+    CFailingPropertyRead(HMODULE hModule, const std::wstring& name, bool bSizeQuery);
     ~CFailingPropertyRead();
-    bool IsApplied() const;
+    bool IsApplied() const { return m_Patch.IsApplied(); }
 
 private:
-    struct Impl;
-    std::unique_ptr<Impl> m_pImpl;
+    CImportPatch m_Patch;
 };
 
 // Makes the shipped DLL's registry writes fail as a value protected against
-// writing does: ERROR_ACCESS_DENIED, nothing written, the thread's last-error
-// value untouched.
+// writing does: ERROR_ACCESS_DENIED, nothing written, last error untouched.
 class CFailingRegistryWrite
 {
 public:
     explicit CFailingRegistryWrite(HMODULE hModule);
-    CFailingRegistryWrite(const CFailingRegistryWrite&) = delete;
-    CFailingRegistryWrite& operator=(const CFailingRegistryWrite&) = delete;
-    ~CFailingRegistryWrite();
-    bool IsApplied() const;
+    bool IsApplied() const { return m_Patch.IsApplied(); }
 
 private:
-    struct Impl;
-    std::unique_ptr<Impl> m_pImpl;
+    CImportPatch m_Patch;
 };
 
-// A message box this process showed: its caption, the texts of its controls,
+// A message box of this process: its caption, the texts of its controls,
 // whether it is topmost (system-modal) and which buttons it has.
 struct SeenBox
 {
@@ -113,24 +101,25 @@ struct SeenBox
 };
 
 // Watches, on its own thread, for message boxes of this process and closes
-// each with WM_COMMAND `dismissWith` after noting what it showed.
+// each with WM_COMMAND IDCANCEL after noting what it showed.
 class CMessageBoxWatcher
 {
 public:
-    explicit CMessageBoxWatcher(int dismissWith = IDCANCEL);
+    CMessageBoxWatcher();
     CMessageBoxWatcher(const CMessageBoxWatcher&) = delete;
     CMessageBoxWatcher& operator=(const CMessageBoxWatcher&) = delete;
-    ~CMessageBoxWatcher();
+    ~CMessageBoxWatcher() { (void)Stop(); }
     // Stops watching and returns what was seen.
     std::vector<SeenBox> Stop();
 
 private:
-    void Watch();
-    int m_DismissWith;
     std::atomic<bool> m_bStop{false};
     std::vector<SeenBox> m_Boxes;
     std::thread m_Thread;
 };
+
+// The build tree's bin folder as a Windows path, with a trailing backslash.
+std::wstring BinFolder();
 
 // A program of the build tree copied into the prefix's system directory under
 // `name` for the object's lifetime.
@@ -140,7 +129,7 @@ public:
     CSystemProgram(const std::wstring& builtName, const std::wstring& name);
     CSystemProgram(const CSystemProgram&) = delete;
     CSystemProgram& operator=(const CSystemProgram&) = delete;
-    ~CSystemProgram();
+    ~CSystemProgram() { DeleteFileW(m_Path.c_str()); }
     bool IsPlaced() const { return m_bPlaced; }
 
 private:
@@ -148,11 +137,8 @@ private:
     bool m_bPlaced = false;
 };
 
-// The build tree's bin folder as a Windows path, with a trailing backslash.
-std::wstring BinFolder();
-
-// The product type the system reports ("WinNT" workstation, "ServerNT" server,
-// "LanmanNT" domain controller) for processes started while this object lives.
+// The product type the system reports ("ServerNT" server, "LanmanNT" domain
+// controller) to processes started while this object lives; then "WinNT" again.
 class CProductType
 {
 public:
@@ -166,8 +152,8 @@ public:
 struct RunnerOutcome
 {
     int result = -1;
-    Lines lines;                                   // bodies after the frame's lines
-    std::map<std::wstring, std::wstring> shown;    // properties printed with --show
+    Lines lines;                                // bodies after the frame's lines
+    std::map<std::wstring, std::wstring> shown; // properties printed with --show
 };
 RunnerOutcome RunInRunner(const std::wstring& arguments);
 
