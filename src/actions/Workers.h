@@ -22,5 +22,17 @@ UINT CreateProcessDeferredWorker(Host::CWorkbench* pWorkbench);
 UINT CreateProcessImmediatelyWorker(Host::CWorkbench* pWorkbench);
 UINT ShellExecuteDeferredWorker(Host::CWorkbench* pWorkbench);
 UINT ShellExecuteImmediatelyWorker(Host::CWorkbench* pWorkbench);
+// IcaClient.cpp
+UINT AddIcaClientWorker(Host::CWorkbench* pWorkbench);
+UINT RemoveIcaClientWorker(Host::CWorkbench* pWorkbench);
+// EngineVersion.cpp, FileVersionQuery.cpp
+UINT GetEngineVersionWorker(Host::CWorkbench* pWorkbench);
+UINT GetFileVersionWorker(Host::CWorkbench* pWorkbench);
+// Messages.cpp
+UINT ShowMessageDeferredWorker(Host::CWorkbench* pWorkbench);
+UINT ShowMessageImmediatelyWorker(Host::CWorkbench* pWorkbench);
+// RemoteConfig.cpp
+UINT SetRemoteConfigDeferredWorker(Host::CWorkbench* pWorkbench);
+UINT SetRemoteConfigImmediatelyWorker(Host::CWorkbench* pWorkbench);
 
 } // namespace Quillcast::Actions

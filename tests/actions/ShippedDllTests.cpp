@@ -24,6 +24,7 @@ namespace {
 
 // The exports that exist today; the rest of the thirty are added with their workers.
 const std::set<std::string> kExpectedExports = {
+    "AddIcaClient",
     "CloseAutoConnect",
     "CloseProcessDeferred",
     "CloseProcessImmediately",
@@ -31,11 +32,18 @@ const std::set<std::string> kExpectedExports = {
     "CreateProcessDeferred",
     "CreateProcessImmediately",
     "GetCustomActionVersion",
+    "GetEngineVersion",
+    "GetFileVersion",
+    "RemoveIcaClient",
     "ServiceRestart",
     "ServiceStart",
     "ServiceStop",
+    "SetRemoteConfigDeferred",
+    "SetRemoteConfigImmediately",
     "ShellExecuteDeferred",
     "ShellExecuteImmediately",
+    "ShowMessageDeferred",
+    "ShowMessageImmediately",
 };
 
 class ShippedDll : public ::testing::Test

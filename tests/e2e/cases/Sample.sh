@@ -6,21 +6,30 @@
 service=QuillcastSampleService
 add_test_service "$service"
 
+# SetRemoteConfigDeferred writes into the client's key; it never creates it.
+client='HKLM\SOFTWARE\Quillcast\Client'
+wine_run reg add "$client" /reg:64 /f >/dev/null
+
 package sample -D HelperProgram="$(windows_path "$QC_BIN_DIR/QcTestProgram.exe")"
 install "$@"
 show_dll_lines
 show_property VersionA
 show_property VersionB
 show_property CompareResult
+show_property GFV_Result
 
 expect_dll_line --in CompareVersions "Workbench (#) Processing custom action: CompareVersionString."
 expect_dll_line --in InstallFinalize "Workbench (#) Custom Action Dll '*' has version '$QC_PROJECT_VERSION'."
 expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: ServiceRestart."
 expect_dll_line --in InstallFinalize "Various (#) Exit code of process is 0."
 expect_service_state "$service" RUNNING
+expect_dll_line --in ReadFileVersion "Workbench (#) Processing custom action: GetFileVersion."
+expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: SetRemoteConfigDeferred."
 if [ $# -eq 0 ]; then
     expect_property CompareResult 1
     expect_reg 'HKLM\Software\Quillcast\Sample' CompareResult 1
+    # Wine's reg shows a list with a single terminator one character short.
+    expect_reg "$client" RmtConf 'host1\0host'
 fi
 
 uninstall
@@ -30,3 +39,4 @@ expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: Cl
 expect_service_state "$service" STOPPED
 expect_no_reg 'HKLM\Software\Quillcast\Sample'
 expect_product_absent
+wine_run reg delete "$client" /reg:64 /f >/dev/null
