@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "host/types/CriticalSection.h"
 #include "host/types/PointerList.h"
 #include "logging/LogStreamMem.h"
 #include "logging/Logger.h"
@@ -52,7 +53,8 @@ private:
     System::IO::COutputStream<wchar_t>* m_pOutput;
     uint32_t m_dwMask = 15;
     uint32_t m_dwLevel = 0;
-    CRITICAL_SECTION m_Lock;
+    // Held from Begin to End: whole entries never interleave.
+    System::Synchronization::CCriticalSection m_Lock;
     System::Types::CPointerList<CLogable> m_Prefixes;
     System::Types::CPointerList<CLogable> m_Postfixes;
     CLogStreamMem m_Line;
