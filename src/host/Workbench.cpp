@@ -24,7 +24,9 @@ constexpr uint32_t kModulePathHandedOver = 32767;
 
 CWorkbench::CWorkbench(MSIHANDLE hInstall) : m_Arguments(hInstall)
 {
-    g_MsiLogStream.Bind(hInstall);
+    // Unbound (handle 0, or no memory to grow the table), the call goes on and
+    // its entries are dropped.
+    (void)g_MsiLogStream.Bind(hInstall);
     m_hInstall = hInstall;
 }
 

@@ -29,13 +29,15 @@ CDefaultLogger::~CDefaultLogger() = default;
 void CDefaultLogger::AddPrefix(const CLogable& prefix)
 {
     const System::Synchronization::CSingleLock lock(m_Lock);
-    m_Prefixes.Append(prefix.Clone());
+    // A clone that failed (null) is left out: the lines go on without that piece.
+    (void)m_Prefixes.Append(prefix.Clone());
 }
 
 void CDefaultLogger::AddPostfix(const CLogable& postfix)
 {
     const System::Synchronization::CSingleLock lock(m_Lock);
-    m_Postfixes.Append(postfix.Clone());
+    // A clone that failed (null) is left out: the lines go on without that piece.
+    (void)m_Postfixes.Append(postfix.Clone());
 }
 
 void CDefaultLogger::Begin(uint32_t level)

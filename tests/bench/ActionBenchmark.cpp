@@ -104,7 +104,7 @@ void LogLinesPerSecond(int threadCount)
     for (int i = 0; i < threadCount; ++i)
     {
         threads.emplace_back([&, i] {
-            g_MsiLogStream.Bind(hosts[i]->Session());
+            (void)g_MsiLogStream.Bind(hosts[i]->Session());
             while (!stop.load())
             {
                 LogLines(0);
