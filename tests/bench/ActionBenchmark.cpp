@@ -138,6 +138,12 @@ int wmain(int argc, wchar_t** argv)
         std::printf("cannot load the DLL\n");
         return 1;
     }
+    WIN32_FILE_ATTRIBUTE_DATA attributes{};
+    if (GetFileAttributesExW(QcTest::ShippedDllPath().c_str(), GetFileExInfoStandard, &attributes))
+    {
+        std::printf("Quillcast.Common.System.dll: %lu bytes (stripped; its symbols are in the .debug file beside it)\n",
+                    attributes.nFileSizeLow);
+    }
     std::printf("Actions through the in-process host (one session), %.1f s per figure:\n", g_Seconds);
     CompareWithBaseline("GetCustomActionVersion", library.Find("GetCustomActionVersion"), 1);
     CompareWithBaseline("CompareVersionString", library.Find("CompareVersionString"), 2);
