@@ -20,24 +20,27 @@ void WriteText(CLogStreamMem& line, const wchar_t* text) noexcept
 
 CDefaultLogger::CDefaultLogger(System::IO::COutputStream<wchar_t>* pOutput) : m_pOutput(pOutput)
 {
-    AddPrefix(CLogPrefixDate());
-    AddPrefix(CLogPrefixTIdPId());
+    AttachClone(m_Prefixes, CLogPrefixDate());
+    AttachClone(m_Prefixes, CLogPrefixTIdPId());
 }
 
 CDefaultLogger::~CDefaultLogger() = default;
 
 void CDefaultLogger::AddPrefix(const CLogable& prefix)
 {
-    const System::Synchronization::CSingleLock lock(m_Lock);
-    // A clone that failed (null) is left out: the lines go on without that piece.
-    (void)m_Prefixes.Append(prefix.Clone());
+    AttachClone(m_Prefixes, prefix);
 }
 
 void CDefaultLogger::AddPostfix(const CLogable& postfix)
 {
+    AttachClone(m_Postfixes, postfix);
+}
+
+void CDefaultLogger::AttachClone(System::Types::CPointerList<CLogable>& pieces, const CLogable& piece)
+{
     const System::Synchronization::CSingleLock lock(m_Lock);
     // A clone that failed (null) is left out: the lines go on without that piece.
-    (void)m_Postfixes.Append(postfix.Clone());
+    (void)pieces.Append(piece.Clone());
 }
 
 void CDefaultLogger::Begin(uint32_t level)

@@ -46,6 +46,9 @@ public:
     using CLogger::Source;
 
 private:
+    // Under the lock, appends a copy of `piece` (the constructor's prefixes too,
+    // without a virtual call from the constructor).
+    void AttachClone(System::Types::CPointerList<CLogable>& pieces, const CLogable& piece);
     bool IsEnabled() const noexcept { return (m_dwLevel & m_dwMask) != 0; }
     template <size_t Capacity, typename... Args>
     void AppendFormatted(const wchar_t* format, Args... args);

@@ -191,9 +191,8 @@ bool Replace(CWideBuffer& buffer, const wchar_t* find, const wchar_t* replacemen
         pOut += replacementLength;
         pIn = pHit + findLength;
     }
-    const size_t tail = ::wcslen(pIn);
-    ::wmemcpy(pOut, pIn, tail);
-    buffer[static_cast<uint32_t>(newLength)] = L'\0';
+    // The tail with its terminator, which lands at the new length.
+    ::wmemcpy(pOut, pIn, ::wcslen(pIn) + 1);
     return true;
 }
 
