@@ -106,18 +106,18 @@ private:
     bool FailWithLastError(const wchar_t* pszText) noexcept;
     // QueryServiceStatus; a failure is logged and resets the tick.
     [[nodiscard]] bool QueryStatusOrFail(SC_HANDLE hService, SERVICE_STATUS& status) noexcept;
-    bool StopDependents() noexcept;
-    WalkStep StopDependent(const wchar_t* pszDependent) noexcept;
-    bool StartDependents() noexcept;
-    WalkStep StartDependent(const wchar_t* pszDependent) noexcept;
+    [[nodiscard]] bool StopDependents() noexcept;
+    [[nodiscard]] WalkStep StopDependent(const wchar_t* pszDependent) noexcept;
+    [[nodiscard]] bool StartDependents() noexcept;
+    [[nodiscard]] WalkStep StartDependent(const wchar_t* pszDependent) noexcept;
     // The start type of m_hDependency; false after a logged failure (tick kept).
-    bool QueryDependentStartType(DWORD& dwStartType) noexcept;
+    [[nodiscard]] bool QueryDependentStartType(DWORD& dwStartType) noexcept;
     void ResetTick() noexcept;
-    bool HasTimedOut() const noexcept;
+    [[nodiscard]] bool HasTimedOut() const noexcept;
     void LogTimeout(uint32_t dwLevel, const wchar_t* pszServiceName) const noexcept;
     // Opens a dependent into m_hDependency and reads its status; false after a
     // logged failure, with the tick reset.
-    bool OpenDependent(const wchar_t* pszDependent, DWORD dwAccess, SERVICE_STATUS& status) noexcept;
+    [[nodiscard]] bool OpenDependent(const wchar_t* pszDependent, DWORD dwAccess, SERVICE_STATUS& status) noexcept;
     void TakeDependencyHandle(SC_HANDLE hDependency) noexcept;
     const wchar_t* Name() const noexcept;
 

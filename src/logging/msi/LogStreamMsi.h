@@ -39,7 +39,7 @@ public:
     bool Write(const wchar_t* text, uint32_t length) override;
 
     // The session bound to the calling thread, 0 when unbound.
-    MSIHANDLE BoundSession();
+    [[nodiscard]] MSIHANDLE BoundSession();
     uint32_t BindingCount();
 
 private:
