@@ -40,7 +40,10 @@ status=0
 QC_WINEPREFIX=$wine_dir/prefix QC_BIN_DIR=$build/bin QC_SOURCE_DIR=$root \
     "$root/tests/e2e/msi-case.sh" "$root/tests/e2e/cases/Sample.sh" "$build/sample" "$@" || status=$?
 echo
-echo "Full installer logs (msiexec /l*v): $build/sample/*-install-sample.log and *-uninstall-sample.log"
+echo "Full installer logs (msiexec /l*v), one per run:"
+ls "$build/sample/"*.log 2>/dev/null | sed 's/^/  /'
+echo "(Wine writes each line into its log file as a record template, so 'Argument[NAME] = x.' reads"
+echo " 'Argument = x.' there and '[ERROR] ' is left out; the runner below shows the raw lines.)"
 echo "The package: $root/tests/e2e/packages/sample.wxs; try an action alone with the runner, e.g."
 echo "  scripts/wine-run.sh $build/bin/QcActionRunner.exe --help"
 exit $status
