@@ -108,9 +108,5 @@ echo "  (each call loads the DLL afresh; version lines per install: shipped $rec
 echo "  $(basename "$shipped_dll"): $size bytes; QcBareAction.dll: $(stat -c %s "$bin/QcBareAction.dll") bytes"
 echo "  shipped DLL, ms per install+remove: ${shipped_runs[*]}  median $shipped_median"
 echo "  bare DLL,    ms per install+remove: ${bare_runs[*]}  median $bare_median"
-shipped_min=$(printf '%s\n' "${shipped_runs[@]}" | sort -n | head -n 1)
-bare_min=$(printf '%s\n' "${bare_runs[@]}" | sort -n | head -n 1)
-awk -v s="$shipped_median" -v b="$bare_median" -v sm="$shipped_min" -v bm="$bare_min" -v n=$((2 * calls)) 'BEGIN {
-    printf "  ratio of medians shipped/bare: %.3f   (%.2f ms more per call)\n", s / b, (s - b) / n
-    # On a shared machine the fastest runs are the least disturbed ones.
-    printf "  ratio of minimums shipped/bare: %.3f  (%.2f ms more per call)\n", sm / bm, (sm - bm) / n }'
+awk -v s="$shipped_median" -v b="$bare_median" -v n=$((2 * calls)) 'BEGIN {
+    printf "  ratio of medians shipped/bare: %.3f   (%.2f ms more per call)\n", s / b, (s - b) / n }'
