@@ -6,7 +6,7 @@
 #include <cwchar>
 #include <mutex>
 
-#include "host/types/Handles.h"
+#include "host/types/TwoCallString.h"
 
 namespace QcRunner {
 
@@ -20,22 +20,24 @@ std::once_flag g_HandlerInstalled;
 
 using CMsiHandleOwner = Quillcast::System::Types::CMsiHandle;
 
+// The installer's two-call string read, as a std::wstring ("" on failure).
+template <typename TQuery>
+std::wstring ReadString(TQuery&& query)
+{
+    Quillcast::System::Types::CBuffer<wchar_t> text;
+    if (Quillcast::System::Types::ReadTwoCallString(query, text).failedStep !=
+        Quillcast::System::Types::TwoCallStep::None)
+    {
+        return std::wstring();
+    }
+    return std::wstring(text.Data());
+}
+
 std::wstring RecordString(MSIHANDLE hRecord, UINT field)
 {
-    wchar_t empty[1] = {L'\0'};
-    DWORD cch = 0;
-    if (MsiRecordGetStringW(hRecord, field, empty, &cch) != ERROR_MORE_DATA)
-    {
-        return std::wstring();
-    }
-    std::wstring text(cch + 1, L'\0');
-    cch += 1;
-    if (MsiRecordGetStringW(hRecord, field, &text[0], &cch) != ERROR_SUCCESS)
-    {
-        return std::wstring();
-    }
-    text.resize(cch);
-    return text;
+    return ReadString([hRecord, field](wchar_t* pszText, DWORD* pcch) {
+        return MsiRecordGetStringW(hRecord, field, pszText, pcch);
+    });
 }
 
 std::wstring NewGuid()
@@ -147,27 +149,18 @@ int __stdcall HostRecordHandler(void* /*pContext*/, UINT messageType, MSIHANDLE 
     return pHost == nullptr ? 0 : pHost->OnRecord(messageType, hRecord);
 }
 
-CActionLibrary::CActionLibrary(const std::wstring& path) : m_Path(path)
-{
-    m_hModule = LoadLibraryW(path.c_str());
-}
+CActionLibrary::CActionLibrary(const std::wstring& path) : m_Path(path), m_hModule(LoadLibraryW(path.c_str())) {}
 
-CActionLibrary::~CActionLibrary()
-{
-    if (m_hModule != nullptr)
-    {
-        FreeLibrary(m_hModule);
-    }
-}
+CActionLibrary::~CActionLibrary() = default;
 
 CustomActionFunction CActionLibrary::Find(const std::string& exportName) const
 {
-    if (m_hModule == nullptr)
+    if (!m_hModule)
     {
         return nullptr;
     }
     return reinterpret_cast<CustomActionFunction>(
-        reinterpret_cast<void*>(GetProcAddress(m_hModule, exportName.c_str())));
+        reinterpret_cast<void*>(GetProcAddress(m_hModule.Get(), exportName.c_str())));
 }
 
 CActionHost::CActionHost()
@@ -194,20 +187,18 @@ CActionHost::CActionHost()
     {
         return;
     }
-    const UINT result = MsiOpenPackageW(m_PackagePath.c_str(), &m_hSession);
+    const UINT result = MsiOpenPackageW(m_PackagePath.c_str(), m_hSession.Put());
     if (result != ERROR_SUCCESS)
     {
-        m_hSession = 0;
+        m_hSession.Reset();
         m_Error = Describe(L"MsiOpenPackage", result);
     }
 }
 
 CActionHost::~CActionHost()
 {
-    if (m_hSession != 0)
-    {
-        MsiCloseHandle(m_hSession);
-    }
+    // The session holds the package file open: closed first so that it can be deleted.
+    m_hSession.Reset();
     if (!m_PackagePath.empty())
     {
         DeleteFileW(m_PackagePath.c_str());
@@ -216,30 +207,20 @@ CActionHost::~CActionHost()
 
 bool CActionHost::SetProperty(const std::wstring& name, const std::wstring& value)
 {
-    return MsiSetPropertyW(m_hSession, name.c_str(), value.c_str()) == ERROR_SUCCESS;
+    return MsiSetPropertyW(m_hSession.Get(), name.c_str(), value.c_str()) == ERROR_SUCCESS;
 }
 
 std::wstring CActionHost::GetProperty(const std::wstring& name) const
 {
-    wchar_t empty[1] = {L'\0'};
-    DWORD cch = 0;
-    if (MsiGetPropertyW(m_hSession, name.c_str(), empty, &cch) != ERROR_MORE_DATA)
-    {
-        return std::wstring();
-    }
-    std::wstring value(cch + 1, L'\0');
-    cch += 1;
-    if (MsiGetPropertyW(m_hSession, name.c_str(), &value[0], &cch) != ERROR_SUCCESS)
-    {
-        return std::wstring();
-    }
-    value.resize(cch);
-    return value;
+    const MSIHANDLE hSession = m_hSession.Get();
+    return ReadString([hSession, &name](wchar_t* pszValue, DWORD* pcch) {
+        return MsiGetPropertyW(hSession, name.c_str(), pszValue, pcch);
+    });
 }
 
 UINT CActionHost::Call(CustomActionFunction action)
 {
-    return CallWithHandle(action, m_hSession);
+    return CallWithHandle(action, m_hSession.Get());
 }
 
 UINT CActionHost::CallWithHandle(CustomActionFunction action, MSIHANDLE hInstall)

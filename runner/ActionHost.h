@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "host/types/Handles.h"
+
 // An in-process installer session for trying custom actions without building
 // an installer: a scratch package (an MSI database with the usual properties,
 // opened with MsiOpenPackageW) whose log records are captured raw, exactly as
@@ -23,15 +25,15 @@ public:
     CActionLibrary& operator=(const CActionLibrary&) = delete;
     ~CActionLibrary();
 
-    bool IsLoaded() const { return m_hModule != nullptr; }
-    HMODULE Module() const { return m_hModule; }
+    bool IsLoaded() const { return static_cast<bool>(m_hModule); }
+    HMODULE Module() const { return m_hModule.Get(); }
     // The export of that name, or null.
     CustomActionFunction Find(const std::string& exportName) const;
     const std::wstring& Path() const { return m_Path; }
 
 private:
     std::wstring m_Path;
-    HMODULE m_hModule = nullptr;
+    Quillcast::System::Types::CModule m_hModule;
 };
 
 class CActionHost
@@ -44,9 +46,9 @@ public:
     // Closes the session and deletes the scratch package.
     ~CActionHost();
 
-    bool IsOpen() const { return m_hSession != 0; }
+    bool IsOpen() const { return static_cast<bool>(m_hSession); }
     const std::wstring& Error() const { return m_Error; }
-    MSIHANDLE Session() const { return m_hSession; }
+    MSIHANDLE Session() const { return m_hSession.Get(); }
 
     bool SetProperty(const std::wstring& name, const std::wstring& value);
     std::wstring GetProperty(const std::wstring& name) const;
@@ -76,7 +78,7 @@ private:
 
     std::wstring m_PackagePath;
     std::wstring m_Error;
-    MSIHANDLE m_hSession = 0;
+    Quillcast::System::Types::CMsiHandle m_hSession;
     std::vector<std::wstring> m_LogLines;
     std::vector<std::wstring> m_Messages;
     std::vector<int> m_Answers;

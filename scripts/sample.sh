@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Installs the sample installer package with Wine's msiexec (/qn /l*v) in a
 # headless prefix of its own, prints the lines the custom actions wrote into
-# the installer log and the resulting CompareResult, uninstalls it again and
-# stops the prefix.
+# the installer log (each under the action that wrote it) and the resulting
+# CompareResult, uninstalls it again, stops the prefix and says where the full
+# logs are.
 #   scripts/sample.sh [BUILD_DIR] [PUBLIC_NAME=VALUE...]
 # BUILD_DIR defaults to build/ at the repository root and must hold a build.
 # The properties go to msiexec, e.g. SAMPLE_VERSIONA=2.0 SAMPLE_VERSIONB=2.0.1.
@@ -35,5 +36,14 @@ fi
 "$root/scripts/wine-prefix.sh" create "$wine_dir" >/dev/null
 trap '"$root/scripts/wine-prefix.sh" stop "$wine_dir"' EXIT
 
+status=0
 QC_WINEPREFIX=$wine_dir/prefix QC_BIN_DIR=$build/bin QC_SOURCE_DIR=$root \
-    "$root/tests/e2e/msi-case.sh" "$root/tests/e2e/cases/Sample.sh" "$build/sample" "$@"
+    "$root/tests/e2e/msi-case.sh" "$root/tests/e2e/cases/Sample.sh" "$build/sample" "$@" || status=$?
+echo
+echo "Full installer logs (msiexec /l*v), one per run:"
+ls "$build/sample/"*.log 2>/dev/null | sed 's/^/  /'
+echo "(Wine writes each line into its log file as a record template, so 'Argument[NAME] = x.' reads"
+echo " 'Argument = x.' there and '[ERROR] ' is left out; the runner below shows the raw lines.)"
+echo "The package: $root/tests/e2e/packages/sample.wxs; try an action alone with the runner, e.g."
+echo "  scripts/wine-run.sh $build/bin/QcActionRunner.exe --help"
+exit $status

@@ -98,7 +98,8 @@ UINT CompareVersionStringWorker(Host::CWorkbench* pWorkbench)
     {
         return ERROR_INSTALL_FAILURE;
     }
-    ::MsiSetPropertyW(hInstall, L"CompareResult", CompareVersions(versionA, versionB));
+    // The result of setting the property is ignored: the action has nothing to report it to.
+    (void)::MsiSetPropertyW(hInstall, L"CompareResult", CompareVersions(versionA, versionB));
     return ERROR_SUCCESS;
 }
 

@@ -1,24 +1,24 @@
 #include "host/ActionTable.h"
 
+#include <cstddef>
+
 namespace Quillcast::Host {
 
 namespace {
 
-template <uint32_t N>
-constexpr CustomActionEntry Row(const wchar_t* const (&arguments)[N], const wchar_t* const* required,
-                                uint32_t requiredCount)
-{
-    return {arguments, required, N, requiredCount};
-}
-
 template <uint32_t N, uint32_t M>
 constexpr CustomActionEntry Row(const wchar_t* const (&arguments)[N], const wchar_t* const (&required)[M])
 {
-    return Row(arguments, required, M);
+    return {arguments, required, N, M};
 }
 
-constexpr CustomActionEntry kNoArguments = {nullptr, nullptr, 0, 0};
+// A row without names: the validation passes whatever CustomActionData holds.
+constexpr CustomActionEntry Row(std::nullptr_t, std::nullptr_t)
+{
+    return {nullptr, nullptr, 0, 0};
+}
 
+constexpr std::nullptr_t kNone = nullptr;
 constexpr const wchar_t* kAddPortArguments[] = {L"RULENAME",   L"RULEDESCRIPTION", L"PROFILE",
                                                 L"LOCALPORTS", L"LOCALADDRESSES",  L"REMOTEPORTS",
                                                 L"REMOTEADDRESSES", L"SERVICENAME"};
@@ -40,72 +40,49 @@ constexpr const wchar_t* kShellExecute[] = {L"TARGET", L"WORKINGDIR"};
 constexpr const wchar_t* kShowMessageArguments[] = {L"MESSAGE", L"TYPE"};
 constexpr const wchar_t* kShowMessageRequired[] = {L"MESSAGE"};
 
+#define QC_WIDEN(text) L##text
+constexpr const wchar_t* kNames[] = {
+#define QC_ACTION_NAME(name, arguments, required) QC_WIDEN(#name),
+    QC_CUSTOM_ACTIONS(QC_ACTION_NAME)
+#undef QC_ACTION_NAME
+};
+#undef QC_WIDEN
+
+constexpr bool IsBefore(const wchar_t* left, const wchar_t* right)
+{
+    for (; *left != L'\0' && *left == *right; ++left, ++right)
+    {
+    }
+    return *left < *right;
+}
+
+constexpr bool IsAlphabetical()
+{
+    for (size_t i = 1; i < ACTION_COUNT; ++i)
+    {
+        if (!IsBefore(kNames[i - 1], kNames[i]))
+        {
+            return false;
+        }
+    }
+    return true;
+}
+
+static_assert(sizeof(kNames) / sizeof(kNames[0]) == ACTION_COUNT);
+static_assert(IsAlphabetical(), "the row index of an action is its place in alphabetical order");
+
 } // namespace
 
 const CustomActionEntry g_CustomActionTable[ACTION_COUNT] = {
-    kNoArguments,                                         // AddIcaClient
-    Row(kAddPortArguments, kAddPortRequired),             // AddPortException
-    Row(kAddProgramArguments, kAddProgramRequired),       // AddProgramException
-    kNoArguments,                                         // CloseAutoConnect
-    Row(kCloseProcessArguments, kCloseProcessRequired),   // CloseProcessDeferred
-    kNoArguments,                                         // CloseProcessImmediately
-    kNoArguments,                                         // CompareVersionString
-    Row(kRootCertificate, kRootCertificate),              // CreateAndInstallRootCertificate
-    Row(kRootCertificate, kRootCertificate),              // CreateAndInstallSignedServerCertificate
-    Row(kCommandLine, kCommandLine),                      // CreateProcessDeferred
-    kNoArguments,                                         // CreateProcessImmediately
-    kNoArguments,                                         // DirectoryObjectPick
-    kNoArguments,                                         // GetCustomActionVersion
-    kNoArguments,                                         // GetDomain
-    kNoArguments,                                         // GetEngineVersion
-    kNoArguments,                                         // GetFileVersion
-    kNoArguments,                                         // RemoveIcaClient
-    Row(kRemovePort, kRemovePort),                        // RemovePortException
-    Row(kRemoveProgram, kRemoveProgram),                  // RemoveProgramException
-    Row(kServiceArguments, kServiceRequired),             // ServiceRestart
-    Row(kServiceArguments, kServiceRequired),             // ServiceStart
-    Row(kServiceArguments, kServiceRequired),             // ServiceStop
-    Row(kRemoteConfig, kRemoteConfig),                    // SetRemoteConfigDeferred
-    kNoArguments,                                         // SetRemoteConfigImmediately
-    Row(kShellExecute, kShellExecute),                    // ShellExecuteDeferred
-    kNoArguments,                                         // ShellExecuteImmediately
-    Row(kShowMessageArguments, kShowMessageRequired),     // ShowMessageDeferred
-    kNoArguments,                                         // ShowMessageImmediately
-    Row(kRootCertificate, kRootCertificate),              // UninstallRootCertificate
-    Row(kRootCertificate, kRootCertificate),              // UninstallSignedCertificate
+#define QC_ACTION_ROW(name, arguments, required) Row(k##arguments, k##required),
+    QC_CUSTOM_ACTIONS(QC_ACTION_ROW)
+#undef QC_ACTION_ROW
 };
 
 const wchar_t* const g_CustomActionNames[ACTION_COUNT] = {
-    L"AddIcaClient",
-    L"AddPortException",
-    L"AddProgramException",
-    L"CloseAutoConnect",
-    L"CloseProcessDeferred",
-    L"CloseProcessImmediately",
-    L"CompareVersionString",
-    L"CreateAndInstallRootCertificate",
-    L"CreateAndInstallSignedServerCertificate",
-    L"CreateProcessDeferred",
-    L"CreateProcessImmediately",
-    L"DirectoryObjectPick",
-    L"GetCustomActionVersion",
-    L"GetDomain",
-    L"GetEngineVersion",
-    L"GetFileVersion",
-    L"RemoveIcaClient",
-    L"RemovePortException",
-    L"RemoveProgramException",
-    L"ServiceRestart",
-    L"ServiceStart",
-    L"ServiceStop",
-    L"SetRemoteConfigDeferred",
-    L"SetRemoteConfigImmediately",
-    L"ShellExecuteDeferred",
-    L"ShellExecuteImmediately",
-    L"ShowMessageDeferred",
-    L"ShowMessageImmediately",
-    L"UninstallRootCertificate",
-    L"UninstallSignedCertificate",
+#define QC_ACTION_NAME(name, arguments, required) kNames[ACTION_##name],
+    QC_CUSTOM_ACTIONS(QC_ACTION_NAME)
+#undef QC_ACTION_NAME
 };
 
 } // namespace Quillcast::Host

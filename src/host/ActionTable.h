@@ -16,41 +16,52 @@ struct CustomActionEntry
     uint32_t dwRequiredCount;
 };
 
-// Row indices, alphabetical by export name.
+// The one list of actions: X(export name, known arguments, required arguments),
+// where the argument lists name arrays of ActionTable.cpp and None means no
+// names. The position is the row index each export passes to the validation;
+// it must stay alphabetical by export name (ActionTable.cpp checks it), since
+// installer packages rely on the index of each action.
+#define QC_CUSTOM_ACTIONS(X)                                                          \
+    X(AddIcaClient, None, None)                                                       \
+    X(AddPortException, AddPortArguments, AddPortRequired)                            \
+    X(AddProgramException, AddProgramArguments, AddProgramRequired)                   \
+    X(CloseAutoConnect, None, None)                                                   \
+    X(CloseProcessDeferred, CloseProcessArguments, CloseProcessRequired)              \
+    X(CloseProcessImmediately, None, None)                                            \
+    X(CompareVersionString, None, None)                                               \
+    X(CreateAndInstallRootCertificate, RootCertificate, RootCertificate)              \
+    X(CreateAndInstallSignedServerCertificate, RootCertificate, RootCertificate)      \
+    X(CreateProcessDeferred, CommandLine, CommandLine)                                \
+    X(CreateProcessImmediately, None, None)                                           \
+    X(DirectoryObjectPick, None, None)                                                \
+    X(GetCustomActionVersion, None, None)                                             \
+    X(GetDomain, None, None)                                                          \
+    X(GetEngineVersion, None, None)                                                   \
+    X(GetFileVersion, None, None)                                                     \
+    X(RemoveIcaClient, None, None)                                                    \
+    X(RemovePortException, RemovePort, RemovePort)                                    \
+    X(RemoveProgramException, RemoveProgram, RemoveProgram)                           \
+    X(ServiceRestart, ServiceArguments, ServiceRequired)                              \
+    X(ServiceStart, ServiceArguments, ServiceRequired)                                \
+    X(ServiceStop, ServiceArguments, ServiceRequired)                                 \
+    X(SetRemoteConfigDeferred, RemoteConfig, RemoteConfig)                            \
+    X(SetRemoteConfigImmediately, None, None)                                         \
+    X(ShellExecuteDeferred, ShellExecute, ShellExecute)                               \
+    X(ShellExecuteImmediately, None, None)                                            \
+    X(ShowMessageDeferred, ShowMessageArguments, ShowMessageRequired)                 \
+    X(ShowMessageImmediately, None, None)                                             \
+    X(UninstallRootCertificate, RootCertificate, RootCertificate)                     \
+    X(UninstallSignedCertificate, RootCertificate, RootCertificate)
+
+// Row indices: ACTION_<export name>.
 enum ActionIndex : uint32_t
 {
-    ACTION_AddIcaClient = 0,
-    ACTION_AddPortException = 1,
-    ACTION_AddProgramException = 2,
-    ACTION_CloseAutoConnect = 3,
-    ACTION_CloseProcessDeferred = 4,
-    ACTION_CloseProcessImmediately = 5,
-    ACTION_CompareVersionString = 6,
-    ACTION_CreateAndInstallRootCertificate = 7,
-    ACTION_CreateAndInstallSignedServerCertificate = 8,
-    ACTION_CreateProcessDeferred = 9,
-    ACTION_CreateProcessImmediately = 10,
-    ACTION_DirectoryObjectPick = 11,
-    ACTION_GetCustomActionVersion = 12,
-    ACTION_GetDomain = 13,
-    ACTION_GetEngineVersion = 14,
-    ACTION_GetFileVersion = 15,
-    ACTION_RemoveIcaClient = 16,
-    ACTION_RemovePortException = 17,
-    ACTION_RemoveProgramException = 18,
-    ACTION_ServiceRestart = 19,
-    ACTION_ServiceStart = 20,
-    ACTION_ServiceStop = 21,
-    ACTION_SetRemoteConfigDeferred = 22,
-    ACTION_SetRemoteConfigImmediately = 23,
-    ACTION_ShellExecuteDeferred = 24,
-    ACTION_ShellExecuteImmediately = 25,
-    ACTION_ShowMessageDeferred = 26,
-    ACTION_ShowMessageImmediately = 27,
-    ACTION_UninstallRootCertificate = 28,
-    ACTION_UninstallSignedCertificate = 29,
-    ACTION_COUNT = 30,
+#define QC_ACTION_ENUMERATOR(name, arguments, required) ACTION_##name,
+    QC_CUSTOM_ACTIONS(QC_ACTION_ENUMERATOR)
+#undef QC_ACTION_ENUMERATOR
+    ACTION_COUNT
 };
+static_assert(ACTION_COUNT == 30, "the library exports thirty actions");
 
 extern const CustomActionEntry g_CustomActionTable[ACTION_COUNT];
 // The export name of each row; used only in the "Processing custom action: " entry.

@@ -1,10 +1,9 @@
 #include "host/MsiArguments.h"
 
-#include <msiquery.h>
-
 #include <cwchar>
 #include <new>
 
+#include "host/MsiProperty.h"
 #include "host/types/WideString.h"
 #include "logging/Log.h"
 
@@ -59,29 +58,20 @@ CMsiArguments::CMsiArguments(MSIHANDLE hInstall)
         QC_LOG_ERROR(kLogSource) << L"Invalid MSI handle";
         return;
     }
-    DWORD cch = 0;
-    wchar_t empty[1] = {L'\0'};
-    UINT result = ::MsiGetPropertyW(hInstall, kCustomActionData, empty, &cch);
-    if (result != ERROR_MORE_DATA)
-    {
-        QC_LOG_ERROR(kLogSource) << L"MsiGetProperty failed with error " << result;
-        return;
-    }
-    cch += 1;
     CWideBuffer data;
-    if (!data.Allocate(cch))
+    const PropertyReadResult read = ReadProperty(hInstall, kCustomActionData, data);
+    switch (read.failedStep)
     {
-        QC_LOG_ERROR(kLogSource) << L"Allocating " << cch << L" elements failed";
+    case PropertyReadStep::None:
+        break;
+    case PropertyReadStep::Allocate:
+        QC_LOG_ERROR(kLogSource) << L"Allocating " << read.cch << L" elements failed";
+        return;
+    case PropertyReadStep::SizeQuery:
+    case PropertyReadStep::Read:
+        QC_LOG_ERROR(kLogSource) << L"MsiGetProperty failed with error " << read.result;
         return;
     }
-    result = ::MsiGetPropertyW(hInstall, kCustomActionData, data.Data(), &cch);
-    if (result != ERROR_SUCCESS)
-    {
-        QC_LOG_ERROR(kLogSource) << L"MsiGetProperty failed with error " << result;
-        return;
-    }
-    // The installer terminates what it wrote; the last element stays zero anyway.
-    data[data.Size() - 1] = L'\0';
     Parse(data.Data());
 }
 

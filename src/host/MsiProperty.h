@@ -5,24 +5,13 @@
 
 #include <cstdint>
 
+#include "host/types/TwoCallString.h"
 #include "host/types/WideString.h"
 
 namespace Quillcast::Host {
 
-// Which of the two calls of a property read failed.
-enum class PropertyReadStep
-{
-    None,      // read succeeded
-    SizeQuery, // the size query did not answer ERROR_MORE_DATA
-    Allocate,  // no memory for length + 1 characters
-    Read,      // the read itself did not answer ERROR_SUCCESS
-};
-
-struct PropertyReadResult
-{
-    PropertyReadStep failedStep;
-    UINT result; // what MsiGetPropertyW answered at that step (0 after an allocation failure)
-};
+using PropertyReadStep = System::Types::TwoCallStep;
+using PropertyReadResult = System::Types::TwoCallResult;
 
 // Reads an installer property the way the installer requires: a size query with
 // an empty buffer (which must answer ERROR_MORE_DATA), then the read into

@@ -24,7 +24,9 @@ constexpr uint32_t kModulePathHandedOver = 32767;
 
 CWorkbench::CWorkbench(MSIHANDLE hInstall) : m_Arguments(hInstall)
 {
-    g_MsiLogStream.Bind(hInstall);
+    // Unbound (handle 0, or no memory to grow the table), the call goes on and
+    // its entries are dropped.
+    (void)g_MsiLogStream.Bind(hInstall);
     m_hInstall = hInstall;
 }
 
@@ -106,8 +108,8 @@ bool CheckArgumentValue(const wchar_t* name, const wchar_t* value)
     {
         return true;
     }
-    // No row requires DEPENDENCIES today, so this rule is dormant; it stays for
-    // the rows that may.
+    // Intentionally kept although no row requires DEPENDENCIES, so the rule is
+    // dormant: a row that requires it gets the check.
     if (::wcscmp(value, L"1") == 0 || ::wcscmp(value, L"0") == 0)
     {
         return true;
@@ -154,7 +156,7 @@ UINT RunAction(MSIHANDLE hInstall, uint32_t index, ActionWorker worker)
 {
     CWorkbench workbench(hInstall);
     LogModuleVersion();
-    if (!ValidateAction(workbench, index))
+    if (!ValidateAction(workbench, index) || worker == nullptr)
     {
         return ERROR_INSTALL_FAILURE;
     }
@@ -172,7 +174,19 @@ UINT Dispatch(MSIHANDLE hInstall, uint32_t index, ActionWorker worker) noexcept
 {
     try
     {
-        return worker == nullptr ? RunVersionOnly(hInstall) : RunAction(hInstall, index, worker);
+        return RunAction(hInstall, index, worker);
+    }
+    catch (...)
+    {
+        return ERROR_INSTALL_FAILURE;
+    }
+}
+
+UINT DispatchVersionOnly(MSIHANDLE hInstall) noexcept
+{
+    try
+    {
+        return RunVersionOnly(hInstall);
     }
     catch (...)
     {

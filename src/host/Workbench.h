@@ -31,32 +31,34 @@ using ActionWorker = UINT (*)(CWorkbench* pWorkbench);
 
 // True when `name` has a non-empty value (info "Argument[name] = value");
 // otherwise false with the warning "Argument[name] = NOT DEFINED".
-bool HasArgument(CWorkbench& workbench, const wchar_t* name);
+[[nodiscard]] bool HasArgument(CWorkbench& workbench, const wchar_t* name);
 
 // Logs every known name with its value (or "NOT DEFINED" as an error), then
 // passes when the list carries at least `count` pairs, whatever their names.
-bool ListArguments(CWorkbench& workbench, const wchar_t* const* names, uint32_t count);
+[[nodiscard]] bool ListArguments(CWorkbench& workbench, const wchar_t* const* names, uint32_t count);
 // Passes when each name is present with a non-empty, acceptable value; stops at
 // the first that is not, with "Argument[name] is invalid".
-bool CheckRequiredArguments(CWorkbench& workbench, const wchar_t* const* names, uint32_t count);
+[[nodiscard]] bool CheckRequiredArguments(CWorkbench& workbench, const wchar_t* const* names, uint32_t count);
 // The per-name value rule: "DEPENDENCIES" must be exactly "1" or "0".
-bool CheckArgumentValue(const wchar_t* name, const wchar_t* value);
+[[nodiscard]] bool CheckArgumentValue(const wchar_t* name, const wchar_t* value);
 
 // "Processing custom action: <name>", then the two checks against row `index`.
-bool ValidateAction(CWorkbench& workbench, uint32_t index);
+[[nodiscard]] bool ValidateAction(CWorkbench& workbench, uint32_t index);
 // Logs "Custom Action Dll '<path>' has version '<file version>'".
 void LogModuleVersion();
 
 // The frame every export but GetCustomActionVersion runs: context, version
 // line, validation, worker. Returns the worker's result unchanged, or
 // ERROR_INSTALL_FAILURE when validation failed. Catches nothing.
-UINT RunAction(MSIHANDLE hInstall, uint32_t index, ActionWorker worker);
+[[nodiscard]] UINT RunAction(MSIHANDLE hInstall, uint32_t index, ActionWorker worker);
 // GetCustomActionVersion's frame: context and version line only; always 0.
-UINT RunVersionOnly(MSIHANDLE hInstall);
+[[nodiscard]] UINT RunVersionOnly(MSIHANDLE hInstall);
 
 // The export boundary: RunAction, with any exception (only an exhausted heap
 // can raise one, after the frame has torn down) turned into ERROR_INSTALL_FAILURE
-// so that it never unwinds into the installer.
-UINT Dispatch(MSIHANDLE hInstall, uint32_t index, ActionWorker worker) noexcept;
+// so that it never unwinds into the installer. `worker` must not be null.
+[[nodiscard]] UINT Dispatch(MSIHANDLE hInstall, uint32_t index, ActionWorker worker) noexcept;
+// GetCustomActionVersion's export boundary: RunVersionOnly, never unwinding.
+[[nodiscard]] UINT DispatchVersionOnly(MSIHANDLE hInstall) noexcept;
 
 } // namespace Quillcast::Host

@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <cwchar>
 
-#include "host/types/Buffer.h"
+#include "host/types/WideString.h"
 #include "logging/LogPrefixDate.h"
 #include "logging/LogPrefixTIdPId.h"
 
@@ -20,33 +20,33 @@ void WriteText(CLogStreamMem& line, const wchar_t* text) noexcept
 
 CDefaultLogger::CDefaultLogger(System::IO::COutputStream<wchar_t>* pOutput) : m_pOutput(pOutput)
 {
-    ::InitializeCriticalSection(&m_Lock);
-    AddPrefix(CLogPrefixDate());
-    AddPrefix(CLogPrefixTIdPId());
+    AttachClone(m_Prefixes, CLogPrefixDate());
+    AttachClone(m_Prefixes, CLogPrefixTIdPId());
 }
 
-CDefaultLogger::~CDefaultLogger()
-{
-    ::DeleteCriticalSection(&m_Lock);
-}
+CDefaultLogger::~CDefaultLogger() = default;
 
 void CDefaultLogger::AddPrefix(const CLogable& prefix)
 {
-    ::EnterCriticalSection(&m_Lock);
-    m_Prefixes.Append(prefix.Clone());
-    ::LeaveCriticalSection(&m_Lock);
+    AttachClone(m_Prefixes, prefix);
 }
 
 void CDefaultLogger::AddPostfix(const CLogable& postfix)
 {
-    ::EnterCriticalSection(&m_Lock);
-    m_Postfixes.Append(postfix.Clone());
-    ::LeaveCriticalSection(&m_Lock);
+    AttachClone(m_Postfixes, postfix);
+}
+
+void CDefaultLogger::AttachClone(System::Types::CPointerList<CLogable>& pieces, const CLogable& piece)
+{
+    const System::Synchronization::CSingleLock lock(m_Lock);
+    // A clone that failed (null) is left out: the lines go on without that piece.
+    (void)pieces.Append(piece.Clone());
 }
 
 void CDefaultLogger::Begin(uint32_t level)
 {
-    ::EnterCriticalSection(&m_Lock);
+    // Released by End, which every Begin is paired with.
+    (void)m_Lock.Lock(INFINITE);
     m_dwLevel = level;
     if (!IsEnabled())
     {
@@ -77,7 +77,7 @@ void CDefaultLogger::End(bool bNoPostfix)
             m_pOutput->Write(m_Line.Data(), m_Line.Length() - 1);
         }
     }
-    ::LeaveCriticalSection(&m_Lock);
+    m_Lock.Unlock();
 }
 
 template <size_t Capacity, typename... Args>
@@ -172,16 +172,10 @@ void CDefaultLogger::Append(const char* text)
     {
         return;
     }
-    const int needed = ::MultiByteToWideChar(CP_ACP, 0, text, -1, nullptr, 0);
-    if (needed <= 0)
+    System::Types::CWideBuffer converted;
+    if (System::Types::AssignNarrow(converted, text, CP_ACP))
     {
-        return;
-    }
-    System::Types::CBuffer<wchar_t> converted;
-    if (converted.Allocate(static_cast<uint32_t>(needed) + 1) &&
-        ::MultiByteToWideChar(CP_ACP, 0, text, -1, converted.Data(), needed) > 0)
-    {
-        WriteText(m_Line, converted.Data());
+        WriteText(m_Line, System::Types::Text(converted));
     }
 }
 

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "host/types/CriticalSection.h"
 #include "host/types/PointerList.h"
 #include "logging/LogStreamMem.h"
 #include "logging/Logger.h"
@@ -45,6 +46,9 @@ public:
     using CLogger::Source;
 
 private:
+    // Under the lock, appends a copy of `piece` (the constructor's prefixes too,
+    // without a virtual call from the constructor).
+    void AttachClone(System::Types::CPointerList<CLogable>& pieces, const CLogable& piece);
     bool IsEnabled() const noexcept { return (m_dwLevel & m_dwMask) != 0; }
     template <size_t Capacity, typename... Args>
     void AppendFormatted(const wchar_t* format, Args... args);
@@ -52,7 +56,8 @@ private:
     System::IO::COutputStream<wchar_t>* m_pOutput;
     uint32_t m_dwMask = 15;
     uint32_t m_dwLevel = 0;
-    CRITICAL_SECTION m_Lock;
+    // Held from Begin to End: whole entries never interleave.
+    System::Synchronization::CCriticalSection m_Lock;
     System::Types::CPointerList<CLogable> m_Prefixes;
     System::Types::CPointerList<CLogable> m_Postfixes;
     CLogStreamMem m_Line;

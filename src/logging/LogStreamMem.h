@@ -17,7 +17,7 @@ public:
     // Empties the line (length 0, the whole capacity zeroed).
     void Clear() noexcept;
     // Appends the terminating zero so that Data() can be handed on as a string.
-    bool Terminate() noexcept;
+    [[nodiscard]] bool Terminate() noexcept;
 
     const wchar_t* Data() const noexcept { return m_Buffer.Data(); }
     uint32_t Length() const noexcept { return m_Buffer.Size(); }

@@ -9,7 +9,9 @@ class COutputStream
 {
 public:
     virtual ~COutputStream() = default;
-    // Writes `length` elements of `text`. False when nothing was written.
+    // Writes `length` elements of `text`. False when nothing was written. The
+    // logger ignores the result on purpose: a line that cannot be delivered
+    // has nowhere else to go.
     virtual bool Write(const T* text, uint32_t length) = 0;
 };
 

@@ -10,12 +10,6 @@ namespace {
 
 constexpr wchar_t kLogSource[] = L"Daemon";
 
-constexpr uint32_t kNoTimeout = 0xFFFFFFFF;
-constexpr uint32_t kPollIntervalMs = 1500;
-
-constexpr uint32_t kStopDependents = 1;
-constexpr uint32_t kStartDependents = 4;
-
 constexpr DWORD kServiceAccess = SERVICE_QUERY_CONFIG | SERVICE_QUERY_STATUS | SERVICE_ENUMERATE_DEPENDENTS |
                                  SERVICE_START | SERVICE_STOP;
 constexpr DWORD kStopDependentAccess = SERVICE_QUERY_CONFIG | SERVICE_QUERY_STATUS | SERVICE_STOP;
@@ -59,7 +53,6 @@ const wchar_t* CDaemon::Open(const wchar_t* pszServiceName) noexcept
         SetLastErrorCode(ERROR_INVALID_PARAMETER);
         return L"ERROR_INVALID_PARAMETER";
     }
-    m_bDependencies = false;
     m_hSCManager.Reset(::OpenSCManagerW(nullptr, SERVICES_ACTIVE_DATABASEW, SC_MANAGER_ALL_ACCESS));
     if (!m_hSCManager)
     {
@@ -77,29 +70,14 @@ const wchar_t* CDaemon::Open(const wchar_t* pszServiceName) noexcept
     {
         return L"OpenService failed";
     }
-    m_bDependencies = false;
-    m_dwTimeout = kNoTimeout;
-    m_dwPollInterval = kPollIntervalMs;
     return nullptr;
-}
-
-CDaemon::~CDaemon()
-{
-    m_hSCManager.Reset();
-    m_hService.Reset();
-    m_hDependency.Reset();
-    m_lpDependencies.Reset();
-    m_dwDependencyCount = 0;
-    m_strServiceName.Release();
-    m_dwStartTick = 0;
 }
 
 bool CDaemon::Start() noexcept
 {
     SERVICE_STATUS status{};
-    if (!QueryStatus(m_hService.Get(), status))
+    if (!QueryStatusOrFail(m_hService.Get(), status))
     {
-        ResetTick();
         return false;
     }
 
@@ -137,9 +115,7 @@ bool CDaemon::Start() noexcept
     {
         if (!::StartServiceW(m_hService.Get(), 0, nullptr))
         {
-            LogLastError(L"StartService failed with error ");
-            ResetTick();
-            return false;
+            return FailWithLastError(L"StartService failed with error ");
         }
         if (!AwaitServiceState(SERVICE_RUNNING, status))
         {
@@ -150,7 +126,7 @@ bool CDaemon::Start() noexcept
     if (m_bDependencies)
     {
         // The dependents' failures are logged and do not fail the start.
-        static_cast<void>(HandleDependencies(kStartDependents));
+        (void)HandleDependencies(DEPENDENCY_WALK_START);
     }
     return true;
 }
@@ -158,9 +134,8 @@ bool CDaemon::Start() noexcept
 bool CDaemon::Stop() noexcept
 {
     SERVICE_STATUS status{};
-    if (!QueryStatus(m_hService.Get(), status))
+    if (!QueryStatusOrFail(m_hService.Get(), status))
     {
-        ResetTick();
         return false;
     }
 
@@ -195,14 +170,12 @@ bool CDaemon::Stop() noexcept
     if (m_bDependencies)
     {
         // Dependents go first; their failures are logged and do not fail the stop.
-        static_cast<void>(HandleDependencies(kStopDependents));
+        (void)HandleDependencies(DEPENDENCY_WALK_STOP);
     }
 
     if (!::ControlService(m_hService.Get(), SERVICE_CONTROL_STOP, &status))
     {
-        LogLastError(L"ControlService failed with error ");
-        ResetTick();
-        return false;
+        return FailWithLastError(L"ControlService failed with error ");
     }
     if (status.dwCurrentState == SERVICE_STOPPED)
     {
@@ -257,9 +230,9 @@ bool CDaemon::HandleDependencies(uint32_t dwAction) noexcept
 {
     switch (dwAction)
     {
-    case kStopDependents:
+    case DEPENDENCY_WALK_STOP:
         return StopDependents();
-    case kStartDependents:
+    case DEPENDENCY_WALK_START:
         return StartDependents();
     default:
         return true;
@@ -318,48 +291,55 @@ bool CDaemon::StopDependents() noexcept
     // The platform lists dependents in reverse start order, the safe order to stop them.
     for (uint32_t i = 0; i < m_dwDependencyCount; ++i)
     {
-        const wchar_t* pszDependent = m_lpDependencies.Get()[i].lpServiceName;
-        SERVICE_STATUS status{};
-        if (!OpenDependent(pszDependent, kStopDependentAccess, status))
+        if (StopDependent(m_lpDependencies.Get()[i].lpServiceName) == WalkStep::Abort)
         {
             return false;
         }
-        if (status.dwCurrentState == SERVICE_STOPPED)
-        {
-            QC_LOG_WARNING(kLogSource) << pszDependent << L" is already stopped";
-            ResetTick();
-            continue;
-        }
-        if (status.dwCurrentState == SERVICE_RUNNING)
-        {
-            ResetTick();
-        }
-        if (!::ControlService(m_hDependency.Get(), SERVICE_CONTROL_STOP, &status))
-        {
-            LogLastError(L"ControlService failed with error ");
-            ResetTick();
-            return false;
-        }
-        if (status.dwCurrentState != SERVICE_STOPPED)
-        {
-            switch (WaitFor(m_hDependency.Get(), status, SERVICE_STOPPED, 0))
-            {
-            case WaitResult::Reached:
-                break;
-            case WaitResult::TimedOut:
-                // A warning here, an error everywhere else: intended. The next
-                // dependent's wait goes on from the same measure.
-                LogTimeout(Logging::LOG_LEVEL_WARNING, pszDependent);
-                SetLastErrorCode(ERROR_TIMEOUT);
-                continue;
-            case WaitResult::QueryFailed:
-            case WaitResult::LeftPending:
-                return false;
-            }
-        }
-        ResetTick();
     }
     return true;
+}
+
+CDaemon::WalkStep CDaemon::StopDependent(const wchar_t* pszDependent) noexcept
+{
+    SERVICE_STATUS status{};
+    if (!OpenDependent(pszDependent, kStopDependentAccess, status))
+    {
+        return WalkStep::Abort;
+    }
+    if (status.dwCurrentState == SERVICE_STOPPED)
+    {
+        QC_LOG_WARNING(kLogSource) << pszDependent << L" is already stopped";
+        ResetTick();
+        return WalkStep::Next;
+    }
+    if (status.dwCurrentState == SERVICE_RUNNING)
+    {
+        ResetTick();
+    }
+    if (!::ControlService(m_hDependency.Get(), SERVICE_CONTROL_STOP, &status))
+    {
+        (void)FailWithLastError(L"ControlService failed with error ");
+        return WalkStep::Abort;
+    }
+    if (status.dwCurrentState != SERVICE_STOPPED)
+    {
+        switch (WaitFor(m_hDependency.Get(), status, SERVICE_STOPPED, 0))
+        {
+        case WaitResult::Reached:
+            break;
+        case WaitResult::TimedOut:
+            // Intentionally a warning here and an error everywhere else. The
+            // next dependent's wait goes on from the same measure.
+            LogTimeout(Logging::LOG_LEVEL_WARNING, pszDependent);
+            SetLastErrorCode(ERROR_TIMEOUT);
+            return WalkStep::Next;
+        case WaitResult::QueryFailed:
+        case WaitResult::LeftPending:
+            return WalkStep::Abort;
+        }
+    }
+    ResetTick();
+    return WalkStep::Next;
 }
 
 bool CDaemon::StartDependents() noexcept
@@ -368,7 +348,8 @@ bool CDaemon::StartDependents() noexcept
     // active before it: exactly those are started again.
     if (!m_lpDependencies)
     {
-        static_cast<void>(EnumDependencies(SERVICE_INACTIVE));
+        // Its failure shows as a still missing list, handled below.
+        (void)EnumDependencies(SERVICE_INACTIVE);
     }
     if (!m_lpDependencies)
     {
@@ -381,80 +362,87 @@ bool CDaemon::StartDependents() noexcept
         return false;
     }
 
-    // Reverse of the stop order.
+    // Reverse of the stop order; the count goes down with the walk.
     while (m_dwDependencyCount != 0)
     {
         --m_dwDependencyCount;
-        const wchar_t* pszDependent = m_lpDependencies.Get()[m_dwDependencyCount].lpServiceName;
-        SERVICE_STATUS status{};
-        if (!OpenDependent(pszDependent, kStartDependentAccess, status))
+        if (StartDependent(m_lpDependencies.Get()[m_dwDependencyCount].lpServiceName) == WalkStep::Abort)
         {
-            return false;
-        }
-
-        DWORD dwConfigSize = 0;
-        if (!::QueryServiceConfigW(m_hDependency.Get(), nullptr, 0, &dwConfigSize))
-        {
-            if (::GetLastError() != ERROR_INSUFFICIENT_BUFFER)
-            {
-                LogLastError(L"QueryServiceConfig failed with error ");
-                return false;
-            }
-        }
-        // Deliberately never freed, one small buffer per dependent started:
-        // the controller has always behaved so.
-        auto* pConfig = static_cast<QUERY_SERVICE_CONFIGW*>(::LocalAlloc(LPTR, dwConfigSize));
-        // A failed allocation (LocalAlloc sets the error) counts as a failed query.
-        if (pConfig == nullptr || !::QueryServiceConfigW(m_hDependency.Get(), pConfig, dwConfigSize, &dwConfigSize))
-        {
-            LogLastError(L"QueryServiceConfig failed with error ");
-            return false;
-        }
-        if (pConfig->dwStartType == SERVICE_DEMAND_START)
-        {
-            // Also when it ran before a restart.
-            QC_LOG_WARNING(kLogSource) << pszDependent << L" only starts on demand, will skip";
-            ResetTick();
-            continue;
-        }
-
-        if (status.dwCurrentState == SERVICE_RUNNING)
-        {
-            QC_LOG_WARNING(kLogSource) << pszDependent << L" is already started";
-            ResetTick();
-            continue;
-        }
-        if (status.dwCurrentState == SERVICE_STOPPED)
-        {
-            ResetTick();
-        }
-
-        if (!::StartServiceW(m_hDependency.Get(), 0, nullptr))
-        {
-            const DWORD dwError = ::GetLastError();
-            LogLastError(L"StartService failed with error ");
-            ResetTick();
-            if (dwError == ERROR_SERVICE_DISABLED)
-            {
-                continue;
-            }
-            return false;
-        }
-        switch (WaitFor(m_hDependency.Get(), status, SERVICE_RUNNING, 0))
-        {
-        case WaitResult::Reached:
-            break;
-        case WaitResult::TimedOut:
-            // A dependent's time-out does not end the walk.
-            LogTimeout(Logging::LOG_LEVEL_ERROR, pszDependent);
-            SetLastErrorCode(ERROR_TIMEOUT);
-            ResetTick();
-            break;
-        case WaitResult::QueryFailed:
-        case WaitResult::LeftPending:
             return false;
         }
     }
+    return true;
+}
+
+CDaemon::WalkStep CDaemon::StartDependent(const wchar_t* pszDependent) noexcept
+{
+    SERVICE_STATUS status{};
+    DWORD dwStartType = 0;
+    if (!OpenDependent(pszDependent, kStartDependentAccess, status) || !QueryDependentStartType(dwStartType))
+    {
+        return WalkStep::Abort;
+    }
+    if (dwStartType == SERVICE_DEMAND_START)
+    {
+        // Intentionally skipped, also when it ran before a restart.
+        QC_LOG_WARNING(kLogSource) << pszDependent << L" only starts on demand, will skip";
+        ResetTick();
+        return WalkStep::Next;
+    }
+    if (status.dwCurrentState == SERVICE_RUNNING)
+    {
+        QC_LOG_WARNING(kLogSource) << pszDependent << L" is already started";
+        ResetTick();
+        return WalkStep::Next;
+    }
+    if (status.dwCurrentState == SERVICE_STOPPED)
+    {
+        ResetTick();
+    }
+
+    if (!::StartServiceW(m_hDependency.Get(), 0, nullptr))
+    {
+        const DWORD dwError = ::GetLastError();
+        (void)FailWithLastError(L"StartService failed with error ");
+        // A disabled dependent is skipped; any other failure ends the walk.
+        return dwError == ERROR_SERVICE_DISABLED ? WalkStep::Next : WalkStep::Abort;
+    }
+    switch (WaitFor(m_hDependency.Get(), status, SERVICE_RUNNING, 0))
+    {
+    case WaitResult::Reached:
+        return WalkStep::Next;
+    case WaitResult::TimedOut:
+        // A dependent's time-out does not end the walk.
+        LogTimeout(Logging::LOG_LEVEL_ERROR, pszDependent);
+        SetLastErrorCode(ERROR_TIMEOUT);
+        ResetTick();
+        return WalkStep::Next;
+    case WaitResult::QueryFailed:
+    case WaitResult::LeftPending:
+        break;
+    }
+    return WalkStep::Abort;
+}
+
+bool CDaemon::QueryDependentStartType(DWORD& dwStartType) noexcept
+{
+    DWORD dwConfigSize = 0;
+    if (!::QueryServiceConfigW(m_hDependency.Get(), nullptr, 0, &dwConfigSize) &&
+        ::GetLastError() != ERROR_INSUFFICIENT_BUFFER)
+    {
+        LogLastError(L"QueryServiceConfig failed with error ");
+        return false;
+    }
+    // Intentionally never freed, one small buffer per dependent started: the
+    // controller's known behaviour, kept as it is.
+    auto* pConfig = static_cast<QUERY_SERVICE_CONFIGW*>(::LocalAlloc(LPTR, dwConfigSize));
+    // A failed allocation (LocalAlloc sets the error) counts as a failed query.
+    if (pConfig == nullptr || !::QueryServiceConfigW(m_hDependency.Get(), pConfig, dwConfigSize, &dwConfigSize))
+    {
+        LogLastError(L"QueryServiceConfig failed with error ");
+        return false;
+    }
+    dwStartType = pConfig->dwStartType;
     return true;
 }
 
@@ -507,23 +495,33 @@ bool CDaemon::OpenDependent(const wchar_t* pszDependent, DWORD dwAccess, SERVICE
     TakeDependencyHandle(::OpenServiceW(m_hSCManager.Get(), pszDependent, dwAccess));
     if (!m_hDependency)
     {
-        LogLastError(L"OpenService failed with error ");
-        ResetTick();
-        return false;
+        return FailWithLastError(L"OpenService failed with error ");
     }
-    if (!QueryStatus(m_hDependency.Get(), status))
+    return QueryStatusOrFail(m_hDependency.Get(), status);
+}
+
+bool CDaemon::FailWithLastError(const wchar_t* pszText) noexcept
+{
+    LogLastError(pszText);
+    ResetTick();
+    return false;
+}
+
+bool CDaemon::QueryStatusOrFail(SC_HANDLE hService, SERVICE_STATUS& status) noexcept
+{
+    if (QueryStatus(hService, status))
     {
-        ResetTick();
-        return false;
+        return true;
     }
-    return true;
+    ResetTick();
+    return false;
 }
 
 void CDaemon::TakeDependencyHandle(SC_HANDLE hDependency) noexcept
 {
     // The previous dependent's handle is left open, not closed in between: only
     // the last one is released, by the destructor.
-    static_cast<void>(m_hDependency.Detach());
+    (void)m_hDependency.Detach();
     m_hDependency.Reset(hDependency);
 }
 

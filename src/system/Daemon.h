@@ -28,11 +28,23 @@ public:
     explicit CDaemon(const wchar_t* pszServiceName) noexcept;
     CDaemon(const CDaemon&) = delete;
     CDaemon& operator=(const CDaemon&) = delete;
-    ~CDaemon() override;
+    // Releases the members in reverse order of declaration (see below).
+    ~CDaemon() override = default;
+
+    // The time-out default: waits never end by time.
+    static constexpr uint32_t NO_TIMEOUT = 0xFFFFFFFF;
+    static constexpr uint32_t POLL_INTERVAL_MS = 1500;
+
+    // The two dependency walks of HandleDependencies.
+    enum DependencyWalk : uint32_t
+    {
+        DEPENDENCY_WALK_STOP = 1,  // stop the active dependents
+        DEPENDENCY_WALK_START = 4, // start the dependents again
+    };
 
     // Also stop and start the dependent services (off by default).
     void SetDependencies(bool bDependencies) noexcept { m_bDependencies = bDependencies; }
-    // Limit of every wait in milliseconds; 0xFFFFFFFF (the default) never times out.
+    // Limit of every wait in milliseconds; NO_TIMEOUT (the default) never times out.
     void SetTimeout(uint32_t dwTimeout) noexcept { m_dwTimeout = dwTimeout; }
 
     // True when the service runs, also when it already did. With dependencies
@@ -43,10 +55,10 @@ public:
     // was already stopped); their failures do not change the result.
     [[nodiscard]] bool Stop() noexcept;
 
-    // 1 stops the active dependents in enumeration order; 4 starts the
-    // dependents of the last enumeration (or, when there was none, the inactive
-    // ones) in reverse order, skipping those that start on demand. Any other
-    // action does nothing and yields true.
+    // DEPENDENCY_WALK_STOP stops the active dependents in enumeration order;
+    // DEPENDENCY_WALK_START starts the dependents of the last enumeration (or,
+    // when there was none, the inactive ones) in reverse order, skipping those
+    // that start on demand. Any other action does nothing and yields true.
     [[nodiscard]] bool HandleDependencies(uint32_t dwAction) noexcept;
     // Enumerates the dependents in `dwServiceState` (SERVICE_ACTIVE or
     // SERVICE_INACTIVE) into the dependency list. False with last-error value 2
@@ -62,6 +74,12 @@ private:
         TimedOut,    // not logged: the level depends on the caller
     };
 
+    enum class WalkStep
+    {
+        Next,  // go on with the next dependent
+        Abort, // the walk fails (logged)
+    };
+
     enum class PendingOutcome
     {
         Reached,     // the target state was read (tick reset)
@@ -70,40 +88,53 @@ private:
     };
 
     // Null on success, otherwise the text to log.
-    const wchar_t* Open(const wchar_t* pszServiceName) noexcept;
+    [[nodiscard]] const wchar_t* Open(const wchar_t* pszServiceName) noexcept;
     // Polls `hService` until it reports `dwTarget`. With `dwPending` non-zero
     // the wait also ends when any state other than `dwPending` is read.
-    WaitResult WaitFor(SC_HANDLE hService, SERVICE_STATUS& status, DWORD dwTarget, DWORD dwPending) noexcept;
+    [[nodiscard]] WaitResult WaitFor(SC_HANDLE hService, SERVICE_STATUS& status, DWORD dwTarget, DWORD dwPending) noexcept;
     // The service was found pending: warns "<name><pszWarning>", resets the tick
     // and waits for `dwTarget` while the state stays `dwPending`.
-    PendingOutcome AwaitPending(const wchar_t* pszWarning, DWORD dwTarget, DWORD dwPending,
+    [[nodiscard]] PendingOutcome AwaitPending(const wchar_t* pszWarning, DWORD dwTarget, DWORD dwPending,
                                 SERVICE_STATUS& status) noexcept;
     // Waits for the service to reach `dwTarget` after a control; resets the
     // tick either way. False after a logged failure or time-out.
-    bool AwaitServiceState(DWORD dwTarget, SERVICE_STATUS& status) noexcept;
+    [[nodiscard]] bool AwaitServiceState(DWORD dwTarget, SERVICE_STATUS& status) noexcept;
     // A wait of the service itself timed out: error entry, last error 1460, tick reset.
     void FailOnTimeout() noexcept;
-    bool StopDependents() noexcept;
-    bool StartDependents() noexcept;
+    // Logs `pszText` followed by the thread's last-error value as an error and
+    // resets the tick. Always false, for `return FailWithLastError(...)`.
+    bool FailWithLastError(const wchar_t* pszText) noexcept;
+    // QueryServiceStatus; a failure is logged and resets the tick.
+    [[nodiscard]] bool QueryStatusOrFail(SC_HANDLE hService, SERVICE_STATUS& status) noexcept;
+    [[nodiscard]] bool StopDependents() noexcept;
+    [[nodiscard]] WalkStep StopDependent(const wchar_t* pszDependent) noexcept;
+    [[nodiscard]] bool StartDependents() noexcept;
+    [[nodiscard]] WalkStep StartDependent(const wchar_t* pszDependent) noexcept;
+    // The start type of m_hDependency; false after a logged failure (tick kept).
+    [[nodiscard]] bool QueryDependentStartType(DWORD& dwStartType) noexcept;
     void ResetTick() noexcept;
-    bool HasTimedOut() const noexcept;
+    [[nodiscard]] bool HasTimedOut() const noexcept;
     void LogTimeout(uint32_t dwLevel, const wchar_t* pszServiceName) const noexcept;
     // Opens a dependent into m_hDependency and reads its status; false after a
     // logged failure, with the tick reset.
-    bool OpenDependent(const wchar_t* pszDependent, DWORD dwAccess, SERVICE_STATUS& status) noexcept;
+    [[nodiscard]] bool OpenDependent(const wchar_t* pszDependent, DWORD dwAccess, SERVICE_STATUS& status) noexcept;
     void TakeDependencyHandle(SC_HANDLE hDependency) noexcept;
     const wchar_t* Name() const noexcept;
 
     bool m_bDependencies = false;
-    uint32_t m_dwTimeout = 0;
-    uint32_t m_dwPollInterval = 0;
-    Types::CServiceHandleClosedByCloseHandle m_hSCManager;
-    Types::CServiceHandleClosedByCloseHandle m_hService;
+    // A partly built object keeps these too; it fails at its first query before any wait.
+    uint32_t m_dwTimeout = NO_TIMEOUT;
+    uint32_t m_dwPollInterval = POLL_INTERVAL_MS;
     Types::CArrayPtr<wchar_t> m_strServiceName;
     uint32_t m_dwStartTick = 0;
-    Types::CProcessHeapPtr<ENUM_SERVICE_STATUSW> m_lpDependencies;
     DWORD m_dwDependencyCount = 0;
+    // Declared in reverse of their release: destruction passes the manager,
+    // the service and the last dependent to CloseHandle, in that order, and
+    // then frees the dependency list.
+    Types::CProcessHeapPtr<ENUM_SERVICE_STATUSW> m_lpDependencies;
     Types::CServiceHandleClosedByCloseHandle m_hDependency;
+    Types::CServiceHandleClosedByCloseHandle m_hService;
+    Types::CServiceHandleClosedByCloseHandle m_hSCManager;
 };
 
 } // namespace Quillcast::System

@@ -104,7 +104,7 @@ void LogLinesPerSecond(int threadCount)
     for (int i = 0; i < threadCount; ++i)
     {
         threads.emplace_back([&, i] {
-            g_MsiLogStream.Bind(hosts[i]->Session());
+            (void)g_MsiLogStream.Bind(hosts[i]->Session());
             while (!stop.load())
             {
                 LogLines(0);
@@ -137,6 +137,12 @@ int wmain(int argc, wchar_t** argv)
     {
         std::printf("cannot load the DLL\n");
         return 1;
+    }
+    WIN32_FILE_ATTRIBUTE_DATA attributes{};
+    if (GetFileAttributesExW(QcTest::ShippedDllPath().c_str(), GetFileExInfoStandard, &attributes))
+    {
+        std::printf("Quillcast.Common.System.dll: %lu bytes (stripped; its symbols are in the .debug file beside it)\n",
+                    attributes.nFileSizeLow);
     }
     std::printf("Actions through the in-process host (one session), %.1f s per figure:\n", g_Seconds);
     CompareWithBaseline("GetCustomActionVersion", library.Find("GetCustomActionVersion"), 1);

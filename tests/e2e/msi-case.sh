@@ -446,11 +446,23 @@ expect_product_absent() {
     expect_absent "registered product" "$(product_key)"
 }
 
-# show_dll_lines [ACTION]: prints the DLL's lines of the current log.
+# show_dll_lines [ACTION]: prints the DLL's lines of the current log, each
+# under the custom action (and its DLL entry) that wrote it.
 show_dll_lines() {
     require_log show_dll_lines
+    local entries
+    entries=$(msiinfo export "$current_msi" CustomAction 2>/dev/null | tr -d '\r' | tail -n +4 | cut -f1,4 | tr '\t\n' '= ')
     echo "Custom action lines in $(basename "$current_log")${1:+ (action $1)}:"
-    dll_lines_raw "$@" | sed 's/^/    /'
+    log_lines "$@" | awk -v entries="$entries" '
+        BEGIN { n = split(entries, list, " "); for (i = 1; i <= n; i++) { split(list[i], kv, "="); entry[kv[1]] = kv[2] } }
+        function named(s,   name) { name = s; sub(/^Action (start|ended) [0-9:]+: /, "", name); sub(/\..*$/, "", name); return name }
+        /^Action start [0-9:]+: / { stack[++depth] = named($0); next }
+        /^Action ended [0-9:]+: / { if (depth > 0) depth--; next }
+        /^[0-9][0-9]\.[0-9][0-9]\.[0-9][0-9][0-9][0-9] [0-9:]+ PID\(0x[0-9A-F]+\) TID\(0x[0-9A-F]+\) / {
+            action = depth > 0 ? stack[depth] : "?"
+            if (action != shown) { print "  " action (action in entry ? " (" entry[action] ")" : "") ":"; shown = action }
+            print "    " $0
+        }'
 }
 
 # show_property NAME: prints the property's final value.

@@ -7,8 +7,13 @@
 
 namespace Quillcast::System::Types {
 
-// A sized, zero-filled array with exact growth. Copies share the array (the
-// last owner frees it) but each copy keeps its own count and capacity.
+// A sized, zero-filled array with exact growth.
+//
+// Copies share the array (the last owner frees it) but each copy keeps its own
+// count and capacity: a write through one copy shows in all of them, an
+// Allocate or Resize that fits the capacity zeroes elements that other copies
+// still count, and one that reallocates detaches only the copy it runs on.
+// Copy a buffer only to hand a finished one on, never to keep two live views.
 template <typename T>
 class CBuffer
 {

@@ -15,12 +15,12 @@ public:
     ~CCriticalSection() override { ::DeleteCriticalSection(&m_Section); }
 
     // A critical section cannot time out; the argument is accepted and ignored.
-    bool Lock(DWORD /*dwTimeout*/ = INFINITE) override
+    [[nodiscard]] bool Lock(DWORD /*dwTimeout*/ = INFINITE) override
     {
         ::EnterCriticalSection(&m_Section);
         return true;
     }
-    bool TryLock() override { return ::TryEnterCriticalSection(&m_Section) != FALSE; }
+    [[nodiscard]] bool TryLock() override { return ::TryEnterCriticalSection(&m_Section) != FALSE; }
     void Unlock() override { ::LeaveCriticalSection(&m_Section); }
 
 private:

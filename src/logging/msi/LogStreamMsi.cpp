@@ -4,6 +4,10 @@
 
 #include "host/types/Handles.h"
 
+// A static object: it exists before DllMain creates the logger and after
+// DllMain has deleted it.
+Quillcast::Logging::MSI::CLogStreamMsi g_MsiLogStream;
+
 namespace Quillcast::Logging::MSI {
 
 using System::Synchronization::CSingleLock;

@@ -30,13 +30,16 @@ public:
 
     // Binds the calling thread to `hInstall` (re-binding switches sessions).
     // False for handle 0 or when the table cannot grow.
-    bool Bind(MSIHANDLE hInstall);
+    [[nodiscard]] bool Bind(MSIHANDLE hInstall);
     // Removes the calling thread's binding, if any.
     void Unbind();
+    // `text` must be zero-terminated: the record takes the whole string up to
+    // its terminator, and `length` is only tested for zero (the installer's
+    // record API has no length).
     bool Write(const wchar_t* text, uint32_t length) override;
 
     // The session bound to the calling thread, 0 when unbound.
-    MSIHANDLE BoundSession();
+    [[nodiscard]] MSIHANDLE BoundSession();
     uint32_t BindingCount();
 
 private:

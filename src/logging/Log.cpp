@@ -1,0 +1,3 @@
+#include "logging/Log.h"
+
+Quillcast::Logging::CLogger* g_pLogger = nullptr;
