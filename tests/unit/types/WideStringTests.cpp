@@ -3,9 +3,7 @@
 #include <windows.h>
 
 #include <functional>
-#include <iterator>
 #include <string>
-#include <utility>
 
 #include "host/types/WideString.h"
 
@@ -16,7 +14,7 @@ namespace Types = Quillcast::System::Types;
 
 namespace {
 
-// A buffer holding `text`, resized to `size` elements unless that is 0; no array at all for null.
+// A buffer holding `text` (no array at all for null), resized to `size` unless that is 0.
 CWideBuffer Make(const wchar_t* text, uint32_t size = 0)
 {
     CWideBuffer buffer;
@@ -33,7 +31,7 @@ std::wstring Whole(const CWideBuffer& buffer)
 
 } // namespace
 
-TEST(WideString, AssignAndFormatAllocateExactlyAndNothingToAssignLeavesTheBuffer)
+TEST(WideString, AssignAndFormatAllocateExactlyAndBadArgumentsFailWith87LeavingTheBuffer)
 {
     CWideBuffer buffer;
     EXPECT_STREQ(Text(buffer), L"");
@@ -44,126 +42,92 @@ TEST(WideString, AssignAndFormatAllocateExactlyAndNothingToAssignLeavesTheBuffer
     ASSERT_TRUE(Types::AssignNarrow(buffer, "\xC3\xA9t\xC3\xA9 \xE4\xB8\xAD", CP_UTF8));
     EXPECT_EQ(Whole(buffer), L"\u00E9t\u00E9 \u4E2D\0"s);
 
-    ASSERT_TRUE(Types::Assign(buffer, L"keep"));
+    // Each call on a buffer holding "keep" (or none for `empty`) reports whether it failed.
+    const std::pair<bool, std::function<bool(CWideBuffer&)>> failing[] = {
+        {false, [](CWideBuffer& b) { return !Types::Append(b, L""); }},
+        {false, [](CWideBuffer& b) { return !Types::Format(b, nullptr); }},
+        {false, [](CWideBuffer& b) { return Types::CountOccurrences(b, L"") == -1; }},
+        {true, [](CWideBuffer& b) { return Types::CountOccurrences(b, L"a") == -1; }},
+        {false, [](CWideBuffer& b) { return !Types::Replace(b, nullptr, L"y"); }},
+        {true, [](CWideBuffer& b) { return !Types::Replace(b, L"a", L"y"); }},
+    };
+    for (const auto& [empty, call] : failing)
+    {
+        CWideBuffer kept = Make(empty ? nullptr : L"keep");
+        ::SetLastError(0);
+        EXPECT_TRUE(call(kept));
+        EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+        EXPECT_EQ(Whole(kept), empty ? L"" : L"keep\0"s);
+    }
     EXPECT_FALSE(Types::Assign(buffer, nullptr));
-    EXPECT_FALSE(Types::AssignNarrow(buffer, nullptr, CP_ACP));
     EXPECT_FALSE(Types::AssignNarrow(buffer, "", CP_ACP));
     EXPECT_FALSE(Types::AssignNarrow(buffer, "text", 12345));
-    EXPECT_EQ(Whole(buffer), L"keep\0"s);
+    EXPECT_EQ(Whole(buffer), L"\u00E9t\u00E9 \u4E2D\0"s);
 }
 
-TEST(WideString, AppendCopiesCountCharactersAndGrowsToTheNewLengthPlus1025OnlyWhenFull)
+TEST(WideString, AppendGrowsToTheNewLengthPlus1025OnlyWhenFull)
 {
     const struct
     {
-        const wchar_t* text;
-        uint32_t size;
-        const wchar_t* append;
-        uint32_t count;
+        const wchar_t *text, *append;
+        uint32_t size, count;
         const wchar_t* expected;
         uint32_t expectedSize;
     } cases[] = {
-        {nullptr, 0, L"abc", 0, L"abc", 1028},
+        {nullptr, L"abc", 0, 0, L"abc", 1028},
         // Six elements hold "abcde" and its terminator exactly: that still counts as full.
-        {L"abc", 6, L"de", 0, L"abcde", 1030},
-        {L"abc", 7, L"de", 0, L"abcde", 7},
-        {nullptr, 0, L"hello", 2, L"he", 1027},
-        {L"he", 8, L"xy", 10, L"hexy", 8},
+        {L"abc", L"de", 6, 0, L"abcde", 1030},
+        {L"abc", L"de", 7, 0, L"abcde", 7},
+        {nullptr, L"hello", 0, 2, L"he", 1027},
+        {L"he", L"xy", 8, 10, L"hexy", 8},
     };
-    for (const auto& sample : cases)
+    for (const auto& c : cases)
     {
-        CWideBuffer buffer = Make(sample.text, sample.size);
-        ASSERT_TRUE(Types::Append(buffer, sample.append, sample.count)) << sample.expected;
-        EXPECT_STREQ(Text(buffer), sample.expected);
-        EXPECT_EQ(buffer.Size(), sample.expectedSize) << sample.expected;
+        CWideBuffer buffer = Make(c.text, c.size);
+        ASSERT_TRUE(Types::Append(buffer, c.append, c.count)) << c.expected;
+        EXPECT_STREQ(Text(buffer), c.expected);
+        EXPECT_EQ(buffer.Size(), c.expectedSize) << c.expected;
     }
 }
 
-TEST(WideString, BadArgumentsFailWithInvalidParameterAndLeaveTheBuffer)
+TEST(WideString, TrimRemovesTheCharacterAndTabsInFrontButOnlyTheCharacterAtTheBackZeroingTheFreedTail)
 {
-    // The buffer's text (null: no array at all) and a call that reports whether it failed.
-    const std::pair<const wchar_t*, std::function<bool(CWideBuffer&)>> cases[] = {
-        {L"keep", [](CWideBuffer& b) { return !Types::Append(b, L""); }},
-        {L"keep", [](CWideBuffer& b) { return !Types::Append(b, nullptr); }},
-        {L"keep", [](CWideBuffer& b) { return !Types::Format(b, L""); }},
-        {L"keep", [](CWideBuffer& b) { return !Types::Format(b, nullptr); }},
-        {L"keep", [](CWideBuffer& b) { return Types::CountOccurrences(b, nullptr) == -1; }},
-        {L"keep", [](CWideBuffer& b) { return Types::CountOccurrences(b, L"") == -1; }},
-        {nullptr, [](CWideBuffer& b) { return Types::CountOccurrences(b, L"a") == -1; }},
-        {L"keep", [](CWideBuffer& b) { return !Types::Replace(b, nullptr, L"y"); }},
-        {L"keep", [](CWideBuffer& b) { return !Types::Replace(b, L"", L"y"); }},
-        {L"", [](CWideBuffer& b) { return !Types::Replace(b, L"a", L"y"); }},
-        {nullptr, [](CWideBuffer& b) { return !Types::Replace(b, L"a", L"y"); }},
+    const std::pair<const wchar_t*, std::wstring> cases[] = {
+        {L"  \t x \t  ", L"x \t\0"s}, {L"name\t\t", L"name\t\t\0"s}, {L"  ab", L"ab\0\0\0"s},
+        {L"\t \t", L"\0"s},           {L"", L"\0"s},
     };
-    for (size_t i = 0; i < std::size(cases); ++i)
+    for (const auto& [text, expected] : cases)
     {
-        CWideBuffer buffer = Make(cases[i].first);
-        const std::wstring before = Whole(buffer);
-        ::SetLastError(0);
-        EXPECT_TRUE(cases[i].second(buffer)) << "case " << i;
-        EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER)) << "case " << i;
-        EXPECT_EQ(Whole(buffer), before) << "case " << i;
+        CWideBuffer buffer = Make(text);
+        Types::Trim(buffer, L' ');
+        EXPECT_EQ(Whole(buffer), expected) << text;
     }
+    CWideBuffer other = Make(L"xx\ta x\txx");
+    Types::Trim(other, L'x');
+    EXPECT_EQ(Whole(other), L"a x\t\0"s);
 }
 
-TEST(WideString, TrimRemovesTheCharacterAndTabsInFrontButOnlyTheCharacterAtTheBack)
-{
-    // Front removal shifts the text down and zeroes the freed tail; back removal shrinks the count.
-    const struct
-    {
-        const wchar_t* text;
-        wchar_t ch;
-        std::wstring expected;
-    } cases[] = {
-        {L"  \t x \t  ", L' ', L"x \t\0"s},
-        {L"name\t\t", L' ', L"name\t\t\0"s},
-        {L"  ab", L' ', L"ab\0\0\0"s},
-        {L"xx\ta x\txx", L'x', L"a x\t\0"s},
-        {L"   ", L' ', L"\0"s},
-        {L"\t \t", L' ', L"\0"s},
-        {L"", L' ', L"\0"s},
-    };
-    for (const auto& sample : cases)
-    {
-        CWideBuffer buffer = Make(sample.text);
-        Types::Trim(buffer, sample.ch);
-        EXPECT_EQ(Whole(buffer), sample.expected) << sample.text;
-    }
-}
-
-TEST(WideString, ReplaceAndCountOccurrencesTakeNonOverlappingMatchesLeftToRight)
+TEST(WideString, ReplaceAndCountOccurrencesTakeNonOverlappingMatchesLeftToRightAllocatingDoubleRoom)
 {
     const struct
     {
-        const wchar_t* text;
-        const wchar_t* find;
-        const wchar_t* replacement;
+        const wchar_t *text, *find, *replacement;
         int count;
         const wchar_t* expected;
+        uint32_t size; // twice the new length plus two: deliberate, callers have it
     } cases[] = {
-        {L"abab", L"ab", L"x", 2, L"xx"},
-        {L"aaa", L"aa", L"b", 1, L"ba"},
-        {L"aaaa", L"aa", L"b", 2, L"bb"},
-        {L"bab", L"a", L"xyz", 1, L"bxyzb"},
-        {L"a-b-c-", L"-", L"", 3, L"abc"},
-        {L"C:\\dir\\file", L"\\", L"\\\\", 2, L"C:\\\\dir\\\\file"},
-        {L"abc", L"x", L"y", 0, L"abc"},
+        {L"aaa", L"aa", L"b", 1, L"ba", 6},
+        {L"aaaa", L"aa", L"b", 2, L"bb", 6},
+        {L"bab", L"a", L"xyz", 1, L"bxyzb", 12},
+        {L"a-b-c-", L"-", L"", 3, L"abc", 8},
+        {L"abc", L"x", L"y", 0, L"abc", 4}, // nothing found: the buffer stays
     };
-    for (const auto& sample : cases)
+    for (const auto& c : cases)
     {
-        CWideBuffer buffer = Make(sample.text);
-        EXPECT_EQ(Types::CountOccurrences(buffer, sample.find), sample.count) << sample.text;
-        ASSERT_TRUE(Types::Replace(buffer, sample.find, sample.replacement)) << sample.text;
-        EXPECT_STREQ(Text(buffer), sample.expected);
+        CWideBuffer buffer = Make(c.text);
+        EXPECT_EQ(Types::CountOccurrences(buffer, c.find), c.count) << c.text;
+        ASSERT_TRUE(Types::Replace(buffer, c.find, c.replacement)) << c.text;
+        EXPECT_STREQ(Text(buffer), c.expected);
+        EXPECT_EQ(buffer.Size(), c.size) << c.text;
     }
-}
-
-TEST(WideString, ReplaceKeepsTheBufferWhenNothingMatchesAndOtherwiseAllocatesDoubleRoom)
-{
-    CWideBuffer buffer = Make(L"abab");
-    ASSERT_TRUE(Types::Replace(buffer, L"x", L"y"));
-    EXPECT_EQ(buffer.Size(), 5u);
-    // Twice the new length plus two: deliberate and harmless, callers have always received it.
-    ASSERT_TRUE(Types::Replace(buffer, L"ab", L"x"));
-    EXPECT_EQ(buffer.Size(), 2u * 2u + 2u);
 }
