@@ -6,11 +6,13 @@
 #   production  src/ and runner/
 #   tests       test cases, their fixtures and data, e2e case files:
 #               tests/**/*Test.cpp, *Tests.cpp, *Fixture.h, *Fixture.cpp,
-#               tests/**/data/*, tests/e2e/cases/*, tests/**/CMakeLists.txt
+#               tests/**/data/*, tests/e2e/cases/*, and the CMakeLists.txt
+#               of each test folder (they register the cases)
 #   test kit    every other file under tests/: stand-ins for Windows parts,
 #               shared helpers (tests/support/), the e2e driver and its
 #               packages, benchmarks (all of tests/bench/), test services,
-#               COM test servers and test programs
+#               COM test servers and test programs, and tests/CMakeLists.txt
+#               (GoogleTest, the Wine prefix, the registration functions)
 # Markdown files are documentation and count nowhere.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -22,7 +24,7 @@ classify() {
     case $path in
     *.md) ;;
     src/* | runner/*) echo production ;;
-    tests/bench/*) echo kit ;;
+    tests/bench/* | tests/CMakeLists.txt) echo kit ;;
     *Test.cpp | *Tests.cpp | *Fixture.h | *Fixture.cpp | tests/*/data/* | tests/*/*/data/* | tests/e2e/cases/* | \
         */CMakeLists.txt) echo tests ;;
     tests/*) echo kit ;;

@@ -1,6 +1,8 @@
 // The three service actions on one service: the states they meet, their waits
 // and the limits of those waits, and service names that lead nowhere.
 #include "services/ServiceActionFixture.h"
+#include "support/LogCapture.h"
+#include "system/Daemon.h"
 
 namespace QcTest {
 namespace {
@@ -149,6 +151,43 @@ TEST_P(ServiceNameCheck, EmptyServiceNameIsRejectedBeforeAnyServiceCall)
 
 INSTANTIATE_TEST_SUITE_P(AllServiceActions, ServiceNameCheck,
                          ::testing::Values("ServiceStart", "ServiceStop", "ServiceRestart"));
+
+// CDaemon built directly, for the cases the action frame never lets through
+// (a null or empty service name) and the operations no action reaches.
+TEST(DaemonObject, NullOrEmptyNameLogsInvalidParameterAndEitherOperationFailsAtItsFirstQuery)
+{
+    for (const wchar_t* name : {static_cast<const wchar_t*>(nullptr), L""})
+    {
+        for (const bool start : {true, false})
+        {
+            SCOPED_TRACE(::testing::Message() << (name == nullptr ? "null name, " : "empty name, ")
+                                              << (start ? "Start" : "Stop"));
+            QcTest::CLogCapture log;
+            Quillcast::System::CDaemon daemon(name);
+            daemon.SetDependencies(true);
+
+            EXPECT_FALSE(start ? daemon.Start() : daemon.Stop());
+
+            EXPECT_EQ(log.Bodies(), Lines({L"[ERROR] Daemon (#) ERROR_INVALID_PARAMETER.",
+                                           L"[ERROR] Daemon (#) QueryServiceStatus failed with error 6."}));
+            EXPECT_EQ(daemon.LastError(), 87u);
+        }
+    }
+}
+
+TEST(DaemonObject, HandleDependenciesWithAnUnknownActionDoesNothingAndSucceeds)
+{
+    Quillcast::System::CDaemon daemon(nullptr);
+    QcTest::CLogCapture log;
+
+    for (uint32_t action : {0u, 2u, 3u, 5u, 8u})
+    {
+        EXPECT_TRUE(daemon.HandleDependencies(action)) << action;
+    }
+
+    EXPECT_EQ(log.Bodies(), Lines());
+    EXPECT_EQ(daemon.LastError(), 87u);
+}
 
 } // namespace
 } // namespace QcTest

@@ -3,16 +3,39 @@
 #include <windows.h>
 
 #include <functional>
+#include <numeric>
 #include <string>
 
 #include "host/types/WideString.h"
 
+using Quillcast::System::Types::CBuffer;
 using Quillcast::System::Types::CWideBuffer;
 using Quillcast::System::Types::Text;
 using namespace std::string_literals;
 namespace Types = Quillcast::System::Types;
 
 namespace {
+
+
+// Counts destructions, so that a test can see exactly when an owner frees.
+struct CCounted
+{
+    static inline int s_destroyed = 0;
+    int m_nValue = 0;
+    ~CCounted() { ++s_destroyed; }
+};
+
+// The whole capacity, with "|" where the count ends: "1 2|0 0" is count 2 of capacity 4.
+std::string Layout(const CBuffer<int>& buffer)
+{
+    std::string text;
+    for (uint32_t i = 0; i < buffer.Capacity(); ++i)
+    {
+        text += (i == buffer.Size() ? "|" : i > 0 ? " " : "") + std::to_string(buffer[i]);
+    }
+    return buffer.Size() == buffer.Capacity() ? text + "|" : text;
+}
+
 
 // A buffer holding `text` (no array at all for null), resized to `size` unless that is 0.
 CWideBuffer Make(const wchar_t* text, uint32_t size = 0)
@@ -130,4 +153,47 @@ TEST(WideString, ReplaceAndCountOccurrencesTakeNonOverlappingMatchesLeftToRightA
         EXPECT_STREQ(Text(buffer), c.expected);
         EXPECT_EQ(buffer.Size(), c.size) << c.text;
     }
+}
+
+
+TEST(Buffer, AllocateAndResizeGrowExactlyReuseALargeEnoughArrayAndZeroEverythingPastTheCount)
+{
+    CBuffer<int> buffer;
+    EXPECT_FALSE(buffer.Allocate(0));
+    ASSERT_TRUE(buffer.Allocate(4));
+    std::iota(buffer.Data(), buffer.Data() + 4, 1);
+    ASSERT_TRUE(buffer.Resize(6));
+    EXPECT_EQ(Layout(buffer), "1 2 3 4 0 0|");
+    std::iota(buffer.Data(), buffer.Data() + 6, 1);
+    const int* pArray = buffer.Data();
+    ASSERT_TRUE(buffer.Allocate(3));
+    EXPECT_EQ(Layout(buffer), "0 0 0|0 0 0");
+    std::iota(buffer.Data(), buffer.Data() + 3, 1);
+    ASSERT_TRUE(buffer.Resize(2));
+    EXPECT_EQ(Layout(buffer), "1 2|0 0 0 0");
+    EXPECT_EQ(buffer.Data(), pArray);
+}
+
+TEST(Buffer, CopiesShareOneArrayUntilOneGrowsAndOnlyTheLastOwnerFreesIt)
+{
+    CCounted::s_destroyed = 0;
+    {
+        CBuffer<CCounted> last;
+        {
+            CBuffer<CCounted> first;
+            ASSERT_TRUE(first.Allocate(3));
+            first[1].m_nValue = 7;
+            CBuffer<CCounted> grown(first);
+            last = grown;
+            EXPECT_EQ(last.Data(), first.Data());
+            ASSERT_TRUE(grown.Resize(4));
+            EXPECT_NE(grown.Data(), first.Data());
+            EXPECT_EQ(grown[1].m_nValue, 7);
+            EXPECT_EQ(first.OwnerCount(), 2);
+        }
+        // Only the grown copy's own array of four is gone.
+        EXPECT_EQ(CCounted::s_destroyed, 4);
+        EXPECT_EQ(last[1].m_nValue, 7);
+    }
+    EXPECT_EQ(CCounted::s_destroyed, 7);
 }
