@@ -52,6 +52,7 @@ HANDLE g_hContinue = nullptr;
 HANDLE g_hExit = nullptr;
 HANDLE g_hStopRequested = nullptr;
 bool g_bStoppedReported = false;
+bool g_bStoppedInHandler = false;
 
 bool ParseDelay(const std::wstring& text, DWORD& delay)
 {
@@ -182,6 +183,7 @@ DWORD WINAPI Handler(DWORD control, DWORD /*eventType*/, LPVOID /*eventData*/, L
         {
             return ERROR_CALL_NOT_IMPLEMENTED;
         }
+        g_bStoppedInHandler = g_Options.stopDelay == 0;
         Report(g_Options.stopDelay == 0 ? SERVICE_STOPPED : SERVICE_STOP_PENDING,
                g_Options.stopDelay == 0 ? 0 : WaitHint(g_Options.stopDelay));
         ::SetEvent(g_hStopRequested);
@@ -248,7 +250,12 @@ int main()
     }
     // A handler that reported SERVICE_STOPPED itself answers the stop control
     // only after it returns; should the process be gone by then, Wine's manager
-    // fails the caller's ControlService with 109 (broken pipe). Linger a little.
-    ::Sleep(500);
+    // fails the caller's ControlService with 109 (broken pipe). Nothing tells
+    // when the answer has left, so linger, generously for a busy machine; a
+    // service ended through its exit event owes no answer and goes at once.
+    if (g_bStoppedInHandler)
+    {
+        ::Sleep(3000);
+    }
     return 0;
 }

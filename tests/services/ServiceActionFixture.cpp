@@ -5,7 +5,7 @@
 #include <cwchar>
 #include <cwctype>
 
-#include "services/StatusQueryCounter.h"
+#include "support/LogCapture.h"
 #include "support/ShippedDll.h"
 
 namespace QcTest {
@@ -102,16 +102,17 @@ std::future<ActionOutcome> ServiceActionTest::RunAsync(const char* exportName, c
 ActionOutcome ServiceActionTest::Run(const char* exportName, const std::wstring& data, CTestService* pHeld,
                                      int queries)
 {
-    const CStatusQueryCounter counter(s_pLibrary->Module());
+    const CServiceCallRecorder recorder(s_pLibrary->Module());
+    EXPECT_TRUE(recorder.IsInstalled());
     std::future<ActionOutcome> call = RunAsync(exportName, data);
     if (pHeld != nullptr)
     {
         const auto giveUp = std::chrono::steady_clock::now() + kWatchdog;
-        while (counter.IsInstalled() && counter.Count() < queries && std::chrono::steady_clock::now() < giveUp &&
+        while (recorder.Count() < queries && std::chrono::steady_clock::now() < giveUp &&
                call.wait_for(std::chrono::milliseconds(20)) != std::future_status::ready)
         {
         }
-        EXPECT_GE(counter.Count(), queries) << "the action made fewer status queries";
+        EXPECT_GE(recorder.Count(), queries) << "the action made fewer status queries";
         pHeld->Continue();
     }
     if (call.wait_for(kWatchdog) != std::future_status::ready)
@@ -119,26 +120,39 @@ ActionOutcome ServiceActionTest::Run(const char* exportName, const std::wstring&
         m_Services.ContinueAll();
         ADD_FAILURE() << "the action did not return by itself";
     }
-    return call.get();
+    ActionOutcome outcome = call.get();
+    outcome.calls = CServiceCallRecorder::Calls();
+    const ServiceCalls& c = outcome.calls;
+    EXPECT_TRUE(c.opens.empty() || c.opens[0] == L"manager 0xF003F") << ::testing::PrintToString(c.opens);
+    EXPECT_EQ(std::count(c.sleeps.begin(), c.sleeps.end(), 1500u), static_cast<long>(c.sleeps.size()));
+    // Released at the end: the manager, the service and the last dependent opened
+    // (each dependent's handle replaces the one before without closing it).
+    std::vector<HANDLE> expected;
+    for (size_t i = 0; i < c.opened.size(); ++i)
+    {
+        if (c.opened[i] != nullptr && (i < 2 || i + 1 == c.opened.size()))
+        {
+            expected.push_back(c.opened[i]);
+        }
+    }
+    std::vector<HANDLE> closed = c.closedByCloseHandle;
+    std::sort(expected.begin(), expected.end());
+    std::sort(closed.begin(), closed.end());
+    EXPECT_EQ(closed, expected);
+    EXPECT_EQ(c.closeServiceHandleCalls, 0);
+    return outcome;
 }
 
 Lines ServiceActionTest::ControllerLines(const ActionOutcome& outcome)
 {
-    wchar_t ids[64] = {};
-    _snwprintf(ids, 63, L"PID(0x%X) TID(0x%X) ", static_cast<unsigned>(::GetCurrentProcessId()),
-               static_cast<unsigned>(outcome.threadId));
-    const size_t idsLength = std::wcslen(ids);
-    const Lines frame = {L"Workbench (#) ", L"[ERROR] Workbench (#) ", L"[WARNING] Workbench (#) "};
     Lines lines;
     for (const std::wstring& line : outcome.lines)
     {
-        // "dd.mm.yyyy hh:mm:ss " comes first.
-        EXPECT_EQ(line.size() - QcRunner::WithoutPrefixes(line).size(), 20 + idsLength)
-            << ::testing::PrintToString(line);
-        EXPECT_EQ(line.compare(20, idsLength, ids), 0) << ::testing::PrintToString(line);
+        EXPECT_TRUE(IsWholeLine(line, outcome.threadId)) << ::testing::PrintToString(line);
         const std::wstring body = QcRunner::Body(line);
-        const auto opens = [&body](const std::wstring& start) { return body.rfind(start, 0) == 0; };
-        if (std::none_of(frame.begin(), frame.end(), opens))
+        // The frame's lines open with "Workbench (#) " after an optional marker.
+        const size_t frame = body.find(L"Workbench (#) ");
+        if (frame != 0 && frame != 8 && frame != 10)
         {
             lines.push_back(body);
         }

@@ -13,6 +13,7 @@
 
 #include "ActionHost.h"
 #include "services/DependentsSeam.h"
+#include "services/StatusQueryCounter.h"
 #include "services/TestServices.h"
 
 namespace QcTest {
@@ -34,6 +35,7 @@ struct ActionOutcome
     UINT result = 0;
     Lines lines;        // the raw log records
     DWORD threadId = 0; // the thread that ran the action
+    ServiceCalls calls; // recorded by Run, not by RunAsync
 };
 
 class ServiceActionTest : public ::testing::Test
@@ -58,7 +60,9 @@ protected:
     // pending state) once the action has made `queries` status queries: its
     // first reading counts as one, each poll as one more. Should the action not
     // return within minutes, every test service is continued, so that a wrong
-    // wait ends as a failed test instead of a hung one.
+    // wait ends as a failed test instead of a hung one. Checks on the way what
+    // every service action must do: open the manager with all access, sleep
+    // 1500 ms between polls, and release every handle it opened with CloseHandle.
     ActionOutcome Run(const char* exportName, const std::wstring& data, CTestService* pHeld = nullptr,
                       int queries = 0);
 

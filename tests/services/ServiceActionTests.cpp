@@ -1,6 +1,8 @@
 // The three service actions on one service: the states they meet, their waits
 // and the limits of those waits, and service names that lead nowhere.
 #include "services/ServiceActionFixture.h"
+#include "support/LogCapture.h"
+#include "system/Daemon.h"
 
 namespace QcTest {
 namespace {
@@ -73,10 +75,6 @@ const OneServiceCase kOneServiceCases[] = {
     // 4294966296 ms; read as 0 it would fail the first poll.
     {"TimeoutOfMinusOneIsInEffectNoLimit", "ServiceStart", L"--start-delay=2000", SERVICE_STOPPED,
      L";DEPENDENCIES=0;TIMEOUT=-1", 0, 0, {}, SERVICE_RUNNING, {L"{S} running"}},
-    // Three pairs are required, so a stand-in takes TIMEOUT's place. Four polls
-    // find it pending before the test lets it run.
-    {"WithoutTimeoutStartKeepsPollingUntilTheServiceRuns", "ServiceStart", L"--start-delay=hold", SERVICE_STOPPED,
-     L";DEPENDENCIES=0;UNUSED=1", 5, 0, {}, SERVICE_RUNNING, {L"{S} running"}},
     // Still pending at the first poll, done by the second: a second start or
     // stop control would have failed and said so.
     {"StartPendingServiceIsAwaitedWithoutASecondStart", "ServiceStart", L"--start-delay=hold",
@@ -104,6 +102,30 @@ const OneServiceCase kOneServiceCases[] = {
 INSTANTIATE_TEST_SUITE_P(Cases, ServiceAction, ::testing::ValuesIn(kOneServiceCases),
                          [](const auto& paramInfo) { return std::string(paramInfo.param.behaviour); });
 
+// Three pairs are required, so a stand-in takes TIMEOUT's place. Four polls
+// find the service pending before the test lets it run.
+TEST_F(ServiceActionTest, WithoutTimeoutStartPollsEvery1500MsUntilTheServiceRuns)
+{
+    CTestService& service = Add(L"S", L"--start-delay=hold");
+
+    const ActionOutcome outcome = Run("ServiceStart", L";SERVICENAME=" + service.Name() + L";DEPENDENCIES=0;UNUSED=1",
+                                      &service, 5);
+
+    EXPECT_EQ(outcome.result, 0u);
+    EXPECT_EQ(ControllerLines(outcome), Lines());
+    EXPECT_EQ(Journal(), Expand({L"{S} running"}));
+    // The first reading, then one query per poll, each after a sleep of 1500 ms.
+    const std::vector<DWORD>& ticks = outcome.calls.queryTicks;
+    ASSERT_GE(ticks.size(), 5u);
+    EXPECT_EQ(outcome.calls.sleeps, std::vector<DWORD>(ticks.size() - 1, 1500));
+    for (size_t i = 1; i < ticks.size(); ++i)
+    {
+        EXPECT_GE(ticks[i] - ticks[i - 1], 1400u) << "poll " << i;
+        EXPECT_LT(ticks[i] - ticks[i - 1], 6000u) << "poll " << i;
+    }
+    EXPECT_EQ(outcome.calls.opens, Expand({L"manager 0xF003F", L"{S} 0x3D"}));
+}
+
 class ServiceNameCheck : public ServiceActionTest, public ::testing::WithParamInterface<const char*>
 {
 };
@@ -129,6 +151,43 @@ TEST_P(ServiceNameCheck, EmptyServiceNameIsRejectedBeforeAnyServiceCall)
 
 INSTANTIATE_TEST_SUITE_P(AllServiceActions, ServiceNameCheck,
                          ::testing::Values("ServiceStart", "ServiceStop", "ServiceRestart"));
+
+// CDaemon built directly, for the cases the action frame never lets through
+// (a null or empty service name) and the operations no action reaches.
+TEST(DaemonObject, NullOrEmptyNameLogsInvalidParameterAndEitherOperationFailsAtItsFirstQuery)
+{
+    for (const wchar_t* name : {static_cast<const wchar_t*>(nullptr), L""})
+    {
+        for (const bool start : {true, false})
+        {
+            SCOPED_TRACE(::testing::Message() << (name == nullptr ? "null name, " : "empty name, ")
+                                              << (start ? "Start" : "Stop"));
+            QcTest::CLogCapture log;
+            Quillcast::System::CDaemon daemon(name);
+            daemon.SetDependencies(true);
+
+            EXPECT_FALSE(start ? daemon.Start() : daemon.Stop());
+
+            EXPECT_EQ(log.Bodies(), Lines({L"[ERROR] Daemon (#) ERROR_INVALID_PARAMETER.",
+                                           L"[ERROR] Daemon (#) QueryServiceStatus failed with error 6."}));
+            EXPECT_EQ(daemon.LastError(), 87u);
+        }
+    }
+}
+
+TEST(DaemonObject, HandleDependenciesWithAnUnknownActionDoesNothingAndSucceeds)
+{
+    Quillcast::System::CDaemon daemon(nullptr);
+    QcTest::CLogCapture log;
+
+    for (uint32_t action : {0u, 2u, 3u, 5u, 8u})
+    {
+        EXPECT_TRUE(daemon.HandleDependencies(action)) << action;
+    }
+
+    EXPECT_EQ(log.Bodies(), Lines());
+    EXPECT_EQ(daemon.LastError(), 87u);
+}
 
 } // namespace
 } // namespace QcTest

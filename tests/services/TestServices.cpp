@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "services/DependentsSeam.h"
 #include "support/ShippedDll.h"
 
 namespace QcTest {
@@ -41,8 +42,8 @@ CTestService::CTestService(const ServiceDefinition& definition, const std::wstri
     : m_Name(definition.name), m_hManager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS)),
       m_hContinue(Event(m_Name, L"Continue")), m_hExit(Event(m_Name, L"Exit"))
 {
-    ::ResetEvent(m_hContinue.get());
-    ::ResetEvent(m_hExit.get());
+    ::ResetEvent(m_hContinue.Get());
+    ::ResetEvent(m_hExit.Get());
     const std::wstring dll = ShippedDllPath();
     std::wstring commandLine = L"\"" + dll.substr(0, dll.find_last_of(L'\\') + 1) + L"QcTestService.exe\" " + m_Name +
                                L" " + definition.options + L" \"--journal=" + journalPath + L"\"";
@@ -52,11 +53,15 @@ CTestService::CTestService(const ServiceDefinition& definition, const std::wstri
         dependencies += dependency + L'\0';
     }
     dependencies += L'\0';
-    m_hService.reset(::CreateServiceW(m_hManager.get(), m_Name.c_str(), m_Name.c_str(), SERVICE_ALL_ACCESS,
+    m_hService.Reset(::CreateServiceW(m_hManager.Get(), m_Name.c_str(), m_Name.c_str(), SERVICE_ALL_ACCESS,
                                       SERVICE_WIN32_OWN_PROCESS, definition.startType, SERVICE_ERROR_NORMAL,
                                       commandLine.c_str(), nullptr, nullptr,
                                       definition.dependsOn.empty() ? nullptr : dependencies.c_str(), nullptr, nullptr));
-    if (!m_hService)
+    if (m_hService)
+    {
+        CDependentsSeam::Define(m_Name, definition.dependsOn);
+    }
+    else
     {
         m_Error = L"CreateService " + m_Name + L" failed with error " + std::to_wstring(::GetLastError());
     }
@@ -68,33 +73,34 @@ CTestService::~CTestService()
     {
         // The exit event ends it in any state; a stop control sent while its
         // process exits would keep the manager waiting for an answer.
-        ::SetEvent(m_hExit.get());
+        ::SetEvent(m_hExit.Get());
         WaitForState(SERVICE_STOPPED);
-        ::DeleteService(m_hService.get());
+        ::DeleteService(m_hService.Get());
+        CDependentsSeam::Forget(m_Name);
     }
 }
 
 DWORD CTestService::State() const
 {
     SERVICE_STATUS status{};
-    return ::QueryServiceStatus(m_hService.get(), &status) ? status.dwCurrentState : 0;
+    return ::QueryServiceStatus(m_hService.Get(), &status) ? status.dwCurrentState : 0;
 }
 
 bool CTestService::Start(bool wait)
 {
-    return ::StartServiceW(m_hService.get(), 0, nullptr) && (!wait || WaitForState(SERVICE_RUNNING));
+    return ::StartServiceW(m_hService.Get(), 0, nullptr) && (!wait || WaitForState(SERVICE_RUNNING));
 }
 
 bool CTestService::RequestStop()
 {
     SERVICE_STATUS status{};
-    return ::ControlService(m_hService.get(), SERVICE_CONTROL_STOP, &status) != FALSE;
+    return ::ControlService(m_hService.Get(), SERVICE_CONTROL_STOP, &status) != FALSE;
 }
 
 bool CTestService::Pause()
 {
     SERVICE_STATUS status{};
-    return ::ControlService(m_hService.get(), SERVICE_CONTROL_PAUSE, &status) && WaitForState(SERVICE_PAUSED);
+    return ::ControlService(m_hService.Get(), SERVICE_CONTROL_PAUSE, &status) && WaitForState(SERVICE_PAUSED);
 }
 
 bool CTestService::WaitForState(DWORD state, DWORD timeoutMs) const

@@ -4,22 +4,25 @@
 
 #include <memory>
 #include <string>
-#include <type_traits>
 #include <vector>
+
+#include "host/types/Handles.h"
 
 namespace QcTest {
 
-struct ServiceHandleCloser
-{
-    void operator()(SC_HANDLE handle) const { ::CloseServiceHandle(handle); }
-};
-using CServiceHandle = std::unique_ptr<std::remove_pointer_t<SC_HANDLE>, ServiceHandleCloser>;
+using Quillcast::System::Types::CKernelHandle;
 
-struct KernelHandleCloser
+// The test kit, unlike the service controller, releases service handles with CloseServiceHandle.
+struct ServiceHandleTraits
 {
-    void operator()(HANDLE handle) const { ::CloseHandle(handle); }
+    static SC_HANDLE Invalid() noexcept { return nullptr; }
+    static void Close(SC_HANDLE handle) noexcept { ::CloseServiceHandle(handle); }
 };
-using CKernelHandle = std::unique_ptr<void, KernelHandleCloser>;
+struct CServiceHandle : Quillcast::System::Types::CUniqueHandle<SC_HANDLE, ServiceHandleTraits>
+{
+    using CUniqueHandle::CUniqueHandle;
+    SC_HANDLE get() const noexcept { return Get(); } // the benchmark's spelling
+};
 
 // How to register one QcTestService.exe instance (see QcTestService.cpp).
 struct ServiceDefinition
@@ -43,7 +46,7 @@ public:
     CTestService& operator=(const CTestService&) = delete;
     ~CTestService();
 
-    bool IsRegistered() const { return m_hService != nullptr; }
+    bool IsRegistered() const { return static_cast<bool>(m_hService); }
     const std::wstring& Error() const { return m_Error; }
     const std::wstring& Name() const { return m_Name; }
 
@@ -58,7 +61,7 @@ public:
     // Waits up to `timeoutMs` for `state`, polling every 20 ms.
     bool WaitForState(DWORD state, DWORD timeoutMs = 60000) const;
     // Ends a held or delayed pending state.
-    void Continue() { ::SetEvent(m_hContinue.get()); }
+    void Continue() { ::SetEvent(m_hContinue.Get()); }
 
 private:
     std::wstring m_Name;

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <windows.h>
+
+#include <cwchar>
 #include <string>
 #include <vector>
 
@@ -22,6 +25,33 @@ inline size_t PrefixLength(const std::wstring& line)
     return line.size() - WithoutPrefixes(line).size();
 }
 
+// "PID(0x..) TID(0x..) " as the logger writes it for a thread of this process.
+inline std::wstring ThreadIds(DWORD threadId = ::GetCurrentThreadId())
+{
+    wchar_t ids[64] = {};
+    ::_snwprintf(ids, 63, L"PID(0x%X) TID(0x%X) ", static_cast<unsigned>(::GetCurrentProcessId()),
+                 static_cast<unsigned>(threadId));
+    return ids;
+}
+
+// A line exactly as the logger writes it for `threadId`: the 20-character date
+// "dd.mm.yyyy hh:mm:ss ", the process and thread, the rest ending in a point.
+inline bool IsWholeLine(const std::wstring& line, DWORD threadId)
+{
+    const std::wstring ids = ThreadIds(threadId);
+    return PrefixLength(line) == 20 + ids.size() && line.compare(20, ids.size(), ids) == 0 && line.back() == L'.';
+}
+
+inline std::vector<std::wstring> Bodies(const std::vector<std::wstring>& lines)
+{
+    std::vector<std::wstring> bodies;
+    for (const std::wstring& line : lines)
+    {
+        bodies.push_back(Body(line));
+    }
+    return bodies;
+}
+
 // A logger set up like the library's own (date and process/thread prefixes, the
 // point postfix) that keeps its lines in memory. While it lives it is the
 // process-wide g_pLogger; the previous logger is put back when it dies.
@@ -40,15 +70,7 @@ public:
     Quillcast::Logging::CDefaultLogger& Logger() { return m_Logger; }
     const std::vector<std::wstring>& Lines() const { return m_Stream.m_Lines; }
     // Every line as Body() renders it.
-    std::vector<std::wstring> Bodies() const
-    {
-        std::vector<std::wstring> bodies;
-        for (const std::wstring& line : m_Stream.m_Lines)
-        {
-            bodies.push_back(Body(line));
-        }
-        return bodies;
-    }
+    std::vector<std::wstring> Bodies() const { return QcTest::Bodies(m_Stream.m_Lines); }
     void Clear() { m_Stream.m_Lines.clear(); }
 
 private:

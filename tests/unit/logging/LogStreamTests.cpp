@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <windows.h>
+#include <msiquery.h>
 
 #include <atomic>
 #include <functional>
@@ -18,12 +19,14 @@ using Quillcast::Logging::MSI::CLogStreamMsi;
 
 namespace {
 
-int g_nRecordsCreated = 0;
+// The installer's answer to each log record; how many records reached it.
+int g_Answer = 0;
+int g_nMessages = 0;
 
-MSIHANDLE WINAPI CountRecordCreation(UINT)
+int WINAPI AnswerMessage(MSIHANDLE, INSTALLMESSAGE, MSIHANDLE)
 {
-    ++g_nRecordsCreated;
-    return 0;
+    ++g_nMessages;
+    return g_Answer;
 }
 
 // Runs the steps one after another, each on the thread it names (0, 1, ...). Every
@@ -117,20 +120,23 @@ TEST(LogStreamMsi, ConcurrentBindingsNeverSeeEachOther)
     EXPECT_EQ(stream.BindingCount(), 0u);
 }
 
-TEST(LogStreamMsi, WriteFailsWithoutTextAndAnUnboundThreadNeverReachesTheInstaller)
+TEST(LogStreamMsi, WriteNeedsTextAndABoundThreadAndSucceedsOnlyWhenTheInstallerAnswers0OrIdok)
 {
-    const QcTest::CImportPatch patch(::GetModuleHandleW(nullptr), "msi.dll", "MsiCreateRecord",
-                                     reinterpret_cast<const void*>(&CountRecordCreation));
+    const QcTest::CImportPatch patch(::GetModuleHandleW(nullptr), "msi.dll", "MsiProcessMessage",
+                                     reinterpret_cast<const void*>(&AnswerMessage));
     ASSERT_TRUE(patch.IsApplied());
-    g_nRecordsCreated = 0;
+    g_nMessages = 0;
     CLogStreamMsi stream;
     EXPECT_FALSE(stream.Write(L"line", 4));
     ASSERT_TRUE(stream.Bind(0x7FFF4321));
     EXPECT_FALSE(stream.Write(nullptr, 4));
     EXPECT_FALSE(stream.Write(L"line", 0));
-    EXPECT_EQ(g_nRecordsCreated, 0);
-    // Bound, the line goes as far as the record, which the stand-in refuses.
-    EXPECT_FALSE(stream.Write(L"line", 4));
-    EXPECT_EQ(g_nRecordsCreated, 1);
+    EXPECT_EQ(g_nMessages, 0);
+    for (const int answer : {0, IDOK, -1, IDCANCEL, IDABORT, IDNO})
+    {
+        g_Answer = answer;
+        EXPECT_EQ(stream.Write(L"line", 4), answer == 0 || answer == IDOK) << answer;
+    }
+    EXPECT_EQ(g_nMessages, 6);
     stream.Unbind();
 }
