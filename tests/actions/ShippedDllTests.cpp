@@ -24,8 +24,12 @@ namespace {
 
 // The exports that exist today; the rest of the thirty are added with their workers.
 const std::set<std::string> kExpectedExports = {
+    "AddPortException",
+    "AddProgramException",
     "CompareVersionString",
     "GetCustomActionVersion",
+    "RemovePortException",
+    "RemoveProgramException",
     "ServiceRestart",
     "ServiceStart",
     "ServiceStop",
