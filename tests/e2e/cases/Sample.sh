@@ -3,6 +3,11 @@
 # 1.9, restart the sample service on install and stop it on removal.
 service=QuillcastSampleService
 add_test_service "$service"
+# Wine's firewall is a stub: the firewall actions meet the project's test
+# firewall, whose rules live under this key.
+firewall='HKLM\Software\QuillcastTest\Firewall'
+wine_run reg delete "$firewall" /f >/dev/null 2>&1 || true
+wine_run regsvr32 /s "$(windows_path "$QC_BIN_DIR/QcTestFirewall.dll")"
 
 package sample
 install "$@"
@@ -15,6 +20,8 @@ expect_dll_line --in CompareVersions "Workbench (#) Processing custom action: Co
 expect_dll_line --in InstallFinalize "Workbench (#) Custom Action Dll '*' has version '$QC_PROJECT_VERSION'."
 expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: ServiceRestart."
 expect_service_state "$service" RUNNING
+expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: AddPortException."
+expect_reg "$firewall\\Rules\\1" Name 'Quillcast Sample'
 if [ $# -eq 0 ]; then
     expect_property CompareResult 1
     expect_reg 'HKLM\Software\Quillcast\Sample' CompareResult 1
@@ -24,5 +31,9 @@ uninstall
 show_dll_lines
 expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: ServiceStop."
 expect_service_state "$service" STOPPED
+expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: RemovePortException."
+expect_no_reg "$firewall\\Rules\\1"
+wine_run regsvr32 /u /s "$(windows_path "$QC_BIN_DIR/QcTestFirewall.dll")"
+wine_run reg delete "$firewall" /f >/dev/null 2>&1 || true
 expect_no_reg 'HKLM\Software\Quillcast\Sample'
 expect_product_absent
