@@ -217,14 +217,6 @@ static HRESULT PutNumber(Item* item, int index, LONG value)
     return S_OK;
 }
 
-static HRESULT GetText(const Item* item, int index, BSTR* out)
-{
-    if (!out)
-        return E_POINTER;
-    *out = SysAllocString(item->text[index] ? item->text[index] : L"");
-    return *out ? S_OK : E_OUTOFMEMORY;
-}
-
 /* Writes the whole item into key `sub` (under ROOT) and binds it there. */
 static void Attach(Item* item, const WCHAR* sub)
 {
@@ -489,10 +481,6 @@ static HRESULT STDMETHODCALLTYPE Rule_put_Name(INetFwRule2* This, BSTR v)
     if (!v || !v[0] || wcschr(v, L'|'))
         return E_INVALIDARG;
     return PutText(RULE(This), R_NAME, v);
-}
-static HRESULT STDMETHODCALLTYPE Rule_get_Name(INetFwRule2* This, BSTR* v)
-{
-    return GetText(RULE(This), R_NAME, v);
 }
 static HRESULT STDMETHODCALLTYPE Rule_put_Description(INetFwRule2* This, BSTR v)
 {
@@ -886,7 +874,6 @@ static void BuildVtbls(void)
 {
     FillVtbl(&g_RuleVtbl, sizeof(g_RuleVtbl));
     g_RuleVtbl.put_Name = Rule_put_Name;
-    g_RuleVtbl.get_Name = Rule_get_Name;
     g_RuleVtbl.put_Description = Rule_put_Description;
     g_RuleVtbl.put_ApplicationName = Rule_put_ApplicationName;
     g_RuleVtbl.put_ServiceName = Rule_put_ServiceName;
