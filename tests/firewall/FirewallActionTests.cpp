@@ -177,6 +177,9 @@ std::vector<FirewallCase> Cases()
          {}},
         {"LongNonAsciiRuleNameMakesItsRule", {}, {}, {kAddPort, AddPort(L"RULENAME=" + LongName() + L";LOCALPORTS=80")},
          0, {}, {PortRule(LongName(), L"80")}},
+        {"LongNonAsciiProgramPathMakesItsRule", {}, {},
+         {kAddProgram, AddProgram(L"RULENAME=P;PROGRAMNAME=C:\\" + LongName() + L".exe")}, 0, {},
+         {ProgramRule(L"P", L"C:\\" + LongName() + L".exe")}},
         {"WithoutRule2EdgeTraversalIsTheOlderFlag", {}, {L"NoRule2=1"}, {kAddPort, AddPort(L"RULENAME=R;LOCALPORTS=80")},
          0, {},
          {L"Rules\\1: Action=1; Direction=1; EdgeTraversal=1; EdgeTraversalOptions=0; Enabled=1; LocalPorts=80; "
@@ -192,6 +195,8 @@ std::vector<FirewallCase> Cases()
          {L"[ERROR] Workbench (#) Argument[RULENAME] is invalid."}, {}},
         {"EmptyRuleNameFailsValidation", {}, {}, {kRemoveProgram, L";RULENAME=;PROGRAMNAME=C:\\a.exe"}, 1603,
          {L"[ERROR] Workbench (#) Argument[RULENAME] is invalid."}, {}},
+        {"EmptyProgramNameFailsValidation", {}, {}, {kRemoveProgram, L";RULENAME=P;PROGRAMNAME="}, 1603,
+         {L"[ERROR] Workbench (#) Argument[PROGRAMNAME] is invalid."}, {}},
         {"MissingProgramNameFailsValidation", {}, {}, {kAddProgram, AddProgram(L"RULENAME=P")}, 1603,
          {L"[ERROR] Workbench (#) Argument[PROGRAMNAME] is invalid."}, {}},
         // ------------------------------------------------------------ rule path failures
@@ -241,6 +246,9 @@ std::vector<FirewallCase> Cases()
          {kLegacyWarning}, {App(L"P", app)},
          {L"Create.NetFwMgr", L"Mgr.LocalPolicy", L"Policy.CurrentProfile", L"Profile.AuthorizedApplications",
           L"AuthorizedApps.Item", L"AuthorizedApp.Enabled"}},
+        {"LegacyLongNonAsciiProgramPathIsAuthorized", {}, {kLegacy},
+         {kAddProgram, AddProgram(L"RULENAME=P;PROGRAMNAME=C:\\" + LongName() + L".exe")}, 0, {kLegacyWarning},
+         {App(L"P", L"C:\\" + LongName() + L".exe")}},
         {"LegacyRemovalOfAPortNotOpenFails", {}, {kLegacy}, {kRemovePort, L";RULENAME=R;LOCALPORTS=80"}, 1603,
          {kLegacyWarning, Failed(L"Failed to retrieve open port with error ", kNotFound),
           Failed(L"Failed to check local ports with error ", kNotFound)},
