@@ -34,5 +34,10 @@ UINT ShowMessageImmediatelyWorker(Host::CWorkbench* pWorkbench);
 // RemoteConfig.cpp
 UINT SetRemoteConfigDeferredWorker(Host::CWorkbench* pWorkbench);
 UINT SetRemoteConfigImmediatelyWorker(Host::CWorkbench* pWorkbench);
+// FirewallActions.cpp: 87 when the main argument ("LOCALPORTS" or "PROGRAMNAME") is absent.
+UINT AddPortExceptionWorker(Host::CWorkbench* pWorkbench);
+UINT AddProgramExceptionWorker(Host::CWorkbench* pWorkbench);
+UINT RemovePortExceptionWorker(Host::CWorkbench* pWorkbench);
+UINT RemoveProgramExceptionWorker(Host::CWorkbench* pWorkbench);
 
 } // namespace Quillcast::Actions

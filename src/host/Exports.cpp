@@ -11,16 +11,21 @@ using Host::Dispatch;
 #define QC_EXPORT extern "C" UINT __stdcall
 
 QC_EXPORT AddIcaClient(MSIHANDLE h) { return Dispatch(h, Host::ACTION_AddIcaClient, Actions::AddIcaClientWorker); }
+QC_EXPORT AddPortException(MSIHANDLE h) { return Dispatch(h, Host::ACTION_AddPortException, Actions::AddPortExceptionWorker); }
+QC_EXPORT AddProgramException(MSIHANDLE h) { return Dispatch(h, Host::ACTION_AddProgramException, Actions::AddProgramExceptionWorker); }
 QC_EXPORT CloseAutoConnect(MSIHANDLE h) { return Dispatch(h, Host::ACTION_CloseAutoConnect, Actions::CloseAutoConnectWorker); }
 QC_EXPORT CloseProcessDeferred(MSIHANDLE h) { return Dispatch(h, Host::ACTION_CloseProcessDeferred, Actions::CloseProcessDeferredWorker); }
 QC_EXPORT CloseProcessImmediately(MSIHANDLE h) { return Dispatch(h, Host::ACTION_CloseProcessImmediately, Actions::CloseProcessImmediatelyWorker); }
 QC_EXPORT CompareVersionString(MSIHANDLE h) { return Dispatch(h, Host::ACTION_CompareVersionString, Actions::CompareVersionStringWorker); }
 QC_EXPORT CreateProcessDeferred(MSIHANDLE h) { return Dispatch(h, Host::ACTION_CreateProcessDeferred, Actions::CreateProcessDeferredWorker); }
 QC_EXPORT CreateProcessImmediately(MSIHANDLE h) { return Dispatch(h, Host::ACTION_CreateProcessImmediately, Actions::CreateProcessImmediatelyWorker); }
+QC_EXPORT GetCustomActionVersion(MSIHANDLE h) { return Dispatch(h, Host::ACTION_GetCustomActionVersion, nullptr); }
 QC_EXPORT GetCustomActionVersion(MSIHANDLE h) { return Host::DispatchVersionOnly(h); }
 QC_EXPORT GetEngineVersion(MSIHANDLE h) { return Dispatch(h, Host::ACTION_GetEngineVersion, Actions::GetEngineVersionWorker); }
 QC_EXPORT GetFileVersion(MSIHANDLE h) { return Dispatch(h, Host::ACTION_GetFileVersion, Actions::GetFileVersionWorker); }
 QC_EXPORT RemoveIcaClient(MSIHANDLE h) { return Dispatch(h, Host::ACTION_RemoveIcaClient, Actions::RemoveIcaClientWorker); }
+QC_EXPORT RemovePortException(MSIHANDLE h) { return Dispatch(h, Host::ACTION_RemovePortException, Actions::RemovePortExceptionWorker); }
+QC_EXPORT RemoveProgramException(MSIHANDLE h) { return Dispatch(h, Host::ACTION_RemoveProgramException, Actions::RemoveProgramExceptionWorker); }
 QC_EXPORT ServiceRestart(MSIHANDLE h) { return Dispatch(h, Host::ACTION_ServiceRestart, Actions::ServiceRestartWorker); }
 QC_EXPORT ServiceStart(MSIHANDLE h) { return Dispatch(h, Host::ACTION_ServiceStart, Actions::ServiceStartWorker); }
 QC_EXPORT ServiceStop(MSIHANDLE h) { return Dispatch(h, Host::ACTION_ServiceStop, Actions::ServiceStopWorker); }

@@ -24,6 +24,8 @@ namespace {
 // The exports that exist today; the rest of the thirty are added with their workers.
 const std::set<std::string> kExpectedExports = {
     "AddIcaClient",
+    "AddPortException",
+    "AddProgramException",
     "CloseAutoConnect",
     "CloseProcessDeferred",
     "CloseProcessImmediately",
@@ -34,6 +36,8 @@ const std::set<std::string> kExpectedExports = {
     "GetEngineVersion",
     "GetFileVersion",
     "RemoveIcaClient",
+    "RemovePortException",
+    "RemoveProgramException",
     "ServiceRestart",
     "ServiceStart",
     "ServiceStop",

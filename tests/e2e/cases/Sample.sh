@@ -5,6 +5,11 @@
 # copy of it on removal.
 service=QuillcastSampleService
 add_test_service "$service"
+# Wine's firewall is a stub: the firewall actions meet the project's test
+# firewall, whose rules live under this key.
+firewall='HKLM\Software\QuillcastTest\Firewall'
+wine_run reg delete "$firewall" /f >/dev/null 2>&1 || true
+wine_run regsvr32 /s "$(windows_path "$QC_BIN_DIR/QcTestFirewall.dll")"
 
 # SetRemoteConfigDeferred writes into the client's key; it never creates it.
 client='HKLM\SOFTWARE\Quillcast\Client'
@@ -25,6 +30,8 @@ expect_dll_line --in InstallFinalize "Various (#) Exit code of process is 0."
 expect_service_state "$service" RUNNING
 expect_dll_line --in ReadFileVersion "Workbench (#) Processing custom action: GetFileVersion."
 expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: SetRemoteConfigDeferred."
+expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: AddPortException."
+expect_reg "$firewall\\Rules\\1" Name 'Quillcast Sample'
 if [ $# -eq 0 ]; then
     expect_property CompareResult 1
     expect_reg 'HKLM\Software\Quillcast\Sample' CompareResult 1
@@ -37,6 +44,10 @@ show_dll_lines
 expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: ServiceStop."
 expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: CloseProcessDeferred."
 expect_service_state "$service" STOPPED
+expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: RemovePortException."
+expect_no_reg "$firewall\\Rules\\1"
+wine_run regsvr32 /u /s "$(windows_path "$QC_BIN_DIR/QcTestFirewall.dll")"
+wine_run reg delete "$firewall" /f >/dev/null 2>&1 || true
 expect_no_reg 'HKLM\Software\Quillcast\Sample'
 expect_product_absent
 wine_run reg delete "$client" /reg:64 /f >/dev/null

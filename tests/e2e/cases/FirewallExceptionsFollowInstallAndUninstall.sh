@@ -1,0 +1,31 @@
+# Deferred AddPortException and AddProgramException on install, the two
+# removals on uninstall, run by Wine's msiexec against the test firewall
+# (tests/firewall/QcTestFirewall.c): one rule per exception, gone afterwards.
+firewall='HKLM\Software\QuillcastTest\Firewall'
+wine_run reg delete "$firewall" /f >/dev/null 2>&1 || true
+wine_run regsvr32 /s "$(windows_path "$QC_BIN_DIR/QcTestFirewall.dll")"
+
+package firewall
+install
+expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: AddPortException."
+expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: AddProgramException."
+expect_no_dll_line "*Firewall (*"
+expect_reg "$firewall\\Rules\\1" Name 'QC E2E Port'
+expect_reg "$firewall\\Rules\\1" LocalPorts '8080,8081'
+expect_reg "$firewall\\Rules\\1" Profiles 0x3
+expect_reg "$firewall\\Rules\\1" EdgeTraversalOptions 0x2
+expect_reg "$firewall\\Rules\\2" Name 'QC E2E Program'
+expect_reg "$firewall\\Rules\\2" ApplicationName 'C:\Program Files\Quillcast\qc.exe'
+expect_reg "$firewall\\Rules\\2" Protocol 0x100
+
+uninstall
+expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: RemovePortException."
+expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: RemoveProgramException."
+expect_no_dll_line "*Firewall (*"
+expect_no_reg "$firewall\\Rules\\1"
+expect_no_reg "$firewall\\Rules\\2"
+expect_no_reg 'HKLM\Software\Quillcast\E2E\Firewall'
+expect_product_absent
+
+wine_run regsvr32 /u /s "$(windows_path "$QC_BIN_DIR/QcTestFirewall.dll")"
+wine_run reg delete "$firewall" /f >/dev/null 2>&1 || true
