@@ -14,4 +14,8 @@ UINT ServiceRestartWorker(Host::CWorkbench* pWorkbench);
 UINT ServiceStartWorker(Host::CWorkbench* pWorkbench);
 UINT ServiceStopWorker(Host::CWorkbench* pWorkbench);
 
+// DomainActions.cpp
+UINT DirectoryObjectPickWorker(Host::CWorkbench* pWorkbench);
+UINT GetDomainWorker(Host::CWorkbench* pWorkbench);
+
 } // namespace Quillcast::Actions

@@ -11,7 +11,9 @@ using Host::Dispatch;
 #define QC_EXPORT extern "C" UINT __stdcall
 
 QC_EXPORT CompareVersionString(MSIHANDLE h) { return Dispatch(h, Host::ACTION_CompareVersionString, Actions::CompareVersionStringWorker); }
+QC_EXPORT DirectoryObjectPick(MSIHANDLE h) { return Dispatch(h, Host::ACTION_DirectoryObjectPick, Actions::DirectoryObjectPickWorker); }
 QC_EXPORT GetCustomActionVersion(MSIHANDLE h) { return Dispatch(h, Host::ACTION_GetCustomActionVersion, nullptr); }
+QC_EXPORT GetDomain(MSIHANDLE h) { return Dispatch(h, Host::ACTION_GetDomain, Actions::GetDomainWorker); }
 QC_EXPORT ServiceRestart(MSIHANDLE h) { return Dispatch(h, Host::ACTION_ServiceRestart, Actions::ServiceRestartWorker); }
 QC_EXPORT ServiceStart(MSIHANDLE h) { return Dispatch(h, Host::ACTION_ServiceStart, Actions::ServiceStartWorker); }
 QC_EXPORT ServiceStop(MSIHANDLE h) { return Dispatch(h, Host::ACTION_ServiceStop, Actions::ServiceStopWorker); }
