@@ -1,6 +1,7 @@
 # The sample of scripts/sample.sh: the arguments (PUBLIC_NAME=VALUE, such as
 # SAMPLE_VERSIONA=2.0) go to msiexec; the package's defaults compare 1.10 with
-# 1.9, restart the sample service on install and stop it on removal.
+# 1.9, read the machine's domain (Wine: the workgroup WORKGROUP), restart the
+# sample service on install and stop it on removal.
 service=QuillcastSampleService
 add_test_service "$service"
 
@@ -10,14 +11,17 @@ show_dll_lines
 show_property VersionA
 show_property VersionB
 show_property CompareResult
+show_property MACHINEDOMAIN
 
 expect_dll_line --in CompareVersions "Workbench (#) Processing custom action: CompareVersionString."
+expect_dll_line --in GetDomain "Workbench (#) Processing custom action: GetDomain."
 expect_dll_line --in InstallFinalize "Workbench (#) Custom Action Dll '*' has version '$QC_PROJECT_VERSION'."
 expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: ServiceRestart."
 expect_service_state "$service" RUNNING
 if [ $# -eq 0 ]; then
     expect_property CompareResult 1
     expect_reg 'HKLM\Software\Quillcast\Sample' CompareResult 1
+    expect_reg 'HKLM\Software\Quillcast\Sample' MachineDomain WORKGROUP
 fi
 
 uninstall
