@@ -92,6 +92,14 @@ CDirectoryDouble::~CDirectoryDouble()
     Reset();
 }
 
+void CDirectoryDouble::RegisterMissingServer()
+{
+    for (const wchar_t* key : kServerKeys)
+    {
+        WriteText(key, nullptr, L"C:\\windows\\system32\\QcMissingServer.dll");
+    }
+}
+
 void CDirectoryDouble::Set(const wchar_t* name, DWORD value)
 {
     RegSetKeyValueW(HKEY_LOCAL_MACHINE, QC_DOUBLE_KEY, name, REG_DWORD, &value, sizeof(value));

@@ -22,6 +22,8 @@ public:
     ~CDirectoryDouble();
 
     bool IsRegistered() const { return m_bRegistered; }
+    // Registers a server file that does not exist instead: creation then fails.
+    static void RegisterMissingServer();
 
     // Answers (names in DirectoryDoubleControl.h).
     static void Set(const wchar_t* name, DWORD value);

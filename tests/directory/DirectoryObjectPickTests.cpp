@@ -11,6 +11,7 @@
 
 #include "directory/ActionCall.h"
 #include "directory/DirectoryDouble.h"
+#include "system/Directory.h"
 #include "support/ImportPatch.h"
 
 namespace QcTest {
@@ -75,7 +76,7 @@ struct PickCase
     const wchar_t* userFlag;        // "PickUserFlagProperty"; null: unset
     const wchar_t* multiSelect;     // "PickMultiSelectProperty"; null: unset
     Window window;
-    Lines selection;                // the double's answer; empty: a cancel
+    Lines selection;                // the double's answer; empty: a cancel; {L"missing"}: no server
     const wchar_t* failAt;          // the double's failing step, or null
     std::set<std::wstring> failingReads;
     UINT result;
@@ -111,6 +112,10 @@ TEST_P(DirectoryObjectPick, Case)
         if (test.selection.empty())
         {
             CDirectoryDouble::Set(L"Cancel", 1);
+        }
+        if (test.selection == Lines{L"missing"})
+        {
+            CDirectoryDouble::RegisterMissingServer();
         }
         CDirectoryDouble::SetMulti(L"Selection", test.selection);
         if (test.failAt != nullptr)
@@ -231,6 +236,9 @@ const PickCase kPickCases[] = {
      {L"[ERROR] Directory (#) InvokeDialog failed with error 2147942405.",
       kShowFailed},
      L"earlier", Picked(L"0x0", kUsersAndGroups, {})},
+    // No picker to initialise or show: the action ends without using one.
+    {"PickerThatCannotBeCreatedIsNotUsed", true, L"0", L"0", kMsiDialog, {L"missing"}, nullptr, {}, 1603,
+     {L"[ERROR] Various (#) ShowObjectPicker failed with error 126."}, L"earlier", {}},
     // A silent installation has no dialog: no picker is created.
     {"NoWindowWithTheProductTitleFails", true, L"0", L"0", kNone, kOneUser, nullptr, {}, 1603,
      {L"[ERROR] Various (#) FindWindow failed with error 0."}, L"earlier", {}},
@@ -252,6 +260,35 @@ const PickCase kPickCases[] = {
 
 INSTANTIATE_TEST_SUITE_P(Cases, DirectoryObjectPick, ::testing::ValuesIn(kPickCases),
                          [](const auto& paramInfo) { return std::string(paramInfo.param.behaviour); });
+
+// A caller already in the multithreaded apartment: the picker is created there
+// all the same, and the destructor's CoUninitialize, unbalanced on purpose,
+// ends the caller's own initialisation.
+TEST(DirectoryObjectPickApartment, MultithreadedCallerIsUninitialisedOnceMore)
+{
+    CDirectoryDouble directoryDouble;
+    ASSERT_TRUE(directoryDouble.IsRegistered());
+    CDirectoryDouble::SetMulti(L"Selection", kOneUser);
+    CTitledWindow window(L"MsiDialogCloseClass");
+
+    const ActionOutcome outcome = RunAction("DirectoryObjectPick", {{L"ProductName", kTitle}}, {L"PickResult"},
+                                            COINIT_MULTITHREADED);
+
+    EXPECT_EQ(outcome.result, 0u);
+    EXPECT_EQ(outcome.lines, Lines{});
+    EXPECT_EQ(outcome.properties, (Properties{{L"PickResult", L"CORP\\alice"}}));
+    // A balanced object would leave the caller initialised (S_FALSE).
+    EXPECT_EQ(outcome.comAfter, S_OK);
+}
+
+// Initialising without a picker is refused before any COM call.
+TEST(DirectoryObject, InitialisingWithoutAPickerFailsWithInvalidArgument)
+{
+    CLogCapture log;
+    Quillcast::System::CDirectory directory(0, false);
+    EXPECT_EQ(directory.InitObjectPicker(), E_INVALIDARG);
+    EXPECT_EQ(log.Bodies(), Lines{L"[ERROR] Directory (#) !pDsObjectPicker."});
+}
 
 } // namespace
 } // namespace QcTest

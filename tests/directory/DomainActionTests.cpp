@@ -107,6 +107,11 @@ void FailAt()
     Joined();
     CDirectoryDouble::Set(L"FailAt", step);
 }
+void MissingServer()
+{
+    CDirectoryDouble::RegisterMissingServer();
+}
+constexpr wchar_t kQueryBlanket[] = L"QueryBlanket";
 constexpr wchar_t kConnectServer[] = L"ConnectServer";
 constexpr wchar_t kExecQuery[] = L"ExecQuery";
 constexpr wchar_t kNextStep[] = L"Next";
@@ -162,6 +167,15 @@ const DomainCase kDomainCases[] = {
      {kConnecting, L"[ERROR] WmiConnection (#) CoSetProxyBlanket failed.",
       L"[ERROR] Various (#) WMI Connection failed with error 14007."},
      L"earlier.example", L"earlier", {kConnect, kServicesBlanket, L"Services released", L"Locator released"}, S_OK},
+    // The query's failure takes the "set" text too, on purpose.
+    {"FailedBlanketQueryFailsTheConnectWithTheSetText", true, FailAt<kQueryBlanket>, -1, 1603,
+     {kConnecting, L"[ERROR] WmiConnection (#) CoSetProxyBlanket failed.",
+      L"[ERROR] Various (#) WMI Connection failed with error 14007."},
+     L"earlier.example", L"earlier", {kConnect, L"Services released", L"Locator released"}, S_OK},
+    {"MissingLocatorFailsTheConnect", true, MissingServer, -1, 1603,
+     {L"[ERROR] WmiConnection (#) Creating WbemLocator failed.",
+      L"[ERROR] Various (#) WMI Connection failed with error 126."},
+     L"earlier.example", L"earlier", {}, S_OK},
     {"FailedQueryFails", true, FailAt<kExecQuery>, -1, 1603,
      {kConnecting, kQuerying, L"[ERROR] WmiConnection (#) Processing query failed.",
       L"[ERROR] Various (#) Query for Win32_ComputerSystem failed."},
