@@ -281,6 +281,24 @@ TEST(DirectoryObjectPickApartment, MultithreadedCallerIsUninitialisedOnceMore)
     EXPECT_EQ(outcome.comAfter, S_OK);
 }
 
+// A failed initialisation uninitialises COM at once and the destructor does
+// so again, both on purpose: a caller's own apartment-threaded initialisation
+// ends with the action (a balanced object would leave it, S_FALSE).
+TEST(DirectoryObjectPickApartment, FailedInitialisationUninitialisesTwice)
+{
+    CDirectoryDouble directoryDouble;
+    ASSERT_TRUE(directoryDouble.IsRegistered());
+    CTitledWindow window(L"MsiDialogCloseClass");
+
+    const ActionOutcome outcome = RunAction("DirectoryObjectPick",
+                                            {{L"ProductName", kTitle}, {L"PickUserFlagProperty", L"4"}},
+                                            {L"PickResult"}, COINIT_APARTMENTTHREADED);
+
+    EXPECT_EQ(outcome.result, 1603u);
+    EXPECT_EQ(outcome.lines.size(), 3u);
+    EXPECT_EQ(outcome.comAfter, S_OK);
+}
+
 // Initialising without a picker is refused before any COM call.
 TEST(DirectoryObject, InitialisingWithoutAPickerFailsWithInvalidArgument)
 {
