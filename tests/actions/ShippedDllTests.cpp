@@ -25,7 +25,9 @@ namespace {
 // The exports that exist today; the rest of the thirty are added with their workers.
 const std::set<std::string> kExpectedExports = {
     "CompareVersionString",
+    "DirectoryObjectPick",
     "GetCustomActionVersion",
+    "GetDomain",
     "ServiceRestart",
     "ServiceStart",
     "ServiceStop",
