@@ -168,7 +168,7 @@ bool CDirectory::InvokeDialog(HWND hwndParent, Types::CWideBuffer& result) noexc
     {
         SetLastErrorCode(Code(hResult));
         QC_LOG_ERROR(kLogSource) << L"ProcessSelectedObjects failed with error " << Code(hResult);
-        m_pDataObject.Reset(); // nothing to release after a cancel
+        m_pDataObject.Reset(); // holds nothing after a cancel: no release then
         return false;
     }
     m_pDataObject.Reset();
