@@ -39,5 +39,8 @@ UINT AddPortExceptionWorker(Host::CWorkbench* pWorkbench);
 UINT AddProgramExceptionWorker(Host::CWorkbench* pWorkbench);
 UINT RemovePortExceptionWorker(Host::CWorkbench* pWorkbench);
 UINT RemoveProgramExceptionWorker(Host::CWorkbench* pWorkbench);
+// DomainActions.cpp
+UINT DirectoryObjectPickWorker(Host::CWorkbench* pWorkbench);
+UINT GetDomainWorker(Host::CWorkbench* pWorkbench);
 
 } // namespace Quillcast::Actions

@@ -127,3 +127,45 @@ private:
 };
 
 } // namespace Quillcast::System::Types
+
+// Guards for the picker's selection and for memory COM hands to the caller.
+namespace Quillcast::System::Types {
+
+// One owner for memory from CoTaskMemAlloc (CoTaskMemFree accepts null).
+class CCoTaskMemory
+{
+public:
+    explicit CCoTaskMemory(void* pMemory) noexcept : m_pMemory(pMemory) {}
+    CCoTaskMemory(const CCoTaskMemory&) = delete;
+    CCoTaskMemory& operator=(const CCoTaskMemory&) = delete;
+    ~CCoTaskMemory() { ::CoTaskMemFree(m_pMemory); }
+
+private:
+    void* m_pMemory;
+};
+
+// One owner for one STGMEDIUM filled by IDataObject::GetData: ReleaseStgMedium
+// on destruction, only once something was filled in.
+class CStgMedium
+{
+public:
+    CStgMedium() noexcept : m_Medium() {}
+    CStgMedium(const CStgMedium&) = delete;
+    CStgMedium& operator=(const CStgMedium&) = delete;
+    ~CStgMedium()
+    {
+        if (m_Medium.tymed != TYMED_NULL)
+        {
+            ::ReleaseStgMedium(&m_Medium);
+        }
+    }
+
+    // For the out-parameter; the medium must not hold anything yet.
+    STGMEDIUM* Put() noexcept { return &m_Medium; }
+    const STGMEDIUM& Get() const noexcept { return m_Medium; }
+
+private:
+    STGMEDIUM m_Medium;
+};
+
+} // namespace Quillcast::System::Types

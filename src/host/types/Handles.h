@@ -87,3 +87,30 @@ template <typename T>
 using CProcessHeapPtr = CUniqueHandle<T*, ProcessHeapTraits<T>>;
 
 } // namespace Quillcast::System::Types
+
+// A lock on the memory of a selection handed over by COM.
+namespace Quillcast::System::Types {
+
+// A lock on global memory (GlobalLock), undone with GlobalUnlock on destruction.
+class CGlobalLock
+{
+public:
+    explicit CGlobalLock(HGLOBAL hMemory) noexcept : m_hMemory(hMemory), m_pData(::GlobalLock(hMemory)) {}
+    CGlobalLock(const CGlobalLock&) = delete;
+    CGlobalLock& operator=(const CGlobalLock&) = delete;
+    ~CGlobalLock()
+    {
+        if (m_pData != nullptr)
+        {
+            (void)::GlobalUnlock(m_hMemory); // FALSE only tells that the last lock is gone
+        }
+    }
+
+    void* Get() const noexcept { return m_pData; }
+
+private:
+    HGLOBAL m_hMemory;
+    void* m_pData;
+};
+
+} // namespace Quillcast::System::Types

@@ -37,6 +37,12 @@ public:
     }
 
     size_t Count() const noexcept { return m_Nodes.size(); }
+    // Deletes every element and resets the cursor.
+    void Clear() noexcept
+    {
+        m_Nodes.clear();
+        m_Cursor = 0;
+    }
 
     // Cursor iteration: First() then Next() until null.
     T* First() noexcept

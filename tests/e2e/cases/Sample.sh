@@ -1,8 +1,9 @@
 # The sample of scripts/sample.sh: the arguments (PUBLIC_NAME=VALUE, such as
 # SAMPLE_VERSIONA=2.0) go to msiexec; the package's defaults compare 1.10 with
-# 1.9, restart the sample service on install and stop it on removal, run the
-# helper program (the project's test program) on install and close any running
-# copy of it on removal.
+# 1.9, read the machine's domain (Wine: the workgroup WORKGROUP), restart the
+# sample service on install and stop it on removal, run the helper program
+# (the project's test program) on install and close any running copy of it on
+# removal.
 service=QuillcastSampleService
 add_test_service "$service"
 # Wine's firewall is a stub: the firewall actions meet the project's test
@@ -22,8 +23,10 @@ show_property VersionA
 show_property VersionB
 show_property CompareResult
 show_property GFV_Result
+show_property MACHINEDOMAIN
 
 expect_dll_line --in CompareVersions "Workbench (#) Processing custom action: CompareVersionString."
+expect_dll_line --in GetDomain "Workbench (#) Processing custom action: GetDomain."
 expect_dll_line --in InstallFinalize "Workbench (#) Custom Action Dll '*' has version '$QC_PROJECT_VERSION'."
 expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: ServiceRestart."
 expect_dll_line --in InstallFinalize "Various (#) Exit code of process is 0."
@@ -37,6 +40,7 @@ if [ $# -eq 0 ]; then
     expect_reg 'HKLM\Software\Quillcast\Sample' CompareResult 1
     # Wine's reg shows a list with a single terminator one character short.
     expect_reg "$client" RmtConf 'host1\0host'
+    expect_reg 'HKLM\Software\Quillcast\Sample' MachineDomain WORKGROUP
 fi
 
 uninstall

@@ -1,0 +1,86 @@
+#pragma once
+
+// Runs one export of the shipped DLL on a thread of its own (so that every
+// call meets a thread without COM, or in the apartment the case chooses) with a
+// fresh installer session, and returns what it left behind.
+#include <windows.h>
+
+#include <future>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "ActionHost.h"
+#include "support/LogCapture.h"
+#include "support/ShippedDll.h"
+
+namespace QcTest {
+
+using Lines = std::vector<std::wstring>;
+using Properties = std::vector<std::pair<std::wstring, std::wstring>>;
+
+struct ActionOutcome
+{
+    UINT result = 0xFFFFFFFF;
+    Lines lines;           // bodies of the lines the frame did not write
+    Properties properties; // the values of the names asked for ("" when unset)
+    HRESULT comAfter = E_FAIL; // CoInitializeEx(apartment) on the thread after the call
+};
+
+inline QcRunner::CActionLibrary& ShippedLibrary()
+{
+    static QcRunner::CActionLibrary library(ShippedDllPath());
+    return library;
+}
+
+// With `apartmentBefore` other than -1 the thread enters that apartment first.
+inline ActionOutcome RunAction(const char* exportName, const Properties& properties, const Lines& show,
+                               int apartmentBefore = -1)
+{
+    const QcRunner::CustomActionFunction action = ShippedLibrary().Find(exportName);
+    return std::async(std::launch::async, [&]() {
+               ActionOutcome outcome;
+               if (apartmentBefore != -1)
+               {
+                   (void)CoInitializeEx(nullptr, static_cast<DWORD>(apartmentBefore));
+               }
+               {
+                   QcRunner::CActionHost host;
+                   for (const auto& property : properties)
+                   {
+                       host.SetProperty(property.first, property.second);
+                   }
+                   if (action == nullptr || !host.IsOpen())
+                   {
+                       outcome.lines.push_back(L"(no action or no session) " + host.Error());
+                       return outcome;
+                   }
+                   outcome.result = host.Call(action);
+                   for (const std::wstring& line : host.LogLines())
+                   {
+                       const std::wstring body = Body(line);
+                       if (body.find(L"Workbench (#) ") == std::wstring::npos)
+                       {
+                           outcome.lines.push_back(body);
+                       }
+                   }
+                   for (const std::wstring& name : show)
+                   {
+                       outcome.properties.emplace_back(name, host.GetProperty(name));
+                   }
+               }
+               // S_OK when the action left COM as it found it on a fresh thread.
+               outcome.comAfter =
+                   CoInitializeEx(nullptr, apartmentBefore != -1 ? static_cast<DWORD>(apartmentBefore)
+                                                                 : static_cast<DWORD>(COINIT_MULTITHREADED));
+               CoUninitialize();
+               if (apartmentBefore != -1)
+               {
+                   CoUninitialize();
+               }
+               return outcome;
+           })
+        .get();
+}
+
+} // namespace QcTest
