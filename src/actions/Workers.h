@@ -14,4 +14,10 @@ UINT ServiceRestartWorker(Host::CWorkbench* pWorkbench);
 UINT ServiceStartWorker(Host::CWorkbench* pWorkbench);
 UINT ServiceStopWorker(Host::CWorkbench* pWorkbench);
 
+// Certificates.cpp
+UINT CreateAndInstallRootCertificateWorker(Host::CWorkbench* pWorkbench);
+UINT CreateAndInstallSignedServerCertificateWorker(Host::CWorkbench* pWorkbench);
+UINT UninstallRootCertificateWorker(Host::CWorkbench* pWorkbench);
+UINT UninstallSignedCertificateWorker(Host::CWorkbench* pWorkbench);
+
 } // namespace Quillcast::Actions
