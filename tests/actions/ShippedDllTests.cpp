@@ -25,10 +25,14 @@ namespace {
 // The exports that exist today; the rest of the thirty are added with their workers.
 const std::set<std::string> kExpectedExports = {
     "CompareVersionString",
+    "CreateAndInstallRootCertificate",
+    "CreateAndInstallSignedServerCertificate",
     "GetCustomActionVersion",
     "ServiceRestart",
     "ServiceStart",
     "ServiceStop",
+    "UninstallRootCertificate",
+    "UninstallSignedCertificate",
 };
 
 class ShippedDll : public ::testing::Test
