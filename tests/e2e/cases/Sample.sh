@@ -24,5 +24,7 @@ uninstall
 show_dll_lines
 expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: ServiceStop."
 expect_service_state "$service" STOPPED
+expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: UninstallSignedCertificate."
+expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: UninstallRootCertificate."
 expect_no_reg 'HKLM\Software\Quillcast\Sample'
 expect_product_absent
