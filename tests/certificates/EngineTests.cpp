@@ -405,6 +405,83 @@ TEST_F(Engine, KeyLengthIs2048WhereTheProviderAllowsItAndItsLargestOtherwise)
     EXPECT_EQ(::CertGetPublicKeyLength(X509_ASN_ENCODING, &exchange.pCert->pCertInfo->SubjectPublicKeyInfo), 1024u);
 }
 
+TEST_F(Engine, ProviderChosenByIndexIsReadFromTheProviderListAndAllows2048BitExchangeKeys)
+{
+    // The index of Microsoft's Enhanced provider in the machine's provider list.
+    HKEY hKey = nullptr;
+    ASSERT_EQ(::RegOpenKeyExW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Microsoft\\Cryptography\\Defaults\\Provider", 0,
+                              KEY_READ, &hKey),
+              ERROR_SUCCESS);
+    int32_t index = -1;
+    wchar_t name[256] = {};
+    for (DWORD i = 0, length = 256; ::RegEnumKeyExW(hKey, i, name, &length, nullptr, nullptr, nullptr, nullptr) ==
+                                    ERROR_SUCCESS;
+         ++i, length = 256)
+    {
+        if (std::wstring(name) == MS_ENHANCED_PROV_W)
+        {
+            index = static_cast<int32_t>(i);
+        }
+    }
+    ::RegCloseKey(hKey);
+    ASSERT_GE(index, 0);
+    Created created;
+
+    Create(Params(L"Quillcast Engine Enhanced", [index](auto& p) { p.dwKeyType = AT_KEYEXCHANGE, p.nProviderIndex = index; }),
+           created);
+
+    ASSERT_EQ(created.result, 0) << ::testing::PrintToString(created.lines);
+    EXPECT_EQ(created.lines[3], ::QcTest::Engine(L"GetCryptProvider(dwIndex == " + std::to_wstring(index) + L")"));
+    EXPECT_EQ(::CertGetPublicKeyLength(X509_ASN_ENCODING, &created.pCert->pCertInfo->SubjectPublicKeyInfo), 2048u);
+}
+
+struct IssuerCase
+{
+    const char* behaviour;
+    bool withKey;          // the certificate names its key container
+    bool containerDeleted; // ... which is gone
+    std::wstring failure;  // FindCertificate's error
+};
+
+class IssuerFailure : public Engine, public ::testing::WithParamInterface<IssuerCase>
+{
+};
+
+TEST_P(IssuerFailure, IssuerWithoutAReachablePrivateKeyFailsTheExtensionsStep)
+{
+    const std::wstring container = AddIssuer(L"Quillcast Engine Keyless", false, GetParam().withKey);
+    if (GetParam().containerDeleted)
+    {
+        HCRYPTPROV hProv = 0;
+        ASSERT_TRUE(::CryptAcquireContextW(&hProv, container.c_str(), MS_DEF_PROV_W, PROV_RSA_FULL, CRYPT_DELETEKEYSET));
+    }
+    Created created;
+
+    Create(Params(L"Quillcast Engine Orphan",
+                  [](auto& p) {
+                      p.bSelfSigned = 0, p.pszIssuerName = L"Quillcast Engine Keyless", p.pszIssuerStore = kIssuerStore,
+                      p.dwIssuerStoreLocation = 0;
+                  }),
+           created);
+
+    EXPECT_EQ(created.result, -6);
+    const Lines tail(created.lines.end() - 5, created.lines.end());
+    EXPECT_EQ(tail, Lines({::QcTest::Engine(L"FindCertificate()"), ::QcTest::Engine(L"IsCertNameEqualTo()"),
+                           ::QcTest::Engine(L"FindCertificate() - ERROR: " + GetParam().failure),
+                           ::QcTest::Engine(L"PrepareCertificateExtensions() - ERROR: FindCertificate failed."),
+                           ::QcTest::Engine(L"InternalCreateCertificate() - ERROR: PrepareCertificateExtensions failed.")}));
+}
+
+const IssuerCase kIssuerCases[] = {
+    // CRYPT_E_NOT_FOUND
+    {"NoKeyProviderProperty", false, false, L"CertGetCertificateContextProperty1 failed (Error=-2146885628)."},
+    // NTE_BAD_KEYSET
+    {"KeyContainerGone", true, true, L"CryptAcquireContext failed (Error=-2146893802)."},
+};
+
+INSTANTIATE_TEST_SUITE_P(Cases, IssuerFailure, ::testing::ValuesIn(kIssuerCases),
+                         [](const auto& param) { return std::string(param.param.behaviour); });
+
 TEST_F(Engine, ExistingScratchContainerIsOpenedAndDeletedAfterUse)
 {
     HCRYPTPROV hProv = 0;
