@@ -28,6 +28,11 @@ using Quillcast::System::Types::Text;
 constexpr DWORD kEncoding = X509_ASN_ENCODING | PKCS_7_ASN_ENCODING;
 constexpr wchar_t kIssuerStore[] = L"QcEngineIssuers"; // of the current user
 
+HCERTSTORE OpenIssuerStore()
+{
+    return ::CertOpenStore(CERT_STORE_PROV_SYSTEM_W, kEncoding, 0, CERT_SYSTEM_STORE_CURRENT_USER, kIssuerStore);
+}
+
 // A created certificate, decoded.
 struct Created
 {
@@ -79,8 +84,7 @@ protected:
             HCRYPTPROV hProv = 0;
             ::CryptAcquireContextW(&hProv, container.c_str(), MS_DEF_PROV_W, PROV_RSA_FULL, CRYPT_DELETEKEYSET);
         }
-        HCERTSTORE hStore = ::CertOpenStore(CERT_STORE_PROV_SYSTEM_W, kEncoding, 0, CERT_SYSTEM_STORE_CURRENT_USER,
-                                            kIssuerStore);
+        HCERTSTORE hStore = OpenIssuerStore();
         for (PCCERT_CONTEXT p = ::CertEnumCertificatesInStore(hStore, nullptr); p != nullptr;
              p = ::CertEnumCertificatesInStore(hStore, nullptr))
         {
@@ -137,7 +141,12 @@ protected:
     // user's issuer store; valid now unless `expired`.
     std::wstring AddIssuer(const std::wstring& name, bool expired, bool withKey = true)
     {
-        const std::wstring container = L"QcEngineIssuer" + std::to_wstring(m_IssuerContainers.size());
+        // Unique, so that a container left by an aborted run never collides.
+        GUID guid{};
+        wchar_t unique[64] = {};
+        (void)::CoCreateGuid(&guid);
+        ::StringFromGUID2(guid, unique, 64);
+        const std::wstring container = std::wstring(L"QcEngineIssuer") + unique;
         m_IssuerContainers.push_back(container);
         SYSTEMTIME from = UtcNow();
         SYSTEMTIME to = AddYears(from, 1);
@@ -147,8 +156,7 @@ protected:
             to = AddYears(to, -2);
         }
         const std::vector<BYTE> der = MakeSelfSigned(name, container, from, to);
-        HCERTSTORE hStore = ::CertOpenStore(CERT_STORE_PROV_SYSTEM_W, kEncoding, 0, CERT_SYSTEM_STORE_CURRENT_USER,
-                                            kIssuerStore);
+        HCERTSTORE hStore = OpenIssuerStore();
         PCCERT_CONTEXT pCert = nullptr;
         EXPECT_TRUE(::CertAddEncodedCertificateToStore(hStore, X509_ASN_ENCODING, der.data(),
                                                        static_cast<DWORD>(der.size()), CERT_STORE_ADD_NEW, &pCert));
@@ -167,13 +175,13 @@ protected:
     static std::vector<bool> IssuerStoreExpiredFlags()
     {
         std::vector<bool> expired;
-        HCERTSTORE hStore = ::CertOpenStore(CERT_STORE_PROV_SYSTEM_W, kEncoding, 0, CERT_SYSTEM_STORE_CURRENT_USER,
-                                            kIssuerStore);
+        HCERTSTORE hStore = OpenIssuerStore();
         for (PCCERT_CONTEXT p = ::CertEnumCertificatesInStore(hStore, nullptr); p != nullptr;
              p = ::CertEnumCertificatesInStore(hStore, p))
         {
             expired.push_back(::CertVerifyTimeValidity(nullptr, p->pCertInfo) != 0);
         }
+
         ::CertCloseStore(hStore, 0);
         return expired;
     }
@@ -351,6 +359,13 @@ TEST_F(Engine, SelfSignedWithoutPurposesHasExactlyFourExtensionsAndAnOldAuthorit
     ASSERT_EQ(authority->KeyId.cbData, 20u);
     ASSERT_EQ(ski->Value.cbData, 22u);
     EXPECT_EQ(std::memcmp(authority->KeyId.pbData, ski->Value.pbData + 2, 20), 0);
+    // Deliberately not the SHA-1 of the public key's bits (RFC 5280's usual
+    // identifier): the engine hashes its exported key structure.
+    BYTE keyHash[20] = {};
+    DWORD cbKeyHash = sizeof(keyHash);
+    ASSERT_TRUE(::CryptHashCertificate(0, CALG_SHA1, 0, info.SubjectPublicKeyInfo.PublicKey.pbData,
+                                       info.SubjectPublicKeyInfo.PublicKey.cbData, keyHash, &cbKeyHash));
+    EXPECT_NE(std::memcmp(keyHash, ski->Value.pbData + 2, 20), 0);
     EXPECT_TRUE(::CryptVerifyCertificateSignature(0, X509_ASN_ENCODING, created.der.data(),
                                                   static_cast<DWORD>(created.der.size()),
                                                   &created.pCert->pCertInfo->SubjectPublicKeyInfo));
@@ -515,16 +530,29 @@ TEST_F(Engine, IssuerWithoutSubjectKeyIdentifierYieldsNoAuthorityKeyIdentifier)
     wchar_t issuer[256] = {};
     ::CertNameToStrW(X509_ASN_ENCODING, &created.pCert->pCertInfo->Issuer, CERT_SIMPLE_NAME_STR, issuer, 256);
     EXPECT_STREQ(issuer, L"Quillcast Engine Plain Issuer");
+    // Signed with the issuer's own algorithm (CertCreateSelfSignCertificate's
+    // sha1RSA) while the to-be-signed part keeps the md5RSA asked for: kept as it is.
+    EXPECT_STREQ(created.pCert->pCertInfo->SignatureAlgorithm.pszObjId, szOID_RSA_MD5RSA);
+    DWORD size = 0;
+    ASSERT_TRUE(::CryptDecodeObject(X509_ASN_ENCODING, X509_CERT, created.der.data(),
+                                    static_cast<DWORD>(created.der.size()), 0, nullptr, &size));
+    std::vector<BYTE> signedContent(size);
+    ASSERT_TRUE(::CryptDecodeObject(X509_ASN_ENCODING, X509_CERT, created.der.data(),
+                                    static_cast<DWORD>(created.der.size()), 0, signedContent.data(), &size));
+    EXPECT_STREQ(reinterpret_cast<const CERT_SIGNED_CONTENT_INFO*>(signedContent.data())->SignatureAlgorithm.pszObjId,
+                 szOID_RSA_SHA1RSA);
 }
 
 TEST_F(Engine, ExpiredNamesakeIsSkippedForAValidOneListedAfterIt)
 {
     // The expired one carries no key: had it been taken, the look-up would fail.
+    // Whatever order the store keeps (insertion or thumbprint), a few fresh
+    // expired certificates bring one in front of the valid one.
+    AddIssuer(L"Quillcast Engine Namesake", true, false);
     AddIssuer(L"Quillcast Engine Namesake", false);
     for (int attempt = 0; attempt < 32 && IssuerStoreExpiredFlags() != std::vector<bool>({true, false}); ++attempt)
     {
-        HCERTSTORE hStore = ::CertOpenStore(CERT_STORE_PROV_SYSTEM_W, kEncoding, 0, CERT_SYSTEM_STORE_CURRENT_USER,
-                                            kIssuerStore);
+        HCERTSTORE hStore = OpenIssuerStore();
         for (PCCERT_CONTEXT p = ::CertEnumCertificatesInStore(hStore, nullptr); p != nullptr;
              p = ::CertEnumCertificatesInStore(hStore, p))
         {
@@ -584,8 +612,7 @@ protected:
     }
     static size_t CountInIssuerStore()
     {
-        HCERTSTORE hStore = ::CertOpenStore(CERT_STORE_PROV_SYSTEM_W, kEncoding, 0, CERT_SYSTEM_STORE_CURRENT_USER,
-                                            kIssuerStore);
+        HCERTSTORE hStore = OpenIssuerStore();
         size_t count = 0;
         for (PCCERT_CONTEXT p = ::CertEnumCertificatesInStore(hStore, nullptr); p != nullptr;
              p = ::CertEnumCertificatesInStore(hStore, p))
@@ -594,25 +621,6 @@ protected:
         }
         ::CertCloseStore(hStore, 0);
         return count;
-    }
-    void DeleteImportedKeys()
-    {
-        HCERTSTORE hStore = ::CertOpenStore(CERT_STORE_PROV_SYSTEM_W, kEncoding, 0, CERT_SYSTEM_STORE_CURRENT_USER,
-                                            kIssuerStore);
-        for (PCCERT_CONTEXT p = ::CertEnumCertificatesInStore(hStore, nullptr); p != nullptr;
-             p = ::CertEnumCertificatesInStore(hStore, p))
-        {
-            wchar_t buffer[512] = {};
-            DWORD cb = sizeof(buffer);
-            if (::CertGetCertificateContextProperty(p, CERT_KEY_PROV_INFO_PROP_ID, buffer, &cb))
-            {
-                const auto* info = reinterpret_cast<const CRYPT_KEY_PROV_INFO*>(buffer);
-                HCRYPTPROV hProv = 0;
-                ::CryptAcquireContextW(&hProv, info->pwszContainerName, info->pwszProvName, info->dwProvType,
-                                       CRYPT_DELETEKEYSET);
-            }
-        }
-        ::CertCloseStore(hStore, 0);
     }
 };
 
@@ -638,25 +646,21 @@ TEST_F(Import, SameCertificateTwiceIsReplacedNotDuplicated)
     EXPECT_EQ(CountInIssuerStore(), 1u);
     // Current user, not exportable: CRYPT_USER_KEYSET.
     EXPECT_EQ(CPfxSeam::ImportFlags(), std::vector<DWORD>({0x1000, 0x1000}));
-    // The replaced copy's key container is an orphan of the first import.
-    std::set<std::string> containers = KeyContainers(false);
-    DeleteImportedKeys();
-    for (const std::string& name : KeyContainers(false))
-    {
-        containers.erase(name);
-    }
-    for (const std::string& name : containers)
-    {
-        HCRYPTPROV hProv = 0;
-        ::CryptAcquireContextA(&hProv, name.c_str(), nullptr, PROV_RSA_FULL, CRYPT_DELETEKEYSET);
-    }
+    // Each import made a key container; the replaced copy's is an orphan, as
+    // the import leaves it. Both go here; the engine's own left none.
+    std::vector<std::string> added;
     for (const std::string& name : KeyContainers(false))
     {
         if (m_UserContainers.count(name) == 0)
         {
-            HCRYPTPROV hProv = 0;
-            ::CryptAcquireContextA(&hProv, name.c_str(), nullptr, PROV_RSA_FULL, CRYPT_DELETEKEYSET);
+            added.push_back(name);
         }
+    }
+    EXPECT_EQ(added.size(), 2u);
+    for (const std::string& name : added)
+    {
+        HCRYPTPROV hProv = 0;
+        ::CryptAcquireContextA(&hProv, name.c_str(), MS_ENHANCED_PROV_A, PROV_RSA_FULL, CRYPT_DELETEKEYSET);
     }
 }
 
