@@ -42,5 +42,10 @@ UINT RemoveProgramExceptionWorker(Host::CWorkbench* pWorkbench);
 // DomainActions.cpp
 UINT DirectoryObjectPickWorker(Host::CWorkbench* pWorkbench);
 UINT GetDomainWorker(Host::CWorkbench* pWorkbench);
+// Certificates.cpp
+UINT CreateAndInstallRootCertificateWorker(Host::CWorkbench* pWorkbench);
+UINT CreateAndInstallSignedServerCertificateWorker(Host::CWorkbench* pWorkbench);
+UINT UninstallRootCertificateWorker(Host::CWorkbench* pWorkbench);
+UINT UninstallSignedCertificateWorker(Host::CWorkbench* pWorkbench);
 
 } // namespace Quillcast::Actions

@@ -17,6 +17,8 @@ QC_EXPORT CloseAutoConnect(MSIHANDLE h) { return Dispatch(h, Host::ACTION_CloseA
 QC_EXPORT CloseProcessDeferred(MSIHANDLE h) { return Dispatch(h, Host::ACTION_CloseProcessDeferred, Actions::CloseProcessDeferredWorker); }
 QC_EXPORT CloseProcessImmediately(MSIHANDLE h) { return Dispatch(h, Host::ACTION_CloseProcessImmediately, Actions::CloseProcessImmediatelyWorker); }
 QC_EXPORT CompareVersionString(MSIHANDLE h) { return Dispatch(h, Host::ACTION_CompareVersionString, Actions::CompareVersionStringWorker); }
+QC_EXPORT CreateAndInstallRootCertificate(MSIHANDLE h) { return Dispatch(h, Host::ACTION_CreateAndInstallRootCertificate, Actions::CreateAndInstallRootCertificateWorker); }
+QC_EXPORT CreateAndInstallSignedServerCertificate(MSIHANDLE h) { return Dispatch(h, Host::ACTION_CreateAndInstallSignedServerCertificate, Actions::CreateAndInstallSignedServerCertificateWorker); }
 QC_EXPORT CreateProcessDeferred(MSIHANDLE h) { return Dispatch(h, Host::ACTION_CreateProcessDeferred, Actions::CreateProcessDeferredWorker); }
 QC_EXPORT CreateProcessImmediately(MSIHANDLE h) { return Dispatch(h, Host::ACTION_CreateProcessImmediately, Actions::CreateProcessImmediatelyWorker); }
 QC_EXPORT DirectoryObjectPick(MSIHANDLE h) { return Dispatch(h, Host::ACTION_DirectoryObjectPick, Actions::DirectoryObjectPickWorker); }
@@ -37,3 +39,5 @@ QC_EXPORT ShellExecuteDeferred(MSIHANDLE h) { return Dispatch(h, Host::ACTION_Sh
 QC_EXPORT ShellExecuteImmediately(MSIHANDLE h) { return Dispatch(h, Host::ACTION_ShellExecuteImmediately, Actions::ShellExecuteImmediatelyWorker); }
 QC_EXPORT ShowMessageDeferred(MSIHANDLE h) { return Dispatch(h, Host::ACTION_ShowMessageDeferred, Actions::ShowMessageDeferredWorker); }
 QC_EXPORT ShowMessageImmediately(MSIHANDLE h) { return Dispatch(h, Host::ACTION_ShowMessageImmediately, Actions::ShowMessageImmediatelyWorker); }
+QC_EXPORT UninstallRootCertificate(MSIHANDLE h) { return Dispatch(h, Host::ACTION_UninstallRootCertificate, Actions::UninstallRootCertificateWorker); }
+QC_EXPORT UninstallSignedCertificate(MSIHANDLE h) { return Dispatch(h, Host::ACTION_UninstallSignedCertificate, Actions::UninstallSignedCertificateWorker); }

@@ -30,6 +30,8 @@ const std::set<std::string> kExpectedExports = {
     "CloseProcessDeferred",
     "CloseProcessImmediately",
     "CompareVersionString",
+    "CreateAndInstallRootCertificate",
+    "CreateAndInstallSignedServerCertificate",
     "CreateProcessDeferred",
     "CreateProcessImmediately",
     "DirectoryObjectPick",
@@ -49,6 +51,8 @@ const std::set<std::string> kExpectedExports = {
     "ShellExecuteImmediately",
     "ShowMessageDeferred",
     "ShowMessageImmediately",
+    "UninstallRootCertificate",
+    "UninstallSignedCertificate",
 };
 
 class ShippedDll : public ::testing::Test

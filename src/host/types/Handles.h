@@ -2,6 +2,8 @@
 
 #include <windows.h>
 #include <msi.h>
+#include <rpc.h>
+#include <wincrypt.h>
 
 namespace Quillcast::System::Types {
 
@@ -85,6 +87,116 @@ using CServiceHandleClosedByCloseHandle = CUniqueHandle<SC_HANDLE, CloseWith<SC_
 // Memory from HeapAlloc on GetProcessHeap().
 template <typename T>
 using CProcessHeapPtr = CUniqueHandle<T*, ProcessHeapTraits<T>>;
+
+// CryptoAPI owners: providers, keys, hashes, certificate stores and contexts,
+// RPC strings, and heap blocks that hold secrets.
+struct CryptProviderTraits
+{
+    static HCRYPTPROV Invalid() noexcept { return 0; }
+    static void Close(HCRYPTPROV hProv) noexcept { ::CryptReleaseContext(hProv, 0); }
+};
+
+struct CryptKeyTraits
+{
+    static HCRYPTKEY Invalid() noexcept { return 0; }
+    static void Close(HCRYPTKEY hKey) noexcept { ::CryptDestroyKey(hKey); }
+};
+
+struct CryptHashTraits
+{
+    static HCRYPTHASH Invalid() noexcept { return 0; }
+    static void Close(HCRYPTHASH hHash) noexcept { ::CryptDestroyHash(hHash); }
+};
+
+struct CertStoreTraits
+{
+    static HCERTSTORE Invalid() noexcept { return nullptr; }
+    static void Close(HCERTSTORE hStore) noexcept { ::CertCloseStore(hStore, 0); }
+};
+
+struct CertContextTraits
+{
+    static PCCERT_CONTEXT Invalid() noexcept { return nullptr; }
+    static void Close(PCCERT_CONTEXT pContext) noexcept { ::CertFreeCertificateContext(pContext); }
+};
+
+struct RpcStringTraits
+{
+    static RPC_WSTR Invalid() noexcept { return nullptr; }
+    static void Close(RPC_WSTR pszString) noexcept { ::RpcStringFreeW(&pszString); }
+};
+
+// Process-heap memory that may hold key material: overwritten before it is freed.
+template <typename T>
+struct WipedProcessHeapTraits
+{
+    static T* Invalid() noexcept { return nullptr; }
+    static void Close(T* memory) noexcept
+    {
+        const SIZE_T size = ::HeapSize(::GetProcessHeap(), 0, memory);
+        if (size != static_cast<SIZE_T>(-1))
+        {
+            ::SecureZeroMemory(memory, size);
+        }
+        ::HeapFree(::GetProcessHeap(), 0, memory);
+    }
+};
+
+using CCryptProvider = CUniqueHandle<HCRYPTPROV, CryptProviderTraits>;
+using CCryptKey = CUniqueHandle<HCRYPTKEY, CryptKeyTraits>;
+using CCryptHash = CUniqueHandle<HCRYPTHASH, CryptHashTraits>;
+using CCertStoreHandle = CUniqueHandle<HCERTSTORE, CertStoreTraits>;
+using CCertContext = CUniqueHandle<PCCERT_CONTEXT, CertContextTraits>;
+using CRpcString = CUniqueHandle<RPC_WSTR, RpcStringTraits>;
+template <typename T>
+using CWipedProcessHeapPtr = CUniqueHandle<T*, WipedProcessHeapTraits<T>>;
+
+// One owner for a key container this process created: releases the context and
+// then deletes the container, so that its private key leaves no trace on disk.
+// The name and provider texts are borrowed and must outlive the owner.
+class CCryptKeyContainer
+{
+public:
+    CCryptKeyContainer() noexcept = default;
+    CCryptKeyContainer(const CCryptKeyContainer&) = delete;
+    CCryptKeyContainer& operator=(const CCryptKeyContainer&) = delete;
+    ~CCryptKeyContainer() { Reset(); }
+
+    // Takes over a context acquired on a container created with CRYPT_NEWKEYSET.
+    void Attach(HCRYPTPROV hProv, const wchar_t* pszContainer, const wchar_t* pszProvider, DWORD dwProvType,
+                DWORD dwFlags) noexcept
+    {
+        Reset();
+        m_Provider.Reset(hProv);
+        m_pszContainer = pszContainer;
+        m_pszProvider = pszProvider;
+        m_dwProvType = dwProvType;
+        m_dwFlags = dwFlags;
+    }
+    // Releases the context and deletes the container; keeps the last-error value.
+    void Reset() noexcept
+    {
+        if (!m_Provider)
+        {
+            return;
+        }
+        const DWORD dwError = ::GetLastError();
+        m_Provider.Reset();
+        HCRYPTPROV hDeleted = 0;
+        (void)::CryptAcquireContextW(&hDeleted, m_pszContainer, m_pszProvider, m_dwProvType,
+                                     m_dwFlags | CRYPT_DELETEKEYSET); // nothing is left to report to
+        ::SetLastError(dwError);
+    }
+    HCRYPTPROV Get() const noexcept { return m_Provider.Get(); }
+    explicit operator bool() const noexcept { return static_cast<bool>(m_Provider); }
+
+private:
+    CCryptProvider m_Provider;
+    const wchar_t* m_pszContainer = nullptr;
+    const wchar_t* m_pszProvider = nullptr;
+    DWORD m_dwProvType = 0;
+    DWORD m_dwFlags = 0;
+};
 
 } // namespace Quillcast::System::Types
 

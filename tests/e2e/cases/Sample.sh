@@ -52,6 +52,8 @@ expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: Re
 expect_no_reg "$firewall\\Rules\\1"
 wine_run regsvr32 /u /s "$(windows_path "$QC_BIN_DIR/QcTestFirewall.dll")"
 wine_run reg delete "$firewall" /f >/dev/null 2>&1 || true
+expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: UninstallSignedCertificate."
+expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: UninstallRootCertificate."
 expect_no_reg 'HKLM\Software\Quillcast\Sample'
 expect_product_absent
 wine_run reg delete "$client" /reg:64 /f >/dev/null
