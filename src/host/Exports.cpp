@@ -22,7 +22,6 @@ QC_EXPORT CreateAndInstallSignedServerCertificate(MSIHANDLE h) { return Dispatch
 QC_EXPORT CreateProcessDeferred(MSIHANDLE h) { return Dispatch(h, Host::ACTION_CreateProcessDeferred, Actions::CreateProcessDeferredWorker); }
 QC_EXPORT CreateProcessImmediately(MSIHANDLE h) { return Dispatch(h, Host::ACTION_CreateProcessImmediately, Actions::CreateProcessImmediatelyWorker); }
 QC_EXPORT DirectoryObjectPick(MSIHANDLE h) { return Dispatch(h, Host::ACTION_DirectoryObjectPick, Actions::DirectoryObjectPickWorker); }
-QC_EXPORT GetCustomActionVersion(MSIHANDLE h) { return Dispatch(h, Host::ACTION_GetCustomActionVersion, nullptr); }
 QC_EXPORT GetCustomActionVersion(MSIHANDLE h) { return Host::DispatchVersionOnly(h); }
 QC_EXPORT GetDomain(MSIHANDLE h) { return Dispatch(h, Host::ACTION_GetDomain, Actions::GetDomainWorker); }
 QC_EXPORT GetEngineVersion(MSIHANDLE h) { return Dispatch(h, Host::ACTION_GetEngineVersion, Actions::GetEngineVersionWorker); }
