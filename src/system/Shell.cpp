@@ -44,7 +44,7 @@ uint32_t ShellResultToHresult(INT_PTR result) noexcept
 
 } // namespace
 
-CShell::CShell() noexcept : m_ComInitialization(COINIT_APARTMENTTHREADED)
+CShell::CShell() noexcept : m_ComInitialization(COINIT_APARTMENTTHREADED, true)
 {
     SetLastErrorCode(ERROR_SUCCESS);
     if (!m_ComInitialization.Usable())

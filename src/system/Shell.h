@@ -26,8 +26,9 @@ public:
     [[nodiscard]] bool Execute(const wchar_t* pszTarget, const wchar_t* pszDirectory) noexcept;
 
 private:
-    // Undone on destruction only when this object's initialisation succeeded:
-    // after RPC_E_CHANGED_MODE the thread's COM belongs to someone else.
+    // Undone on destruction when it succeeded and, deliberately, also after
+    // RPC_E_CHANGED_MODE: the wrapper counts the other model as its own
+    // initialisation, like the firewall wrapper.
     Types::CComInitialization m_ComInitialization;
 };
 

@@ -9,6 +9,7 @@
 
 #include "firewall/TestFirewall.h"
 #include "network/Firewall.h"
+#include "support/ComChangedMode.h"
 #include "support/LogCapture.h"
 
 namespace QcTest {
@@ -66,22 +67,10 @@ TEST_F(FirewallObject, ChecksOnTheRulePathAskForTheRuleByNameOnly)
 // ends with it, and initialising it again starts anew (S_OK, not S_FALSE).
 TEST_F(FirewallObject, ChangedModeIsUninitialisedByTheDestructorAllTheSame)
 {
-    HRESULT first = E_FAIL;
-    HRESULT again = E_FAIL;
-    uint32_t lastError = 1;
-    std::thread([&] {
-        first = ::CoInitializeEx(nullptr, COINIT_MULTITHREADED);
-        {
-            CFirewall firewall(L"R");
-            lastError = firewall.LastError();
-        }
-        again = ::CoInitializeEx(nullptr, COINIT_MULTITHREADED);
-        ::CoUninitialize();
-    }).join();
-
-    EXPECT_EQ(first, S_OK);
-    EXPECT_EQ(lastError, 0u);
-    EXPECT_EQ(again, S_OK);
+    const ChangedModeOutcome outcome = WrapperOnMultithreadedThread<CFirewall>(L"R");
+    EXPECT_EQ(outcome.first, S_OK);
+    EXPECT_EQ(outcome.lastError, 0u);
+    EXPECT_EQ(outcome.again, S_OK);
 }
 
 } // namespace

@@ -4,6 +4,7 @@
 
 #include <cstdio>
 
+#include "support/ComChangedMode.h"
 #include "support/LogCapture.h"
 #include "system/Shell.h"
 
@@ -218,6 +219,17 @@ const AutoConnectCase kAutoConnectCases[] = {
 
 INSTANTIATE_TEST_SUITE_P(Runs, CloseAutoConnectAction, ::testing::ValuesIn(kAutoConnectCases),
                          [](const auto& paramInfo) { return std::string(paramInfo.param.behaviour); });
+
+// The shell wrapper counts RPC_E_CHANGED_MODE as its own initialisation and
+// uninitialises all the same (kept on purpose): the caller's multithreaded COM
+// ends with it, so initialising again starts anew (S_OK, not S_FALSE).
+TEST(ShellObject, ChangedModeIsUninitialisedByTheDestructorAllTheSame)
+{
+    const ChangedModeOutcome outcome = WrapperOnMultithreadedThread<Quillcast::System::CShell>();
+    EXPECT_EQ(outcome.first, S_OK);
+    EXPECT_EQ(outcome.lastError, 0u);
+    EXPECT_EQ(outcome.again, S_OK);
+}
 
 } // namespace
 } // namespace QcTest

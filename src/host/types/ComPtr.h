@@ -108,11 +108,17 @@ class CComInitialization
 {
 public:
     explicit CComInitialization(DWORD dwCoInit) noexcept : m_hResult(::CoInitializeEx(nullptr, dwCoInit)) {}
+    // For the wrappers whose documented behaviour also balances an
+    // RPC_E_CHANGED_MODE with CoUninitialize (kept on purpose, see their headers).
+    CComInitialization(DWORD dwCoInit, bool bUninitializeAfterChangedMode) noexcept
+        : m_hResult(::CoInitializeEx(nullptr, dwCoInit)), m_bUninitializeAfterChangedMode(bUninitializeAfterChangedMode)
+    {
+    }
     CComInitialization(const CComInitialization&) = delete;
     CComInitialization& operator=(const CComInitialization&) = delete;
     ~CComInitialization()
     {
-        if (SUCCEEDED(m_hResult))
+        if (SUCCEEDED(m_hResult) || (m_bUninitializeAfterChangedMode && m_hResult == RPC_E_CHANGED_MODE))
         {
             ::CoUninitialize();
         }
@@ -124,6 +130,7 @@ public:
 
 private:
     HRESULT m_hResult;
+    bool m_bUninitializeAfterChangedMode = false;
 };
 
 } // namespace Quillcast::System::Types
