@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
 # The main job: installs what is missing, builds the DLL, the action runner and
-# the sample's service (not the tests), creates a headless Wine prefix in the
+# the sample's test programs (not the tests), creates a headless Wine prefix in the
 # build tree and runs the sample installer package through Wine's msiexec,
 # showing the lines each custom action wrote into the installer log.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${QC_BUILD_DIR:-$root/build}
 "$root/scripts/setup.sh"
-QC_BUILD_TESTS=OFF "$root/scripts/build.sh" "$build" QuillcastCommonSystem QcActionRunner QcTestService
+QC_BUILD_TESTS=OFF "$root/scripts/build.sh" "$build" QuillcastCommonSystem QcActionRunner QcTestService QcTestProgram QcTestFirewall
 exec "$root/scripts/sample.sh" "$build"
