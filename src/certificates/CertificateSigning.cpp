@@ -143,7 +143,7 @@ namespace {
 
 // One extension to encode: `firstCall` numbers the size query in the error
 // text, the next number the encoding itself.
-struct ExtensionSpec
+struct ExtensionEncoding
 {
     const char* pszOid;
     LPCSTR pszStructType;
@@ -152,13 +152,13 @@ struct ExtensionSpec
 };
 
 // Encodes one non-critical extension into its own buffer and appends it.
-bool AddExtension(CertificateEnvironment& environment, const ExtensionSpec& spec, const void* pvStruct) noexcept
+bool AddExtension(CertificateEnvironment& environment, const ExtensionEncoding& encoding, const void* pvStruct) noexcept
 {
     constexpr DWORD kEncoding = X509_ASN_ENCODING | PKCS_7_ASN_ENCODING;
     DWORD cbEncoded = 0;
-    if (!::CryptEncodeObject(kEncoding, spec.pszStructType, pvStruct, nullptr, &cbEncoded))
+    if (!::CryptEncodeObject(kEncoding, encoding.pszStructType, pvStruct, nullptr, &cbEncoded))
     {
-        QcCryptLog(L"PrepareCertificateExtensions() - ERROR: CryptEncodeObject%d failed (%d).", spec.firstCall,
+        QcCryptLog(L"PrepareCertificateExtensions() - ERROR: CryptEncodeObject%d failed (%d).", encoding.firstCall,
                    LastError());
         return false;
     }
@@ -166,17 +166,17 @@ bool AddExtension(CertificateEnvironment& environment, const ExtensionSpec& spec
     value.Reset(QcAllocAs<BYTE>(cbEncoded));
     if (!value)
     {
-        QcCryptLog(spec.pszAllocFailure, LastError());
+        QcCryptLog(encoding.pszAllocFailure, LastError());
         return false;
     }
-    if (!::CryptEncodeObject(kEncoding, spec.pszStructType, pvStruct, value.Get(), &cbEncoded))
+    if (!::CryptEncodeObject(kEncoding, encoding.pszStructType, pvStruct, value.Get(), &cbEncoded))
     {
-        QcCryptLog(L"PrepareCertificateExtensions() - ERROR: CryptEncodeObject%d failed (%d).", spec.firstCall + 1,
+        QcCryptLog(L"PrepareCertificateExtensions() - ERROR: CryptEncodeObject%d failed (%d).", encoding.firstCall + 1,
                    LastError());
         return false;
     }
     CERT_EXTENSION& extension = environment.extensions[environment.cExtensions++];
-    extension.pszObjId = const_cast<LPSTR>(spec.pszOid);
+    extension.pszObjId = const_cast<LPSTR>(encoding.pszOid);
     extension.fCritical = FALSE;
     extension.Value.cbData = cbEncoded;
     extension.Value.pbData = value.Get();

@@ -72,7 +72,7 @@ void FreeCertificateMemory(void* pCertMem) noexcept;
 
 // The first certificate of the system store (location flag such as
 // CERT_SYSTEM_STORE_LOCAL_MACHINE) whose subject is `pszName` and which is
-// valid now; with it a context on its private key and the key's specification,
+// valid now; with it a context on its private key and the key's kind (AT_KEYEXCHANGE or AT_SIGNATURE),
 // and its decoded subject key identifier (null when it has none). Null after a
 // logged failure; the out-parameters are cleared first.
 System::Types::CCertContext FindCertificate(const wchar_t* pszName, const wchar_t* pszStoreName,

@@ -13,7 +13,7 @@ namespace QcTest {
 // imported keys an unusable provider property. For the seam's lifetime one
 // loaded module's imports of both are answered by a stand-in that moves the
 // certificate and its private key through a plain blob: "QCPFX1", then the
-// encoded certificate, the key specification and the PRIVATEKEYBLOB, each
+// encoded certificate, the key kind and the PRIVATEKEYBLOB, each
 // length-prefixed. It keeps Windows' rules where the engine meets them: the
 // size query with a null buffer; a too small buffer fails with ERROR_MORE_DATA;
 // EXPORT_PRIVATE_KEYS reads the key named by the certificate's key-provider
