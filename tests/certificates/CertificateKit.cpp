@@ -1,4 +1,5 @@
 #include "certificates/CertificateKit.h"
+#include "support/ShippedDll.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -203,13 +204,7 @@ std::vector<BYTE> MakeSelfSigned(const std::wstring& commonName, const std::wstr
 
 std::wstring OutputFolder()
 {
-    std::wstring folder = L"Z:";
-    const char* bin = std::getenv("QC_BIN_DIR");
-    for (const char* p = bin != nullptr ? bin : "/tmp"; *p != '\0'; ++p)
-    {
-        folder += (*p == '/') ? L'\\' : static_cast<wchar_t>(*p);
-    }
-    folder += L"\\..\\tests\\certificates\\out";
+    const std::wstring folder = BinFolder() + L"..\\tests\\certificates\\out";
     ::CreateDirectoryW(folder.c_str(), nullptr);
     return folder;
 }

@@ -2,6 +2,8 @@
 
 #include <cstdlib>
 
+#include "support/ShippedDll.h"
+
 namespace QcTest {
 
 namespace {
@@ -13,24 +15,7 @@ constexpr const wchar_t* kServerKeys[] = {
 
 std::wstring DoublePath()
 {
-    std::wstring folder;
-    if (const char* bin = std::getenv("QC_BIN_DIR"))
-    {
-        folder = L"Z:";
-        for (const char* p = bin; *p != '\0'; ++p)
-        {
-            folder += (*p == '/') ? L'\\' : static_cast<wchar_t>(*p);
-        }
-        folder += L'\\';
-    }
-    else
-    {
-        wchar_t path[MAX_PATH] = {};
-        GetModuleFileNameW(nullptr, path, MAX_PATH);
-        folder = path;
-        folder = folder.substr(0, folder.find_last_of(L"\\/") + 1);
-    }
-    return folder + L"QcDirectoryDouble.dll";
+    return BinFolder() + L"QcDirectoryDouble.dll";
 }
 
 bool ReadText(const std::wstring& key, const wchar_t* name, std::wstring& value)

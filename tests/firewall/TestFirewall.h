@@ -18,8 +18,7 @@ class CTestFirewall
 public:
     CTestFirewall()
     {
-        std::wstring path = ShippedDllPath();
-        path = path.substr(0, path.find_last_of(L'\\') + 1) + L"QcTestFirewall.dll";
+        std::wstring path = BinFolder() + L"QcTestFirewall.dll";
         m_hModule = ::LoadLibraryW(path.c_str());
         m_bRegistered = Run("DllRegisterServer");
         Reset();

@@ -72,12 +72,6 @@ LSTATUS WINAPI RecordingRegOpenKeyExW(HKEY hKey, LPCWSTR pszSubKey, DWORD dwOpti
 
 CImportPatch* g_pPatches[5] = {};
 
-std::wstring BinFolder()
-{
-    const std::wstring dll = ShippedDllPath();
-    return dll.substr(0, dll.find_last_of(L'\\') + 1);
-}
-
 } // namespace
 
 void ActionHooks::Reset()

@@ -44,8 +44,7 @@ CTestService::CTestService(const ServiceDefinition& definition, const std::wstri
 {
     ::ResetEvent(m_hContinue.Get());
     ::ResetEvent(m_hExit.Get());
-    const std::wstring dll = ShippedDllPath();
-    std::wstring commandLine = L"\"" + dll.substr(0, dll.find_last_of(L'\\') + 1) + L"QcTestService.exe\" " + m_Name +
+    std::wstring commandLine = L"\"" + BinFolder() + L"QcTestService.exe\" " + m_Name +
                                L" " + definition.options + L" \"--journal=" + journalPath + L"\"";
     std::wstring dependencies;
     for (const std::wstring& dependency : definition.dependsOn)

@@ -7,8 +7,9 @@
 
 namespace QcTest {
 
-// The DLL as built: QC_BIN_DIR when the test runs under CTest, else beside the test program.
-inline std::wstring ShippedDllPath()
+// The build's binary folder, ending in "\\": QC_BIN_DIR when the test runs
+// under CTest, else the test program's own folder.
+inline std::wstring BinFolder()
 {
     std::wstring folder;
     if (const char* bin = std::getenv("QC_BIN_DIR"))
@@ -28,7 +29,13 @@ inline std::wstring ShippedDllPath()
         folder = path;
         folder = folder.substr(0, folder.find_last_of(L"\\/") + 1);
     }
-    return folder + L"Quillcast.Common.System.dll";
+    return folder;
+}
+
+// The DLL as built, in BinFolder().
+inline std::wstring ShippedDllPath()
+{
+    return BinFolder() + L"Quillcast.Common.System.dll";
 }
 
 } // namespace QcTest

@@ -290,12 +290,6 @@ std::vector<SeenBox> CMessageBoxWatcher::Stop()
 
 // ---------------------------------------------------------------- programs, product type, runner
 
-std::wstring BinFolder()
-{
-    const std::wstring dll = ShippedDllPath();
-    return dll.substr(0, dll.find_last_of(L'\\') + 1);
-}
-
 CSystemProgram::CSystemProgram(const std::wstring& builtName, const std::wstring& name)
 {
     wchar_t folder[MAX_PATH] = {};

@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/ShippedDll.h"
 #include "ActionHost.h"
 #include "support/ImportPatch.h"
 
@@ -117,9 +118,6 @@ private:
     std::vector<SeenBox> m_Boxes;
     std::thread m_Thread;
 };
-
-// The build tree's bin folder as a Windows path, with a trailing backslash.
-std::wstring BinFolder();
 
 // A program of the build tree copied into the prefix's system directory under
 // `name` for the object's lifetime.
