@@ -25,7 +25,7 @@ if [ -n "$(ls -A "$work_dir" 2>/dev/null)" ] && [ ! -f "$work_dir/.msi-case" ]; 
 fi
 rm -rf "$work_dir" && mkdir -p "$work_dir" && work_dir=$(realpath "$work_dir") && touch "$work_dir/.msi-case"
 
-checks=0 failures=0 runs=0 current_msi="" current_log="" logs=() installed=() test_services=()
+checks=0 failures=0 runs=0 current_msi="" current_log="" logs=() installed=() test_services=() test_firewall=""
 wine_run() { timeout 120 wine "$@" </dev/null; }       # a Windows program in the prefix
 windows_path() { printf 'Z:%s' "${1//\//\\}"; }       # the prefix maps Z: to the Unix root
 pass() { checks=$((checks + 1)); echo "  ok    $*"; }
@@ -204,6 +204,26 @@ expect_service_state() {
     outcome "$([ "$state" = "$2" ]; echo $?)" "service $1 is $2" "service $1 is '$state', not $2"
 }
 
+# expect_lines WHAT ACTUAL [LINE...]: ACTUAL (text) holds exactly these lines, in this order.
+expect_lines() {
+    local expected
+    expected=$([ $# -lt 3 ] || printf '%s\n' "${@:3}")
+    outcome "$([ "$2" = "$expected" ]; echo $?)" "$1: $(paste -sd, - <<<"$2")" \
+        "$1: expected '$(paste -sd, - <<<"$expected")', found '$(paste -sd, - <<<"$2")'"
+}
+
+# use_test_firewall [SWITCH...]: registers the project's test firewall
+# (tests/firewall/QcTestFirewall.c) with empty state and the named DWORD
+# switches set to 1; the case's end unregisters it (Wine's stub returns).
+test_firewall_key='HKLM\Software\QuillcastTest\Firewall'
+use_test_firewall() {
+    local switch
+    test_firewall="$(windows_path "$QC_BIN_DIR/QcTestFirewall.dll")"
+    wine_run reg delete "$test_firewall_key" /f >/dev/null 2>&1 || true
+    wine_run regsvr32 /s "$test_firewall"
+    for switch in "$@"; do wine_run reg add "$test_firewall_key" /v "$switch" /t REG_DWORD /d 1 /f >/dev/null; done
+}
+
 finish() {
     local status=$? msi name log
     trap - EXIT
@@ -216,6 +236,10 @@ finish() {
         wine_run sc stop "$name" >/dev/null 2>&1 || true
         wine_run sc delete "$name" >/dev/null 2>&1 || true
     done
+    if [ -n "$test_firewall" ]; then
+        wine_run regsvr32 /u /s "$test_firewall" || true
+        wine_run reg delete "$test_firewall_key" /f >/dev/null 2>&1 || true
+    fi
     if [ $status -eq 0 ] && [ $failures -eq 0 ]; then
         echo "PASSED: $checks checks ($(basename "$case_file"))"
         exit 0

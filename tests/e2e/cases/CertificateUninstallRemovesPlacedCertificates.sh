@@ -28,19 +28,12 @@ for pair in Root:root1 Root:root2 MY:leaf1 MY:leaf2 MY:leaf3; do
     wine_run "$tool" add "${pair%%:*}" "$(windows_path "$certs/${pair#*:}.der")"
 done
 
-# expect_store STORE LINE...: exactly these "subject|issuer" lines of the test's names.
+# expect_store STORE LINE...: exactly these "subject|issuer" lines (sorted) of the test's names.
 expect_store() {
-    local store=$1 expected actual
-    shift
-    expected=$(printf '%s\n' "$@" | sort)
-    actual=$(wine_run "$tool" list "$store" | tr -d '\r' | { grep -E "Quillcast E2E (Uninstall|Other) Root" || true; } | sort)
-    if [ "$actual" = "$expected" ]; then
-        pass "$store holds: $(echo "$actual" | paste -sd, -)"
-    else
-        fail "$store: expected '$(echo "$expected" | paste -sd, -)', found '$(echo "$actual" | paste -sd, -)'"
-    fi
+    expect_lines "$1 holds" "$(wine_run "$tool" list "$1" | tr -d '\r' |
+        { grep -E "Quillcast E2E (Uninstall|Other) Root" || true; } | sort)" "${@:2}"
 }
-expect_store MY "server-one|$root" "server-two|$root" "server-other|$other"
+expect_store MY "server-one|$root" "server-other|$other" "server-two|$root"
 
 package certificates
 install E2E_ROOTCERTNAME="$root" E2E_CREATE=0

@@ -1,9 +1,8 @@
 # Deferred AddPortException and AddProgramException on install, the two
 # removals on uninstall, run by Wine's msiexec against the test firewall
 # (tests/firewall/QcTestFirewall.c): one rule per exception, gone afterwards.
-firewall='HKLM\Software\QuillcastTest\Firewall'
-wine_run reg delete "$firewall" /f >/dev/null 2>&1 || true
-wine_run regsvr32 /s "$(windows_path "$QC_BIN_DIR/QcTestFirewall.dll")"
+use_test_firewall
+firewall=$test_firewall_key
 
 package firewall
 install
@@ -26,6 +25,3 @@ expect_no_reg "$firewall\\Rules\\1"
 expect_no_reg "$firewall\\Rules\\2"
 expect_no_reg 'HKLM\Software\Quillcast\E2E\Firewall'
 expect_product_absent
-
-wine_run regsvr32 /u /s "$(windows_path "$QC_BIN_DIR/QcTestFirewall.dll")"
-wine_run reg delete "$firewall" /f >/dev/null 2>&1 || true

@@ -1,10 +1,8 @@
 # The firewall package where the rule interface is missing (the test
 # firewall's NoPolicy2 switch): each port and the program go into the legacy
 # lists on install and out again on uninstall.
-firewall='HKLM\Software\QuillcastTest\Firewall'
-wine_run reg delete "$firewall" /f >/dev/null 2>&1 || true
-wine_run regsvr32 /s "$(windows_path "$QC_BIN_DIR/QcTestFirewall.dll")"
-wine_run reg add "$firewall" /v NoPolicy2 /t REG_DWORD /d 1 /f >/dev/null
+use_test_firewall NoPolicy2
+firewall=$test_firewall_key
 
 package firewall
 install
@@ -21,6 +19,3 @@ expect_no_reg "$firewall\\OpenPorts\\8080-6"
 expect_no_reg "$firewall\\OpenPorts\\8081-6"
 expect_no_reg "$firewall\\AuthorizedApplications\\1"
 expect_product_absent
-
-wine_run regsvr32 /u /s "$(windows_path "$QC_BIN_DIR/QcTestFirewall.dll")"
-wine_run reg delete "$firewall" /f >/dev/null 2>&1 || true

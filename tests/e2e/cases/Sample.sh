@@ -6,11 +6,8 @@
 # removal.
 service=QuillcastSampleService
 add_test_service "$service"
-# Wine's firewall is a stub: the firewall actions meet the project's test
-# firewall, whose rules live under this key.
-firewall='HKLM\Software\QuillcastTest\Firewall'
-wine_run reg delete "$firewall" /f >/dev/null 2>&1 || true
-wine_run regsvr32 /s "$(windows_path "$QC_BIN_DIR/QcTestFirewall.dll")"
+# Wine's firewall is a stub: the firewall actions meet the project's test firewall.
+use_test_firewall
 
 # SetRemoteConfigDeferred writes into the client's key; it never creates it.
 client='HKLM\SOFTWARE\Quillcast\Client'
@@ -34,7 +31,7 @@ expect_service_state "$service" RUNNING
 expect_dll_line --in ReadFileVersion "Workbench (#) Processing custom action: GetFileVersion."
 expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: SetRemoteConfigDeferred."
 expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: AddPortException."
-expect_reg "$firewall\\Rules\\1" Name 'Quillcast Sample'
+expect_reg "$test_firewall_key\\Rules\\1" Name 'Quillcast Sample'
 if [ $# -eq 0 ]; then
     expect_property CompareResult 1
     expect_reg 'HKLM\Software\Quillcast\Sample' CompareResult 1
@@ -49,9 +46,7 @@ expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: Se
 expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: CloseProcessDeferred."
 expect_service_state "$service" STOPPED
 expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: RemovePortException."
-expect_no_reg "$firewall\\Rules\\1"
-wine_run regsvr32 /u /s "$(windows_path "$QC_BIN_DIR/QcTestFirewall.dll")"
-wine_run reg delete "$firewall" /f >/dev/null 2>&1 || true
+expect_no_reg "$test_firewall_key\\Rules\\1"
 expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: UninstallSignedCertificate."
 expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: UninstallRootCertificate."
 expect_no_reg 'HKLM\Software\Quillcast\Sample'

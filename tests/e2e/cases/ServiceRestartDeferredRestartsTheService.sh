@@ -5,18 +5,6 @@
 service=QcE2eServiceRestart
 journal="$work_dir/service-journal.txt"
 
-# expect_journal LINE...: the service noted exactly these transitions.
-expect_journal() {
-    local expected actual
-    expected=$(printf '%s\n' "$@")
-    actual=$(cat "$journal" 2>/dev/null || true)
-    if [ "$actual" = "$expected" ]; then
-        pass "service journal: $(echo "$actual" | paste -sd, -)"
-    else
-        fail "service journal: expected '$(echo "$expected" | paste -sd, -)', found '$(echo "$actual" | paste -sd, -)'"
-    fi
-}
-
 add_test_service "$service" "--journal=$(windows_path "$journal")"
 expect_service_state "$service" RUNNING
 : >"$journal"
@@ -27,7 +15,7 @@ expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: Se
 # No warning or error of the service controller (see the stop case for how
 # Wine shows them).
 expect_no_dll_line "*Daemon (*"
-expect_journal "$service stopped" "$service running"
+expect_lines "service journal" "$(cat "$journal" 2>/dev/null || true)" "$service stopped" "$service running"
 expect_service_state "$service" RUNNING
 expect_reg 'HKLM\Software\Quillcast\E2E\ServiceRestart' Installed 1.0.0.0
 
