@@ -12,7 +12,7 @@ const wchar_t kModules[] = L"SOFTWARE\\Citrix\\ICA Client\\Engine\\Configuration
 const wchar_t kName[] = L"VirtualDriver";
 constexpr DWORD kNoKey = ~0u; // as the type before: no key in the 32-bit view either
 const std::wstring kKept = L"(kept)";
-const std::wstring kDeleted = L"(deleted)";
+const std::wstring kNone = L"(none)";
 const char* const kAdd = "AddIcaClient";
 const char* const kRemove = "RemoveIcaClient";
 
@@ -24,7 +24,7 @@ struct IcaCase
     std::wstring before; // its bytes, as characters
     UINT result;
     Lines lines;
-    std::wstring after; // the list written as REG_SZ with its terminator, or kKept, or kDeleted
+    std::wstring after; // the list written as REG_SZ with its terminator; kKept; kNone: no value
     bool refused = false; // the registry refuses the write
 };
 
@@ -44,8 +44,7 @@ TEST_P(IcaClient, ChangesTheVirtualDriverList)
     // The 64-bit view holds a list of its own that neither action may touch.
     const auto drv64 = std::make_pair(DWORD{REG_SZ}, L"Drv64\0"s);
     ASSERT_TRUE(SetValue(KEY_WOW64_64KEY, kModules, kName, drv64.first, drv64.second));
-    const bool bKey = test.type != kNoKey;
-    ASSERT_TRUE(!bKey || SetValue(KEY_WOW64_32KEY, kModules, test.type ? kName : nullptr, test.type, test.before));
+    ASSERT_TRUE(test.type == kNoKey || SetValue(KEY_WOW64_32KEY, kModules, test.type ? kName : nullptr, test.type, test.before));
     if (test.refused)
     {
         RefuseRegistryWrites();
@@ -53,11 +52,9 @@ TEST_P(IcaClient, ChangesTheVirtualDriverList)
 
     EXPECT_EQ(Run(test.action), test.result);
     EXPECT_EQ(ActionLines(), test.lines);
-    std::pair<DWORD, std::wstring> expected(REG_SZ, test.after + L'\0');
-    if (test.after == kKept || test.after == kDeleted)
-    {
-        expected = bKey && test.after == kKept ? std::make_pair(test.type, test.before) : std::make_pair(0ul, L""s);
-    }
+    const auto expected = test.after == kKept   ? std::make_pair(test.type, test.before)
+                          : test.after == kNone ? std::make_pair(DWORD{REG_NONE}, L""s)
+                                                : std::make_pair(DWORD{REG_SZ}, test.after + L'\0');
     EXPECT_EQ(ReadValue(KEY_WOW64_32KEY, kModules, kName), expected);
     EXPECT_EQ(ReadValue(KEY_WOW64_64KEY, kModules, kName), drv64);
 }
@@ -77,18 +74,18 @@ const IcaCase kIcaCases[] = {
     {"AddFailsWhenTheWriteIsRefused", kAdd, REG_SZ, L"DrvA\0"s, 1603, {kRefused}, kKept, true},
     {"AddCountsALongerNameContainingTheEntry", kAdd, REG_SZ, L"DrvA,QCClnIca64\0"s, 0, {kFound}, kKept},
     {"AddExtendsAListOfTenThousandCharacters", kAdd, REG_SZ, kLong + L'\0', 0, {}, kLong + L",QCClnIca"},
-    {"AddFailsWithoutTheValue", kAdd, REG_NONE, L"", 1603, {kNoValue}, kKept},
+    {"AddFailsWithoutTheValue", kAdd, REG_NONE, L"", 1603, {kNoValue}, kNone},
     {"AddFailsWithoutTheKeyInThe32BitView", kAdd, kNoKey, L"", 1603,
-     {Error(L"Open registry key failed with error {LastError}")}, kKept},
+     {Error(L"Open registry key failed with error {LastError}")}, kNone},
     {"RemoveLeavesAListWithoutTheEntry", kRemove, REG_EXPAND_SZ, L"DrvA,DrvB\0"s, 0, {}, kKept},
-    {"RemoveDeletesTheValueHoldingOnlyTheEntry", kRemove, REG_SZ, L"QCClnIca\0"s, 0, {}, kDeleted},
+    {"RemoveDeletesTheValueHoldingOnlyTheEntry", kRemove, REG_SZ, L"QCClnIca\0"s, 0, {}, kNone},
     {"RemoveTakesTheEntryFromTheMiddle", kRemove, REG_SZ, L"DrvA,QCClnIca,DrvB\0"s, 0, {}, L"DrvA,DrvB"},
     {"RemoveTakesEveryOccurrence", kRemove, REG_SZ, L"QCClnIca,DrvA,QCClnIca\0"s, 0, {}, L"DrvA"},
     {"RemoveTakesTheEntryFromTenThousandCharacters", kRemove, REG_SZ, L"QCClnIca," + kLong + L'\0', 0, {}, kLong},
     // The order of the removals leaves an empty text for the next one, which fails: kept as it is.
     {"RemoveFailsOnCommaAndEntry", kRemove, REG_SZ, L",QCClnIca\0"s, 1603, {kReplace}, kKept},
     {"RemoveFailsOnEntryAndComma", kRemove, REG_SZ, L"QCClnIca,\0"s, 1603, {kReplace}, kKept},
-    {"RemoveFailsWithoutTheValue", kRemove, REG_NONE, L"", 1603, {kNoValue}, kKept},
+    {"RemoveFailsWithoutTheValue", kRemove, REG_NONE, L"", 1603, {kNoValue}, kNone},
 };
 
 INSTANTIATE_TEST_SUITE_P(Cases, IcaClient, ::testing::ValuesIn(kIcaCases),

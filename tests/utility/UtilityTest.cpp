@@ -49,7 +49,7 @@ int WINAPI NotedMessageBox(HWND, LPCWSTR text, LPCWSTR caption, UINT type)
 {
     wchar_t hex[16] = {};
     std::swprintf(hex, 16, L"0x%X", type);
-    g_Boxes.push_back(std::wstring(caption) + L"|" + text + L"|" + hex);
+    g_Boxes.push_back(std::wstring(caption ? caption : L"(null)") + L"|" + text + L"|" + hex);
     return IDCANCEL;
 }
 

@@ -31,8 +31,7 @@ struct EngineCase
 std::wstring SystemPath(const wchar_t* name)
 {
     wchar_t folder[MAX_PATH] = {};
-    GetSystemDirectoryW(folder, MAX_PATH);
-    return std::wstring(folder) + L"\\" + name;
+    return std::wstring(folder, GetSystemDirectoryW(folder, MAX_PATH)) + L"\\" + name;
 }
 
 class EngineVersion : public UtilityTest, public ::testing::WithParamInterface<EngineCase>
@@ -73,15 +72,12 @@ TEST_P(EngineVersion, SetsTheEditionProperty)
 
     EXPECT_EQ(Run("GetEngineVersion"), test.result);
     EXPECT_EQ(ActionLines(), test.lines);
-    Lines set;
+    std::wstring set; // every edition property that is not empty
     for (const wchar_t* edition : kEditions)
     {
-        if (!m_Host->GetProperty(edition).empty())
-        {
-            set.push_back(edition + (L"=" + m_Host->GetProperty(edition)));
-        }
+        set += m_Host->GetProperty(edition).empty() ? L"" : edition + (L"=" + m_Host->GetProperty(edition));
     }
-    EXPECT_EQ(set, test.edition ? Lines{test.edition + std::wstring(L"=1")} : Lines{});
+    EXPECT_EQ(set, test.edition ? test.edition + std::wstring(L"=1") : L"");
 }
 
 const std::wstring kNoEngineKey = Warning(L"Open registry key .lumen Engine failed with error {LastError}");
