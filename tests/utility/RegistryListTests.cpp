@@ -70,7 +70,7 @@ const IcaCase kIcaCases[] = {
     {"AddWritesTheEntryAloneIntoAnEmptyValue", kAdd, REG_SZ, L"\0"s, 0, {}, L"QCClnIca"},
     {"AddTakesAValueWithoutDataAsAnEmptyList", kAdd, REG_SZ, L"", 0, {}, L"QCClnIca"},
     {"AddReadsAValueStoredWithoutTerminator", kAdd, REG_BINARY, L"DrvA", 0, {}, L"DrvA,QCClnIca"},
-    // Nothing is undone or retried: the list stays as it was.
+    // Nothing is undone or retried: the list stays unchanged.
     {"AddFailsWhenTheWriteIsRefused", kAdd, REG_SZ, L"DrvA\0"s, 1603, {kRefused}, kKept, true},
     {"AddCountsALongerNameContainingTheEntry", kAdd, REG_SZ, L"DrvA,QCClnIca64\0"s, 0, {kFound}, kKept},
     {"AddExtendsAListOfTenThousandCharacters", kAdd, REG_SZ, kLong + L'\0', 0, {}, kLong + L",QCClnIca"},
