@@ -280,11 +280,11 @@ const SwitchCase kSwitches[] = {
 class FirewallTest : public ::testing::Test
 {
 protected:
-    static void SetUpTestSuite() { s_pFirewall = new CTestFirewall(); }
-    static void TearDownTestSuite() { delete s_pFirewall; }
     void SetUp() override
     {
-        ASSERT_TRUE(s_pFirewall->IsRegistered()) << "cannot register QcTestFirewall.dll";
+        // Registered once for the whole run; Wine's registration is put back at its end.
+        static const CTestFirewall firewall;
+        ASSERT_TRUE(firewall.IsRegistered()) << "cannot register QcTestFirewall.dll";
         CTestFirewall::Reset();
     }
 
@@ -312,7 +312,7 @@ protected:
     }
 
     // Sets the plain switches of `setup`, runs the calls of `before` (each must
-    // succeed), then sets the rest ("Fail\\..." and state changes) and clears the journal.
+    // succeed), then sets the rest (failure switches, state changes) and clears the journal.
     static void Prepare(const std::vector<Call>& before, const Lines& setup)
     {
         const auto set = [&setup](bool bAfterCalls) {
@@ -333,11 +333,7 @@ protected:
         set(true);
         ::RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, L"Software\\QuillcastTest\\Firewall", L"Journal");
     }
-
-    static CTestFirewall* s_pFirewall;
 };
-
-CTestFirewall* FirewallTest::s_pFirewall = nullptr;
 
 class FirewallAction : public FirewallTest, public ::testing::WithParamInterface<FirewallCase>
 {
