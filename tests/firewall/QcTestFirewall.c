@@ -473,142 +473,65 @@ static void FillVtbl(void* vtbl, size_t size)
 
 /* ------------------------------------------------------------------ NetFwRule */
 
-#define RULE(This) ((Item*)(This))
+/* One setter or getter per property: it journals the call as "Object.Method"
+ * (and answers what the call's Fail switch asks for), then checks and stores
+ * or reads the value `v` of the item `This`. */
+#define ACCESSOR(function, Interface, Type, method, body)               \
+    static HRESULT STDMETHODCALLTYPE function(Interface* This, Type v) \
+    {                                                                  \
+        Item* item = (Item*)This;                                      \
+        CALL(method);                                                  \
+        body;                                                          \
+    }
+#define BOOL_OF(v) ((v) ? 1 : 0)
+#define ENABLED_OF(item, index) ((item)->number[index] ? VARIANT_TRUE : VARIANT_FALSE)
 
-static HRESULT STDMETHODCALLTYPE Rule_put_Name(INetFwRule2* This, BSTR v)
-{
-    CALL(L"Rule.Name");
-    if (!v || !v[0] || wcschr(v, L'|'))
-        return E_INVALIDARG;
-    return PutText(RULE(This), R_NAME, v);
-}
-static HRESULT STDMETHODCALLTYPE Rule_put_Description(INetFwRule2* This, BSTR v)
-{
-    CALL(L"Rule.Description");
-    return PutText(RULE(This), R_DESCRIPTION, v);
-}
-static HRESULT STDMETHODCALLTYPE Rule_put_ApplicationName(INetFwRule2* This, BSTR v)
-{
-    CALL(L"Rule.ApplicationName");
-    return PutText(RULE(This), R_APPLICATION, v);
-}
-static HRESULT STDMETHODCALLTYPE Rule_put_ServiceName(INetFwRule2* This, BSTR v)
-{
-    CALL(L"Rule.ServiceName");
-    return PutText(RULE(This), R_SERVICE, v);
-}
-static HRESULT STDMETHODCALLTYPE Rule_put_Protocol(INetFwRule2* This, LONG v)
-{
-    CALL(L"Rule.Protocol");
-    return v < 0 || v > 256 ? E_INVALIDARG : PutNumber(RULE(This), R_PROTOCOL, v);
-}
-static HRESULT STDMETHODCALLTYPE Rule_put_LocalPorts(INetFwRule2* This, BSTR v)
-{
-    CALL(L"Rule.LocalPorts");
-    return PutPorts(RULE(This), R_LOCALPORTS, v);
-}
-static HRESULT STDMETHODCALLTYPE Rule_put_RemotePorts(INetFwRule2* This, BSTR v)
-{
-    CALL(L"Rule.RemotePorts");
-    return PutPorts(RULE(This), R_REMOTEPORTS, v);
-}
-static HRESULT STDMETHODCALLTYPE Rule_put_LocalAddresses(INetFwRule2* This, BSTR v)
-{
-    CALL(L"Rule.LocalAddresses");
-    return PutAddresses(RULE(This), R_LOCALADDRESSES, v);
-}
-static HRESULT STDMETHODCALLTYPE Rule_put_RemoteAddresses(INetFwRule2* This, BSTR v)
-{
-    CALL(L"Rule.RemoteAddresses");
-    return PutAddresses(RULE(This), R_REMOTEADDRESSES, v);
-}
-static HRESULT STDMETHODCALLTYPE Rule_put_Direction(INetFwRule2* This, NET_FW_RULE_DIRECTION v)
-{
-    CALL(L"Rule.Direction");
-    return v != NET_FW_RULE_DIR_IN && v != NET_FW_RULE_DIR_OUT ? E_INVALIDARG : PutNumber(RULE(This), R_DIRECTION, v);
-}
-static HRESULT STDMETHODCALLTYPE Rule_put_Enabled(INetFwRule2* This, VARIANT_BOOL v)
-{
-    CALL(L"Rule.Enabled");
-    return PutNumber(RULE(This), R_ENABLED, v ? 1 : 0);
-}
-static HRESULT STDMETHODCALLTYPE Rule_put_Profiles(INetFwRule2* This, LONG v)
-{
-    CALL(L"Rule.Profiles");
-    if (v != NET_FW_PROFILE2_ALL && (v == 0 || (v & ~7) != 0))
-        return E_INVALIDARG;
-    return PutNumber(RULE(This), R_PROFILES, v);
-}
-static HRESULT STDMETHODCALLTYPE Rule_put_EdgeTraversal(INetFwRule2* This, VARIANT_BOOL v)
-{
-    CALL(L"Rule.EdgeTraversal");
-    return PutNumber(RULE(This), R_EDGE, v ? 1 : 0);
-}
-static HRESULT STDMETHODCALLTYPE Rule_put_EdgeTraversalOptions(INetFwRule2* This, LONG v)
-{
-    CALL(L"Rule.EdgeTraversalOptions");
-    return v < 0 || v > 3 ? E_INVALIDARG : PutNumber(RULE(This), R_EDGEOPTIONS, v);
-}
+ACCESSOR(Rule_put_Name, INetFwRule2, BSTR, L"Rule.Name",
+         return !v || !v[0] || wcschr(v, L'|') ? E_INVALIDARG : PutText(item, R_NAME, v))
+ACCESSOR(Rule_put_Description, INetFwRule2, BSTR, L"Rule.Description", return PutText(item, R_DESCRIPTION, v))
+ACCESSOR(Rule_put_ApplicationName, INetFwRule2, BSTR, L"Rule.ApplicationName",
+         return PutText(item, R_APPLICATION, v))
+ACCESSOR(Rule_put_ServiceName, INetFwRule2, BSTR, L"Rule.ServiceName", return PutText(item, R_SERVICE, v))
+ACCESSOR(Rule_put_Protocol, INetFwRule2, LONG, L"Rule.Protocol",
+         return v < 0 || v > 256 ? E_INVALIDARG : PutNumber(item, R_PROTOCOL, v))
+ACCESSOR(Rule_put_LocalPorts, INetFwRule2, BSTR, L"Rule.LocalPorts", return PutPorts(item, R_LOCALPORTS, v))
+ACCESSOR(Rule_put_RemotePorts, INetFwRule2, BSTR, L"Rule.RemotePorts", return PutPorts(item, R_REMOTEPORTS, v))
+ACCESSOR(Rule_put_LocalAddresses, INetFwRule2, BSTR, L"Rule.LocalAddresses",
+         return PutAddresses(item, R_LOCALADDRESSES, v))
+ACCESSOR(Rule_put_RemoteAddresses, INetFwRule2, BSTR, L"Rule.RemoteAddresses",
+         return PutAddresses(item, R_REMOTEADDRESSES, v))
+ACCESSOR(Rule_put_Direction, INetFwRule2, NET_FW_RULE_DIRECTION, L"Rule.Direction",
+         return v != NET_FW_RULE_DIR_IN && v != NET_FW_RULE_DIR_OUT ? E_INVALIDARG : PutNumber(item, R_DIRECTION, v))
+ACCESSOR(Rule_put_Enabled, INetFwRule2, VARIANT_BOOL, L"Rule.Enabled", return PutNumber(item, R_ENABLED, BOOL_OF(v)))
+ACCESSOR(Rule_put_Profiles, INetFwRule2, LONG, L"Rule.Profiles",
+         return v != NET_FW_PROFILE2_ALL && (v == 0 || (v & ~7) != 0) ? E_INVALIDARG : PutNumber(item, R_PROFILES, v))
+ACCESSOR(Rule_put_EdgeTraversal, INetFwRule2, VARIANT_BOOL, L"Rule.EdgeTraversal",
+         return PutNumber(item, R_EDGE, BOOL_OF(v)))
+ACCESSOR(Rule_put_EdgeTraversalOptions, INetFwRule2, LONG, L"Rule.EdgeTraversalOptions",
+         return v < 0 || v > 3 ? E_INVALIDARG : PutNumber(item, R_EDGEOPTIONS, v))
 
-/* ------------------------------------------------------------------ NetFwOpenPort, NetFwAuthorizedApplication */
-
-static HRESULT STDMETHODCALLTYPE Port_put_Name(INetFwOpenPort* This, BSTR v)
-{
-    CALL(L"OpenPort.Name");
-    return !v || !v[0] ? E_INVALIDARG : PutText((Item*)This, P_NAME, v);
-}
-static HRESULT STDMETHODCALLTYPE Port_put_Protocol(INetFwOpenPort* This, NET_FW_IP_PROTOCOL v)
-{
-    CALL(L"OpenPort.Protocol");
-    return v != 6 && v != 17 ? E_INVALIDARG : PutNumber((Item*)This, P_PROTOCOL, v);
-}
-static HRESULT STDMETHODCALLTYPE Port_put_Port(INetFwOpenPort* This, LONG v)
-{
-    CALL(L"OpenPort.Port");
-    return v < 1 || v > 65535 ? E_INVALIDARG : PutNumber((Item*)This, P_PORT, v);
-}
-static HRESULT STDMETHODCALLTYPE Port_put_RemoteAddresses(INetFwOpenPort* This, BSTR v)
-{
-    CALL(L"OpenPort.RemoteAddresses");
-    return PutAddresses((Item*)This, P_REMOTEADDRESSES, v);
-}
-static HRESULT STDMETHODCALLTYPE Port_put_Enabled(INetFwOpenPort* This, VARIANT_BOOL v)
-{
-    CALL(L"OpenPort.Enabled");
-    return PutNumber((Item*)This, P_ENABLED, v ? 1 : 0);
-}
-static HRESULT STDMETHODCALLTYPE Port_get_Enabled(INetFwOpenPort* This, VARIANT_BOOL* v)
-{
-    CALL(L"OpenPort.GetEnabled");
-    *v = ((Item*)This)->number[P_ENABLED] ? VARIANT_TRUE : VARIANT_FALSE;
-    return S_OK;
-}
-static HRESULT STDMETHODCALLTYPE App_put_Name(INetFwAuthorizedApplication* This, BSTR v)
-{
-    CALL(L"AuthorizedApp.Name");
-    return !v || !v[0] ? E_INVALIDARG : PutText((Item*)This, A_NAME, v);
-}
-static HRESULT STDMETHODCALLTYPE App_put_Image(INetFwAuthorizedApplication* This, BSTR v)
-{
-    CALL(L"AuthorizedApp.ProcessImageFileName");
-    return !v || !v[0] ? E_INVALIDARG : PutText((Item*)This, A_IMAGE, v);
-}
-static HRESULT STDMETHODCALLTYPE App_put_RemoteAddresses(INetFwAuthorizedApplication* This, BSTR v)
-{
-    CALL(L"AuthorizedApp.RemoteAddresses");
-    return PutAddresses((Item*)This, A_REMOTEADDRESSES, v);
-}
-static HRESULT STDMETHODCALLTYPE App_put_Enabled(INetFwAuthorizedApplication* This, VARIANT_BOOL v)
-{
-    CALL(L"AuthorizedApp.Enabled");
-    return PutNumber((Item*)This, A_ENABLED, v ? 1 : 0);
-}
-static HRESULT STDMETHODCALLTYPE App_get_Enabled(INetFwAuthorizedApplication* This, VARIANT_BOOL* v)
-{
-    CALL(L"AuthorizedApp.GetEnabled");
-    *v = ((Item*)This)->number[A_ENABLED] ? VARIANT_TRUE : VARIANT_FALSE;
-    return S_OK;
-}
+ACCESSOR(Port_put_Name, INetFwOpenPort, BSTR, L"OpenPort.Name",
+         return !v || !v[0] ? E_INVALIDARG : PutText(item, P_NAME, v))
+ACCESSOR(Port_put_Protocol, INetFwOpenPort, NET_FW_IP_PROTOCOL, L"OpenPort.Protocol",
+         return v != 6 && v != 17 ? E_INVALIDARG : PutNumber(item, P_PROTOCOL, v))
+ACCESSOR(Port_put_Port, INetFwOpenPort, LONG, L"OpenPort.Port",
+         return v < 1 || v > 65535 ? E_INVALIDARG : PutNumber(item, P_PORT, v))
+ACCESSOR(Port_put_RemoteAddresses, INetFwOpenPort, BSTR, L"OpenPort.RemoteAddresses",
+         return PutAddresses(item, P_REMOTEADDRESSES, v))
+ACCESSOR(Port_put_Enabled, INetFwOpenPort, VARIANT_BOOL, L"OpenPort.Enabled",
+         return PutNumber(item, P_ENABLED, BOOL_OF(v)))
+ACCESSOR(Port_get_Enabled, INetFwOpenPort, VARIANT_BOOL*, L"OpenPort.GetEnabled",
+         *v = ENABLED_OF(item, P_ENABLED); return S_OK)
+ACCESSOR(App_put_Name, INetFwAuthorizedApplication, BSTR, L"AuthorizedApp.Name",
+         return !v || !v[0] ? E_INVALIDARG : PutText(item, A_NAME, v))
+ACCESSOR(App_put_Image, INetFwAuthorizedApplication, BSTR, L"AuthorizedApp.ProcessImageFileName",
+         return !v || !v[0] ? E_INVALIDARG : PutText(item, A_IMAGE, v))
+ACCESSOR(App_put_RemoteAddresses, INetFwAuthorizedApplication, BSTR, L"AuthorizedApp.RemoteAddresses",
+         return PutAddresses(item, A_REMOTEADDRESSES, v))
+ACCESSOR(App_put_Enabled, INetFwAuthorizedApplication, VARIANT_BOOL, L"AuthorizedApp.Enabled",
+         return PutNumber(item, A_ENABLED, BOOL_OF(v)))
+ACCESSOR(App_get_Enabled, INetFwAuthorizedApplication, VARIANT_BOOL*, L"AuthorizedApp.GetEnabled",
+         *v = ENABLED_OF(item, A_ENABLED); return S_OK)
 
 static INetFwRule2Vtbl g_RuleVtbl;
 static INetFwOpenPortVtbl g_PortVtbl;

@@ -11,16 +11,14 @@ std::wstring Message(const wchar_t* typeHex, const std::wstring& text, int answe
     return std::wstring(typeHex) + L": [1]|" + text + L"| -> " + std::to_wstring(answer);
 }
 
-class ShowMessage : public UtilityTest
-{
-};
+using ShowMessage = UtilityTest;
 
 TEST_F(ShowMessage, DeferredResultFollowsTheAnswer)
 {
     // 0 is no answer at all, as in a silent installation.
-    const std::vector<std::pair<int, UINT>> answers = {{0, 0},    {IDOK, 0},       {IDRETRY, 0},    {IDIGNORE, 0},
-                                                       {IDYES, 0}, {IDCONTINUE, 0}, {IDCANCEL, 1602}, {IDABORT, 1602},
-                                                       {IDNO, 1602}, {IDTRYAGAIN, 1602}, {-1, 1602}};
+    const std::pair<int, UINT> answers[] = {{0, 0},        {IDOK, 0},         {IDRETRY, 0},    {IDIGNORE, 0},
+                                            {IDYES, 0},    {IDCONTINUE, 0},   {IDCANCEL, 1602}, {IDABORT, 1602},
+                                            {IDNO, 1602}, {IDTRYAGAIN, 1602}, {-1, 1602}};
     for (const auto& [answer, result] : answers)
     {
         SetUp();
@@ -48,22 +46,25 @@ struct ImmediateCase
 {
     const char* behaviour;
     const wchar_t* caption;     // null: the property is unset
-    const wchar_t* quietMode;   // null: the property is unset
+    const wchar_t* quietMode;
     const wchar_t* failingRead; // a property whose read fails; null: none
     const wchar_t* data;        // CustomActionData; null: unset
     int answer;                 // the installer's
     UINT result;
     Lines lines;
-    bool box; // a direct box, dismissed with Cancel
+    const wchar_t* box; // the box shown, "caption|text|type"; null: none
 };
 
 class ShowMessageImmediately : public UtilityTest, public ::testing::WithParamInterface<ImmediateCase>
 {
 };
 
+const wchar_t kText[] = L"Install the printer driver?";
+const wchar_t kCaption[] = L"Quillcast Setup";
+
 Lines Details(const std::wstring& caption, const std::wstring& quietMode, const std::wstring& number)
 {
-    return {Detail(L"ShowMessageTextProperty = Install the printer driver?"), Detail(L"ShowMessageTypeProperty = 4"),
+    return {Detail(L"ShowMessageTextProperty = " + std::wstring(kText)), Detail(L"ShowMessageTypeProperty = 4"),
             Detail(L"ShowMessageCaptionProperty = " + caption), Detail(L"ShowMessageQuietModeProperty = " + quietMode),
             Detail(L"dwShowInQuietMode = " + number)};
 }
@@ -77,81 +78,58 @@ Lines With(Lines lines, size_t at, const std::wstring& line)
 TEST_P(ShowMessageImmediately, ShowsTheMessage)
 {
     const ImmediateCase& test = GetParam();
-    Properties properties = {{L"ShowMessageTextProperty", L"Install the printer driver?"},
-                             {L"ShowMessageTypeProperty", L"4"}};
+    Properties properties = {{L"ShowMessageTextProperty", kText}, {L"ShowMessageTypeProperty", L"4"},
+                             {L"ShowMessageQuietModeProperty", test.quietMode}};
     if (test.caption != nullptr)
     {
         properties.emplace_back(L"ShowMessageCaptionProperty", test.caption);
-    }
-    if (test.quietMode != nullptr)
-    {
-        properties.emplace_back(L"ShowMessageQuietModeProperty", test.quietMode);
     }
     if (test.data != nullptr)
     {
         m_Host->SetCustomActionData(test.data);
     }
-    std::unique_ptr<CFailingPropertyRead> failing;
     if (test.failingRead != nullptr)
     {
-        failing = std::make_unique<CFailingPropertyRead>(Module(), test.failingRead, false);
-        ASSERT_TRUE(failing->IsApplied());
+        FailPropertyRead(test.failingRead, false);
     }
     m_Host->QueueAnswer(test.answer);
+    const Lines& boxes = NoteMessageBoxes(); // each answered with Cancel
 
-    CMessageBoxWatcher watcher;
-    const UINT result = Run("ShowMessageImmediately", properties);
-    const std::vector<SeenBox> boxes = watcher.Stop();
-
-    EXPECT_EQ(result, test.result);
+    EXPECT_EQ(Run("ShowMessageImmediately", properties), test.result);
     EXPECT_EQ(ActionLines(), test.lines);
-    const bool bShown = test.result != 1603;
-    EXPECT_EQ(m_Host->Messages(),
-              bShown ? Lines{Message(L"0x03000004", L"Install the printer driver?", test.answer)} : Lines{});
-    ASSERT_EQ(boxes.size(), test.box ? 1u : 0u);
-    if (test.box)
-    {
-        const SeenBox& box = boxes[0];
-        EXPECT_EQ(box.caption, test.caption != nullptr && test.failingRead == nullptr ? test.caption : L"");
-        EXPECT_NE(std::find(box.texts.begin(), box.texts.end(), L"Install the printer driver?"), box.texts.end());
-        EXPECT_TRUE(box.topmost) << "system-modal";
-        EXPECT_EQ(box.buttons, (std::vector<int>{IDYES, IDNO})) << "the message type's buttons";
-    }
+    EXPECT_EQ(m_Host->Messages(), test.result != 1603 ? Lines{Message(L"0x03000004", kText, test.answer)} : Lines{});
+    EXPECT_EQ(boxes, test.box != nullptr ? Lines{test.box} : Lines{});
 }
+
+const wchar_t kBox[] = L"Quillcast Setup|Install the printer driver?|0x1004";
+const wchar_t kBoxWithoutCaption[] = L"|Install the printer driver?|0x1004";
+const std::wstring kGetFailed = L"MsiGetProperty ShowMessage";
 
 const ImmediateCase kCases[] = {
     // Silent installation: the installer answers nothing; the box is the only
     // way the user sees the message, and cancelling it changes nothing.
-    {"QuietModeOneShowsASystemModalBoxThatDecidesNothing", L"Quillcast Setup", L"1", nullptr, nullptr, 0, 0,
-     Details(L"Quillcast Setup", L"1", L"1"), true},
-    {"QuietModeOneWithInstallerYesSucceeds", L"Quillcast Setup", L"1", nullptr, nullptr, IDYES, 0,
-     Details(L"Quillcast Setup", L"1", L"1"), true},
+    {"QuietModeOneShowsASystemModalBoxThatDecidesNothing", kCaption, L"1", nullptr, nullptr, 0, 0,
+     Details(kCaption, L"1", L"1"), kBox},
     // The refusal's entry is the MESSAGE argument, empty for an immediate action.
-    {"InstallerNoFailsWithAnEmptyEntry", L"Quillcast Setup", L"1", nullptr, nullptr, IDNO, 1602,
-     With(Details(L"Quillcast Setup", L"1", L"1"), 5, L"[ERROR] Various (#) ."), true},
-    {"InstallerCancelLogsTheMessageArgument", L"Quillcast Setup", L"0", nullptr, L";MESSAGE=from the data", IDCANCEL,
-     1602, With(Details(L"Quillcast Setup", L"0", L"0"), 5, Error(L"from the data")), false},
-    {"SilentInstallWithoutQuietModeShowsNothingAndSucceeds", L"Quillcast Setup", nullptr, nullptr, nullptr, 0, 0,
-     Details(L"Quillcast Setup", L"", L"0"), false},
-    {"QuietModeTwoIsNotOne", L"Quillcast Setup", L"2", nullptr, nullptr, IDYES, 0,
-     Details(L"Quillcast Setup", L"2", L"2"), false},
-    {"QuietModeYesIsNotOne", L"Quillcast Setup", L"yes", nullptr, nullptr, IDYES, 0,
-     Details(L"Quillcast Setup", L"yes", L"0"), false},
-    {"UnsetCaptionGivesAnEmptyCaption", nullptr, L"1", nullptr, nullptr, IDOK, 0, Details(L"", L"1", L"1"), true},
-    {"UnreadableCaptionIsLoggedAndEmpty", L"Quillcast Setup", L"1", L"ShowMessageCaptionProperty", nullptr, IDOK, 0,
-     With(Details(L"", L"1", L"1"), 2,
-          Error(L"MsiGetProperty ShowMessageCaptionProperty failed with error {LastError}")),
-     true},
-    {"UnreadableQuietModeIsLoggedAndZero", L"Quillcast Setup", L"1", L"ShowMessageQuietModeProperty", nullptr, IDOK, 0,
-     With(Details(L"Quillcast Setup", L"", L"0"), 3,
-          Error(L"MsiGetProperty ShowMessageQuietModeProperty failed with error {LastError}")),
-     false},
-    {"UnreadableTextFails", L"Quillcast Setup", L"1", L"ShowMessageTextProperty", nullptr, IDOK, 1603,
-     {Error(L"MsiGetProperty ShowMessageTextProperty failed with error {LastError}")}, false},
-    {"UnreadableTypeFails", L"Quillcast Setup", L"1", L"ShowMessageTypeProperty", nullptr, IDOK, 1603,
-     {Detail(L"ShowMessageTextProperty = Install the printer driver?"),
-      Error(L"MsiGetProperty ShowMessageTypeProperty failed with error {LastError}")},
-     false},
+    {"InstallerNoFailsWithAnEmptyEntry", kCaption, L"1", nullptr, nullptr, IDNO, 1602,
+     With(Details(kCaption, L"1", L"1"), 5, L"[ERROR] Various (#) ."), kBox},
+    {"InstallerCancelLogsTheMessageArgument", kCaption, L"0", nullptr, L";MESSAGE=from the data", IDCANCEL, 1602,
+     With(Details(kCaption, L"0", L"0"), 5, Error(L"from the data")), nullptr},
+    {"QuietModeTwoIsNotOne", kCaption, L"2", nullptr, nullptr, IDYES, 0, Details(kCaption, L"2", L"2"), nullptr},
+    {"UnsetCaptionGivesAnEmptyCaption", nullptr, L"1", nullptr, nullptr, IDOK, 0, Details(L"", L"1", L"1"),
+     kBoxWithoutCaption},
+    {"UnreadableCaptionIsLoggedAndEmpty", kCaption, L"1", L"ShowMessageCaptionProperty", nullptr, IDOK, 0,
+     With(Details(L"", L"1", L"1"), 2, Error(kGetFailed + L"CaptionProperty failed with error {LastError}")),
+     kBoxWithoutCaption},
+    {"UnreadableQuietModeIsLoggedAndZero", kCaption, L"1", L"ShowMessageQuietModeProperty", nullptr, IDOK, 0,
+     With(Details(kCaption, L"", L"0"), 3, Error(kGetFailed + L"QuietModeProperty failed with error {LastError}")),
+     nullptr},
+    {"UnreadableTextFails", kCaption, L"1", L"ShowMessageTextProperty", nullptr, IDOK, 1603,
+     {Error(kGetFailed + L"TextProperty failed with error {LastError}")}, nullptr},
+    {"UnreadableTypeFails", kCaption, L"1", L"ShowMessageTypeProperty", nullptr, IDOK, 1603,
+     {Detail(L"ShowMessageTextProperty = " + std::wstring(kText)),
+      Error(kGetFailed + L"TypeProperty failed with error {LastError}")},
+     nullptr},
 };
 
 INSTANTIATE_TEST_SUITE_P(Cases, ShowMessageImmediately, ::testing::ValuesIn(kCases),

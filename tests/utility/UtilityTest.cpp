@@ -1,9 +1,8 @@
 #include "utility/UtilityTest.h"
 
-#include <msi.h>
+#include <msiquery.h>
 
-#include <chrono>
-#include <cstdlib>
+#include <cwchar>
 
 #include "support/ShippedDll.h"
 
@@ -11,37 +10,17 @@ namespace QcTest {
 
 namespace {
 
-std::wstring WithMarker(std::wstring text)
-{
-    const size_t at = text.find(L"{LastError}");
-    return at == std::wstring::npos ? text : text.replace(at, 11, std::to_wstring(kLastErrorMarker));
-}
+std::wstring g_FailingName;
+bool g_bFailingSizeQuery = false;
+BYTE g_ProductType = VER_NT_WORKSTATION;
+Lines g_Boxes;
 
-bool IsFrameLine(const std::wstring& body)
-{
-    return body.rfind(L"Workbench (#) ", 0) == 0;
-}
-
-template <typename TFunction>
-TFunction SystemFunction(const wchar_t* dll, const char* name)
-{
-    return reinterpret_cast<TFunction>(reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(dll), name)));
-}
-
-using OpenKeyFunction = LSTATUS(WINAPI*)(HKEY, LPCWSTR, DWORD, REGSAM, PHKEY);
-OpenKeyFunction g_OriginalOpenKey = nullptr;
-CImportPatch* g_pOpenKeyPatch = nullptr;
-
+// The replacements call the real functions: only the DLL's imports are redirected.
 LSTATUS WINAPI OpenKeyAfterMarker(HKEY hKey, LPCWSTR subKey, DWORD options, REGSAM access, PHKEY phResult)
 {
     SetLastError(kLastErrorMarker);
-    return g_OriginalOpenKey(hKey, subKey, options, access, phResult);
+    return RegOpenKeyExW(hKey, subKey, options, access, phResult);
 }
-
-using GetPropertyFunction = UINT(WINAPI*)(MSIHANDLE, LPCWSTR, LPWSTR, LPDWORD);
-GetPropertyFunction g_OriginalGetProperty = nullptr;
-std::wstring g_FailingName;
-bool g_bFailingSizeQuery = true;
 
 UINT WINAPI FailingGetProperty(MSIHANDLE hInstall, LPCWSTR name, LPWSTR value, LPDWORD pcch)
 {
@@ -51,7 +30,7 @@ UINT WINAPI FailingGetProperty(MSIHANDLE hInstall, LPCWSTR name, LPWSTR value, L
         SetLastError(kLastErrorMarker);
         return ERROR_INVALID_HANDLE;
     }
-    return g_OriginalGetProperty(hInstall, name, value, pcch);
+    return MsiGetPropertyW(hInstall, name, value, pcch);
 }
 
 LSTATUS WINAPI RefusedSetValue(HKEY, LPCWSTR, DWORD, DWORD, const BYTE*, DWORD)
@@ -59,54 +38,51 @@ LSTATUS WINAPI RefusedSetValue(HKEY, LPCWSTR, DWORD, DWORD, const BYTE*, DWORD)
     return ERROR_ACCESS_DENIED;
 }
 
+BOOL WINAPI VersionOfProductType(OSVERSIONINFOW* pInfo)
+{
+    const BOOL bResult = GetVersionExW(pInfo);
+    reinterpret_cast<OSVERSIONINFOEXW*>(pInfo)->wProductType = g_ProductType;
+    return bResult;
+}
+
+int WINAPI NotedMessageBox(HWND, LPCWSTR text, LPCWSTR caption, UINT type)
+{
+    wchar_t hex[16] = {};
+    std::swprintf(hex, 16, L"0x%X", type);
+    g_Boxes.push_back(std::wstring(caption ? caption : L"(null)") + L"|" + text + L"|" + hex);
+    return IDCANCEL;
+}
+
+std::wstring Entry(const wchar_t* level, std::wstring text)
+{
+    const size_t at = text.find(L"{LastError}");
+    return level + (L"Various (#) " + (at == std::wstring::npos ? text : text.replace(at, 11, L"4242")) + L".");
+}
+
+const QcRunner::CActionLibrary& Library()
+{
+    static const QcRunner::CActionLibrary library(ShippedDllPath());
+    return library;
+}
+
 } // namespace
 
-std::wstring Error(const std::wstring& text)
-{
-    return WithMarker(L"[ERROR] Various (#) " + text + L".");
-}
-
-std::wstring Warning(const std::wstring& text)
-{
-    return WithMarker(L"[WARNING] Various (#) " + text + L".");
-}
-
-std::wstring Detail(const std::wstring& text)
-{
-    return L"Various (#) " + text + L".";
-}
-
-// ---------------------------------------------------------------- the fixture
-
-QcRunner::CActionLibrary* UtilityTest::s_pLibrary = nullptr;
-
-void UtilityTest::SetUpTestSuite()
-{
-    s_pLibrary = new QcRunner::CActionLibrary(ShippedDllPath());
-    g_OriginalOpenKey = SystemFunction<OpenKeyFunction>(L"advapi32.dll", "RegOpenKeyExW");
-    g_pOpenKeyPatch = new CImportPatch(s_pLibrary->Module(), "advapi32.dll", "RegOpenKeyExW",
-                                       reinterpret_cast<const void*>(OpenKeyAfterMarker));
-}
-
-void UtilityTest::TearDownTestSuite()
-{
-    delete g_pOpenKeyPatch;
-    g_pOpenKeyPatch = nullptr;
-    delete s_pLibrary;
-    s_pLibrary = nullptr;
-}
+std::wstring Error(const std::wstring& text) { return Entry(L"[ERROR] ", text); }
+std::wstring Warning(const std::wstring& text) { return Entry(L"[WARNING] ", text); }
+std::wstring Detail(const std::wstring& text) { return Entry(L"", text); }
 
 void UtilityTest::SetUp()
 {
-    ASSERT_TRUE(s_pLibrary->IsLoaded()) << "cannot load the DLL";
-    ASSERT_TRUE(g_pOpenKeyPatch->IsApplied());
+    ASSERT_TRUE(Library().IsLoaded()) << "cannot load the DLL";
+    m_Patches.clear();
+    Patch("advapi32.dll", "RegOpenKeyExW", reinterpret_cast<const void*>(OpenKeyAfterMarker));
     m_Host = std::make_unique<QcRunner::CActionHost>();
     ASSERT_TRUE(m_Host->IsOpen());
 }
 
 UINT UtilityTest::Run(const char* exportName, const Properties& properties)
 {
-    const QcRunner::CustomActionFunction action = s_pLibrary->Find(exportName);
+    const QcRunner::CustomActionFunction action = Library().Find(exportName);
     EXPECT_NE(action, nullptr) << exportName;
     for (const auto& property : properties)
     {
@@ -120,7 +96,7 @@ Lines UtilityTest::ActionLines() const
     Lines lines;
     for (const std::wstring& line : m_Host->LogLines())
     {
-        if (!IsFrameLine(QcRunner::Body(line)))
+        if (QcRunner::Body(line).rfind(L"Workbench (#) ", 0) != 0)
         {
             lines.push_back(QcRunner::Body(line));
         }
@@ -128,252 +104,64 @@ Lines UtilityTest::ActionLines() const
     return lines;
 }
 
-// ---------------------------------------------------------------- registry
-
-bool CreateKey(REGSAM view, const std::wstring& key)
+void UtilityTest::Patch(const char* dll, const char* function, const void* replacement)
 {
-    HKEY hKey = nullptr;
-    const LSTATUS status = RegCreateKeyExW(HKEY_LOCAL_MACHINE, key.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS | view,
-                                           nullptr, &hKey, nullptr);
-    RegCloseKey(hKey);
-    return status == ERROR_SUCCESS;
+    m_Patches.push_back(std::make_unique<CImportPatch>(Library().Module(), dll, function, replacement));
+    EXPECT_TRUE(m_Patches.back()->IsApplied()) << function;
 }
 
-bool SetValue(REGSAM view, const std::wstring& key, const std::wstring& name, DWORD type, const void* data,
-              DWORD cbData)
+void UtilityTest::FailPropertyRead(const std::wstring& name, bool bSizeQuery)
 {
-    HKEY hKey = nullptr;
-    if (RegCreateKeyExW(HKEY_LOCAL_MACHINE, key.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS | view, nullptr, &hKey,
-                        nullptr) != ERROR_SUCCESS)
-    {
-        return false;
-    }
-    const LSTATUS status = RegSetValueExW(hKey, name.c_str(), 0, type, static_cast<const BYTE*>(data), cbData);
-    RegCloseKey(hKey);
-    return status == ERROR_SUCCESS;
-}
-
-bool SetString(REGSAM view, const std::wstring& key, const std::wstring& name, const std::wstring& value)
-{
-    return SetValue(view, key, name, REG_SZ, value.c_str(), static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t)));
-}
-
-bool DeleteKey(REGSAM view, const std::wstring& key)
-{
-    RegDeleteKeyExW(HKEY_LOCAL_MACHINE, key.c_str(), view, 0);
-    return !KeyExists(view, key);
-}
-
-bool KeyExists(REGSAM view, const std::wstring& key)
-{
-    HKEY hKey = nullptr;
-    const LSTATUS status = RegOpenKeyExW(HKEY_LOCAL_MACHINE, key.c_str(), 0, KEY_QUERY_VALUE | view, &hKey);
-    RegCloseKey(hKey);
-    return status == ERROR_SUCCESS;
-}
-
-bool ReadValue(REGSAM view, const std::wstring& key, const std::wstring& name, std::vector<BYTE>& data, DWORD& type)
-{
-    HKEY hKey = nullptr;
-    LSTATUS status = RegOpenKeyExW(HKEY_LOCAL_MACHINE, key.c_str(), 0, KEY_QUERY_VALUE | view, &hKey);
-    if (status != ERROR_SUCCESS)
-    {
-        return false;
-    }
-    DWORD cbData = 0;
-    status = RegQueryValueExW(hKey, name.c_str(), nullptr, &type, nullptr, &cbData);
-    data.assign(cbData, 0);
-    if (status == ERROR_SUCCESS && cbData != 0)
-    {
-        status = RegQueryValueExW(hKey, name.c_str(), nullptr, &type, data.data(), &cbData);
-    }
-    RegCloseKey(hKey);
-    return status == ERROR_SUCCESS;
-}
-
-std::wstring AsText(const std::vector<BYTE>& data)
-{
-    return std::wstring(reinterpret_cast<const wchar_t*>(data.data()), data.size() / sizeof(wchar_t));
-}
-
-// ---------------------------------------------------------------- doubles
-
-CFailingPropertyRead::CFailingPropertyRead(HMODULE hModule, const std::wstring& name, bool bSizeQuery)
-    : m_Patch(hModule, "msi.dll", "MsiGetPropertyW", reinterpret_cast<const void*>(FailingGetProperty))
-{
-    g_OriginalGetProperty = SystemFunction<GetPropertyFunction>(L"msi.dll", "MsiGetPropertyW");
+    Patch("msi.dll", "MsiGetPropertyW", reinterpret_cast<const void*>(FailingGetProperty));
     g_FailingName = name;
     g_bFailingSizeQuery = bSizeQuery;
 }
 
-CFailingPropertyRead::~CFailingPropertyRead()
+void UtilityTest::RefuseRegistryWrites()
 {
-    g_FailingName.clear();
+    Patch("advapi32.dll", "RegSetValueExW", reinterpret_cast<const void*>(RefusedSetValue));
 }
 
-CFailingRegistryWrite::CFailingRegistryWrite(HMODULE hModule)
-    : m_Patch(hModule, "advapi32.dll", "RegSetValueExW", reinterpret_cast<const void*>(RefusedSetValue))
+void UtilityTest::ReportProductType(BYTE productType)
 {
+    Patch("kernel32.dll", "GetVersionExW", reinterpret_cast<const void*>(VersionOfProductType));
+    g_ProductType = productType;
 }
 
-// ---------------------------------------------------------------- message boxes
-
-namespace {
-
-std::wstring WindowText(HWND hWnd)
+const Lines& UtilityTest::NoteMessageBoxes()
 {
-    wchar_t text[1024] = {};
-    GetWindowTextW(hWnd, text, 1023);
-    return text;
+    Patch("user32.dll", "MessageBoxW", reinterpret_cast<const void*>(NotedMessageBox));
+    g_Boxes.clear();
+    return g_Boxes;
 }
 
-BOOL CALLBACK CollectChild(HWND hChild, LPARAM context)
+bool SetValue(REGSAM view, const std::wstring& key, const wchar_t* name, DWORD type, const std::wstring& bytes)
 {
-    auto* pBox = reinterpret_cast<SeenBox*>(context);
-    pBox->texts.push_back(WindowText(hChild));
-    const int id = GetDlgCtrlID(hChild);
-    if (id >= IDOK && id <= IDCONTINUE)
+    HKEY hKey = nullptr;
+    bool bDone = RegCreateKeyExW(HKEY_LOCAL_MACHINE, key.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS | view, nullptr,
+                                 &hKey, nullptr) == ERROR_SUCCESS;
+    if (bDone && name != nullptr)
     {
-        pBox->buttons.push_back(id);
+        bDone = RegSetValueExW(hKey, name, 0, type, reinterpret_cast<const BYTE*>(bytes.c_str()),
+                               static_cast<DWORD>(bytes.size() * sizeof(wchar_t))) == ERROR_SUCCESS;
     }
-    return TRUE;
+    RegCloseKey(hKey);
+    return bDone;
 }
 
-BOOL CALLBACK FindOwnBox(HWND hWnd, LPARAM context)
+std::pair<DWORD, std::wstring> ReadValue(REGSAM view, const std::wstring& key, const wchar_t* name)
 {
-    DWORD processId = 0;
-    GetWindowThreadProcessId(hWnd, &processId);
-    wchar_t className[16] = {};
-    GetClassNameW(hWnd, className, 15);
-    if (processId == GetCurrentProcessId() && wcscmp(className, L"#32770") == 0 && IsWindowVisible(hWnd))
+    std::pair<DWORD, std::wstring> value(REG_NONE, L"");
+    HKEY hKey = nullptr;
+    DWORD cbData = 0;
+    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, key.c_str(), 0, KEY_QUERY_VALUE | view, &hKey) == ERROR_SUCCESS &&
+        RegQueryValueExW(hKey, name, nullptr, &value.first, nullptr, &cbData) == ERROR_SUCCESS)
     {
-        *reinterpret_cast<HWND*>(context) = hWnd;
-        return FALSE;
+        value.second.resize(cbData / sizeof(wchar_t));
+        RegQueryValueExW(hKey, name, nullptr, &value.first, reinterpret_cast<BYTE*>(&value.second[0]), &cbData);
     }
-    return TRUE;
-}
-
-} // namespace
-
-CMessageBoxWatcher::CMessageBoxWatcher()
-{
-    m_Thread = std::thread([this] {
-        HWND hLast = nullptr;
-        while (!m_bStop)
-        {
-            HWND hBox = nullptr;
-            EnumWindows(FindOwnBox, reinterpret_cast<LPARAM>(&hBox));
-            if (hBox != nullptr && hBox != hLast)
-            {
-                SeenBox box;
-                box.caption = WindowText(hBox);
-                box.topmost = (GetWindowLongW(hBox, GWL_EXSTYLE) & WS_EX_TOPMOST) != 0;
-                EnumChildWindows(hBox, CollectChild, reinterpret_cast<LPARAM>(&box));
-                m_Boxes.push_back(box);
-                hLast = hBox;
-                PostMessageW(hBox, WM_COMMAND, IDCANCEL, 0);
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-    });
-}
-
-std::vector<SeenBox> CMessageBoxWatcher::Stop()
-{
-    m_bStop = true;
-    if (m_Thread.joinable())
-    {
-        m_Thread.join();
-    }
-    return m_Boxes;
-}
-
-// ---------------------------------------------------------------- programs, product type, runner
-
-CSystemProgram::CSystemProgram(const std::wstring& builtName, const std::wstring& name)
-{
-    wchar_t folder[MAX_PATH] = {};
-    GetSystemDirectoryW(folder, MAX_PATH);
-    m_Path = std::wstring(folder) + L"\\" + name;
-    m_bPlaced = CopyFileW((BinFolder() + builtName).c_str(), m_Path.c_str(), FALSE) != FALSE;
-}
-
-namespace {
-const wchar_t kProductOptions[] = L"System\\CurrentControlSet\\Control\\ProductOptions";
-}
-
-CProductType::CProductType(const std::wstring& productType)
-{
-    EXPECT_TRUE(SetString(KEY_WOW64_64KEY, kProductOptions, L"ProductType", productType));
-}
-
-CProductType::~CProductType()
-{
-    SetString(KEY_WOW64_64KEY, kProductOptions, L"ProductType", L"WinNT");
-}
-
-RunnerOutcome RunInRunner(const std::wstring& arguments)
-{
-    RunnerOutcome outcome;
-    SECURITY_ATTRIBUTES inherit = {sizeof(inherit), nullptr, TRUE};
-    HANDLE hRead = nullptr;
-    HANDLE hWrite = nullptr;
-    if (!CreatePipe(&hRead, &hWrite, &inherit, 0))
-    {
-        return outcome;
-    }
-    SetHandleInformation(hRead, HANDLE_FLAG_INHERIT, 0);
-    STARTUPINFOW startup = {};
-    startup.cb = sizeof(startup);
-    startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdOutput = hWrite;
-    startup.hStdError = hWrite;
-    PROCESS_INFORMATION process = {};
-    std::wstring commandLine = L"\"" + BinFolder() + L"QcActionRunner.exe\" " + arguments;
-    const BOOL bStarted = CreateProcessW(nullptr, &commandLine[0], nullptr, nullptr, TRUE, 0, nullptr, nullptr,
-                                         &startup, &process);
-    CloseHandle(hWrite);
-    std::string output;
-    char chunk[4096];
-    DWORD read = 0;
-    while (bStarted && ReadFile(hRead, chunk, sizeof(chunk), &read, nullptr) && read != 0)
-    {
-        output.append(chunk, read);
-    }
-    CloseHandle(hRead);
-    if (!bStarted)
-    {
-        return outcome;
-    }
-    if (WaitForSingleObject(process.hProcess, 60000) != WAIT_OBJECT_0)
-    {
-        TerminateProcess(process.hProcess, 1);
-    }
-    CloseHandle(process.hThread);
-    CloseHandle(process.hProcess);
-
-    // Its lines are UTF-8; the texts asked for here are ASCII.
-    for (size_t start = 0, end = 0; start < output.size(); start = end + 1)
-    {
-        end = output.find('\n', start);
-        end = end == std::string::npos ? output.size() : end;
-        const std::string narrow = output.substr(start, end - start - (end > start && output[end - 1] == '\r'));
-        std::wstring line(narrow.begin(), narrow.end());
-        if (line.rfind(L"log: ", 0) == 0 && !IsFrameLine(QcRunner::Body(line.substr(5))))
-        {
-            outcome.lines.push_back(QcRunner::Body(line.substr(5)));
-        }
-        else if (line.rfind(L"property: ", 0) == 0)
-        {
-            const size_t equals = line.find(L'=');
-            outcome.shown[line.substr(10, equals - 10)] = line.substr(equals + 1);
-        }
-        else if (line.rfind(L"result: ", 0) == 0)
-        {
-            outcome.result = _wtoi(line.c_str() + 8);
-        }
-    }
-    return outcome;
+    RegCloseKey(hKey);
+    return value;
 }
 
 } // namespace QcTest

@@ -1,20 +1,18 @@
 #pragma once
 
 // The installer utility actions of the shipped DLL, run in real installer
-// sessions against the real registry, version resources and message boxes of
-// the test run's Wine prefix.
+// sessions against the real registry and version resources of the test run's
+// Wine prefix; what Wine cannot show (another kind of system, a message box)
+// is seen through the DLL's own imports.
 #include <gtest/gtest.h>
 
 #include <windows.h>
 
-#include <atomic>
-#include <map>
 #include <memory>
 #include <string>
-#include <thread>
+#include <utility>
 #include <vector>
 
-#include "support/ShippedDll.h"
 #include "ActionHost.h"
 #include "support/ImportPatch.h"
 
@@ -26,11 +24,11 @@ using Properties = std::vector<std::pair<std::wstring, std::wstring>>;
 // The actions log the thread's last-error value, not what a failing registry or
 // installer call answered. The frame leaves that value at 0, which would not
 // tell the two apart, so the suite wraps the shipped DLL's RegOpenKeyExW to set
-// this marker just before each real open, and the failing property read sets it
-// too; entries that log the thread's last error show it as "{LastError}".
+// this marker (4242) just before each real open, and a failing property read
+// sets it too; expected lines write it as "{LastError}".
 constexpr DWORD kLastErrorMarker = 4242;
 
-// Expected lines as Body() renders them; "{LastError}" stands for the marker.
+// Expected lines as Body() renders them.
 std::wstring Error(const std::wstring& text);
 std::wstring Warning(const std::wstring& text);
 std::wstring Detail(const std::wstring& text);
@@ -38,8 +36,6 @@ std::wstring Detail(const std::wstring& text);
 class UtilityTest : public ::testing::Test
 {
 protected:
-    static void SetUpTestSuite();
-    static void TearDownTestSuite();
     void SetUp() override;
 
     // Sets the properties, calls the export in this test's session and returns its result.
@@ -47,112 +43,27 @@ protected:
     // The bodies of the lines the action wrote after the frame's own.
     Lines ActionLines() const;
 
-    static HMODULE Module() { return s_pLibrary->Module(); }
+    // Redirects the DLL's import of dll!function for this test.
+    void Patch(const char* dll, const char* function, const void* replacement);
+    // The DLL's read of property `name` (its size query or its read) fails as
+    // in a session that went away: ERROR_INVALID_HANDLE, the marker as last error.
+    void FailPropertyRead(const std::wstring& name, bool bSizeQuery);
+    // The DLL's registry writes fail as on a protected value: ERROR_ACCESS_DENIED,
+    // nothing written, the last error untouched.
+    void RefuseRegistryWrites();
+    // GetVersionEx tells the DLL this product type (VER_NT_SERVER, ...).
+    void ReportProductType(BYTE productType);
+    // The DLL's message boxes are not shown but noted as "caption|text|type in hex".
+    const Lines& NoteMessageBoxes();
 
     std::unique_ptr<QcRunner::CActionHost> m_Host;
-    static QcRunner::CActionLibrary* s_pLibrary;
+    std::vector<std::unique_ptr<CImportPatch>> m_Patches;
 };
 
-// HKLM in one registry view (KEY_WOW64_32KEY or KEY_WOW64_64KEY).
-bool CreateKey(REGSAM view, const std::wstring& key);
-bool SetValue(REGSAM view, const std::wstring& key, const std::wstring& name, DWORD type, const void* data,
-              DWORD cbData);
-bool SetString(REGSAM view, const std::wstring& key, const std::wstring& name, const std::wstring& value);
-// Deletes the key (which has no subkeys); true when it is gone.
-bool DeleteKey(REGSAM view, const std::wstring& key);
-bool KeyExists(REGSAM view, const std::wstring& key);
-// The value's raw bytes and type; false when it does not exist.
-bool ReadValue(REGSAM view, const std::wstring& key, const std::wstring& name, std::vector<BYTE>& data, DWORD& type);
-std::wstring AsText(const std::vector<BYTE>& data);
-
-// Makes the shipped DLL's read of one property fail (its size query or its
-// read), as an installer whose session went away answers: ERROR_INVALID_HANDLE,
-// with kLastErrorMarker as the thread's last-error value.
-class CFailingPropertyRead
-{
-public:
-    CFailingPropertyRead(HMODULE hModule, const std::wstring& name, bool bSizeQuery);
-    ~CFailingPropertyRead();
-    bool IsApplied() const { return m_Patch.IsApplied(); }
-
-private:
-    CImportPatch m_Patch;
-};
-
-// Makes the shipped DLL's registry writes fail as a value protected against
-// writing does: ERROR_ACCESS_DENIED, nothing written, last error untouched.
-class CFailingRegistryWrite
-{
-public:
-    explicit CFailingRegistryWrite(HMODULE hModule);
-    bool IsApplied() const { return m_Patch.IsApplied(); }
-
-private:
-    CImportPatch m_Patch;
-};
-
-// A message box of this process: its caption, the texts of its controls,
-// whether it is topmost (system-modal) and which buttons it has.
-struct SeenBox
-{
-    std::wstring caption;
-    std::vector<std::wstring> texts;
-    bool topmost = false;
-    std::vector<int> buttons;
-};
-
-// Watches, on its own thread, for message boxes of this process and closes
-// each with WM_COMMAND IDCANCEL after noting what it showed.
-class CMessageBoxWatcher
-{
-public:
-    CMessageBoxWatcher();
-    CMessageBoxWatcher(const CMessageBoxWatcher&) = delete;
-    CMessageBoxWatcher& operator=(const CMessageBoxWatcher&) = delete;
-    ~CMessageBoxWatcher() { (void)Stop(); }
-    // Stops watching and returns what was seen.
-    std::vector<SeenBox> Stop();
-
-private:
-    std::atomic<bool> m_bStop{false};
-    std::vector<SeenBox> m_Boxes;
-    std::thread m_Thread;
-};
-
-// A program of the build tree copied into the prefix's system directory under
-// `name` for the object's lifetime.
-class CSystemProgram
-{
-public:
-    CSystemProgram(const std::wstring& builtName, const std::wstring& name);
-    CSystemProgram(const CSystemProgram&) = delete;
-    CSystemProgram& operator=(const CSystemProgram&) = delete;
-    ~CSystemProgram() { DeleteFileW(m_Path.c_str()); }
-    bool IsPlaced() const { return m_bPlaced; }
-
-private:
-    std::wstring m_Path;
-    bool m_bPlaced = false;
-};
-
-// The product type the system reports ("ServerNT" server, "LanmanNT" domain
-// controller) to processes started while this object lives; then "WinNT" again.
-class CProductType
-{
-public:
-    explicit CProductType(const std::wstring& productType);
-    CProductType(const CProductType&) = delete;
-    CProductType& operator=(const CProductType&) = delete;
-    ~CProductType();
-};
-
-// One action run by QcActionRunner.exe in a process of its own.
-struct RunnerOutcome
-{
-    int result = -1;
-    Lines lines;                                // bodies after the frame's lines
-    std::map<std::wstring, std::wstring> shown; // properties printed with --show
-};
-RunnerOutcome RunInRunner(const std::wstring& arguments);
+// HKLM\key in one registry view (KEY_WOW64_32KEY or KEY_WOW64_64KEY). A null
+// name only creates the key; the bytes are given as characters.
+bool SetValue(REGSAM view, const std::wstring& key, const wchar_t* name, DWORD type, const std::wstring& bytes);
+// The value's type and its bytes as characters; type REG_NONE and no bytes when it does not exist.
+std::pair<DWORD, std::wstring> ReadValue(REGSAM view, const std::wstring& key, const wchar_t* name);
 
 } // namespace QcTest

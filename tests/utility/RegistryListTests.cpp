@@ -1,0 +1,158 @@
+// AddIcaClient and RemoveIcaClient on the ICA client's virtual-driver list in
+// the 32-bit registry view; SetRemoteConfigDeferred and SetRemoteConfigImmediately
+// writing "RmtConf" as REG_MULTI_SZ. Values are compared byte for byte.
+#include "utility/UtilityTest.h"
+
+namespace QcTest {
+namespace {
+
+using namespace std::string_literals;
+
+const wchar_t kModules[] = L"SOFTWARE\\Citrix\\ICA Client\\Engine\\Configuration\\Advanced\\Modules\\ICA 3.0";
+const wchar_t kName[] = L"VirtualDriver";
+constexpr DWORD kNoKey = ~0u; // as the type before: no key in the 32-bit view either
+const std::wstring kKept = L"(kept)";
+const std::wstring kNone = L"(none)";
+const char* const kAdd = "AddIcaClient";
+const char* const kRemove = "RemoveIcaClient";
+
+struct IcaCase
+{
+    const char* behaviour;
+    const char* action;
+    DWORD type;          // of the value before; REG_NONE: the key exists, the value does not
+    std::wstring before; // its bytes, as characters
+    UINT result;
+    Lines lines;
+    std::wstring after; // the list written as REG_SZ with its terminator; kKept; kNone: no value
+    bool refused = false; // the registry refuses the write
+};
+
+class IcaClient : public UtilityTest, public ::testing::WithParamInterface<IcaCase>
+{
+protected:
+    void TearDown() override
+    {
+        RegDeleteKeyExW(HKEY_LOCAL_MACHINE, kModules, KEY_WOW64_32KEY, 0);
+        RegDeleteKeyExW(HKEY_LOCAL_MACHINE, kModules, KEY_WOW64_64KEY, 0);
+    }
+};
+
+TEST_P(IcaClient, ChangesTheVirtualDriverList)
+{
+    const IcaCase& test = GetParam();
+    // The 64-bit view holds a list of its own that neither action may touch.
+    const auto drv64 = std::make_pair(DWORD{REG_SZ}, L"Drv64\0"s);
+    ASSERT_TRUE(SetValue(KEY_WOW64_64KEY, kModules, kName, drv64.first, drv64.second));
+    ASSERT_TRUE(test.type == kNoKey || SetValue(KEY_WOW64_32KEY, kModules, test.type ? kName : nullptr, test.type, test.before));
+    if (test.refused)
+    {
+        RefuseRegistryWrites();
+    }
+
+    EXPECT_EQ(Run(test.action), test.result);
+    EXPECT_EQ(ActionLines(), test.lines);
+    const auto expected = test.after == kKept   ? std::make_pair(test.type, test.before)
+                          : test.after == kNone ? std::make_pair(DWORD{REG_NONE}, L""s)
+                                                : std::make_pair(DWORD{REG_SZ}, test.after + L'\0');
+    EXPECT_EQ(ReadValue(KEY_WOW64_32KEY, kModules, kName), expected);
+    EXPECT_EQ(ReadValue(KEY_WOW64_64KEY, kModules, kName), drv64);
+}
+
+const std::wstring kLong(10000, L'D');
+const std::wstring kFound = Warning(L"Found QCClnIca registry value");
+const std::wstring kNoValue = Error(L"Query registry value failed with error {LastError}");
+const std::wstring kRefused = Error(L"Set registry value failed with error {LastError}");
+const std::wstring kReplace = Error(L"Replace failed with error 87");
+
+const IcaCase kIcaCases[] = {
+    {"AddAppendsCommaAndEntryAsText", kAdd, REG_EXPAND_SZ, L"DrvA,DrvB\0"s, 0, {}, L"DrvA,DrvB,QCClnIca"},
+    {"AddWritesTheEntryAloneIntoAnEmptyValue", kAdd, REG_SZ, L"\0"s, 0, {}, L"QCClnIca"},
+    {"AddTakesAValueWithoutDataAsAnEmptyList", kAdd, REG_SZ, L"", 0, {}, L"QCClnIca"},
+    {"AddReadsAValueStoredWithoutTerminator", kAdd, REG_BINARY, L"DrvA", 0, {}, L"DrvA,QCClnIca"},
+    // Nothing is undone or retried: the list stays unchanged.
+    {"AddFailsWhenTheWriteIsRefused", kAdd, REG_SZ, L"DrvA\0"s, 1603, {kRefused}, kKept, true},
+    {"AddCountsALongerNameContainingTheEntry", kAdd, REG_SZ, L"DrvA,QCClnIca64\0"s, 0, {kFound}, kKept},
+    {"AddExtendsAListOfTenThousandCharacters", kAdd, REG_SZ, kLong + L'\0', 0, {}, kLong + L",QCClnIca"},
+    {"AddFailsWithoutTheValue", kAdd, REG_NONE, L"", 1603, {kNoValue}, kNone},
+    {"AddFailsWithoutTheKeyInThe32BitView", kAdd, kNoKey, L"", 1603,
+     {Error(L"Open registry key failed with error {LastError}")}, kNone},
+    {"RemoveLeavesAListWithoutTheEntry", kRemove, REG_EXPAND_SZ, L"DrvA,DrvB\0"s, 0, {}, kKept},
+    {"RemoveDeletesTheValueHoldingOnlyTheEntry", kRemove, REG_SZ, L"QCClnIca\0"s, 0, {}, kNone},
+    {"RemoveTakesTheEntryFromTheMiddle", kRemove, REG_SZ, L"DrvA,QCClnIca,DrvB\0"s, 0, {}, L"DrvA,DrvB"},
+    {"RemoveTakesEveryOccurrence", kRemove, REG_SZ, L"QCClnIca,DrvA,QCClnIca\0"s, 0, {}, L"DrvA"},
+    {"RemoveTakesTheEntryFromTenThousandCharacters", kRemove, REG_SZ, L"QCClnIca," + kLong + L'\0', 0, {}, kLong},
+    // The order of the removals leaves an empty text for the next one, which fails: kept as it is.
+    {"RemoveFailsOnCommaAndEntry", kRemove, REG_SZ, L",QCClnIca\0"s, 1603, {kReplace}, kKept},
+    {"RemoveFailsOnEntryAndComma", kRemove, REG_SZ, L"QCClnIca,\0"s, 1603, {kReplace}, kKept},
+    {"RemoveFailsWithoutTheValue", kRemove, REG_NONE, L"", 1603, {kNoValue}, kNone},
+};
+
+INSTANTIATE_TEST_SUITE_P(Cases, IcaClient, ::testing::ValuesIn(kIcaCases),
+                         [](const auto& paramInfo) { return std::string(paramInfo.param.behaviour); });
+
+const wchar_t kClient[] = L"SOFTWARE\\Quillcast\\Client";
+const char* const kDeferred = "SetRemoteConfigDeferred";
+const char* const kImmediate = "SetRemoteConfigImmediately";
+
+struct RemoteConfigCase
+{
+    const char* behaviour;
+    const char* action;
+    const wchar_t* list; // REMOTECONFIG or RMTCONF
+    REGSAM keyView;      // where the key exists
+    UINT result;
+    Lines lines;
+    std::wstring bytes;       // the value's exact data, as characters; empty: no value
+    bool failingRead = false; // the read of RMTCONF fails
+    bool refused = false;     // the registry refuses the write
+};
+
+class RemoteConfig : public UtilityTest, public ::testing::WithParamInterface<RemoteConfigCase>
+{
+protected:
+    void TearDown() override
+    {
+        RegDeleteKeyExW(HKEY_LOCAL_MACHINE, kClient, KEY_WOW64_64KEY, 0);
+        RegDeleteKeyExW(HKEY_LOCAL_MACHINE, kClient, KEY_WOW64_32KEY, 0);
+    }
+};
+
+TEST_P(RemoteConfig, WritesTheListAsStrings)
+{
+    const RemoteConfigCase& test = GetParam();
+    ASSERT_TRUE(SetValue(test.keyView, kClient, nullptr, REG_NONE, L""));
+    if (test.failingRead)
+    {
+        FailPropertyRead(L"RMTCONF", true);
+    }
+    if (test.refused)
+    {
+        RefuseRegistryWrites();
+    }
+    // Not ";" as the separator: the list itself holds semicolons.
+    m_Host->SetCustomActionData(std::wstring(L"|REMOTECONFIG=") + test.list);
+
+    EXPECT_EQ(Run(test.action, {{L"RMTCONF", test.list}}), test.result);
+    EXPECT_EQ(ActionLines(), test.lines);
+    EXPECT_EQ(ReadValue(test.keyView, kClient, L"RmtConf"),
+              std::make_pair(test.bytes.empty() ? DWORD{REG_NONE} : DWORD{REG_MULTI_SZ}, test.bytes));
+}
+
+const RemoteConfigCase kRemoteConfigCases[] = {
+    // One terminator only: the count leaves out the list's second zero.
+    {"DeferredWritesEachHostAsAString", kDeferred, L"host1;host2", KEY_WOW64_64KEY, 0, {}, L"host1\0host2\0"s},
+    {"TrailingSemicolonGivesAnEmptyLastString", kImmediate, L"a;b;", KEY_WOW64_64KEY, 0, {}, L"a\0b\0\0"s},
+    {"EmptyTextWritesOneZeroCharacter", kImmediate, L"", KEY_WOW64_64KEY, 0, {}, L"\0"s},
+    {"KeyIn32BitViewOnlyIsNoKey", kDeferred, L"host1", KEY_WOW64_32KEY, 1603,
+     {Error(L"Open registry key failed with error {LastError}")}, L""},
+    {"UnreadablePropertyFailsAndWritesNothing", kImmediate, L"host1", KEY_WOW64_64KEY, 1603,
+     {Error(L"MsiGetProperty RMTCONF failed with error {LastError}")}, L"", true},
+    {"RefusedWriteFails", kDeferred, L"host1", KEY_WOW64_64KEY, 1603, {kRefused}, L"", false, true},
+};
+
+INSTANTIATE_TEST_SUITE_P(Cases, RemoteConfig, ::testing::ValuesIn(kRemoteConfigCases),
+                         [](const auto& paramInfo) { return std::string(paramInfo.param.behaviour); });
+
+} // namespace
+} // namespace QcTest
