@@ -22,7 +22,6 @@
 namespace QcTest {
 namespace {
 
-using Waits = std::vector<DWORD>;
 using Quillcast::System::Types::CKernelHandle;
 
 constexpr DWORD kPatienceMs = 10000;
@@ -38,7 +37,7 @@ enum Flags
 };
 
 // What the redirected imports saw, and how the case has them act.
-Waits g_Waits;                        // every time-out passed to WaitForSingleObject
+std::vector<DWORD> g_Waits;           // every time-out passed to WaitForSingleObject
 std::vector<DWORD> g_OpenedIds;       // every process id passed to OpenProcess
 std::vector<REGSAM> g_KeyAccess;      // every access mask passed to RegOpenKeyExW
 int g_Flags = 0;
@@ -76,7 +75,11 @@ HANDLE WINAPI RecordingOpenProcess(DWORD dwAccess, BOOL bInherit, DWORD dwProces
 
 BOOL WINAPI OrderedGetExitCodeProcess(HANDLE hProcess, LPDWORD pdwExitCode)
 {
-    ::WaitForSingleObject(hProcess, (g_Flags & kEndFirst) != 0 ? kPatienceMs : 0);
+    if ((g_Flags & kEndFirst) != 0)
+    {
+        ::SetEvent(g_hRelease);
+        ::WaitForSingleObject(hProcess, kPatienceMs);
+    }
     return ::GetExitCodeProcess(hProcess, pdwExitCode);
 }
 
@@ -103,8 +106,8 @@ std::wstring Error(const std::wstring& source, const std::wstring& text)
 
 // Placeholders: {dir} the case's folder, {exe} the case's copy of the test
 // program in it (Qc{name}.exe, or QCAutoConnect.exe for the auto-connect
-// action), {name} the case's name, {cwd} the test's directory, {pidN} the id
-// of the N-th launched program. "ImagePath", which the session ignores, also
+// action), {name} the case's name, {cwd} the test's directory, {pid} the id
+// of the first launched program. "ImagePath", which the session ignores, also
 // goes to the auto-connect service's key ("": the key without the value).
 struct Case
 {
@@ -115,7 +118,7 @@ struct Case
     int flags;
     UINT result;
     Lines lines;
-    Waits waits;
+    std::vector<DWORD> waits;
     Lines records;                // what the copy recorded
     std::vector<DWORD> exitCodes; // of the launched programs afterwards (STILL_ACTIVE: still running)
 };
@@ -166,12 +169,9 @@ protected:
     {
         wchar_t cwd[MAX_PATH] = {};
         ::GetCurrentDirectoryW(MAX_PATH, cwd);
-        std::vector<std::pair<std::wstring, std::wstring>> keys = {
-            {L"{exe}", L"{dir}\\" + m_File}, {L"{dir}", m_Folder}, {L"{name}", m_Name}, {L"{cwd}", cwd}};
-        for (size_t i = 0; i < m_LaunchedIds.size(); ++i)
-        {
-            keys.emplace_back(L"{pid" + std::to_wstring(i) + L"}", std::to_wstring(m_LaunchedIds[i]));
-        }
+        const std::wstring pid = m_LaunchedIds.empty() ? L"" : std::to_wstring(m_LaunchedIds.front());
+        const Properties keys = {{L"{exe}", L"{dir}\\" + m_File}, {L"{dir}", m_Folder}, {L"{name}", m_Name},
+                                 {L"{cwd}", cwd}, {L"{pid}", pid}};
         for (const auto& key : keys)
         {
             for (size_t at = text.find(key.first); at != std::wstring::npos; at = text.find(key.first, at))
@@ -204,9 +204,8 @@ protected:
     // Starts the copy with `switches` and waits until it is ready (its window exists).
     void Launch(const std::wstring& switches)
     {
-        const std::wstring ready = L"QcProcessTestReady" + std::to_wstring(m_Launched.size());
+        const std::wstring ready = L"QcReady" + m_Name + std::to_wstring(m_Launched.size());
         const CKernelHandle hReady(::CreateEventW(nullptr, TRUE, FALSE, ready.c_str()));
-        ::ResetEvent(hReady.Get());
         // Nothing sets this release event: windowless programs hold until ended.
         std::wstring commandLine = Expand(L"\"{exe}\" --ready-event=" + ready + L" --closed-event=QcProcessTestClosed"
                                           L" --release-event=QcNeverReleased " + switches);
@@ -254,10 +253,6 @@ TEST_P(ProcessAction, Case)
                                       REG_EXPAND_SZ, value.c_str(), static_cast<DWORD>((value.size() + 1) * 2)) == 0);
     }
     g_Flags = test.flags;
-    if ((test.flags & kEndFirst) != 0)
-    {
-        ::SetEvent(g_hRelease);
-    }
     g_hBeforeFirstCheck = (test.flags & kGateClosed) != 0 ? g_hClosed
                           : (test.flags & kGateEnd) != 0  ? m_Launched.front().Get()
                                                           : nullptr;
@@ -267,17 +262,15 @@ TEST_P(ProcessAction, Case)
     EXPECT_EQ(outcome.result, test.result);
     EXPECT_EQ(outcome.lines, Expand(test.lines));
     EXPECT_EQ(g_Waits, test.waits);
-    // Only the call shows the 32-bit view.
-    const bool bAutoConnect = std::string(test.action) == "CloseAutoConnect";
-    EXPECT_EQ(g_KeyAccess, std::vector<REGSAM>(bAutoConnect ? 1 : 0, KEY_ALL_ACCESS | KEY_WOW64_32KEY));
-    const Lines expectedRecords = Expand(test.records);
+    // The auto-connect action opens its one key; only the call shows the 32-bit view.
+    EXPECT_EQ(g_KeyAccess, std::vector<REGSAM>(m_File == L"QCAutoConnect.exe", KEY_ALL_ACCESS | KEY_WOW64_32KEY));
     // A program the shell started records a moment after the action.
-    for (int i = 0; i < 100 && Records().size() < expectedRecords.size(); ++i)
+    for (int i = 0; i < 100 && Records().size() < test.records.size(); ++i)
     {
         ::Sleep(100);
     }
     // The programs the case launched record switches of the test's own.
-    EXPECT_EQ(test.launch.empty() ? Records() : Lines{}, expectedRecords);
+    EXPECT_EQ(test.launch.empty() ? Records() : Lines{}, Expand(test.records));
     std::vector<DWORD> exitCodes;
     for (const CKernelHandle& hProcess : m_Launched)
     {
@@ -343,7 +336,7 @@ const Case kCases[] = {
     // TerminateProcess, which Windows refuses. No blank before "failed": intentional.
     {"ProcessEndingWithinTheTimeoutIsStillTerminated", "CloseProcessDeferred", kCloseTen,
      {L"--window=exit --close-delay=300"}, kRealWaits, 1603,
-     {Error(L"Process", L"TerminateProcess for {pid0}failed with error 5")}, {0, 10000}, {}, {7}},
+     {Error(L"Process", L"TerminateProcess for {pid}failed with error 5")}, {0, 10000}, {}, {7}},
     {"TwoInstancesAreBothClosedInSnapshotOrder", "CloseProcessDeferred", kCloseTen, {L"--hold", L"--hold"}, 0, 0,
      {}, {0, 0}, {}, {0, 0}},
     {"NameInOtherLetterCaseClosesNothing", "CloseProcessDeferred", Data(L";PROCESSNAME=qc{name}.exe;TIMEOUT=10"),
