@@ -85,26 +85,9 @@ void CDirectoryDouble::RegisterMissingServer()
     }
 }
 
-void CDirectoryDouble::Set(const wchar_t* name, DWORD value)
-{
-    RegSetKeyValueW(HKEY_LOCAL_MACHINE, QC_DOUBLE_KEY, name, REG_DWORD, &value, sizeof(value));
-}
-
 void CDirectoryDouble::Set(const wchar_t* name, const std::wstring& value)
 {
     WriteText(QC_DOUBLE_KEY, name, value);
-}
-
-void CDirectoryDouble::SetMulti(const wchar_t* name, const std::vector<std::wstring>& values)
-{
-    std::wstring data;
-    for (const std::wstring& value : values)
-    {
-        data += value + L'\0';
-    }
-    data += L'\0';
-    RegSetKeyValueW(HKEY_LOCAL_MACHINE, QC_DOUBLE_KEY, name, REG_MULTI_SZ, data.c_str(),
-                    static_cast<DWORD>(data.size() * sizeof(wchar_t)));
 }
 
 std::vector<std::wstring> CDirectoryDouble::Journal()

@@ -13,10 +13,14 @@
 #include <wbemcli.h>
 
 #include <cstdio>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "DirectoryDoubleControl.h"
+
+// COM objects are deleted through their own class, never through an interface.
+#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
 
 namespace {
 
@@ -43,13 +47,6 @@ std::vector<std::wstring> ReadMulti(const wchar_t* name)
     return lines;
 }
 
-bool ReadDword(const wchar_t* name, DWORD& value)
-{
-    DWORD cb = sizeof(value);
-    return RegGetValueW(HKEY_LOCAL_MACHINE, QC_DOUBLE_KEY, name, RRF_RT_REG_DWORD, nullptr, &value, &cb) ==
-           ERROR_SUCCESS;
-}
-
 bool ReadString(const wchar_t* name, std::wstring& value)
 {
     wchar_t text[512] = {};
@@ -59,6 +56,17 @@ bool ReadString(const wchar_t* name, std::wstring& value)
         return false;
     }
     value = text;
+    return true;
+}
+
+bool ReadDword(const wchar_t* name, DWORD& value)
+{
+    std::wstring text;
+    if (!ReadString(name, text))
+    {
+        return false;
+    }
+    value = static_cast<DWORD>(_wtoi(text.c_str()));
     return true;
 }
 
@@ -525,14 +533,15 @@ private:
     std::vector<std::wstring> m_Paths;
 };
 
+// The mixed- and native-mode filters, the domain controller and the path show only when set.
 std::wstring DescribeScope(const DSOP_SCOPE_INIT_INFO& scope)
 {
+    const DSOP_UPLEVEL_FILTER_FLAGS& uplevel = scope.FilterFlags.Uplevel;
+    const bool bMore = uplevel.flMixedModeOnly != 0 || uplevel.flNativeModeOnly != 0 || scope.pwzDcName != nullptr ||
+                       scope.pwzADsPath != nullptr;
     return L"scope size=" + std::wstring(scope.cbSize == sizeof(scope) ? L"ok" : std::to_wstring(scope.cbSize)) +
-           L" type=" + Hex(scope.flType) + L" scope=" + Hex(scope.flScope) + L" both=" +
-           Hex(scope.FilterFlags.Uplevel.flBothModes) + L" mixed=" + Hex(scope.FilterFlags.Uplevel.flMixedModeOnly) +
-           L" native=" + Hex(scope.FilterFlags.Uplevel.flNativeModeOnly) + L" downlevel=" +
-           Hex(scope.FilterFlags.flDownlevel) + L" dc=" + TextOrNull(scope.pwzDcName) + L" path=" +
-           TextOrNull(scope.pwzADsPath);
+           L" type=" + Hex(scope.flType) + L" scope=" + Hex(scope.flScope) + L" both=" + Hex(uplevel.flBothModes) +
+           L" downlevel=" + Hex(scope.FilterFlags.flDownlevel) + (bMore ? L" more=set" : L"");
 }
 
 class CPicker : public CObject<CPicker, IDsObjectPicker>
@@ -565,7 +574,10 @@ public:
 
     STDMETHODIMP InvokeDialog(HWND hwndParent, IDataObject** ppdoSelections) override
     {
-        Record(L"InvokeDialog parent=" + Hex(static_cast<unsigned long>(reinterpret_cast<ULONG_PTR>(hwndParent))));
+        // The parent by its window class: the wizard's or a standard dialog.
+        wchar_t className[64] = L"null";
+        GetClassNameW(hwndParent, className, 64);
+        Record(std::wstring(L"InvokeDialog parent=") + className);
         if (ppdoSelections == nullptr)
         {
             return E_POINTER;
@@ -584,7 +596,15 @@ public:
         {
             return S_FALSE;
         }
-        *ppdoSelections = new CSelection(ReadMulti(L"Selection"));
+        std::wstring text;
+        ReadString(L"Selection", text);
+        std::vector<std::wstring> paths;
+        std::wstringstream selection(text);
+        for (std::wstring path; std::getline(selection, path, L';');)
+        {
+            paths.push_back(path);
+        }
+        *ppdoSelections = new CSelection(paths);
         return S_OK;
     }
 
