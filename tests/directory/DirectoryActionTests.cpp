@@ -107,8 +107,6 @@ TEST_P(DirectoryAction, Case)
     EXPECT_EQ(outcome.comAfter, test.comAfter);
 }
 
-// ------------------------------------------------------------------ GetDomain
-
 const std::wstring kConnecting = L"WmiConnection (#) Connecting to namespace ROOT\\CIMV2.";
 const std::wstring kQuerying = L"WmiConnection (#) Processing query Select * from Win32_ComputerSystem.";
 const std::wstring kConnect =
@@ -196,8 +194,6 @@ const Case kDomainCases[] = {
       Error(L"WmiConnection", L"Enumerating class objects failed with error 2147749891 returned = 0"), kQueryFailed},
      kEarlier, Calls({kConnect, kServicesBlanket, kQuery, kEnumeratorBlanket, kNext, L"Enumerator released"})},
 };
-
-// ------------------------------------------------------------------ DirectoryObjectPick
 
 // The initialisation for each user flag, and the second scope record, all zero.
 const std::wstring kUsersAndGroups = L"scope size=ok type=0x37E scope=0xE2 both=0x2A7 downlevel=0x80020007";

@@ -20,7 +20,7 @@ std::wstring DoublePath()
 
 bool ReadText(const std::wstring& key, const wchar_t* name, std::wstring& value)
 {
-    wchar_t text[1024] = {};
+    wchar_t text[8192] = {};
     DWORD cb = sizeof(text) - sizeof(wchar_t);
     if (RegGetValueW(HKEY_LOCAL_MACHINE, key.c_str(), name, RRF_RT_REG_SZ | RRF_RT_REG_EXPAND_SZ | RRF_NOEXPAND,
                      nullptr, text, &cb) != ERROR_SUCCESS)
@@ -92,18 +92,12 @@ void CDirectoryDouble::Set(const wchar_t* name, const std::wstring& value)
 
 std::vector<std::wstring> CDirectoryDouble::Journal()
 {
+    std::wstring journal;
+    ReadText(QC_DOUBLE_KEY, L"Journal", journal);
     std::vector<std::wstring> lines;
-    DWORD cb = 0;
-    if (RegGetValueW(HKEY_LOCAL_MACHINE, QC_DOUBLE_KEY, L"Journal", RRF_RT_REG_MULTI_SZ, nullptr, nullptr, &cb) !=
-        ERROR_SUCCESS)
+    for (size_t at = 0; at < journal.size(); at = journal.find(L'\n', at) + 1)
     {
-        return lines;
-    }
-    std::vector<wchar_t> data(cb / sizeof(wchar_t) + 2, L'\0');
-    RegGetValueW(HKEY_LOCAL_MACHINE, QC_DOUBLE_KEY, L"Journal", RRF_RT_REG_MULTI_SZ, nullptr, data.data(), &cb);
-    for (const wchar_t* p = data.data(); *p != L'\0'; p += wcslen(p) + 1)
-    {
-        lines.emplace_back(p);
+        lines.push_back(journal.substr(at, journal.find(L'\n', at) - at));
     }
     return lines;
 }

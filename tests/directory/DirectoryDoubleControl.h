@@ -15,4 +15,4 @@
 //   Selection      the ADsPaths the picker returns, separated by ';'; "(null)" is a null path
 //   Cancel         1: the picker answers S_FALSE without a data object
 // Written by the double:
-//   Journal        MULTI_SZ  one line per call it received, in order
+//   Journal        one line per call it received, in order, each ended by '\n'

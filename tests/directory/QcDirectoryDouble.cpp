@@ -26,30 +26,9 @@ namespace {
 
 // ---- control and journal ----------------------------------------------------
 
-std::vector<std::wstring> ReadMulti(const wchar_t* name)
-{
-    std::vector<std::wstring> lines;
-    DWORD cb = 0;
-    if (RegGetValueW(HKEY_LOCAL_MACHINE, QC_DOUBLE_KEY, name, RRF_RT_REG_MULTI_SZ, nullptr, nullptr, &cb) !=
-        ERROR_SUCCESS)
-    {
-        return lines;
-    }
-    std::vector<wchar_t> data(cb / sizeof(wchar_t) + 2, L'\0');
-    if (RegGetValueW(HKEY_LOCAL_MACHINE, QC_DOUBLE_KEY, name, RRF_RT_REG_MULTI_SZ, nullptr, data.data(), &cb) ==
-        ERROR_SUCCESS)
-    {
-        for (const wchar_t* p = data.data(); *p != L'\0'; p += wcslen(p) + 1)
-        {
-            lines.emplace_back(p);
-        }
-    }
-    return lines;
-}
-
 bool ReadString(const wchar_t* name, std::wstring& value)
 {
-    wchar_t text[512] = {};
+    wchar_t text[8192] = {};
     DWORD cb = sizeof(text) - sizeof(wchar_t);
     if (RegGetValueW(HKEY_LOCAL_MACHINE, QC_DOUBLE_KEY, name, RRF_RT_REG_SZ, nullptr, text, &cb) != ERROR_SUCCESS)
     {
@@ -62,12 +41,9 @@ bool ReadString(const wchar_t* name, std::wstring& value)
 bool ReadDword(const wchar_t* name, DWORD& value)
 {
     std::wstring text;
-    if (!ReadString(name, text))
-    {
-        return false;
-    }
-    value = static_cast<DWORD>(_wtoi(text.c_str()));
-    return true;
+    const bool bRead = ReadString(name, text);
+    value = bRead ? static_cast<DWORD>(_wtoi(text.c_str())) : value;
+    return bRead;
 }
 
 bool FailsAt(const wchar_t* step)
@@ -76,24 +52,14 @@ bool FailsAt(const wchar_t* step)
     return ReadString(L"FailAt", failAt) && failAt == step;
 }
 
+// Appends one line to the journal.
 void Record(const std::wstring& line)
 {
-    std::vector<std::wstring> journal = ReadMulti(L"Journal");
-    journal.push_back(line);
-    std::wstring data;
-    for (const std::wstring& entry : journal)
-    {
-        data += entry + L'\0';
-    }
-    data += L'\0';
-    HKEY hKey = nullptr;
-    if (RegCreateKeyExW(HKEY_LOCAL_MACHINE, QC_DOUBLE_KEY, 0, nullptr, 0, KEY_SET_VALUE, nullptr, &hKey, nullptr) ==
-        ERROR_SUCCESS)
-    {
-        RegSetValueExW(hKey, L"Journal", 0, REG_MULTI_SZ, reinterpret_cast<const BYTE*>(data.c_str()),
-                       static_cast<DWORD>(data.size() * sizeof(wchar_t)));
-        RegCloseKey(hKey);
-    }
+    std::wstring journal;
+    ReadString(L"Journal", journal);
+    journal += line + L"\n";
+    RegSetKeyValueW(HKEY_LOCAL_MACHINE, QC_DOUBLE_KEY, L"Journal", REG_SZ, journal.c_str(),
+                    static_cast<DWORD>((journal.size() + 1) * sizeof(wchar_t)));
 }
 
 std::wstring Hex(unsigned long value)
@@ -108,8 +74,6 @@ std::wstring TextOrNull(const wchar_t* text)
     return text != nullptr ? std::wstring(text) : std::wstring(L"null");
 }
 
-LONG g_cObjects = 0;
-
 // ---- reference counting -----------------------------------------------------
 
 // IUnknown for an object of interfaces I...: QueryInterface answers the IIDs
@@ -118,12 +82,8 @@ template <typename TDerived, typename... TInterfaces>
 class CObject : public TInterfaces...
 {
 public:
-    explicit CObject(const wchar_t* name) : m_Name(name) { InterlockedIncrement(&g_cObjects); }
-    virtual ~CObject()
-    {
-        Record(m_Name + L" released");
-        InterlockedDecrement(&g_cObjects);
-    }
+    explicit CObject(const wchar_t* name) : m_Name(name) {}
+    virtual ~CObject() { Record(m_Name + L" released"); }
     CObject(const CObject&) = delete;
     CObject& operator=(const CObject&) = delete;
 
@@ -472,21 +432,11 @@ public:
         {
             return E_INVALIDARG;
         }
-        if (pFormat->cfFormat != RegisterClipboardFormatW(CFSTR_DSOP_DS_SELECTION_LIST))
+        // The one format the picker offers; DV_E_FORMATETC stands for every mismatch.
+        if (pFormat->cfFormat != RegisterClipboardFormatW(CFSTR_DSOP_DS_SELECTION_LIST) ||
+            (pFormat->tymed & TYMED_HGLOBAL) == 0 || pFormat->dwAspect != DVASPECT_CONTENT || pFormat->lindex != -1)
         {
             return DV_E_FORMATETC;
-        }
-        if ((pFormat->tymed & TYMED_HGLOBAL) == 0)
-        {
-            return DV_E_TYMED;
-        }
-        if (pFormat->dwAspect != DVASPECT_CONTENT)
-        {
-            return DV_E_DVASPECT;
-        }
-        if (pFormat->lindex != -1)
-        {
-            return DV_E_LINDEX;
         }
         // The records first, then the strings they point to, in one fixed block.
         const size_t cbRecords = offsetof(DS_SELECTION_LIST, aDsSelection) + m_Paths.size() * sizeof(DS_SELECTION);
@@ -659,7 +609,8 @@ extern "C" HRESULT __stdcall DllGetClassObject(REFCLSID rclsid, REFIID riid, voi
     return CLASS_E_CLASSNOTAVAILABLE;
 }
 
+// Never unloaded: the test program ends first.
 extern "C" HRESULT __stdcall DllCanUnloadNow()
 {
-    return g_cObjects == 0 ? S_OK : S_FALSE;
+    return S_FALSE;
 }
