@@ -76,8 +76,8 @@ TEST_P(DirectoryAction, Case)
         }
         CDirectoryDouble::Set(answer.first.c_str(), answer.second);
     }
-    const WNDCLASSW wizard = {0,       DefWindowProcW, 0,       0,      nullptr,
-                              nullptr, nullptr,        nullptr, nullptr, L"MsiDialogCloseClass"};
+    const WNDCLASSW wizard = {0, DefWindowProcW, 0, 0, nullptr, nullptr, nullptr, nullptr, nullptr,
+                              L"MsiDialogCloseClass"};
     RegisterClassW(&wizard); // fails harmlessly once registered
     // Both windows exist, titled as the case says; the wizard's is found although it is not the newest.
     const auto window = [&](const wchar_t* className, int windows) {
