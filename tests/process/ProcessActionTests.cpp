@@ -29,7 +29,7 @@ constexpr wchar_t kServiceKey[] = L"SYSTEM\\CurrentControlSet\\Services\\QCAutoC
 
 enum Flags
 {
-    kEndFirst = 1,   // the program is released at once and ends before the action reads its exit code
+    kEndFirst = 1,   // the exit-code read releases the holding program and waits for its end first
     kGateClosed = 2, // the first check waits until the program has handled WM_CLOSE
     kGateEnd = 4,    // the first check waits until the program has ended
     kRealWaits = 8,  // finite waits are passed on unchanged, not as 0 ms (a chosen minute costs nothing)
@@ -42,8 +42,8 @@ std::vector<DWORD> g_OpenedIds;       // every process id passed to OpenProcess
 std::vector<REGSAM> g_KeyAccess;      // every access mask passed to RegOpenKeyExW
 int g_Flags = 0;
 HANDLE g_hBeforeFirstCheck = nullptr; // waited on before the first 0 ms check is passed on
-// Set by every unlimited wait: releases a holding program. Set by a windowed
-// program once it has handled WM_CLOSE.
+// The holding programs' release, set by every unlimited wait of the action, and
+// the event a windowed program sets once it has handled WM_CLOSE.
 const HANDLE g_hRelease = ::CreateEventW(nullptr, FALSE, FALSE, L"QcTestProgramRelease");
 const HANDLE g_hClosed = ::CreateEventW(nullptr, TRUE, FALSE, L"QcProcessTestClosed");
 
