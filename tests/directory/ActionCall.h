@@ -23,7 +23,7 @@ struct ActionOutcome
 {
     UINT result = 0xFFFFFFFF;
     Lines lines;           // bodies of the lines the frame did not write
-    Properties properties; // the values of the names asked for ("" when unset)
+    Lines values;          // the values of the names asked for ("" when unset)
     HRESULT comAfter = E_FAIL; // CoInitializeEx(apartment) on the thread after the call
 };
 
@@ -66,7 +66,7 @@ inline ActionOutcome RunAction(const char* exportName, const Properties& propert
                    }
                    for (const std::wstring& name : show)
                    {
-                       outcome.properties.emplace_back(name, host.GetProperty(name));
+                       outcome.values.push_back(host.GetProperty(name));
                    }
                }
                // S_OK when the action left COM as it found it on a fresh thread.

@@ -20,7 +20,7 @@ std::wstring DoublePath()
 
 bool ReadText(const std::wstring& key, const wchar_t* name, std::wstring& value)
 {
-    wchar_t text[1024] = {};
+    wchar_t text[8192] = {};
     DWORD cb = sizeof(text) - sizeof(wchar_t);
     if (RegGetValueW(HKEY_LOCAL_MACHINE, key.c_str(), name, RRF_RT_REG_SZ | RRF_RT_REG_EXPAND_SZ | RRF_NOEXPAND,
                      nullptr, text, &cb) != ERROR_SUCCESS)
@@ -85,42 +85,19 @@ void CDirectoryDouble::RegisterMissingServer()
     }
 }
 
-void CDirectoryDouble::Set(const wchar_t* name, DWORD value)
-{
-    RegSetKeyValueW(HKEY_LOCAL_MACHINE, QC_DOUBLE_KEY, name, REG_DWORD, &value, sizeof(value));
-}
-
 void CDirectoryDouble::Set(const wchar_t* name, const std::wstring& value)
 {
     WriteText(QC_DOUBLE_KEY, name, value);
 }
 
-void CDirectoryDouble::SetMulti(const wchar_t* name, const std::vector<std::wstring>& values)
-{
-    std::wstring data;
-    for (const std::wstring& value : values)
-    {
-        data += value + L'\0';
-    }
-    data += L'\0';
-    RegSetKeyValueW(HKEY_LOCAL_MACHINE, QC_DOUBLE_KEY, name, REG_MULTI_SZ, data.c_str(),
-                    static_cast<DWORD>(data.size() * sizeof(wchar_t)));
-}
-
 std::vector<std::wstring> CDirectoryDouble::Journal()
 {
+    std::wstring journal;
+    ReadText(QC_DOUBLE_KEY, L"Journal", journal);
     std::vector<std::wstring> lines;
-    DWORD cb = 0;
-    if (RegGetValueW(HKEY_LOCAL_MACHINE, QC_DOUBLE_KEY, L"Journal", RRF_RT_REG_MULTI_SZ, nullptr, nullptr, &cb) !=
-        ERROR_SUCCESS)
+    for (size_t at = 0; at < journal.size(); at = journal.find(L'\n', at) + 1)
     {
-        return lines;
-    }
-    std::vector<wchar_t> data(cb / sizeof(wchar_t) + 2, L'\0');
-    RegGetValueW(HKEY_LOCAL_MACHINE, QC_DOUBLE_KEY, L"Journal", RRF_RT_REG_MULTI_SZ, nullptr, data.data(), &cb);
-    for (const wchar_t* p = data.data(); *p != L'\0'; p += wcslen(p) + 1)
-    {
-        lines.emplace_back(p);
+        lines.push_back(journal.substr(at, journal.find(L'\n', at) - at));
     }
     return lines;
 }

@@ -26,9 +26,7 @@ public:
     static void RegisterMissingServer();
 
     // Answers (names in DirectoryDoubleControl.h).
-    static void Set(const wchar_t* name, DWORD value);
     static void Set(const wchar_t* name, const std::wstring& value);
-    static void SetMulti(const wchar_t* name, const std::vector<std::wstring>& values);
     // Every call the double received since the last reset, in order.
     static std::vector<std::wstring> Journal();
     // Back to the default answers, journal emptied.

@@ -13,46 +13,22 @@
 #include <wbemcli.h>
 
 #include <cstdio>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "DirectoryDoubleControl.h"
 
+// COM objects are deleted through their own class, never through an interface.
+#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
+
 namespace {
 
 // ---- control and journal ----------------------------------------------------
 
-std::vector<std::wstring> ReadMulti(const wchar_t* name)
-{
-    std::vector<std::wstring> lines;
-    DWORD cb = 0;
-    if (RegGetValueW(HKEY_LOCAL_MACHINE, QC_DOUBLE_KEY, name, RRF_RT_REG_MULTI_SZ, nullptr, nullptr, &cb) !=
-        ERROR_SUCCESS)
-    {
-        return lines;
-    }
-    std::vector<wchar_t> data(cb / sizeof(wchar_t) + 2, L'\0');
-    if (RegGetValueW(HKEY_LOCAL_MACHINE, QC_DOUBLE_KEY, name, RRF_RT_REG_MULTI_SZ, nullptr, data.data(), &cb) ==
-        ERROR_SUCCESS)
-    {
-        for (const wchar_t* p = data.data(); *p != L'\0'; p += wcslen(p) + 1)
-        {
-            lines.emplace_back(p);
-        }
-    }
-    return lines;
-}
-
-bool ReadDword(const wchar_t* name, DWORD& value)
-{
-    DWORD cb = sizeof(value);
-    return RegGetValueW(HKEY_LOCAL_MACHINE, QC_DOUBLE_KEY, name, RRF_RT_REG_DWORD, nullptr, &value, &cb) ==
-           ERROR_SUCCESS;
-}
-
 bool ReadString(const wchar_t* name, std::wstring& value)
 {
-    wchar_t text[512] = {};
+    wchar_t text[8192] = {};
     DWORD cb = sizeof(text) - sizeof(wchar_t);
     if (RegGetValueW(HKEY_LOCAL_MACHINE, QC_DOUBLE_KEY, name, RRF_RT_REG_SZ, nullptr, text, &cb) != ERROR_SUCCESS)
     {
@@ -62,30 +38,28 @@ bool ReadString(const wchar_t* name, std::wstring& value)
     return true;
 }
 
+bool ReadDword(const wchar_t* name, DWORD& value)
+{
+    std::wstring text;
+    const bool bRead = ReadString(name, text);
+    value = bRead ? static_cast<DWORD>(_wtoi(text.c_str())) : value;
+    return bRead;
+}
+
 bool FailsAt(const wchar_t* step)
 {
     std::wstring failAt;
     return ReadString(L"FailAt", failAt) && failAt == step;
 }
 
+// Appends one line to the journal.
 void Record(const std::wstring& line)
 {
-    std::vector<std::wstring> journal = ReadMulti(L"Journal");
-    journal.push_back(line);
-    std::wstring data;
-    for (const std::wstring& entry : journal)
-    {
-        data += entry + L'\0';
-    }
-    data += L'\0';
-    HKEY hKey = nullptr;
-    if (RegCreateKeyExW(HKEY_LOCAL_MACHINE, QC_DOUBLE_KEY, 0, nullptr, 0, KEY_SET_VALUE, nullptr, &hKey, nullptr) ==
-        ERROR_SUCCESS)
-    {
-        RegSetValueExW(hKey, L"Journal", 0, REG_MULTI_SZ, reinterpret_cast<const BYTE*>(data.c_str()),
-                       static_cast<DWORD>(data.size() * sizeof(wchar_t)));
-        RegCloseKey(hKey);
-    }
+    std::wstring journal;
+    ReadString(L"Journal", journal);
+    journal += line + L"\n";
+    RegSetKeyValueW(HKEY_LOCAL_MACHINE, QC_DOUBLE_KEY, L"Journal", REG_SZ, journal.c_str(),
+                    static_cast<DWORD>((journal.size() + 1) * sizeof(wchar_t)));
 }
 
 std::wstring Hex(unsigned long value)
@@ -100,8 +74,6 @@ std::wstring TextOrNull(const wchar_t* text)
     return text != nullptr ? std::wstring(text) : std::wstring(L"null");
 }
 
-LONG g_cObjects = 0;
-
 // ---- reference counting -----------------------------------------------------
 
 // IUnknown for an object of interfaces I...: QueryInterface answers the IIDs
@@ -110,12 +82,8 @@ template <typename TDerived, typename... TInterfaces>
 class CObject : public TInterfaces...
 {
 public:
-    explicit CObject(const wchar_t* name) : m_Name(name) { InterlockedIncrement(&g_cObjects); }
-    virtual ~CObject()
-    {
-        Record(m_Name + L" released");
-        InterlockedDecrement(&g_cObjects);
-    }
+    explicit CObject(const wchar_t* name) : m_Name(name) {}
+    virtual ~CObject() { Record(m_Name + L" released"); }
     CObject(const CObject&) = delete;
     CObject& operator=(const CObject&) = delete;
 
@@ -464,21 +432,11 @@ public:
         {
             return E_INVALIDARG;
         }
-        if (pFormat->cfFormat != RegisterClipboardFormatW(CFSTR_DSOP_DS_SELECTION_LIST))
+        // The one format the picker offers; DV_E_FORMATETC stands for every mismatch.
+        if (pFormat->cfFormat != RegisterClipboardFormatW(CFSTR_DSOP_DS_SELECTION_LIST) ||
+            (pFormat->tymed & TYMED_HGLOBAL) == 0 || pFormat->dwAspect != DVASPECT_CONTENT || pFormat->lindex != -1)
         {
             return DV_E_FORMATETC;
-        }
-        if ((pFormat->tymed & TYMED_HGLOBAL) == 0)
-        {
-            return DV_E_TYMED;
-        }
-        if (pFormat->dwAspect != DVASPECT_CONTENT)
-        {
-            return DV_E_DVASPECT;
-        }
-        if (pFormat->lindex != -1)
-        {
-            return DV_E_LINDEX;
         }
         // The records first, then the strings they point to, in one fixed block.
         const size_t cbRecords = offsetof(DS_SELECTION_LIST, aDsSelection) + m_Paths.size() * sizeof(DS_SELECTION);
@@ -525,14 +483,15 @@ private:
     std::vector<std::wstring> m_Paths;
 };
 
+// The mixed- and native-mode filters, the domain controller and the path show only when set.
 std::wstring DescribeScope(const DSOP_SCOPE_INIT_INFO& scope)
 {
+    const DSOP_UPLEVEL_FILTER_FLAGS& uplevel = scope.FilterFlags.Uplevel;
+    const bool bMore = uplevel.flMixedModeOnly != 0 || uplevel.flNativeModeOnly != 0 || scope.pwzDcName != nullptr ||
+                       scope.pwzADsPath != nullptr;
     return L"scope size=" + std::wstring(scope.cbSize == sizeof(scope) ? L"ok" : std::to_wstring(scope.cbSize)) +
-           L" type=" + Hex(scope.flType) + L" scope=" + Hex(scope.flScope) + L" both=" +
-           Hex(scope.FilterFlags.Uplevel.flBothModes) + L" mixed=" + Hex(scope.FilterFlags.Uplevel.flMixedModeOnly) +
-           L" native=" + Hex(scope.FilterFlags.Uplevel.flNativeModeOnly) + L" downlevel=" +
-           Hex(scope.FilterFlags.flDownlevel) + L" dc=" + TextOrNull(scope.pwzDcName) + L" path=" +
-           TextOrNull(scope.pwzADsPath);
+           L" type=" + Hex(scope.flType) + L" scope=" + Hex(scope.flScope) + L" both=" + Hex(uplevel.flBothModes) +
+           L" downlevel=" + Hex(scope.FilterFlags.flDownlevel) + (bMore ? L" more=set" : L"");
 }
 
 class CPicker : public CObject<CPicker, IDsObjectPicker>
@@ -565,7 +524,10 @@ public:
 
     STDMETHODIMP InvokeDialog(HWND hwndParent, IDataObject** ppdoSelections) override
     {
-        Record(L"InvokeDialog parent=" + Hex(static_cast<unsigned long>(reinterpret_cast<ULONG_PTR>(hwndParent))));
+        // The parent by its window class: the wizard's or a standard dialog.
+        wchar_t className[64] = L"null";
+        GetClassNameW(hwndParent, className, 64);
+        Record(std::wstring(L"InvokeDialog parent=") + className);
         if (ppdoSelections == nullptr)
         {
             return E_POINTER;
@@ -584,7 +546,15 @@ public:
         {
             return S_FALSE;
         }
-        *ppdoSelections = new CSelection(ReadMulti(L"Selection"));
+        std::wstring text;
+        ReadString(L"Selection", text);
+        std::vector<std::wstring> paths;
+        std::wstringstream selection(text);
+        for (std::wstring path; std::getline(selection, path, L';');)
+        {
+            paths.push_back(path);
+        }
+        *ppdoSelections = new CSelection(paths);
         return S_OK;
     }
 
@@ -639,7 +609,8 @@ extern "C" HRESULT __stdcall DllGetClassObject(REFCLSID rclsid, REFIID riid, voi
     return CLASS_E_CLASSNOTAVAILABLE;
 }
 
+// Never unloaded: the test program ends first.
 extern "C" HRESULT __stdcall DllCanUnloadNow()
 {
-    return g_cObjects == 0 ? S_OK : S_FALSE;
+    return S_FALSE;
 }

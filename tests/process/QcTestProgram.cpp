@@ -1,7 +1,7 @@
 // The program the process tests start, close and look for. Every run first
 // appends one line to its record: its command line, a TAB, its current
 // directory, a TAB and the show command it was started with (-1 when none was
-// given). The record is --record=PATH, else the program's own path + ".record".
+// given). The record is the program's own path + ".record".
 //
 //   --window=exit   a top-level window; WM_CLOSE ends the program with code 7
 //   --window=ignore a top-level window that ignores WM_CLOSE
@@ -150,8 +150,7 @@ int wmain(int argc, wchar_t** argv)
 {
     wchar_t self[MAX_PATH] = {};
     GetModuleFileNameW(nullptr, self, MAX_PATH);
-    std::wstring record = Option(argc, argv, L"--record");
-    Record(record.empty() ? std::wstring(self) + L".record" : record);
+    Record(std::wstring(self) + L".record");
 
     bool bSwitches = false;
     for (int i = 1; i < argc; ++i)
