@@ -594,12 +594,14 @@ TEST_F(CertificateActions, RootGoesToTheMachineRootStoreAndAServerCertificateSig
     const std::vector<StoredCertificate> roots = Added(L"Root");
     ASSERT_EQ(roots.size(), 1u);
 
-    // This program's Winsock stays usable: the action pairs its own start and clean-up.
+    // This program's Winsock stays usable: the action pairs its own start and
+    // clean-up. (Wine's gethostname works without a start; socket does not.)
     WSADATA data{};
     ASSERT_EQ(::WSAStartup(MAKEWORD(2, 2), &data), 0);
     const Outcome server = Run("CreateAndInstallSignedServerCertificate", L"Quillcast Chain Root");
-    char name[260] = {};
-    EXPECT_EQ(::gethostname(name, sizeof(name)), 0);
+    const SOCKET probe = ::socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+    EXPECT_NE(probe, INVALID_SOCKET) << ::WSAGetLastError();
+    ::closesocket(probe);
     ::WSACleanup();
 
     EXPECT_EQ(server.result, 0u);
