@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "ActionHost.h"
+#include "certificates/CertName.h"
 #include "certificates/CertStore.h"
 #include "certificates/CertificateKit.h"
 #include "certificates/Certificates.h"
@@ -528,7 +529,7 @@ TEST_F(Engine, ImportRefusesBadInputAndExpiredCertificatesAndReplacesTheSameCert
     EXPECT_EQ(m_Owned.size(), 2u);
 }
 
-TEST(CertStore, RefusesEmptyNamesAndDeletesOnlyFromAnOpenStore)
+TEST(CertStore, RefusesEmptyNamesAndDeletesOnlyFromAnOpenStoreAndANullCertificateHasNoName)
 {
     CLogCapture capture;
     Cert::CCertStore store;
@@ -541,6 +542,7 @@ TEST(CertStore, RefusesEmptyNamesAndDeletesOnlyFromAnOpenStore)
     EXPECT_EQ(refused(store.DeleteBySubject(nullptr)), 87u);
     store.Close();
     EXPECT_EQ(refused(store.DeleteByIssuer(L"X")), 4317u);
+    EXPECT_STREQ(Quillcast::System::Types::Text(Cert::CCertName::OfSubject(nullptr)), L"");
     EXPECT_EQ(capture.Bodies(), Lines());
 }
 
