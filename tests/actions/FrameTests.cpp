@@ -50,73 +50,54 @@ UINT __stdcall AnyExport(MSIHANDLE hInstall)
     return Dispatch(hInstall, g_ActionIndex, g_Worker);
 }
 
-class FrameTest : public ::testing::Test
-{
-protected:
-    void SetUp() override
-    {
-        ASSERT_TRUE(m_Host.IsOpen()) << std::string(m_Host.Error().begin(), m_Host.Error().end());
-        g_WorkerCalls = g_CallsSeeingTheirSessionBound = 0;
-        g_WorkerResult = 0;
-    }
-    UINT Run(uint32_t index, const wchar_t* customActionData = nullptr, ActionWorker worker = RecordingWorker)
-    {
-        if (customActionData != nullptr)
-        {
-            m_Host.SetCustomActionData(customActionData);
-        }
-        g_ActionIndex = index;
-        g_Worker = worker;
-        return m_Host.Call(AnyExport);
-    }
-
-    QcTest::CLibraryLogger m_Logger;
-    QcRunner::CActionHost m_Host;
-};
+// A row's handle when the export gets the host's own session.
+constexpr MSIHANDLE kOwnSession = ~MSIHANDLE{0};
 
 } // namespace
-
-TEST_F(FrameTest, WorkerResultIsReturnedUnchangedAndThreadIsBoundOnlyDuringEachCall)
-{
-    for (UINT result : {0u, 1603u, 42u})
-    {
-        g_WorkerResult = result;
-        EXPECT_EQ(Run(ACTION_CompareVersionString), result);
-    }
-    EXPECT_EQ(g_WorkerCalls, 3);
-    EXPECT_EQ(g_CallsSeeingTheirSessionBound, 3);
-    EXPECT_EQ(g_MsiLogStream.BindingCount(), 0u);
-    // An exception from a worker unbinds as well, and fails the action.
-    EXPECT_EQ(Run(ACTION_GetDomain, nullptr, ThrowingWorker), 1603u);
-    EXPECT_EQ(g_MsiLogStream.BindingCount(), 0u);
-}
 
 struct ValidationCase
 {
     const char* name;
     uint32_t index;
     const wchar_t* customActionData; // null: the property is absent
-    UINT result;                     // of RecordingWorker, or of the worker given
+    UINT result;                     // also what RecordingWorker returns
     int workerCalls;
     Lines bodies;
     ActionWorker worker = RecordingWorker;
+    MSIHANDLE handle = kOwnSession; // the one the export is called with
 };
 
-class FrameValidation : public FrameTest, public ::testing::WithParamInterface<ValidationCase>
+class FrameValidation : public ::testing::TestWithParam<ValidationCase>
 {
+protected:
+    QcTest::CLibraryLogger m_Logger;
+    QcRunner::CActionHost m_Host;
 };
 
+// The worker's thread is bound to the session only during the call.
 TEST_P(FrameValidation, LogsTheArgumentsAndRunsTheWorkerOnlyWhenTheyPass)
 {
     const ValidationCase& c = GetParam();
-    EXPECT_EQ(Run(c.index, c.customActionData, c.worker), c.result);
+    ASSERT_TRUE(m_Host.IsOpen()) << std::string(m_Host.Error().begin(), m_Host.Error().end());
+    ASSERT_TRUE(c.customActionData == nullptr || m_Host.SetCustomActionData(c.customActionData));
+    g_WorkerCalls = g_CallsSeeingTheirSessionBound = 0;
+    g_WorkerResult = c.result;
+    g_ActionIndex = c.index;
+    g_Worker = c.worker;
+    EXPECT_EQ(c.handle == kOwnSession ? m_Host.Call(AnyExport) : m_Host.CallWithHandle(AnyExport, c.handle), c.result);
     EXPECT_EQ(g_WorkerCalls, c.workerCalls);
+    EXPECT_EQ(g_CallsSeeingTheirSessionBound, c.worker == RecordingWorker ? c.workerCalls : 0);
+    EXPECT_EQ(g_MsiLogStream.BindingCount(), 0u);
     EXPECT_EQ(QcTest::Bodies(m_Host.LogLines()), c.bodies);
 }
 
 const ValidationCase kValidationCases[] = {
     {"ImmediateActionNeedsNoCustomActionData", ACTION_GetEngineVersion, nullptr, 0, 1,
      {L"Workbench (#) Processing custom action: GetEngineVersion."}},
+    {"WorkerResultIsReturnedUnchanged", ACTION_CompareVersionString, nullptr, 42, 1,
+     {L"Workbench (#) Processing custom action: CompareVersionString."}},
+    {"ExceptionFromTheWorkerFailsTheAction", ACTION_GetDomain, nullptr, 1603, 0,
+     {L"Workbench (#) Processing custom action: GetDomain."}, ThrowingWorker},
     {"AbsentCustomActionDataFailsOnTheCountAlone", ACTION_ShowMessageDeferred, nullptr, 1603, 0,
      {L"Workbench (#) Processing custom action: ShowMessageDeferred.",
       L"[ERROR] Workbench (#) Argument[MESSAGE] = NOT DEFINED.", L"[ERROR] Workbench (#) Argument[TYPE] = NOT DEFINED.",
@@ -144,23 +125,15 @@ const ValidationCase kValidationCases[] = {
       L"Workbench (#) Argument[DEPENDENCIES] = 1.", L"Workbench (#) Argument[TIMEOUT] = .",
       L"[WARNING] Workbench (#) Argument[TIMEOUT] = NOT DEFINED."},
      TimeoutDefinedWorker},
+    // Nothing can be delivered to a session that does not exist.
+    {"NullSessionHandleFailsWithoutCrashing", ACTION_ServiceStart, L";SERVICENAME=x;DEPENDENCIES=1;TIMEOUT=1", 1603, 0,
+     {}, RecordingWorker, 0},
+    {"UnknownSessionHandleFailsWithoutCrashing", ACTION_ServiceStart, L";SERVICENAME=x;DEPENDENCIES=1;TIMEOUT=1", 1603,
+     0, {}, RecordingWorker, 0x7FFF1234},
 };
 
 INSTANTIATE_TEST_SUITE_P(Rows, FrameValidation, ::testing::ValuesIn(kValidationCases),
                          [](const auto& paramInfo) { return std::string(paramInfo.param.name); });
-
-TEST_F(FrameTest, NullOrUnknownSessionHandleFailsValidatingActionsWithoutCrashing)
-{
-    m_Host.SetCustomActionData(L";SERVICENAME=x;DEPENDENCIES=1;TIMEOUT=1");
-    g_ActionIndex = ACTION_ServiceStart;
-    g_Worker = RecordingWorker;
-    EXPECT_EQ(m_Host.CallWithHandle(AnyExport, 0), 1603u);
-    EXPECT_EQ(m_Host.CallWithHandle(AnyExport, 0x7FFF1234), 1603u);
-    EXPECT_EQ(g_WorkerCalls, 0);
-    // Nothing can be delivered to a session that does not exist.
-    EXPECT_TRUE(m_Host.LogLines().empty());
-    EXPECT_EQ(g_MsiLogStream.BindingCount(), 0u);
-}
 
 TEST(ArgumentRules, DependenciesMustBeExactly0Or1ThoughNoRowRequiresIt)
 {

@@ -5,7 +5,7 @@
 #include <windows.h>
 
 #include <algorithm>
-#include <cwctype>
+#include <cctype>
 #include <set>
 #include <string>
 #include <vector>
@@ -13,105 +13,56 @@
 #include "ActionHost.h"
 #include "support/LogCapture.h"
 #include "support/ShippedDll.h"
+#include "system/FileVersion.h"
 
 using QcRunner::Body;
 using QcRunner::CActionHost;
 using QcRunner::CActionLibrary;
-using QcRunner::CustomActionFunction;
+using Quillcast::System::CFileVersion;
 
 namespace {
 
 // All thirty custom actions, and nothing else.
 const std::set<std::string> kExpectedExports = {
-    "AddIcaClient",
-    "AddPortException",
-    "AddProgramException",
-    "CloseAutoConnect",
-    "CloseProcessDeferred",
-    "CloseProcessImmediately",
-    "CompareVersionString",
-    "CreateAndInstallRootCertificate",
-    "CreateAndInstallSignedServerCertificate",
-    "CreateProcessDeferred",
-    "CreateProcessImmediately",
-    "DirectoryObjectPick",
-    "GetCustomActionVersion",
-    "GetDomain",
-    "GetEngineVersion",
-    "GetFileVersion",
-    "RemoveIcaClient",
-    "RemovePortException",
-    "RemoveProgramException",
-    "ServiceRestart",
-    "ServiceStart",
-    "ServiceStop",
-    "SetRemoteConfigDeferred",
-    "SetRemoteConfigImmediately",
-    "ShellExecuteDeferred",
-    "ShellExecuteImmediately",
-    "ShowMessageDeferred",
-    "ShowMessageImmediately",
-    "UninstallRootCertificate",
+    "AddIcaClient", "AddPortException", "AddProgramException", "CloseAutoConnect", "CloseProcessDeferred",
+    "CloseProcessImmediately", "CompareVersionString", "CreateAndInstallRootCertificate",
+    "CreateAndInstallSignedServerCertificate", "CreateProcessDeferred", "CreateProcessImmediately",
+    "DirectoryObjectPick", "GetCustomActionVersion", "GetDomain", "GetEngineVersion", "GetFileVersion",
+    "RemoveIcaClient", "RemovePortException", "RemoveProgramException", "ServiceRestart", "ServiceStart",
+    "ServiceStop", "SetRemoteConfigDeferred", "SetRemoteConfigImmediately", "ShellExecuteDeferred",
+    "ShellExecuteImmediately", "ShowMessageDeferred", "ShowMessageImmediately", "UninstallRootCertificate",
     "UninstallSignedCertificate",
 };
 
+// Loaded once per test, as the installer loads it.
 class ShippedDll : public ::testing::Test
 {
 protected:
-    static void SetUpTestSuite() { s_pLibrary = new CActionLibrary(QcTest::ShippedDllPath()); }
-    static void TearDownTestSuite()
+    void SetUp() override { ASSERT_TRUE(m_Library.IsLoaded()) << "cannot load the DLL"; }
+
+    template <typename T>
+    const T* AtRva(DWORD rva) const
     {
-        delete s_pLibrary;
-        s_pLibrary = nullptr;
+        return reinterpret_cast<const T*>(reinterpret_cast<const BYTE*>(m_Library.Module()) + rva);
     }
-    void SetUp() override { ASSERT_TRUE(s_pLibrary->IsLoaded()) << "cannot load the DLL"; }
-
-    static CustomActionFunction Export(const char* name) { return s_pLibrary->Find(name); }
-    static HMODULE Module() { return s_pLibrary->Module(); }
-
-    static std::wstring ModulePath()
+    std::wstring VersionBody() const
     {
         wchar_t path[MAX_PATH] = {};
-        GetModuleFileNameW(Module(), path, MAX_PATH);
-        return path;
-    }
-    static std::wstring VersionBody()
-    {
-        return L"Workbench (#) Custom Action Dll '" + ModulePath() + L"' has version '" QC_PROJECT_VERSION L"'.";
+        GetModuleFileNameW(m_Library.Module(), path, MAX_PATH);
+        return L"Workbench (#) Custom Action Dll '" + std::wstring(path) +
+               L"' has version '" QC_PROJECT_VERSION L"'.";
     }
 
-    static const IMAGE_NT_HEADERS64* NtHeaders()
-    {
-        const auto* base = reinterpret_cast<const BYTE*>(Module());
-        const auto* dos = reinterpret_cast<const IMAGE_DOS_HEADER*>(base);
-        return reinterpret_cast<const IMAGE_NT_HEADERS64*>(base + dos->e_lfanew);
-    }
-    template <typename T>
-    static const T* AtRva(DWORD rva)
-    {
-        return reinterpret_cast<const T*>(reinterpret_cast<const BYTE*>(Module()) + rva);
-    }
-
-    static CActionLibrary* s_pLibrary;
+    const CActionLibrary m_Library{QcTest::ShippedDllPath()};
 };
-
-CActionLibrary* ShippedDll::s_pLibrary = nullptr;
-
-using Lines = std::vector<std::wstring>;
-
-std::wstring Upper(std::string text)
-{
-    std::wstring wide(text.begin(), text.end());
-    std::transform(wide.begin(), wide.end(), wide.begin(), [](wchar_t ch) { return std::towupper(ch); });
-    return wide;
-}
 
 } // namespace
 
 TEST_F(ShippedDll, ImageExportsTheActionsByPlainNameImportsOnlySystemLibrariesAndIsHardened)
 {
-    const IMAGE_OPTIONAL_HEADER64& header = NtHeaders()->OptionalHeader;
-    const auto* exports = AtRva<IMAGE_EXPORT_DIRECTORY>(header.DataDirectory[IMAGE_DIRECTORY_ENTRY_EXPORT].VirtualAddress);
+    const auto& header = AtRva<IMAGE_NT_HEADERS64>(AtRva<IMAGE_DOS_HEADER>(0)->e_lfanew)->OptionalHeader;
+    const auto& directories = header.DataDirectory;
+    const auto* exports = AtRva<IMAGE_EXPORT_DIRECTORY>(directories[IMAGE_DIRECTORY_ENTRY_EXPORT].VirtualAddress);
     std::set<std::string> found;
     for (DWORD i = 0; i < exports->NumberOfNames; ++i)
     {
@@ -119,15 +70,16 @@ TEST_F(ShippedDll, ImageExportsTheActionsByPlainNameImportsOnlySystemLibrariesAn
     }
     EXPECT_EQ(found, kExpectedExports);
 
-    const std::set<std::wstring> allowed = {L"KERNEL32.DLL", L"MSI.DLL",      L"MSVCRT.DLL",  L"ADVAPI32.DLL",
-                                            L"OLE32.DLL",    L"OLEAUT32.DLL", L"CRYPT32.DLL", L"RPCRT4.DLL",
-                                            L"WS2_32.DLL",   L"VERSION.DLL",  L"SHELL32.DLL", L"USER32.DLL"};
+    const std::set<std::string> allowed = {"KERNEL32.DLL", "MSI.DLL",      "MSVCRT.DLL",  "ADVAPI32.DLL",
+                                           "OLE32.DLL",    "OLEAUT32.DLL", "CRYPT32.DLL", "RPCRT4.DLL",
+                                           "WS2_32.DLL",   "VERSION.DLL",  "SHELL32.DLL", "USER32.DLL"};
     int count = 0;
-    for (const auto* entry = AtRva<IMAGE_IMPORT_DESCRIPTOR>(header.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT].VirtualAddress);
+    for (const auto* entry = AtRva<IMAGE_IMPORT_DESCRIPTOR>(directories[IMAGE_DIRECTORY_ENTRY_IMPORT].VirtualAddress);
          entry->Name != 0; ++entry, ++count)
     {
-        const std::wstring name = Upper(AtRva<char>(entry->Name));
-        EXPECT_TRUE(allowed.count(name) == 1) << "imports " << std::string(name.begin(), name.end());
+        std::string name = AtRva<char>(entry->Name);
+        std::transform(name.begin(), name.end(), name.begin(), [](char ch) { return std::toupper(ch); });
+        EXPECT_EQ(allowed.count(name), 1u) << "imports " << name;
     }
     EXPECT_GT(count, 0);
     for (const WORD flag : {IMAGE_DLLCHARACTERISTICS_DYNAMIC_BASE, IMAGE_DLLCHARACTERISTICS_NX_COMPAT,
@@ -137,36 +89,22 @@ TEST_F(ShippedDll, ImageExportsTheActionsByPlainNameImportsOnlySystemLibrariesAn
     }
 }
 
-TEST_F(ShippedDll, VersionResourceCarriesTheReleaseNumberAsFileAndProductVersion)
-{
-    const std::wstring path = ModulePath();
-    DWORD handle = 0;
-    const DWORD size = GetFileVersionInfoSizeW(path.c_str(), &handle);
-    ASSERT_GT(size, 0u);
-    std::vector<BYTE> block(size);
-    ASSERT_TRUE(GetFileVersionInfoW(path.c_str(), 0, size, block.data()));
-    VS_FIXEDFILEINFO* pInfo = nullptr;
-    UINT length = 0;
-    ASSERT_TRUE(VerQueryValueW(block.data(), L"\\", reinterpret_cast<void**>(&pInfo), &length));
-    wchar_t text[64] = {};
-    _snwprintf(text, 63, L"%u.%u.%u.%u", HIWORD(pInfo->dwFileVersionMS), LOWORD(pInfo->dwFileVersionMS),
-               HIWORD(pInfo->dwFileVersionLS), LOWORD(pInfo->dwFileVersionLS));
-    EXPECT_STREQ(text, QC_PROJECT_VERSION);
-    EXPECT_EQ(pInfo->dwProductVersionMS, pInfo->dwFileVersionMS);
-    EXPECT_EQ(pInfo->dwProductVersionLS, pInfo->dwFileVersionLS);
-}
-
+// The version line reads the DLL's file version; the product version is the same.
 TEST_F(ShippedDll, GetCustomActionVersionWritesOnlyTheVersionLineAndSucceeds)
 {
     CActionHost host;
     ASSERT_TRUE(host.IsOpen());
     // Arguments are ignored, however broken.
     host.SetCustomActionData(L";=;==;SERVICENAME");
-    EXPECT_EQ(host.Call(Export("GetCustomActionVersion")), 0u);
+    EXPECT_EQ(host.Call(m_Library.Find("GetCustomActionVersion")), 0u);
     ASSERT_EQ(host.LogLines().size(), 1u);
     EXPECT_TRUE(QcTest::IsWholeLine(host.LogLines()[0], GetCurrentThreadId())) << host.LogLines()[0].size();
     EXPECT_EQ(Body(host.LogLines()[0]), VersionBody());
-    EXPECT_EQ(host.CallWithHandle(Export("GetCustomActionVersion"), 0), 0u);
+    EXPECT_EQ(host.CallWithHandle(m_Library.Find("GetCustomActionVersion"), 0), 0u);
+    const CFileVersion version(QcTest::ShippedDllPath().c_str());
+    ASSERT_NE(version.FixedInfo(), nullptr);
+    EXPECT_EQ(version.FixedInfo()->dwProductVersionMS, version.FixedInfo()->dwFileVersionMS);
+    EXPECT_EQ(version.FixedInfo()->dwProductVersionLS, version.FixedInfo()->dwFileVersionLS);
 }
 
 TEST_F(ShippedDll, CompareVersionStringWritesTheOutcomeOfTheFieldsBothVersionsHave)
@@ -195,9 +133,11 @@ TEST_F(ShippedDll, CompareVersionStringWritesTheOutcomeOfTheFieldsBothVersionsHa
         host.SetProperty(L"VersionA", c.versionA);
         host.SetProperty(L"VersionB", c.versionB);
         host.SetProperty(L"CompareResult", L"untouched");
-        EXPECT_EQ(host.Call(Export("CompareVersionString")), 0u);
+        EXPECT_EQ(host.Call(m_Library.Find("CompareVersionString")), 0u);
         EXPECT_EQ(host.GetProperty(L"CompareResult"), c.expected) << ::testing::PrintToString(c.versionA) << " vs "
                                                                    << ::testing::PrintToString(c.versionB);
-        EXPECT_EQ(QcTest::Bodies(host.LogLines()), (Lines{VersionBody(), L"Workbench (#) Processing custom action: CompareVersionString."}));
+        EXPECT_EQ(QcTest::Bodies(host.LogLines()),
+                  (std::vector<std::wstring>{VersionBody(), L"Workbench (#) Processing custom action: "
+                                                            L"CompareVersionString."}));
     }
 }

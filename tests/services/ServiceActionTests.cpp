@@ -1,192 +1,395 @@
-// The three service actions on one service: the states they meet, their waits
-// and the limits of those waits, and service names that lead nowhere.
-#include "services/ServiceActionFixture.h"
+// The shipped DLL's service actions driven through real installer sessions
+// against real services of the test run's Wine prefix: the states they meet,
+// their waits and the limits of those waits, and the dependents they stop and
+// start. Only the dependent enumeration, which Wine stubs, is answered by the
+// test (DependentsSeam.h).
+#include <gtest/gtest.h>
+
+#include <windows.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cwctype>
+#include <future>
+#include <string>
+#include <vector>
+
+#include "ActionHost.h"
+#include "services/DependentsSeam.h"
+#include "services/StatusQueryCounter.h"
+#include "services/TestServices.h"
 #include "support/LogCapture.h"
+#include "support/ShippedDll.h"
 #include "system/Daemon.h"
 
 namespace QcTest {
 namespace {
 
-struct OneServiceCase
+using Lines = std::vector<std::wstring>;
+
+// Short names for the states and start types the cases use.
+enum : DWORD
+{
+    Stopped = SERVICE_STOPPED, StartPending = SERVICE_START_PENDING, StopPending = SERVICE_STOP_PENDING,
+    Running = SERVICE_RUNNING, Paused = SERVICE_PAUSED,
+    Auto = SERVICE_AUTO_START, Demand = SERVICE_DEMAND_START, Disabled = SERVICE_DISABLED
+};
+const DWORD kActive = SERVICE_ACTIVE, kInactive = SERVICE_INACTIVE;
+
+// The controller's entries, as Body() renders them.
+std::wstring Warning(const std::wstring& text) { return L"[WARNING] Daemon (#) " + text + L"."; }
+std::wstring Error(const std::wstring& text) { return L"[ERROR] Daemon (#) " + text + L"."; }
+
+// One test service: registered, brought into `before` (in list order, pauses
+// and stop requests after every start), and expected in `after` at the end.
+struct ServiceSetup
+{
+    const wchar_t* role;
+    DWORD before, after;
+    const wchar_t* options = L""; // of QcTestService
+    DWORD startType = Demand;
+    Lines dependsOn = {};
+};
+
+// "{role}" in data, lines, journal and opens stands for that service's name.
+struct Case
 {
     const char* behaviour;
+    std::vector<ServiceSetup> services;
     const char* action;
-    const wchar_t* options; // of the service
-    DWORD before;           // the state the service is brought into first
-    const wchar_t* arguments;
-    int continueAfterQueries; // 0: the service is not continued
+    const wchar_t* data; // CustomActionData
     UINT result;
-    Lines lines; // "{S}" is the service's name
-    DWORD after;
-    Lines journal; // its transitions during the action
+    Lines lines;   // the controller's, without the frame's
+    Lines journal; // the services' transitions during the action, in order
+    std::vector<DWORD> enumerations = {}; // the state filter of each dependent enumeration
+    int continueAfterQueries = 0;         // the first service's held state ends after that many status queries
+    Lines opens = {};                     // checked when given
 };
 
-class ServiceAction : public ServiceActionTest, public ::testing::WithParamInterface<OneServiceCase>
+// Far beyond any wait the cases expect (the longest is a few poll intervals).
+constexpr auto kWatchdog = std::chrono::minutes(3);
+
+class ServiceAction : public ::testing::TestWithParam<Case>
 {
+protected:
+    static void SetUpTestSuite()
+    {
+        s_pLibrary = new QcRunner::CActionLibrary(ShippedDllPath());
+        s_pSeam = new CDependentsSeam(s_pLibrary->Module());
+    }
+    static void TearDownTestSuite()
+    {
+        delete s_pSeam;
+        s_pSeam = nullptr;
+        delete s_pLibrary;
+        s_pLibrary = nullptr;
+    }
+
+    // "QcSvc_<test>_<role>", unique per case.
+    static std::wstring Name(const std::wstring& role)
+    {
+        std::wstring name = L"QcSvc_";
+        for (const char* p = ::testing::UnitTest::GetInstance()->current_test_info()->name(); *p != '\0'; ++p)
+        {
+            name += std::iswalnum(static_cast<wint_t>(*p)) ? static_cast<wchar_t>(*p) : L'_';
+        }
+        return name + L"_" + role;
+    }
+    static std::wstring Expand(std::wstring text)
+    {
+        for (size_t open = text.find(L'{'); open != std::wstring::npos; open = text.find(L'{', open))
+        {
+            const size_t close = text.find(L'}', open);
+            text.replace(open, close - open + 1, Name(text.substr(open + 1, close - open - 1)));
+        }
+        return text;
+    }
+    static Lines Expand(Lines lines)
+    {
+        std::transform(lines.begin(), lines.end(), lines.begin(), [](const std::wstring& l) { return Expand(l); });
+        return lines;
+    }
+
+    static inline QcRunner::CActionLibrary* s_pLibrary = nullptr;
+    static inline CDependentsSeam* s_pSeam = nullptr;
+    CTestServices m_Services;
 };
 
-TEST_P(ServiceAction, OnOneService)
+using Quillcast::System::CDaemon;
+
+TEST_P(ServiceAction, Case)
 {
-    const OneServiceCase& test = GetParam();
-    CTestService& service = Add(L"S", test.options);
-    if (test.before != SERVICE_STOPPED)
+    const Case& test = GetParam();
+    ASSERT_TRUE(s_pLibrary->IsLoaded()) << "cannot load the DLL";
+    ASSERT_TRUE(s_pSeam->IsInstalled()) << "the DLL does not import EnumDependentServicesW";
+    std::vector<CTestService*> services;
+    for (const ServiceSetup& setup : test.services)
     {
-        ASSERT_TRUE(service.Start(test.before != SERVICE_START_PENDING));
+        ServiceDefinition definition{Name(setup.role), setup.options, setup.startType, {}};
+        for (const std::wstring& dependency : setup.dependsOn)
+        {
+            definition.dependsOn.push_back(Name(dependency));
+        }
+        services.push_back(&m_Services.Add(definition));
+        ASSERT_TRUE(services.back()->IsRegistered()) << ::testing::PrintToString(services.back()->Error());
+        ASSERT_TRUE(setup.before == Stopped || services.back()->Start(setup.before != StartPending)) << setup.role;
     }
-    if (test.before == SERVICE_PAUSED)
+    for (size_t i = 0; i < services.size(); ++i)
     {
-        ASSERT_TRUE(service.Pause());
+        const DWORD before = test.services[i].before;
+        ASSERT_TRUE(before != Paused || services[i]->Pause());
+        ASSERT_TRUE(before != StopPending || services[i]->RequestStop());
+        ASSERT_EQ(services[i]->State(), before) << test.services[i].role;
     }
-    if (test.before == SERVICE_STOP_PENDING)
-    {
-        ASSERT_TRUE(service.RequestStop());
-    }
-    ASSERT_EQ(service.State(), test.before);
-    ClearJournal();
+    m_Services.ClearJournal();
+    CDependentsSeam::ClearCalls();
 
-    const ActionOutcome outcome = Run(test.action, L";SERVICENAME=" + service.Name() + test.arguments,
-                                      test.continueAfterQueries != 0 ? &service : nullptr, test.continueAfterQueries);
+    // The action runs on its own thread with a fresh session. A held first
+    // service is continued once the action has made that many status queries
+    // (its first reading counts as one, each poll as one more). On the way,
+    // what every service action must do: open the manager with all access,
+    // sleep 1500 ms between polls, and release what it opened with CloseHandle.
+    const CServiceCallRecorder recorder(s_pLibrary->Module());
+    ASSERT_TRUE(recorder.IsInstalled());
+    const QcRunner::CustomActionFunction action = s_pLibrary->Find(test.action);
+    ASSERT_NE(action, nullptr);
+    std::vector<std::wstring> logLines;
+    DWORD threadId = 0;
+    std::future<UINT> call = std::async(std::launch::async, [&, data = Expand(test.data)] {
+        threadId = ::GetCurrentThreadId();
+        QcRunner::CActionHost host;
+        EXPECT_TRUE(host.IsOpen() && host.SetCustomActionData(data)) << host.Error();
+        const UINT result = host.Call(action);
+        logLines = host.LogLines();
+        return result;
+    });
+    const auto giveUp = std::chrono::steady_clock::now() + kWatchdog;
+    while (recorder.Count() < test.continueAfterQueries &&
+           std::chrono::steady_clock::now() < giveUp &&
+           call.wait_for(std::chrono::milliseconds(20)) != std::future_status::ready)
+    {
+    }
+    EXPECT_GE(recorder.Count(), test.continueAfterQueries) << "the action made fewer status queries";
+    if (test.continueAfterQueries != 0)
+    {
+        services[0]->Continue();
+    }
+    if (call.wait_for(kWatchdog) != std::future_status::ready)
+    {
+        m_Services.ContinueAll();
+        ADD_FAILURE() << "the action did not return by itself";
+    }
+    EXPECT_EQ(call.get(), test.result);
 
-    EXPECT_EQ(outcome.result, test.result);
-    EXPECT_EQ(ControllerLines(outcome), Expand(test.lines));
-    EXPECT_STATE(service, test.after);
-    EXPECT_EQ(Journal(), Expand(test.journal));
+    // The frame's lines open with "Workbench (#) " after an optional marker.
+    Lines lines;
+    for (const std::wstring& line : logLines)
+    {
+        EXPECT_TRUE(IsWholeLine(line, threadId)) << ::testing::PrintToString(line);
+        const size_t frame = Body(line).find(L"Workbench (#) ");
+        if (frame != 0 && frame != 8 && frame != 10)
+        {
+            lines.push_back(Body(line));
+        }
+    }
+    EXPECT_EQ(lines, Expand(test.lines));
+
+    const ServiceCalls c = CServiceCallRecorder::Calls();
+    EXPECT_TRUE(c.opens.empty() || c.opens[0] == L"manager 0xF003F") << ::testing::PrintToString(c.opens);
+    EXPECT_TRUE(test.opens.empty() || c.opens == Expand(test.opens)) << ::testing::PrintToString(c.opens);
+    EXPECT_EQ(c.sleeps, std::vector<DWORD>(c.sleeps.size(), 1500u));
+    // Released at the end: the manager, the service and the last dependent
+    // opened (each dependent's handle replaces the one before without closing it).
+    std::vector<HANDLE> expected;
+    for (size_t i = 0; i < c.opened.size(); ++i)
+    {
+        if (c.opened[i] != nullptr && (i < 2 || i + 1 == c.opened.size()))
+        {
+            expected.push_back(c.opened[i]);
+        }
+    }
+    std::vector<HANDLE> closed = c.closedByCloseHandle;
+    std::sort(expected.begin(), expected.end());
+    std::sort(closed.begin(), closed.end());
+    EXPECT_EQ(closed, expected);
+    EXPECT_EQ(c.closeServiceHandleCalls, 0);
+
+    EXPECT_EQ(m_Services.Journal(), Expand(test.journal));
+    EXPECT_EQ(CDependentsSeam::Calls(), test.enumerations);
+    for (size_t i = 0; i < services.size(); ++i)
+    {
+        EXPECT_STREQ(StateName(services[i]->State()), StateName(test.services[i].after)) << test.services[i].role;
+    }
 }
 
-const OneServiceCase kOneServiceCases[] = {
+const Case kCases[] = {
     // TIMEOUT=0 fails any wait: here there is none.
-    {"RunningServiceOnStartWarnsAlreadyStarted", "ServiceStart", L"", SERVICE_RUNNING, L";DEPENDENCIES=0;TIMEOUT=0", 0,
-     0, {Warning(L"{S} is already started")}, SERVICE_RUNNING, {}},
-    {"StopReportedByTheControlItselfNeedsNoPoll", "ServiceStop", L"", SERVICE_RUNNING, L";DEPENDENCIES=0;TIMEOUT=0", 0,
-     0, {}, SERVICE_STOPPED, {L"{S} stopped"}},
+    {"RunningServiceOnStartWarnsAlreadyStarted", {{L"S", Running, Running}}, "ServiceStart",
+     L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=0", 0, {Warning(L"{S} is already started")}, {}},
     // Running by the first poll, yet 1.5 s are more than a limit of 0, which
     // is also what an empty value and junk convert to.
-    {"TimeoutZeroWinsOverTheStateReadOnTheSamePoll", "ServiceStart", L"", SERVICE_STOPPED,
-     L";DEPENDENCIES=0;TIMEOUT=0", 0, 1603, {Error(L"{S} timeout, after 0 seconds")}, SERVICE_RUNNING,
-     {L"{S} running"}},
-    {"EmptyTimeoutIsZero", "ServiceStart", L"", SERVICE_STOPPED, L";DEPENDENCIES=0;TIMEOUT=", 0, 1603,
-     {Error(L"{S} timeout, after 0 seconds")}, SERVICE_RUNNING, {L"{S} running"}},
-    {"JunkTimeoutIsZero", "ServiceStart", L"", SERVICE_STOPPED, L";DEPENDENCIES=0;TIMEOUT=junk", 0, 1603,
-     {Error(L"{S} timeout, after 0 seconds")}, SERVICE_RUNNING, {L"{S} running"}},
+    {"TimeoutZeroWinsOverTheStateReadOnTheSamePoll", {{L"S", Stopped, Running}}, "ServiceStart",
+     L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=0", 1603, {Error(L"{S} timeout, after 0 seconds")}, {L"{S} running"}},
+    {"EmptyTimeoutIsZero", {{L"S", Stopped, Running}}, "ServiceStart", L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=",
+     1603, {Error(L"{S} timeout, after 0 seconds")}, {L"{S} running"}},
+    {"JunkTimeoutIsZero", {{L"S", Stopped, Running}}, "ServiceStart", L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=junk",
+     1603, {Error(L"{S} timeout, after 0 seconds")}, {L"{S} running"}},
     // 4294969 s are 4294969000 ms, 1704 ms in 32 bits: the poll at 1.5 s
     // passes, the next times out. Without the wrap it would never time out.
-    {"TimeoutInMillisecondsWrapsIn32Bits", "ServiceStart", L"--start-delay=hold", SERVICE_STOPPED,
-     L";DEPENDENCIES=0;TIMEOUT=4294969", 0, 1603, {Error(L"{S} timeout, after 1 seconds")}, SERVICE_START_PENDING, {}},
+    {"TimeoutInMillisecondsWrapsIn32Bits", {{L"S", Stopped, StartPending, L"--start-delay=hold"}}, "ServiceStart",
+     L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=4294969", 1603, {Error(L"{S} timeout, after 1 seconds")}, {}},
     // 4294966296 ms; read as 0 it would fail the first poll.
-    {"TimeoutOfMinusOneIsInEffectNoLimit", "ServiceStart", L"--start-delay=2000", SERVICE_STOPPED,
-     L";DEPENDENCIES=0;TIMEOUT=-1", 0, 0, {}, SERVICE_RUNNING, {L"{S} running"}},
+    {"TimeoutOfMinusOneIsInEffectNoLimit", {{L"S", Stopped, Running, L"--start-delay=2000"}}, "ServiceStart",
+     L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=-1", 0, {}, {L"{S} running"}},
+    // Three pairs are required, so a stand-in takes TIMEOUT's place: no limit,
+    // and four polls find the service pending before it is let run.
+    {"WithoutTimeoutStartPollsUntilTheServiceRuns", {{L"S", Stopped, Running, L"--start-delay=hold"}},
+     "ServiceStart", L";SERVICENAME={S};DEPENDENCIES=0;UNUSED=1", 0, {}, {L"{S} running"}, {}, 5},
     // Still pending at the first poll, done by the second: a second start or
     // stop control would have failed and said so.
-    {"StartPendingServiceIsAwaitedWithoutASecondStart", "ServiceStart", L"--start-delay=hold",
-     SERVICE_START_PENDING, L";DEPENDENCIES=0;TIMEOUT=30", 2, 0, {Warning(L"{S} pending start")}, SERVICE_RUNNING,
-     {L"{S} running"}},
-    {"StartPendingThatEndsStoppedIsStartedByTheAction", "ServiceStart", L"--start-delay=hold --abort-held-start",
-     SERVICE_START_PENDING, L";DEPENDENCIES=0;TIMEOUT=30", 2, 0, {Warning(L"{S} pending start")}, SERVICE_RUNNING,
-     {L"{S} stopped", L"{S} running"}},
-    {"StopPendingServiceIsAwaitedWithoutASecondControl", "ServiceStop", L"--stop-delay=hold", SERVICE_STOP_PENDING,
-     L";DEPENDENCIES=0;TIMEOUT=30", 2, 0, {Warning(L"{S} pending stop")}, SERVICE_STOPPED, {L"{S} stopped"}},
-    {"PausedServiceOnStartWarnsUnknownStatusAndItsStartFails", "ServiceStart", L"--pausable", SERVICE_PAUSED,
-     L";DEPENDENCIES=0;TIMEOUT=30", 0, 1603,
-     {Warning(L"{S} status, unknown #7"), Error(L"StartService failed with error 1056")}, SERVICE_PAUSED, {}},
-    {"PausedServiceOnStopWarnsUnknownStatusAndIsStopped", "ServiceStop", L"--pausable", SERVICE_PAUSED,
-     L";DEPENDENCIES=0;TIMEOUT=30", 0, 0, {Warning(L"{S} status, unknown #7")}, SERVICE_STOPPED, {L"{S} stopped"}},
-    {"RestartOfAStoppedServiceWarnsAlreadyStoppedAndStartsIt", "ServiceRestart", L"", SERVICE_STOPPED,
-     L";DEPENDENCIES=0;TIMEOUT=30", 0, 0, {Warning(L"{S} is already stopped")}, SERVICE_RUNNING, {L"{S} running"}},
-    {"RestartAwaitsTheStopThenStartsTheService", "ServiceRestart", L"--stop-delay=2000", SERVICE_RUNNING,
-     L";DEPENDENCIES=0;TIMEOUT=30", 0, 0, {}, SERVICE_RUNNING, {L"{S} stopped", L"{S} running"}},
+    {"StartPendingServiceIsAwaitedWithoutASecondStart", {{L"S", StartPending, Running, L"--start-delay=hold"}},
+     "ServiceStart", L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=30", 0, {Warning(L"{S} pending start")},
+     {L"{S} running"}, {}, 2},
+    {"StartPendingThatEndsStoppedIsStartedByTheAction",
+     {{L"S", StartPending, Running, L"--start-delay=hold --abort-held-start"}}, "ServiceStart",
+     L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=30", 0, {Warning(L"{S} pending start")},
+     {L"{S} stopped", L"{S} running"}, {}, 2},
+    {"StopPendingServiceIsAwaitedWithoutASecondControl", {{L"S", StopPending, Stopped, L"--stop-delay=hold"}},
+     "ServiceStop", L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=30", 0, {Warning(L"{S} pending stop")},
+     {L"{S} stopped"}, {}, 2},
+    {"PausedServiceOnStartWarnsUnknownStatusAndItsStartFails", {{L"S", Paused, Paused, L"--pausable"}},
+     "ServiceStart", L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=30", 1603,
+     {Warning(L"{S} status, unknown #7"), Error(L"StartService failed with error 1056")}, {}},
+    {"PausedServiceOnStopWarnsUnknownStatusAndIsStopped", {{L"S", Paused, Stopped, L"--pausable"}}, "ServiceStop",
+     L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=30", 0, {Warning(L"{S} status, unknown #7")}, {L"{S} stopped"}},
+    {"RestartOfAStoppedServiceWarnsAlreadyStoppedAndStartsIt", {{L"S", Stopped, Running}}, "ServiceRestart",
+     L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=30", 0, {Warning(L"{S} is already stopped")}, {L"{S} running"}},
+    {"RestartAwaitsTheStopThenStartsTheService", {{L"S", Running, Running, L"--stop-delay=2000"}}, "ServiceRestart",
+     L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=30", 0, {}, {L"{S} stopped", L"{S} running"}},
     // A start would have warned " is already started".
-    {"RestartWhoseStopIsRefusedTriesNoStart", "ServiceRestart", L"--refuse-stop", SERVICE_RUNNING,
-     L";DEPENDENCIES=0;TIMEOUT=30", 0, 1603, {Error(L"ControlService failed with error 1052")}, SERVICE_RUNNING, {}},
+    {"RestartWhoseStopIsRefusedTriesNoStart", {{L"S", Running, Running, L"--refuse-stop"}}, "ServiceRestart",
+     L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=30", 1603, {Error(L"ControlService failed with error 1052")}, {}},
+    {"UnknownServiceOnStartFailsAtOpenAndAtTheFirstQuery", {}, "ServiceStart",
+     L";SERVICENAME={Missing};DEPENDENCIES=1;TIMEOUT=30", 1603,
+     {Error(L"OpenService failed"), Error(L"QueryServiceStatus failed with error 6")}, {}},
+    // The restart's stop fails, and no start follows.
+    {"UnknownServiceOnRestartFailsAtOpenAndAtTheFirstQuery", {}, "ServiceRestart",
+     L";SERVICENAME={Missing};DEPENDENCIES=1;TIMEOUT=30", 1603,
+     {Error(L"OpenService failed"), Error(L"QueryServiceStatus failed with error 6")}, {}},
+    // The frame rejects it before any service call.
+    {"EmptyServiceNameIsRejected", {}, "ServiceStart", L";SERVICENAME=;DEPENDENCIES=1;TIMEOUT=30", 1603, {}, {}},
+
+    // Only the inactive dependents are enumerated (D3 is not met at all) and
+    // started in start order.
+    {"StartOfARunningServiceStartsItsInactiveDependentsInStartOrder",
+     {{L"S", Running, Running}, {L"D1", Stopped, Running, L"", Auto, {L"S"}},
+      {L"D2", Stopped, Running, L"", Auto, {L"D1"}}, {L"D3", Running, Running, L"", Auto, {L"S"}}},
+     "ServiceStart", L";SERVICENAME={S};DEPENDENCIES=1;TIMEOUT=30", 0, {Warning(L"{S} is already started")},
+     {L"{D1} running", L"{D2} running"}, {kInactive, kInactive}},
+    // Active dependents in reverse start order: D3, D4 (needs D1), D1. They
+    // stop in that order before the service and start again in the reverse
+    // order after it, from the list the stop enumerated (one size query and
+    // one read); D3 only starts on demand and D2 did not run. The service is
+    // opened for everything, each dependent with only what its walk needs.
+    {"RestartWithDependentsRestartsExactlyThoseThatRanSkippingDemandStart",
+     {{L"S", Running, Running}, {L"D1", Running, Running, L"", Auto, {L"S"}},
+      {L"D2", Stopped, Stopped, L"", Auto, {L"S"}}, {L"D3", Running, Stopped, L"", Demand, {L"S"}},
+      {L"D4", Running, Running, L"", Auto, {L"D1"}}},
+     "ServiceRestart", L";SERVICENAME={S};DEPENDENCIES=1;TIMEOUT=30", 0,
+     {Warning(L"{D3} only starts on demand, will skip")},
+     {L"{D3} stopped", L"{D4} stopped", L"{D1} stopped", L"{S} stopped", L"{S} running", L"{D1} running",
+      L"{D4} running"},
+     {kActive, kActive}, 0,
+     {L"manager 0xF003F", L"{S} 0x3D", L"{D3} 0x25", L"{D4} 0x25", L"{D1} 0x25", L"{D1} 0x15", L"{D4} 0x15",
+      L"{D3} 0x15"}},
+    // Walked C, B, A. C times out (a warning) and the walk goes on; B stops at
+    // its control; A times out as well, and as nothing resets the measure after
+    // that, the service's own wait goes on from it and fails at its first poll,
+    // although the service stops a millisecond after its control. Held states
+    // and a stop that needs no poll keep the outcome the same on a busy machine.
+    {"DependentStopTimeoutLeavesTheMeasureRunningForTheService",
+     {{L"S", Running, Stopped, L"--stop-delay=1"}, {L"A", Running, StopPending, L"--stop-delay=hold", Auto, {L"S"}},
+      {L"B", Running, Stopped, L"", Auto, {L"A"}}, {L"C", Running, StopPending, L"--stop-delay=hold", Auto, {L"B"}}},
+     "ServiceStop", L";SERVICENAME={S};DEPENDENCIES=1;TIMEOUT=2", 1603,
+     {Warning(L"{C} timeout, after 2 seconds"), Warning(L"{A} timeout, after 2 seconds"),
+      Error(L"{S} timeout, after 2 seconds")},
+     {L"{B} stopped", L"{S} stopped"}, {kActive, kActive}},
+    // C times out after three polls; paused B refuses the stop, which ends the
+    // walk and starts the measure afresh: the service's wait has its full limit.
+    {"DependentStopFailureEndsTheWalkAndResetsTheMeasure",
+     {{L"S", Running, Stopped, L"--stop-delay=1"}, {L"A", Running, Running, L"", Auto, {L"S"}},
+      {L"B", Paused, Paused, L"--pausable --refuse-stop", Auto, {L"A"}},
+      {L"C", Running, StopPending, L"--stop-delay=hold", Auto, {L"B"}}},
+     "ServiceStop", L";SERVICENAME={S};DEPENDENCIES=1;TIMEOUT=4", 0,
+     {Warning(L"{C} timeout, after 4 seconds"), Error(L"ControlService failed with error 1052")}, {L"{S} stopped"},
+     {kActive, kActive}},
+    // Enumerated while stopping (active), stopped by the time the walk reaches
+    // it after D2's longer stop.
+    {"DependentThatStoppedMeanwhileWarnsAlreadyStopped",
+     {{L"S", Running, Stopped}, {L"D1", StopPending, Stopped, L"--stop-delay=3000", Auto, {L"S"}},
+      {L"D2", Running, Stopped, L"--stop-delay=6000", Auto, {L"D1"}}},
+     "ServiceStop", L";SERVICENAME={S};DEPENDENCIES=1;TIMEOUT=60", 0, {Warning(L"{D1} is already stopped")},
+     {L"{D1} stopped", L"{D2} stopped", L"{S} stopped"}, {kActive, kActive}},
+    // D1 is started before D2: a disabled one is skipped, another failure ends
+    // the walk (Wine's manager answers 1053 when ServiceMain reports
+    // SERVICE_STOPPED with an error), a time-out does not; none fails the action.
+    {"DisabledDependentIsSkippedAndTheWalkGoesOn",
+     {{L"S", Running, Running}, {L"D1", Stopped, Stopped, L"", Disabled, {L"S"}},
+      {L"D2", Stopped, Running, L"", Auto, {L"S"}}},
+     "ServiceStart", L";SERVICENAME={S};DEPENDENCIES=1;TIMEOUT=30", 0,
+     {Warning(L"{S} is already started"), Error(L"StartService failed with error 1058")}, {L"{D2} running"},
+     {kInactive, kInactive}},
+    {"OtherStartFailureEndsTheWalkButNotTheAction",
+     {{L"S", Running, Running}, {L"D1", Stopped, Stopped, L"--fail-start", Auto, {L"S"}},
+      {L"D2", Stopped, Stopped, L"", Auto, {L"S"}}},
+     "ServiceStart", L";SERVICENAME={S};DEPENDENCIES=1;TIMEOUT=30", 0,
+     {Warning(L"{S} is already started"), Error(L"StartService failed with error 1053")}, {L"{D1} stopped"},
+     {kInactive, kInactive}},
+    // 4 s leave D2's first poll (at 1.5 s) well inside the limit.
+    {"DependentStartTimeoutIsAnErrorAndTheWalkGoesOn",
+     {{L"S", Running, Running}, {L"D1", Stopped, StartPending, L"--start-delay=hold", Auto, {L"S"}},
+      {L"D2", Stopped, Running, L"", Auto, {L"S"}}},
+     "ServiceStart", L";SERVICENAME={S};DEPENDENCIES=1;TIMEOUT=4", 0,
+     {Warning(L"{S} is already started"), Error(L"{D1} timeout, after 4 seconds")}, {L"{D2} running"},
+     {kInactive, kInactive}},
+    // Dependents are left alone when the service was already stopped, and
+    // unless DEPENDENCIES is exactly "1". A stop the control reports done
+    // needs no poll, so a limit of 0 is no failure.
+    {"StopWhenAlreadyStoppedLeavesDependentsAlone",
+     {{L"S", Stopped, Stopped}, {L"D", Running, Running, L"", Auto, {L"S"}}}, "ServiceStop",
+     L";SERVICENAME={S};DEPENDENCIES=1;TIMEOUT=30", 0, {Warning(L"{S} is already stopped")}, {}},
+    {"Dependencies0", {{L"S", Running, Stopped}, {L"D", Running, Running, L"", Auto, {L"S"}}}, "ServiceStop",
+     L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=0", 0, {}, {L"{S} stopped"}},
+    {"Dependencies01", {{L"S", Running, Stopped}, {L"D", Running, Running, L"", Auto, {L"S"}}}, "ServiceStop",
+     L";SERVICENAME={S};DEPENDENCIES=01;TIMEOUT=0", 0, {}, {L"{S} stopped"}},
+    {"DependenciesEmpty", {{L"S", Running, Stopped}, {L"D", Running, Running, L"", Auto, {L"S"}}}, "ServiceStop",
+     L";SERVICENAME={S};DEPENDENCIES=;TIMEOUT=0", 0, {}, {L"{S} stopped"}},
 };
 
-INSTANTIATE_TEST_SUITE_P(Cases, ServiceAction, ::testing::ValuesIn(kOneServiceCases),
+INSTANTIATE_TEST_SUITE_P(Cases, ServiceAction, ::testing::ValuesIn(kCases),
                          [](const auto& paramInfo) { return std::string(paramInfo.param.behaviour); });
 
-// Three pairs are required, so a stand-in takes TIMEOUT's place. Four polls
-// find the service pending before the test lets it run.
-TEST_F(ServiceActionTest, WithoutTimeoutStartPollsEvery1500MsUntilTheServiceRuns)
-{
-    CTestService& service = Add(L"S", L"--start-delay=hold");
-
-    const ActionOutcome outcome = Run("ServiceStart", L";SERVICENAME=" + service.Name() + L";DEPENDENCIES=0;UNUSED=1",
-                                      &service, 5);
-
-    EXPECT_EQ(outcome.result, 0u);
-    EXPECT_EQ(ControllerLines(outcome), Lines());
-    EXPECT_EQ(Journal(), Expand({L"{S} running"}));
-    // The first reading, then one query per poll, each after a sleep of 1500 ms.
-    const std::vector<DWORD>& ticks = outcome.calls.queryTicks;
-    ASSERT_GE(ticks.size(), 5u);
-    EXPECT_EQ(outcome.calls.sleeps, std::vector<DWORD>(ticks.size() - 1, 1500));
-    for (size_t i = 1; i < ticks.size(); ++i)
-    {
-        EXPECT_GE(ticks[i] - ticks[i - 1], 1400u) << "poll " << i;
-        EXPECT_LT(ticks[i] - ticks[i - 1], 6000u) << "poll " << i;
-    }
-    EXPECT_EQ(outcome.calls.opens, Expand({L"manager 0xF003F", L"{S} 0x3D"}));
-}
-
-class ServiceNameCheck : public ServiceActionTest, public ::testing::WithParamInterface<const char*>
-{
-};
-
-TEST_P(ServiceNameCheck, UnknownServiceFailsAtOpenAndThenAtTheFirstQuery)
-{
-    const ActionOutcome outcome = Run(GetParam(), L";SERVICENAME=" + Name(L"Missing") + L";DEPENDENCIES=1;TIMEOUT=30");
-
-    EXPECT_EQ(outcome.result, 1603u);
-    EXPECT_EQ(ControllerLines(outcome),
-              Lines({Error(L"OpenService failed"), Error(L"QueryServiceStatus failed with error 6")}));
-}
-
-TEST_P(ServiceNameCheck, EmptyServiceNameIsRejectedBeforeAnyServiceCall)
-{
-    const ActionOutcome outcome = Run(GetParam(), L";SERVICENAME=;DEPENDENCIES=1;TIMEOUT=30");
-
-    EXPECT_EQ(outcome.result, 1603u);
-    ASSERT_FALSE(outcome.lines.empty());
-    EXPECT_EQ(QcRunner::Body(outcome.lines.back()), L"[ERROR] Workbench (#) Argument[SERVICENAME] is invalid.");
-    EXPECT_EQ(ControllerLines(outcome), Lines());
-}
-
-INSTANTIATE_TEST_SUITE_P(AllServiceActions, ServiceNameCheck,
-                         ::testing::Values("ServiceStart", "ServiceStop", "ServiceRestart"));
-
-// CDaemon built directly, for the cases the action frame never lets through
-// (a null or empty service name) and the operations no action reaches.
-TEST(DaemonObject, NullOrEmptyNameLogsInvalidParameterAndEitherOperationFailsAtItsFirstQuery)
+// CDaemon built directly, for what the action frame never lets through (a
+// null or empty service name) and the dependency action no action asks for.
+TEST(DaemonObject, NullOrEmptyNameFailsAtTheFirstQueryAndAnUnknownDependencyActionDoesNothing)
 {
     for (const wchar_t* name : {static_cast<const wchar_t*>(nullptr), L""})
     {
         for (const bool start : {true, false})
         {
-            SCOPED_TRACE(::testing::Message() << (name == nullptr ? "null name, " : "empty name, ")
-                                              << (start ? "Start" : "Stop"));
-            QcTest::CLogCapture log;
-            Quillcast::System::CDaemon daemon(name);
+            CLogCapture log;
+            CDaemon daemon(name);
             daemon.SetDependencies(true);
-
             EXPECT_FALSE(start ? daemon.Start() : daemon.Stop());
-
+            for (uint32_t action : {0u, 2u, 3u, 5u, 8u})
+            {
+                EXPECT_TRUE(daemon.HandleDependencies(action)) << action;
+            }
             EXPECT_EQ(log.Bodies(), Lines({L"[ERROR] Daemon (#) ERROR_INVALID_PARAMETER.",
                                            L"[ERROR] Daemon (#) QueryServiceStatus failed with error 6."}));
             EXPECT_EQ(daemon.LastError(), 87u);
         }
     }
-}
-
-TEST(DaemonObject, HandleDependenciesWithAnUnknownActionDoesNothingAndSucceeds)
-{
-    Quillcast::System::CDaemon daemon(nullptr);
-    QcTest::CLogCapture log;
-
-    for (uint32_t action : {0u, 2u, 3u, 5u, 8u})
-    {
-        EXPECT_TRUE(daemon.HandleDependencies(action)) << action;
-    }
-
-    EXPECT_EQ(log.Bodies(), Lines());
-    EXPECT_EQ(daemon.LastError(), 87u);
 }
 
 } // namespace

@@ -16,7 +16,6 @@ namespace QcTest {
 // What one loaded module asked of the service manager while a recorder lived.
 struct ServiceCalls
 {
-    std::vector<DWORD> queryTicks;        // GetTickCount() at each QueryServiceStatus
     std::vector<DWORD> sleeps;            // every Sleep's argument
     std::vector<std::wstring> opens;      // "manager 0xACCESS" / "<service> 0xACCESS", in order
     std::vector<SC_HANDLE> opened;        // every handle those calls returned
@@ -85,7 +84,7 @@ private:
     static BOOL WINAPI Query(SC_HANDLE hService, LPSERVICE_STATUS pStatus)
     {
         ++s_Count;
-        return Note(s_pQuery(hService, pStatus), [](ServiceCalls& c) { c.queryTicks.push_back(::GetTickCount()); });
+        return s_pQuery(hService, pStatus);
     }
     static SC_HANDLE WINAPI OpenManager(LPCWSTR machine, LPCWSTR database, DWORD access)
     {

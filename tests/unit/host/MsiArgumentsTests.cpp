@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <windows.h>
+
+#include <algorithm>
 #include <string>
 #include <utility>
 #include <vector>
@@ -33,10 +36,18 @@ TEST(MsiArgumentsParse, FirstCharacterSeparatesPairsThatAreTrimmedAndKeptInOrder
         {L"", {}},
         {L";NAME", {}},
     };
+    // Each text ends right before a page that cannot be read: a parser reading
+    // past the terminator crashes (FailFastOnCrash turns that into a failure).
+    wchar_t* const pPage = static_cast<wchar_t*>(::VirtualAlloc(nullptr, 8192, MEM_COMMIT, PAGE_READWRITE));
+    DWORD dwOld = 0;
+    ASSERT_TRUE(pPage != nullptr && ::VirtualProtect(pPage + 2048, 4096, PAGE_NOACCESS, &dwOld));
     for (const auto& sample : cases)
     {
+        const std::wstring text = sample.data != nullptr ? sample.data : L"";
+        wchar_t* const pText = pPage + 2047 - text.size();
+        *std::copy(text.begin(), text.end(), pText) = L'\0';
         CMsiArguments arguments;
-        arguments.Parse(sample.data);
+        arguments.Parse(sample.data != nullptr ? pText : nullptr);
         PairList parsed;
         for (const auto& pair : arguments.Pairs())
         {
@@ -45,6 +56,7 @@ TEST(MsiArgumentsParse, FirstCharacterSeparatesPairsThatAreTrimmedAndKeptInOrder
         EXPECT_EQ(parsed, sample.expected) << (sample.data != nullptr ? sample.data : L"(null)");
         EXPECT_EQ(arguments.Count(), parsed.size());
     }
+    ::VirtualFree(pPage, 0, MEM_RELEASE);
 }
 
 TEST(MsiArgumentsLookup, FoldsOnlyAsciiLettersTheFirstDuplicateWinsAndAnEmptyNameIsNeverFound)

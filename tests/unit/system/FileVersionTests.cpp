@@ -3,7 +3,6 @@
 #include <windows.h>
 
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "support/LogCapture.h"
@@ -11,64 +10,36 @@
 
 using Quillcast::System::CFileVersion;
 
-namespace {
-
-// The resource-only test DLLs are built next to the test program.
-std::wstring TestFile(const wchar_t* name)
+TEST(FileVersion, TextIsTheFileVersionInFullSixteenBitWordsAndEveryFailureIsTheSystemsCode)
 {
-    wchar_t path[MAX_PATH] = {};
-    const std::wstring program(path, ::GetModuleFileNameW(nullptr, path, MAX_PATH));
-    return program.substr(0, program.find_last_of(L'\\') + 1) + name;
-}
-
-} // namespace
-
-TEST(FileVersion, TextIsTheFileVersionInFullSixteenBitWordsWhateverProductVersionAndStringsSay)
-{
-    QcTest::CLogCapture log;
-    const std::pair<const wchar_t*, const wchar_t*> cases[] = {
-        {L"qc_test_version1234.dll", L"1.2.3.4"},
-        {L"qc_test_versionmax.dll", L"65535.65535.65535.65534"},
-    };
-    for (const auto& [name, expected] : cases)
+    wchar_t program[MAX_PATH] = {};
+    const std::wstring path(program, ::GetModuleFileNameW(nullptr, program, MAX_PATH));
+    const std::wstring folder = path.substr(0, path.find_last_of(L'\\') + 1);
+    // The resource-only test DLL is built next to the test program, which has no resources at all.
+    const std::pair<std::wstring, const wchar_t*> cases[] = {
+        {folder + L"qc_test_version.dll", L"65535.2.32768.65534"}, {path, L""}, {folder + L"absent.dll", L""}};
+    for (const auto& [file, expected] : cases)
     {
-        CFileVersion version(TestFile(name).c_str());
-        EXPECT_EQ(version.Error(), 0u);
-        EXPECT_STREQ(version.Text(), expected);
-        ASSERT_NE(version.FixedInfo(), nullptr);
-        EXPECT_EQ(version.FixedInfo()->dwSignature, static_cast<DWORD>(VS_FFI_SIGNATURE));
-    }
-    EXPECT_TRUE(log.Lines().empty());
-}
-
-TEST(FileVersion, FileWithoutVersionResourceOrMissingIsLoggedWithTheSystemsCode)
-{
-    for (const wchar_t* name : {L"qc_test_noversion.dll", L"qc_test_absent.dll"})
-    {
-        // Which code is the platform's choice (Wine answers 1812 for no resource): ask the system itself.
-        const std::wstring path = TestFile(name);
+        // Which code a failure has is the platform's choice: ask the system itself.
         DWORD dwHandle = 0;
         ::SetLastError(0);
-        ASSERT_EQ(::GetFileVersionInfoSizeW(path.c_str(), &dwHandle), 0u);
-        const DWORD dwExpected = ::GetLastError();
-        ASSERT_NE(dwExpected, 0u);
-
+        const DWORD dwExpected = ::GetFileVersionInfoSizeW(file.c_str(), &dwHandle) != 0 ? 0 : ::GetLastError();
         QcTest::CLogCapture log;
-        CFileVersion version(path.c_str());
+        const CFileVersion version(file.c_str());
         EXPECT_EQ(version.Error(), dwExpected);
-        EXPECT_STREQ(version.Text(), L"");
-        EXPECT_EQ(version.FixedInfo(), nullptr);
-        EXPECT_EQ(log.Bodies(), std::vector<std::wstring>{L"[ERROR] FileVersion (#) GetFileVersionInfoSize failed "
-                                                          L"with error " + std::to_wstring(dwExpected) + L"."});
+        EXPECT_STREQ(version.Text(), expected);
+        EXPECT_EQ(dwExpected == 0, *expected != L'\0') << "the file's version resource is not as the case needs";
+        EXPECT_EQ(version.FixedInfo() != nullptr && version.FixedInfo()->dwSignature == VS_FFI_SIGNATURE,
+                  dwExpected == 0);
+        const std::wstring failure =
+            L"[ERROR] FileVersion (#) GetFileVersionInfoSize failed with error " + std::to_wstring(dwExpected) + L".";
+        EXPECT_EQ(log.Bodies(), dwExpected == 0 ? std::vector<std::wstring>() : std::vector<std::wstring>{failure});
     }
-}
-
-TEST(FileVersion, NullOrEmptyPathIsAnInvalidParameterWithoutLogEntry)
-{
+    // Without a path: an invalid parameter, and no log entry.
     QcTest::CLogCapture log;
-    for (const wchar_t* path : {static_cast<const wchar_t*>(nullptr), L""})
+    for (const wchar_t* file : {static_cast<const wchar_t*>(nullptr), L""})
     {
-        CFileVersion version(path);
+        const CFileVersion version(file);
         EXPECT_EQ(version.Error(), static_cast<uint32_t>(ERROR_INVALID_PARAMETER));
         EXPECT_STREQ(version.Text(), L"");
         EXPECT_EQ(version.FixedInfo(), nullptr);
