@@ -2,6 +2,8 @@
 // decides; the quiet-mode box is shown system-modal and decides nothing.
 #include "utility/UtilityTest.h"
 
+#include <tuple>
+
 namespace QcTest {
 namespace {
 
@@ -11,9 +13,29 @@ std::wstring Message(const wchar_t* typeHex, const std::wstring& text, int answe
     return std::wstring(typeHex) + L": [1]|" + text + L"| -> " + std::to_wstring(answer);
 }
 
-using ShowMessage = UtilityTest;
+// RunAction cannot answer the messages or show them, so these cases keep a
+// session of their own: the result, the action's lines and the user messages.
+std::tuple<UINT, Lines, Lines> Show(const char* exportName, const Properties& properties, int answer)
+{
+    QcRunner::CActionHost host;
+    for (const auto& [name, value] : properties)
+    {
+        host.SetProperty(name, value);
+    }
+    host.QueueAnswer(answer);
+    const UINT result = host.Call(ShippedLibrary().Find(exportName));
+    Lines lines;
+    for (const std::wstring& line : host.LogLines())
+    {
+        if (Body(line).rfind(L"Workbench (#) ", 0) != 0)
+        {
+            lines.push_back(Body(line));
+        }
+    }
+    return {result, lines, host.Messages()};
+}
 
-TEST_F(ShowMessage, DeferredResultFollowsTheAnswer)
+TEST(ShowMessage, DeferredResultFollowsTheAnswer)
 {
     // 0 is no answer at all, as in a silent installation.
     const std::pair<int, UINT> answers[] = {{0, 0},        {IDOK, 0},         {IDRETRY, 0},    {IDIGNORE, 0},
@@ -21,25 +43,20 @@ TEST_F(ShowMessage, DeferredResultFollowsTheAnswer)
                                             {IDNO, 1602}, {IDTRYAGAIN, 1602}, {-1, 1602}};
     for (const auto& [answer, result] : answers)
     {
-        SetUp();
-        m_Host->SetCustomActionData(L";MESSAGE=Continue setup?;TYPE=4");
-        m_Host->QueueAnswer(answer);
-        EXPECT_EQ(Run("ShowMessageDeferred"), result) << answer;
-        EXPECT_EQ(m_Host->Messages(), Lines{Message(L"0x03000004", L"Continue setup?", answer)}) << answer;
-        EXPECT_EQ(ActionLines(), result == 0 ? Lines{} : Lines{Error(L"Continue setup?")}) << answer;
+        EXPECT_EQ(Show("ShowMessageDeferred", {{L"CustomActionData", L";MESSAGE=Continue setup?;TYPE=4"}}, answer),
+                  std::make_tuple(result, result == 0 ? Lines{} : Lines{Error(L"Continue setup?")},
+                                  Lines{Message(L"0x03000004", L"Continue setup?", answer)}));
     }
 }
 
-TEST_F(ShowMessage, DeferredTypeIsConvertedAsDecimalAndAMissingOneIsZero)
+TEST(ShowMessage, DeferredTypeIsConvertedAsDecimalAndAMissingOneIsZero)
 {
-    m_Host->SetCustomActionData(L";MESSAGE=Low disk space;TYPE=48 and more");
-    EXPECT_EQ(Run("ShowMessageDeferred"), 0u);
-    m_Host->SetCustomActionData(L";MESSAGE=Done;OTHER=1");
-    EXPECT_EQ(Run("ShowMessageDeferred"), 0u);
-    EXPECT_EQ(m_Host->Messages(), (Lines{Message(L"0x03000030", L"Low disk space", IDOK),
-                                         Message(L"0x03000000", L"Done", IDOK)}));
+    EXPECT_EQ(Show("ShowMessageDeferred", {{L"CustomActionData", L";MESSAGE=Low disk space;TYPE=48 and more"}}, IDOK),
+              std::make_tuple(0u, Lines{}, Lines{Message(L"0x03000030", L"Low disk space", IDOK)}));
     // Only the frame's listing notes the absent TYPE.
-    EXPECT_EQ(ActionLines(), Lines{L"[ERROR] Workbench (#) Argument[TYPE] = NOT DEFINED."});
+    EXPECT_EQ(Show("ShowMessageDeferred", {{L"CustomActionData", L";MESSAGE=Done;OTHER=1"}}, IDOK),
+              std::make_tuple(0u, Lines{L"[ERROR] Workbench (#) Argument[TYPE] = NOT DEFINED."},
+                              Lines{Message(L"0x03000000", L"Done", IDOK)}));
 }
 
 struct ImmediateCase
@@ -55,9 +72,7 @@ struct ImmediateCase
     const wchar_t* box; // the box shown, "caption|text|type"; null: none
 };
 
-class ShowMessageImmediately : public UtilityTest, public ::testing::WithParamInterface<ImmediateCase>
-{
-};
+using ShowMessageImmediately = UtilityCases<ImmediateCase>;
 
 const wchar_t kText[] = L"Install the printer driver?";
 const wchar_t kCaption[] = L"Quillcast Setup";
@@ -86,18 +101,17 @@ TEST_P(ShowMessageImmediately, ShowsTheMessage)
     }
     if (test.data != nullptr)
     {
-        m_Host->SetCustomActionData(test.data);
+        properties.emplace_back(L"CustomActionData", test.data);
     }
     if (test.failingRead != nullptr)
     {
         FailPropertyRead(test.failingRead, false);
     }
-    m_Host->QueueAnswer(test.answer);
     const Lines& boxes = NoteMessageBoxes(); // each answered with Cancel
 
-    EXPECT_EQ(Run("ShowMessageImmediately", properties), test.result);
-    EXPECT_EQ(ActionLines(), test.lines);
-    EXPECT_EQ(m_Host->Messages(), test.result != 1603 ? Lines{Message(L"0x03000004", kText, test.answer)} : Lines{});
+    EXPECT_EQ(Show("ShowMessageImmediately", properties, test.answer),
+              std::make_tuple(test.result, test.lines,
+                              test.result != 1603 ? Lines{Message(L"0x03000004", kText, test.answer)} : Lines{}));
     EXPECT_EQ(boxes, test.box != nullptr ? Lines{test.box} : Lines{});
 }
 

@@ -4,7 +4,6 @@
 
 #include <cwchar>
 
-#include "support/ShippedDll.h"
 
 namespace QcTest {
 
@@ -59,10 +58,13 @@ std::wstring Entry(const wchar_t* level, std::wstring text)
     return level + (L"Various (#) " + (at == std::wstring::npos ? text : text.replace(at, 11, L"4242")) + L".");
 }
 
-const QcRunner::CActionLibrary& Library()
+std::vector<std::pair<REGSAM, std::wstring>> g_Keys;
+std::vector<std::wstring> g_Files;
+
+std::wstring SystemPath(const wchar_t* name)
 {
-    static const QcRunner::CActionLibrary library(ShippedDllPath());
-    return library;
+    wchar_t folder[MAX_PATH] = {};
+    return std::wstring(folder, GetSystemDirectoryW(folder, MAX_PATH)) + L"\\" + name;
 }
 
 } // namespace
@@ -73,40 +75,27 @@ std::wstring Detail(const std::wstring& text) { return Entry(L"", text); }
 
 void UtilityTest::SetUp()
 {
-    ASSERT_TRUE(Library().IsLoaded()) << "cannot load the DLL";
     m_Patches.clear();
     Patch("advapi32.dll", "RegOpenKeyExW", reinterpret_cast<const void*>(OpenKeyAfterMarker));
-    m_Host = std::make_unique<QcRunner::CActionHost>();
-    ASSERT_TRUE(m_Host->IsOpen());
 }
 
-UINT UtilityTest::Run(const char* exportName, const Properties& properties)
+void UtilityTest::TearDown()
 {
-    const QcRunner::CustomActionFunction action = Library().Find(exportName);
-    EXPECT_NE(action, nullptr) << exportName;
-    for (const auto& property : properties)
+    for (const auto& [view, key] : g_Keys)
     {
-        m_Host->SetProperty(property.first, property.second);
+        RegDeleteKeyExW(HKEY_LOCAL_MACHINE, key.c_str(), view, 0);
     }
-    return action == nullptr ? ERROR_CALL_NOT_IMPLEMENTED : m_Host->Call(action);
-}
-
-Lines UtilityTest::ActionLines() const
-{
-    Lines lines;
-    for (const std::wstring& line : m_Host->LogLines())
+    for (const std::wstring& path : g_Files)
     {
-        if (QcRunner::Body(line).rfind(L"Workbench (#) ", 0) != 0)
-        {
-            lines.push_back(QcRunner::Body(line));
-        }
+        DeleteFileW(path.c_str());
     }
-    return lines;
+    g_Keys.clear();
+    g_Files.clear();
 }
 
 void UtilityTest::Patch(const char* dll, const char* function, const void* replacement)
 {
-    m_Patches.push_back(std::make_unique<CImportPatch>(Library().Module(), dll, function, replacement));
+    m_Patches.push_back(std::make_unique<CImportPatch>(ShippedLibrary().Module(), dll, function, replacement));
     EXPECT_TRUE(m_Patches.back()->IsApplied()) << function;
 }
 
@@ -138,6 +127,7 @@ const Lines& UtilityTest::NoteMessageBoxes()
 bool SetValue(REGSAM view, const std::wstring& key, const wchar_t* name, DWORD type, const std::wstring& bytes)
 {
     HKEY hKey = nullptr;
+    g_Keys.emplace_back(view, key);
     bool bDone = RegCreateKeyExW(HKEY_LOCAL_MACHINE, key.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS | view, nullptr,
                                  &hKey, nullptr) == ERROR_SUCCESS;
     if (bDone && name != nullptr)
@@ -162,6 +152,12 @@ std::pair<DWORD, std::wstring> ReadValue(REGSAM view, const std::wstring& key, c
     }
     RegCloseKey(hKey);
     return value;
+}
+
+bool Place(const std::wstring& program, const wchar_t* name)
+{
+    g_Files.push_back(SystemPath(name));
+    return CopyFileW((BinFolder() + program).c_str(), g_Files.back().c_str(), FALSE) != FALSE;
 }
 
 } // namespace QcTest
