@@ -1,8 +1,7 @@
-// The four firewall actions of the shipped DLL through real installer
-// sessions against the test firewall, and CFirewall itself where it has
-// behaviour the actions do not show: arguments in; the result, the warnings and
-// errors (exact text), the firewall's rules and lists and, where the order
-// matters, the calls the firewall saw, out.
+// The four firewall actions of the shipped DLL (RunAction) against the test
+// firewall, and CFirewall itself where the actions do not show its behaviour:
+// arguments in; the result, the messages (exact text), the firewall's rules
+// and lists and, where the order matters, the calls the firewall saw, out.
 #include <gtest/gtest.h>
 
 #include <windows.h>
@@ -12,18 +11,15 @@
 #include <tuple>
 #include <vector>
 
-#include "ActionHost.h"
 #include "actions/Workers.h"
+#include "directory/ActionCall.h"
 #include "firewall/TestFirewall.h"
 #include "network/Firewall.h"
 #include "support/ComChangedMode.h"
-#include "support/LogCapture.h"
-#include "support/ShippedDll.h"
 
 namespace QcTest {
 namespace {
 
-using Lines = std::vector<std::wstring>;
 using Quillcast::Common::Network::CFirewall;
 
 constexpr const wchar_t* kInvalidArg = L"2147942487";   // E_INVALIDARG
@@ -33,7 +29,7 @@ constexpr const wchar_t* kClassNotReg = L"2147746132";  // REGDB_E_CLASSNOTREG
 
 std::wstring Failed(const std::wstring& text, const wchar_t* code = kAccessDenied)
 {
-    return L"[ERROR] Firewall (#) " + text + code + L".";
+    return L"[ERROR] Firewall (#) " + text + L" with error " + code + L".";
 }
 // The switch that makes `method` of the test firewall fail with E_ACCESSDENIED.
 std::wstring Fails(const std::wstring& method) { return L"Fail\\" + method + L"=" + kAccessDenied; }
@@ -102,11 +98,10 @@ struct FirewallCase
 const std::wstring kApp = L"C:\\Program Files\\Quillcast\\qc.exe";
 const std::wstring kR80 = L"RULENAME=R;LOCALPORTS=80";
 const std::wstring kP = L"RULENAME=P;PROGRAMNAME=" + kApp;
-const std::wstring kAddPortFailed = L"Failed to add port exception with error ";
-const std::wstring kCheckPortFailed = L"Failed to check local ports with error ";
-const std::wstring kCheckAppFailed = L"Failed to check app exception with error ";
-const std::wstring kNoManager[] = {L"Failed to connect to Windows Firewall with error ",
-                                   L"Failed to get current profile with error "};
+const std::wstring kAddPortFailed = L"Failed to add port exception";
+const std::wstring kCheckPortFailed = L"Failed to check local ports";
+const std::wstring kCheckAppFailed = L"Failed to check app exception";
+const std::wstring kNoManager[] = {L"Failed to connect to Windows Firewall", L"Failed to get current profile"};
 
 const FirewallCase kCases[] = {
     // ------------------------------------------------------------ rule path
@@ -129,50 +124,43 @@ const FirewallCase kCases[] = {
      {PortRule(L"Rule A", L"80")},
      {L"Create.NetFwPolicy2", L"Policy2.Rules", L"Policy2.CurrentProfileTypes", L"Rules.Item", L"Rule.Enabled"}},
     {"HexadecimalProfileConvertsToZeroWhichTheFirewallRefuses", {}, {}, AddPort(kR80 + L";PROFILE=0x7FFFFFFF"), 1603,
-     {Failed(L"Failed to set exception profile with error ", kInvalidArg), Failed(kAddPortFailed, kInvalidArg)}, {}},
+     {Failed(L"Failed to set exception profile", kInvalidArg), Failed(kAddPortFailed, kInvalidArg)}, {}},
     {"ServiceNameReplacesTheLocalAddresses", {}, {}, AddPort(kR80 + L";LOCALADDRESSES=10.0.0.1;SERVICENAME="), 0, {},
      {L"Rules\\1: Action=1; Direction=1; EdgeTraversal=0; EdgeTraversalOptions=2; Enabled=1; LocalAddresses=; "
       L"LocalPorts=80; Name=R; Profiles=2147483647; Protocol=6"}},
     {"ProgramRuleWithLocalPortsFailsAtTheLocalPorts", {}, {}, AddProgram(kP + L";LOCALPORTS=80"), 1603,
-     {Failed(L"Failed to set authorized local ports with error ", kInvalidArg),
-      Failed(L"Failed to add exception with error ", kInvalidArg)},
+     {Failed(L"Failed to set authorized local ports", kInvalidArg), Failed(L"Failed to add exception", kInvalidArg)},
      {}},
     {"LongNonAsciiRuleNameMakesItsRule", {}, {}, AddPort(L"RULENAME=" + kLongName + L";LOCALPORTS=80"), 0, {},
      {PortRule(kLongName, L"80")}},
     {"WithoutRule2EdgeTraversalIsTheOlderFlag", {}, {L"NoRule2=1"}, AddPort(kR80), 0, {},
      {L"Rules\\1: Action=1; Direction=1; EdgeTraversal=1; EdgeTraversalOptions=0; Enabled=1; LocalPorts=80; "
       L"Name=R; Profiles=2147483647; Protocol=6"}},
-    {"RemovingAMissingRuleSucceedsSilently", {}, {}, RemovePort(kR80), 0, {}, {}},
     {"RemovePortRemovesTheRuleByItsNameAlone", {AddPort(kR80)}, {}, RemovePort(L"RULENAME=r;LOCALPORTS=1"), 0, {}, {}},
     // ------------------------------------------------------------ arguments
-    {"MissingRuleNameFailsValidation", {}, {}, RemovePort(L"LOCALPORTS=80;PAD=1"), 1603,
-     {L"[ERROR] Workbench (#) Argument[RULENAME] is invalid."}, {}},
-    {"MissingProgramNameFailsValidation", {}, {}, AddProgram(L"RULENAME=P"), 1603,
-     {L"[ERROR] Workbench (#) Argument[PROGRAMNAME] is invalid."}, {}},
+    {"MissingRuleNameFailsValidation", {}, {}, RemovePort(L"LOCALPORTS=80;PAD=1"), 1603, {}, {}},
+    {"MissingProgramNameFailsValidation", {}, {}, AddProgram(L"RULENAME=P"), 1603, {}, {}},
     // ------------------------------------------------------------ rule path failures
     {"UnavailablePolicyIsAWarningAndTheListsAreUsed", {}, {Fails(L"Create.NetFwPolicy2")}, AddPort(kR80), 0,
      {Unavailable(kAccessDenied)}, {OpenPort(80, L"R")}},
     {"UnreadableCurrentProfileIsAnErrorAndTheListsAreUsed", {}, {Fails(L"Policy2.CurrentProfileTypes")},
-     AddPort(kR80), 0, {Failed(L"Failed to get firewall current profile with error ")}, {OpenPort(80, L"R")}},
+     AddPort(kR80), 0, {Failed(L"Failed to get firewall current profile")}, {OpenPort(80, L"R")}},
     {"FailedSearchIsLoggedTwiceBeforeTheSummary", {}, {Fails(L"Rules.Item")}, AddPort(kR80), 1603,
-     {Failed(L"Failed trying to find existing exception with error "),
-      Failed(L"Failed trying to find existing exception with error "), Failed(kAddPortFailed)},
-     {}},
+     {Failed(L"Failed trying to find existing exception"), Failed(L"Failed trying to find existing exception"),
+      Failed(kAddPortFailed)}, {}},
     {"FailedSearchFailsTheRemoval", {}, {Fails(L"Rules.Item")}, RemovePort(kR80), 1603,
-     {Failed(L"Failed trying to find existing exception with error "),
-      Failed(L"Failed to check exception with error "), Failed(L"Failed to remove exception with error ")},
-     {}},
+     {Failed(L"Failed trying to find existing exception"), Failed(L"Failed to check exception"),
+      Failed(L"Failed to remove exception")}, {}},
     {"FailedRemovalIsLoggedWithTheSummary", {AddPort(kR80)}, {Fails(L"Rules.Remove")},
      RemoveProgram(L"RULENAME=R;PROGRAMNAME=C:\\a.exe"), 1603,
-     {Failed(L"Failed to remove exception with error "), Failed(L"Failed to remove exception with error ")},
-     {PortRule(L"R", L"80")}},
+     {Failed(L"Failed to remove exception"), Failed(L"Failed to remove exception")}, {PortRule(L"R", L"80")}},
     // ------------------------------------------------------------ legacy lists
     {"LegacyPortListOpensEachPortForTcp", {}, {kLegacy}, AddPort(L"RULENAME=R;LOCALPORTS=80,443"), 0,
      {kLegacyWarning}, {OpenPort(443, L"R"), OpenPort(80, L"R")}},
     {"LegacyRangeOpensItsFirstPortAndATrailingCommaNothing", {}, {kLegacy},
      AddPort(L"RULENAME=R;LOCALPORTS=8080-8090,"), 0, {kLegacyWarning}, {OpenPort(8080, L"R")}},
     {"LegacyLeadingCommaTriesPortZeroFirst", {}, {kLegacy}, AddPort(L"RULENAME=R;LOCALPORTS=,80"), 1603,
-     {kLegacyWarning, Failed(L"Failed to set port number with error ", kInvalidArg)}, {}},
+     {kLegacyWarning, Failed(L"Failed to set port number", kInvalidArg)}, {}},
     {"LegacyOpenPortIsOnlyEnabledAndTheNextOneOpened", {AddPort(L"RULENAME=Old;LOCALPORTS=80")},
      {kLegacy, L"OpenPorts\\80-6\\Enabled=0"}, AddPort(L"RULENAME=R;LOCALPORTS=80,443"), 0, {kLegacyWarning},
      {OpenPort(443, L"R"), OpenPort(80, L"Old")}},
@@ -188,9 +176,7 @@ const FirewallCase kCases[] = {
      {L"Create.NetFwMgr", L"Mgr.LocalPolicy", L"Policy.CurrentProfile", L"Profile.AuthorizedApplications",
       L"AuthorizedApps.Item", L"AuthorizedApp.Enabled"}},
     {"LegacyRemovalOfAPortNotOpenFails", {}, {kLegacy}, RemovePort(kR80), 1603,
-     {kLegacyWarning, Failed(L"Failed to retrieve open port with error ", kNotFound),
-      Failed(kCheckPortFailed, kNotFound)},
-     {}},
+     {kLegacyWarning, Failed(L"Failed to retrieve open port", kNotFound), Failed(kCheckPortFailed, kNotFound)}, {}},
     {"LegacyRemovalClosesEachPort", {AddPort(L"RULENAME=R;LOCALPORTS=80,443,8080")}, {kLegacy},
      RemovePort(L"RULENAME=R;LOCALPORTS=80,443"), 0, {kLegacyWarning}, {OpenPort(8080, L"R")}},
     // The check answers "disabled" without a code of its own: the code
@@ -199,8 +185,7 @@ const FirewallCase kCases[] = {
      RemovePort(kR80), 1603, {kLegacyWarning, Failed(kCheckPortFailed, kClassNotReg)},
      {L"OpenPorts\\80-6: Enabled=0"}},
     {"LegacyRemovalOfAMissingProgramFails", {}, {kLegacy}, RemoveProgram(kP), 1603,
-     {kLegacyWarning, Failed(L"Failed to retrieve authorized app with error ", kNotFound),
-      Failed(kCheckAppFailed, kNotFound)},
+     {kLegacyWarning, Failed(L"Failed to retrieve authorized app", kNotFound), Failed(kCheckAppFailed, kNotFound)},
      {}},
     {"LegacyRemovalRemovesTheProgramByItsPath", {AddProgram(kP)}, {kLegacy},
      RemoveProgram(L"RULENAME=Other;PROGRAMNAME=c:\\program files\\quillcast\\QC.EXE"), 0, {kLegacyWarning}, {}},
@@ -209,16 +194,15 @@ const FirewallCase kCases[] = {
      {kLegacyWarning, Failed(kNoManager[0]), Failed(kNoManager[1]), Failed(kCheckAppFailed)}, {}},
     {"LegacyNotAllowedExceptionsFailTheCheckOnlyWhenTheReadFails", {AddPort(kR80)},
      {kLegacy, L"ExceptionsNotAllowed=1", Fails(L"Profile.ExceptionsNotAllowed")}, RemovePort(kR80), 1603,
-     {kLegacyWarning, Failed(L"Failed to get list of not allowed exceptions with error "), Failed(kCheckPortFailed)},
+     {kLegacyWarning, Failed(L"Failed to get list of not allowed exceptions"), Failed(kCheckPortFailed)},
      {OpenPort(80, L"R")}},
     {"LegacyNotAllowedExceptionsReadWellDoNotStopTheRemoval", {AddPort(kR80)}, {kLegacy, L"ExceptionsNotAllowed=1"},
      RemovePort(kR80), 0, {kLegacyWarning}, {}},
     {"LegacyFailedPortRemovalNamesThePortAsWritten", {AddPort(kR80)}, {kLegacy, Fails(L"OpenPorts.Remove")},
      RemovePort(L"RULENAME=R;LOCALPORTS=80x"), 1603,
-     {kLegacyWarning, Failed(L"Failed to remove open port 80x, protocol 6 with error ")}, {OpenPort(80, L"R")}},
+     {kLegacyWarning, Failed(L"Failed to remove open port 80x, protocol 6")}, {OpenPort(80, L"R")}},
     {"LegacyFailedProgramRemovalKeepsItsTwoBlanks", {AddProgram(kP)}, {kLegacy, Fails(L"AuthorizedApps.Remove")},
-     RemoveProgram(kP), 1603, {kLegacyWarning, Failed(L"Failed to remove app " + kApp + L"  with error ")},
-     {App(L"P", kApp)}},
+     RemoveProgram(kP), 1603, {kLegacyWarning, Failed(L"Failed to remove app " + kApp + L" ")}, {App(L"P", kApp)}},
 };
 
 // One failure switch per message: the call named fails with E_ACCESSDENIED;
@@ -234,49 +218,47 @@ struct SwitchCase
 
 const Call kPort = AddPort(kR80 + L";RULEDESCRIPTION=d;REMOTEADDRESSES=*;LOCALADDRESSES=*;REMOTEPORTS=*");
 const Call kProgram = AddProgram(L"RULENAME=P;PROGRAMNAME=C:\\a.exe;REMOTEADDRESSES=*");
-const std::wstring kAddFailed = L"Failed to add exception with error ";
+const Call kRemoveProgram = RemoveProgram(L"RULENAME=P;PROGRAMNAME=C:\\a.exe");
+const std::wstring kAddFailed = L"Failed to add exception";
 
 const SwitchCase kSwitches[] = {
-    {false, kPort, L"Create.NetFwRule", {L"Failed to create NetFwRule object with error ", kAddPortFailed}},
-    {false, kPort, L"Rule.Name", {L"Failed to set exception friendly name with error ", kAddPortFailed}},
-    {false, kPort, L"Rule.Profiles", {L"Failed to set exception profile with error ", kAddPortFailed}},
-    {false, kPort, L"Rule.Description", {L"Failed to set exception description with error ", kAddPortFailed}},
-    {false, kPort, L"Rule.Direction", {L"Failed to set exception direction with error ", kAddPortFailed}},
-    {false, kPort, L"Rule.Protocol", {L"Failed to set exception protocol with error ", kAddPortFailed}},
-    {false, kProgram, L"Rule.ApplicationName", {L"Failed to set application name with error ", kAddFailed}},
-    {false, kPort, L"Rule.RemoteAddresses", {L"Failed to set authorized remote addresses with error ", kAddPortFailed}},
-    {false, kPort, L"Rule.LocalAddresses", {L"Failed to set authorized local addresses with error ", kAddPortFailed}},
-    {false, kPort, L"Rule.RemotePorts", {L"Failed to set authorized remote ports with error ", kAddPortFailed}},
-    {false, kPort, L"Rule.LocalPorts", {L"Failed to set authorized local ports with error ", kAddPortFailed}},
-    {false, kPort, L"Rule.EdgeTraversalOptions",
-     {L"Failed to set EdgeTraversal to deferapp with error ", kAddPortFailed}},
-    {false, kPort, L"Rule.Enabled", {L"Failed to to enable exception with error ", kAddPortFailed}},
-    {false, kProgram, L"Rules.Add", {L"Failed to add exception to the authorized list with error ", kAddFailed}},
+    {false, kPort, L"Create.NetFwRule", {L"Failed to create NetFwRule object", kAddPortFailed}},
+    {false, kPort, L"Rule.Name", {L"Failed to set exception friendly name", kAddPortFailed}},
+    {false, kPort, L"Rule.Profiles", {L"Failed to set exception profile", kAddPortFailed}},
+    {false, kPort, L"Rule.Description", {L"Failed to set exception description", kAddPortFailed}},
+    {false, kPort, L"Rule.Direction", {L"Failed to set exception direction", kAddPortFailed}},
+    {false, kPort, L"Rule.Protocol", {L"Failed to set exception protocol", kAddPortFailed}},
+    {false, kProgram, L"Rule.ApplicationName", {L"Failed to set application name", kAddFailed}},
+    {false, kPort, L"Rule.RemoteAddresses", {L"Failed to set authorized remote addresses", kAddPortFailed}},
+    {false, kPort, L"Rule.LocalAddresses", {L"Failed to set authorized local addresses", kAddPortFailed}},
+    {false, kPort, L"Rule.RemotePorts", {L"Failed to set authorized remote ports", kAddPortFailed}},
+    {false, kPort, L"Rule.LocalPorts", {L"Failed to set authorized local ports", kAddPortFailed}},
+    {false, kPort, L"Rule.EdgeTraversalOptions", {L"Failed to set EdgeTraversal to deferapp", kAddPortFailed}},
+    {false, kPort, L"Rule.Enabled", {L"Failed to to enable exception", kAddPortFailed}},
+    {false, kProgram, L"Rules.Add", {L"Failed to add exception to the authorized list", kAddFailed}},
     {true, kPort, L"Create.NetFwMgr", {kNoManager[0], kNoManager[1]}},
     {true, kProgram, L"Mgr.LocalPolicy", {kNoManager[0], kNoManager[1]}},
-    {true, kPort, L"Profile.GloballyOpenPorts", {L"Failed to get list of open ports with error "}},
-    {true, kPort, L"OpenPorts.Item", {L"Failed trying to find existing port with error "}},
-    {true, kPort, L"Create.NetFwOpenPort", {L"Failed to create new open port with error "}},
-    {true, kPort, L"OpenPort.Name", {L"Failed to set port name with error "}},
-    {true, kPort, L"OpenPort.Protocol", {L"Failed to set port protocol with error "}},
-    {true, kPort, L"OpenPort.Port", {L"Failed to set port number with error "}},
-    {true, kPort, L"OpenPort.RemoteAddresses", {L"Failed to set port remote addresses with error "}},
-    {true, kPort, L"OpenPort.Enabled", {L"Failed to to enable port with error "}},
-    {true, kPort, L"OpenPorts.Add", {L"Failed to add port to the open ports list with error "}},
-    {true, kProgram, L"Profile.AuthorizedApplications", {L"Failed to get list of authorized apps with error "}},
-    {true, kProgram, L"AuthorizedApps.Item", {L"Failed trying to find existing app with error "}},
-    {true, kProgram, L"Create.NetFwAuthorizedApplication", {L"Failed to create authorized app with error "}},
-    {true, kProgram, L"AuthorizedApp.Name", {L"Failed to set authorized app name with error "}},
-    {true, kProgram, L"AuthorizedApp.ProcessImageFileName", {L"Failed to set authorized app path with error "}},
-    {true, kProgram, L"AuthorizedApp.RemoteAddresses", {L"Failed to set authorized app remote addresses with error "}},
-    {true, kProgram, L"AuthorizedApp.Enabled", {L"Failed to to enable app with error "}},
-    {true, kProgram, L"AuthorizedApps.Add", {L"Failed to add app to the authorized apps list with error "}},
-    {true, RemovePort(kR80), L"Profile.GloballyOpenPorts",
-     {L"Failed to get list of open ports with error ", kCheckPortFailed}},
-    {true, RemoveProgram(L"RULENAME=P;PROGRAMNAME=C:\\a.exe"), L"Profile.AuthorizedApplications",
-     {L"Failed to get list of authorized apps with error ", kCheckAppFailed}},
-    {true, RemoveProgram(L"RULENAME=P;PROGRAMNAME=C:\\a.exe"), L"AuthorizedApps.Item",
-     {L"Failed to retrieve authorized app with error ", kCheckAppFailed}},
+    {true, kPort, L"Profile.GloballyOpenPorts", {L"Failed to get list of open ports"}},
+    {true, kPort, L"OpenPorts.Item", {L"Failed trying to find existing port"}},
+    {true, kPort, L"Create.NetFwOpenPort", {L"Failed to create new open port"}},
+    {true, kPort, L"OpenPort.Name", {L"Failed to set port name"}},
+    {true, kPort, L"OpenPort.Protocol", {L"Failed to set port protocol"}},
+    {true, kPort, L"OpenPort.Port", {L"Failed to set port number"}},
+    {true, kPort, L"OpenPort.RemoteAddresses", {L"Failed to set port remote addresses"}},
+    {true, kPort, L"OpenPort.Enabled", {L"Failed to to enable port"}},
+    {true, kPort, L"OpenPorts.Add", {L"Failed to add port to the open ports list"}},
+    {true, kProgram, L"Profile.AuthorizedApplications", {L"Failed to get list of authorized apps"}},
+    {true, kProgram, L"AuthorizedApps.Item", {L"Failed trying to find existing app"}},
+    {true, kProgram, L"Create.NetFwAuthorizedApplication", {L"Failed to create authorized app"}},
+    {true, kProgram, L"AuthorizedApp.Name", {L"Failed to set authorized app name"}},
+    {true, kProgram, L"AuthorizedApp.ProcessImageFileName", {L"Failed to set authorized app path"}},
+    {true, kProgram, L"AuthorizedApp.RemoteAddresses", {L"Failed to set authorized app remote addresses"}},
+    {true, kProgram, L"AuthorizedApp.Enabled", {L"Failed to to enable app"}},
+    {true, kProgram, L"AuthorizedApps.Add", {L"Failed to add app to the authorized apps list"}},
+    {true, RemovePort(kR80), L"Profile.GloballyOpenPorts", {L"Failed to get list of open ports", kCheckPortFailed}},
+    {true, kRemoveProgram, L"Profile.AuthorizedApplications",
+     {L"Failed to get list of authorized apps", kCheckAppFailed}},
+    {true, kRemoveProgram, L"AuthorizedApps.Item", {L"Failed to retrieve authorized app", kCheckAppFailed}},
 };
 
 class FirewallTest : public ::testing::Test
@@ -290,27 +272,11 @@ protected:
         CTestFirewall::Reset();
     }
 
-    // One action in a fresh session: its result and its lines but the frame's information lines.
+    // One action in a fresh session: its result and the lines the frame did not write.
     static std::pair<UINT, Lines> Run(const Call& call)
     {
-        static const QcRunner::CActionLibrary library(ShippedDllPath());
-        QcRunner::CActionHost host;
-        const QcRunner::CustomActionFunction action = library.Find(call.action);
-        if (action == nullptr || !host.IsOpen() || !host.SetCustomActionData(call.data))
-        {
-            return {0xFFFFFFFF, {L"(no action or no session) " + host.Error()}};
-        }
-        std::pair<UINT, Lines> outcome(host.Call(action), Lines{});
-        for (const std::wstring& line : host.LogLines())
-        {
-            // The frame's listing of the arguments is not this suite's matter; its verdicts are.
-            const std::wstring body = Body(line);
-            if (body.find(L"Workbench (#) ") == std::wstring::npos || body.find(L"] is invalid") != std::wstring::npos)
-            {
-                outcome.second.push_back(body);
-            }
-        }
-        return outcome;
+        const ActionOutcome outcome = RunAction(call.action, {{L"CustomActionData", call.data}}, {});
+        return {outcome.result, outcome.lines};
     }
 
     // Sets the plain switches of `setup`, runs the calls of `before` (each must
@@ -389,8 +355,6 @@ TEST_F(FirewallTest, WorkersWithoutTheirMainArgument)
     const std::tuple<Worker, const wchar_t*, UINT, const wchar_t*> cases[] = {
         {Quillcast::Actions::AddPortExceptionWorker, L";RULENAME=R;PROGRAMNAME=x", 87, L""},
         {Quillcast::Actions::AddProgramExceptionWorker, L";RULENAME=R;LOCALPORTS=80", 87, L""},
-        {Quillcast::Actions::RemovePortExceptionWorker, L";RULENAME=R", 87, L""},
-        {Quillcast::Actions::RemoveProgramExceptionWorker, L";RULENAME=R", 87, L""},
         {Quillcast::Actions::AddPortExceptionWorker, L";LOCALPORTS=80", 1603,
          L"[ERROR] Firewall (#) ERROR_INVALID_PARAMETER."},
     };
@@ -436,9 +400,7 @@ TEST_F(FirewallTest, ChecksOnTheRulePathAskForTheRuleByNameOnly)
 TEST_F(FirewallTest, ChangedModeIsUninitialisedByTheDestructorAllTheSame)
 {
     const ChangedModeOutcome outcome = WrapperOnMultithreadedThread<CFirewall>(L"R");
-    EXPECT_EQ(outcome.first, S_OK);
-    EXPECT_EQ(outcome.lastError, 0u);
-    EXPECT_EQ(outcome.again, S_OK);
+    EXPECT_EQ(std::make_tuple(outcome.first, outcome.lastError, outcome.again), std::make_tuple(S_OK, 0u, S_OK));
 }
 
 } // namespace
