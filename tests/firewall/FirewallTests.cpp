@@ -85,7 +85,7 @@ const std::wstring kLongName = L"R\u00e9gle " + std::wstring(1990, L'\u0444') + 
 
 struct FirewallCase
 {
-    const char* behaviour;
+    std::string behaviour;
     std::vector<Call> before; // made first, each must succeed
     Lines setup;              // CTestFirewall::Set assignments
     Call call;
@@ -102,6 +102,30 @@ const std::wstring kAddPortFailed = L"Failed to add port exception";
 const std::wstring kCheckPortFailed = L"Failed to check local ports";
 const std::wstring kCheckAppFailed = L"Failed to check app exception";
 const std::wstring kNoManager[] = {L"Failed to connect to Windows Firewall", L"Failed to get current profile"};
+
+const Call kPort = AddPort(kR80 + L";RULEDESCRIPTION=d;REMOTEADDRESSES=*;LOCALADDRESSES=*;REMOTEPORTS=*");
+const Call kProgram = AddProgram(L"RULENAME=P;PROGRAMNAME=C:\\a.exe;REMOTEADDRESSES=*");
+const Call kRemoveProgram = RemoveProgram(L"RULENAME=P;PROGRAMNAME=C:\\a.exe");
+const std::wstring kAddFailed = L"Failed to add exception";
+
+// `method` of the test firewall fails with E_ACCESSDENIED: its message, then the operation's own summary (if
+// any), each with that code, after the legacy warning where the lists are used; result 1603, nothing made.
+FirewallCase Switch(const Call& call, const std::wstring& method, const Lines& texts)
+{
+    std::string name = call.action + std::string("FailsAt") + std::string(method.begin(), method.end());
+    name.erase(std::remove(name.begin(), name.end(), '.'), name.end());
+    FirewallCase test{name, {}, {Fails(method)}, call, 1603, {}, {}};
+    if (method.rfind(L"Rule", 0) != 0 && method != L"Create.NetFwRule")
+    {
+        test.setup.insert(test.setup.begin(), kLegacy);
+        test.lines.push_back(kLegacyWarning);
+    }
+    for (const std::wstring& text : texts)
+    {
+        test.lines.push_back(Failed(text));
+    }
+    return test;
+}
 
 const FirewallCase kCases[] = {
     // ------------------------------------------------------------ rule path
@@ -203,62 +227,44 @@ const FirewallCase kCases[] = {
      {kLegacyWarning, Failed(L"Failed to remove open port 80x, protocol 6")}, {OpenPort(80, L"R")}},
     {"LegacyFailedProgramRemovalKeepsItsTwoBlanks", {AddProgram(kP)}, {kLegacy, Fails(L"AuthorizedApps.Remove")},
      RemoveProgram(kP), 1603, {kLegacyWarning, Failed(L"Failed to remove app " + kApp + L" ")}, {App(L"P", kApp)}},
-};
-
-// One failure switch per message: the call named fails with E_ACCESSDENIED;
-// its message, then the operation's own summary (if any), each with that
-// code, after the legacy warning where the lists are used; result 1603.
-struct SwitchCase
-{
-    bool bLegacy;
-    Call call;
-    const wchar_t* method;
-    Lines texts;
-};
-
-const Call kPort = AddPort(kR80 + L";RULEDESCRIPTION=d;REMOTEADDRESSES=*;LOCALADDRESSES=*;REMOTEPORTS=*");
-const Call kProgram = AddProgram(L"RULENAME=P;PROGRAMNAME=C:\\a.exe;REMOTEADDRESSES=*");
-const Call kRemoveProgram = RemoveProgram(L"RULENAME=P;PROGRAMNAME=C:\\a.exe");
-const std::wstring kAddFailed = L"Failed to add exception";
-
-const SwitchCase kSwitches[] = {
-    {false, kPort, L"Create.NetFwRule", {L"Failed to create NetFwRule object", kAddPortFailed}},
-    {false, kPort, L"Rule.Name", {L"Failed to set exception friendly name", kAddPortFailed}},
-    {false, kPort, L"Rule.Profiles", {L"Failed to set exception profile", kAddPortFailed}},
-    {false, kPort, L"Rule.Description", {L"Failed to set exception description", kAddPortFailed}},
-    {false, kPort, L"Rule.Direction", {L"Failed to set exception direction", kAddPortFailed}},
-    {false, kPort, L"Rule.Protocol", {L"Failed to set exception protocol", kAddPortFailed}},
-    {false, kProgram, L"Rule.ApplicationName", {L"Failed to set application name", kAddFailed}},
-    {false, kPort, L"Rule.RemoteAddresses", {L"Failed to set authorized remote addresses", kAddPortFailed}},
-    {false, kPort, L"Rule.LocalAddresses", {L"Failed to set authorized local addresses", kAddPortFailed}},
-    {false, kPort, L"Rule.RemotePorts", {L"Failed to set authorized remote ports", kAddPortFailed}},
-    {false, kPort, L"Rule.LocalPorts", {L"Failed to set authorized local ports", kAddPortFailed}},
-    {false, kPort, L"Rule.EdgeTraversalOptions", {L"Failed to set EdgeTraversal to deferapp", kAddPortFailed}},
-    {false, kPort, L"Rule.Enabled", {L"Failed to to enable exception", kAddPortFailed}},
-    {false, kProgram, L"Rules.Add", {L"Failed to add exception to the authorized list", kAddFailed}},
-    {true, kPort, L"Create.NetFwMgr", {kNoManager[0], kNoManager[1]}},
-    {true, kProgram, L"Mgr.LocalPolicy", {kNoManager[0], kNoManager[1]}},
-    {true, kPort, L"Profile.GloballyOpenPorts", {L"Failed to get list of open ports"}},
-    {true, kPort, L"OpenPorts.Item", {L"Failed trying to find existing port"}},
-    {true, kPort, L"Create.NetFwOpenPort", {L"Failed to create new open port"}},
-    {true, kPort, L"OpenPort.Name", {L"Failed to set port name"}},
-    {true, kPort, L"OpenPort.Protocol", {L"Failed to set port protocol"}},
-    {true, kPort, L"OpenPort.Port", {L"Failed to set port number"}},
-    {true, kPort, L"OpenPort.RemoteAddresses", {L"Failed to set port remote addresses"}},
-    {true, kPort, L"OpenPort.Enabled", {L"Failed to to enable port"}},
-    {true, kPort, L"OpenPorts.Add", {L"Failed to add port to the open ports list"}},
-    {true, kProgram, L"Profile.AuthorizedApplications", {L"Failed to get list of authorized apps"}},
-    {true, kProgram, L"AuthorizedApps.Item", {L"Failed trying to find existing app"}},
-    {true, kProgram, L"Create.NetFwAuthorizedApplication", {L"Failed to create authorized app"}},
-    {true, kProgram, L"AuthorizedApp.Name", {L"Failed to set authorized app name"}},
-    {true, kProgram, L"AuthorizedApp.ProcessImageFileName", {L"Failed to set authorized app path"}},
-    {true, kProgram, L"AuthorizedApp.RemoteAddresses", {L"Failed to set authorized app remote addresses"}},
-    {true, kProgram, L"AuthorizedApp.Enabled", {L"Failed to to enable app"}},
-    {true, kProgram, L"AuthorizedApps.Add", {L"Failed to add app to the authorized apps list"}},
-    {true, RemovePort(kR80), L"Profile.GloballyOpenPorts", {L"Failed to get list of open ports", kCheckPortFailed}},
-    {true, kRemoveProgram, L"Profile.AuthorizedApplications",
-     {L"Failed to get list of authorized apps", kCheckAppFailed}},
-    {true, kRemoveProgram, L"AuthorizedApps.Item", {L"Failed to retrieve authorized app", kCheckAppFailed}},
+    // ------------------------------------------------------------ one failure switch per message
+    Switch(kPort, L"Create.NetFwRule", {L"Failed to create NetFwRule object", kAddPortFailed}),
+    Switch(kPort, L"Rule.Name", {L"Failed to set exception friendly name", kAddPortFailed}),
+    Switch(kPort, L"Rule.Profiles", {L"Failed to set exception profile", kAddPortFailed}),
+    Switch(kPort, L"Rule.Description", {L"Failed to set exception description", kAddPortFailed}),
+    Switch(kPort, L"Rule.Direction", {L"Failed to set exception direction", kAddPortFailed}),
+    Switch(kPort, L"Rule.Protocol", {L"Failed to set exception protocol", kAddPortFailed}),
+    Switch(kProgram, L"Rule.ApplicationName", {L"Failed to set application name", kAddFailed}),
+    Switch(kPort, L"Rule.RemoteAddresses", {L"Failed to set authorized remote addresses", kAddPortFailed}),
+    Switch(kPort, L"Rule.LocalAddresses", {L"Failed to set authorized local addresses", kAddPortFailed}),
+    Switch(kPort, L"Rule.RemotePorts", {L"Failed to set authorized remote ports", kAddPortFailed}),
+    Switch(kPort, L"Rule.LocalPorts", {L"Failed to set authorized local ports", kAddPortFailed}),
+    Switch(kPort, L"Rule.EdgeTraversalOptions", {L"Failed to set EdgeTraversal to deferapp", kAddPortFailed}),
+    Switch(kPort, L"Rule.Enabled", {L"Failed to to enable exception", kAddPortFailed}),
+    Switch(kProgram, L"Rules.Add", {L"Failed to add exception to the authorized list", kAddFailed}),
+    Switch(kPort, L"Create.NetFwMgr", {kNoManager[0], kNoManager[1]}),
+    Switch(kProgram, L"Mgr.LocalPolicy", {kNoManager[0], kNoManager[1]}),
+    Switch(kPort, L"Profile.GloballyOpenPorts", {L"Failed to get list of open ports"}),
+    Switch(kPort, L"OpenPorts.Item", {L"Failed trying to find existing port"}),
+    Switch(kPort, L"Create.NetFwOpenPort", {L"Failed to create new open port"}),
+    Switch(kPort, L"OpenPort.Name", {L"Failed to set port name"}),
+    Switch(kPort, L"OpenPort.Protocol", {L"Failed to set port protocol"}),
+    Switch(kPort, L"OpenPort.Port", {L"Failed to set port number"}),
+    Switch(kPort, L"OpenPort.RemoteAddresses", {L"Failed to set port remote addresses"}),
+    Switch(kPort, L"OpenPort.Enabled", {L"Failed to to enable port"}),
+    Switch(kPort, L"OpenPorts.Add", {L"Failed to add port to the open ports list"}),
+    Switch(kProgram, L"Profile.AuthorizedApplications", {L"Failed to get list of authorized apps"}),
+    Switch(kProgram, L"AuthorizedApps.Item", {L"Failed trying to find existing app"}),
+    Switch(kProgram, L"Create.NetFwAuthorizedApplication", {L"Failed to create authorized app"}),
+    Switch(kProgram, L"AuthorizedApp.Name", {L"Failed to set authorized app name"}),
+    Switch(kProgram, L"AuthorizedApp.ProcessImageFileName", {L"Failed to set authorized app path"}),
+    Switch(kProgram, L"AuthorizedApp.RemoteAddresses", {L"Failed to set authorized app remote addresses"}),
+    Switch(kProgram, L"AuthorizedApp.Enabled", {L"Failed to to enable app"}),
+    Switch(kProgram, L"AuthorizedApps.Add", {L"Failed to add app to the authorized apps list"}),
+    Switch(RemovePort(kR80), L"Profile.GloballyOpenPorts", {L"Failed to get list of open ports", kCheckPortFailed}),
+    Switch(kRemoveProgram, L"Profile.AuthorizedApplications",
+           {L"Failed to get list of authorized apps", kCheckAppFailed}),
+    Switch(kRemoveProgram, L"AuthorizedApps.Item", {L"Failed to retrieve authorized app", kCheckAppFailed}),
 };
 
 class FirewallTest : public ::testing::Test
@@ -321,30 +327,7 @@ TEST_P(FirewallAction, Case)
 }
 
 INSTANTIATE_TEST_SUITE_P(Cases, FirewallAction, ::testing::ValuesIn(kCases),
-                         [](const auto& paramInfo) { return std::string(paramInfo.param.behaviour); });
-
-class FirewallFailure : public FirewallTest, public ::testing::WithParamInterface<SwitchCase>
-{
-};
-
-TEST_P(FirewallFailure, EachMessageCarriesTheFailingCode)
-{
-    const SwitchCase& test = GetParam();
-    Prepare({}, test.bLegacy ? Lines{kLegacy, Fails(test.method)} : Lines{Fails(test.method)});
-
-    Lines expected = test.bLegacy ? Lines{kLegacyWarning} : Lines{};
-    for (const std::wstring& text : test.texts)
-    {
-        expected.push_back(Failed(text));
-    }
-    EXPECT_EQ(Run(test.call), std::make_pair(1603u, expected));
-}
-
-INSTANTIATE_TEST_SUITE_P(Switches, FirewallFailure, ::testing::ValuesIn(kSwitches), [](const auto& paramInfo) {
-    std::wstring method = paramInfo.param.method;
-    method.erase(std::remove(method.begin(), method.end(), L'.'), method.end());
-    return std::to_string(paramInfo.index) + std::string(method.begin(), method.end());
-});
+                         [](const auto& paramInfo) { return paramInfo.param.behaviour; });
 
 // The workers themselves, as the frame would call them after a validation that
 // their main argument would have failed: 87 and nothing logged; without a rule

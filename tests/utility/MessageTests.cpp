@@ -35,7 +35,7 @@ std::tuple<UINT, Lines, Lines> Show(const char* exportName, const Properties& pr
     return {result, lines, host.Messages()};
 }
 
-TEST(ShowMessage, DeferredResultFollowsTheAnswer)
+TEST(ShowMessage, DeferredResultFollowsTheAnswerAndTheTypeIsDecimal)
 {
     // 0 is no answer at all, as in a silent installation.
     const std::pair<int, UINT> answers[] = {{0, 0},        {IDOK, 0},         {IDRETRY, 0},    {IDIGNORE, 0},
@@ -47,10 +47,6 @@ TEST(ShowMessage, DeferredResultFollowsTheAnswer)
                   std::make_tuple(result, result == 0 ? Lines{} : Lines{Error(L"Continue setup?")},
                                   Lines{Message(L"0x03000004", L"Continue setup?", answer)}));
     }
-}
-
-TEST(ShowMessage, DeferredTypeIsConvertedAsDecimalAndAMissingOneIsZero)
-{
     EXPECT_EQ(Show("ShowMessageDeferred", {{L"CustomActionData", L";MESSAGE=Low disk space;TYPE=48 and more"}}, IDOK),
               std::make_tuple(0u, Lines{}, Lines{Message(L"0x03000030", L"Low disk space", IDOK)}));
     // Only the frame's listing notes the absent TYPE.

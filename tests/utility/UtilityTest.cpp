@@ -4,7 +4,6 @@
 
 #include <cwchar>
 
-
 namespace QcTest {
 
 namespace {
