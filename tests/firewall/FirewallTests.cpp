@@ -267,6 +267,13 @@ const FirewallCase kCases[] = {
     Switch(kRemoveProgram, L"AuthorizedApps.Item", {L"Failed to retrieve authorized app", kCheckAppFailed}),
 };
 
+// One action in a fresh session: its result and the lines the frame did not write.
+std::pair<UINT, Lines> Outcome(const Call& call)
+{
+    const ActionOutcome outcome = RunAction(call.action, {{L"CustomActionData", call.data}}, {});
+    return {outcome.result, outcome.lines};
+}
+
 class FirewallTest : public ::testing::Test
 {
 protected:
@@ -277,36 +284,6 @@ protected:
         ASSERT_TRUE(firewall.IsRegistered()) << "cannot register QcTestFirewall.dll";
         CTestFirewall::Reset();
     }
-
-    // One action in a fresh session: its result and the lines the frame did not write.
-    static std::pair<UINT, Lines> Run(const Call& call)
-    {
-        const ActionOutcome outcome = RunAction(call.action, {{L"CustomActionData", call.data}}, {});
-        return {outcome.result, outcome.lines};
-    }
-
-    // Sets the plain switches of `setup`, runs the calls of `before` (each must
-    // succeed), then sets the rest (failure switches, state changes) and clears the journal.
-    static void Prepare(const std::vector<Call>& before, const Lines& setup)
-    {
-        const auto set = [&setup](bool bAfterCalls) {
-            for (const std::wstring& assignment : setup)
-            {
-                if ((assignment.find(L'\\') != std::wstring::npos) == bAfterCalls)
-                {
-                    CTestFirewall::Set(assignment);
-                }
-            }
-        };
-        set(false);
-        for (const Call& call : before)
-        {
-            const std::pair<UINT, Lines> outcome = Run(call);
-            ASSERT_EQ(outcome.first, 0u) << ::testing::PrintToString(outcome.second);
-        }
-        set(true);
-        ::RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, L"Software\\QuillcastTest\\Firewall", L"Journal");
-    }
 };
 
 class FirewallAction : public FirewallTest, public ::testing::WithParamInterface<FirewallCase>
@@ -316,9 +293,25 @@ class FirewallAction : public FirewallTest, public ::testing::WithParamInterface
 TEST_P(FirewallAction, Case)
 {
     const FirewallCase& test = GetParam();
-    Prepare(test.before, test.setup);
+    // The plain switches, the calls of `before`, then the rest (failure switches, state changes).
+    for (const bool bAfterCalls : {false, true})
+    {
+        for (const std::wstring& assignment : test.setup)
+        {
+            if ((assignment.find(L'\\') != std::wstring::npos) == bAfterCalls)
+            {
+                CTestFirewall::Set(assignment);
+            }
+        }
+        for (const Call& call : bAfterCalls ? std::vector<Call>{} : test.before)
+        {
+            const std::pair<UINT, Lines> outcome = Outcome(call);
+            ASSERT_EQ(outcome.first, 0u) << ::testing::PrintToString(outcome.second);
+        }
+    }
+    ::RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, L"Software\\QuillcastTest\\Firewall", L"Journal");
 
-    EXPECT_EQ(Run(test.call), std::make_pair(test.result, test.lines));
+    EXPECT_EQ(Outcome(test.call), std::make_pair(test.result, test.lines));
     EXPECT_EQ(CTestFirewall::State(), test.state);
     if (!test.journal.empty())
     {
