@@ -142,8 +142,7 @@ const ImmediateCase kCases[] = {
      nullptr},
 };
 
-INSTANTIATE_TEST_SUITE_P(Cases, ShowMessageImmediately, ::testing::ValuesIn(kCases),
-                         [](const auto& paramInfo) { return std::string(paramInfo.param.behaviour); });
+INSTANTIATE_TEST_SUITE_P(Cases, ShowMessageImmediately, ::testing::ValuesIn(kCases), kByBehaviour);
 
 } // namespace
 } // namespace QcTest

@@ -81,8 +81,7 @@ const IcaCase kIcaCases[] = {
     {"RemoveFailsWithoutTheValue", kRemove, REG_NONE, L"", 1603, {kNoValue}, kNone},
 };
 
-INSTANTIATE_TEST_SUITE_P(Cases, IcaClient, ::testing::ValuesIn(kIcaCases),
-                         [](const auto& paramInfo) { return std::string(paramInfo.param.behaviour); });
+INSTANTIATE_TEST_SUITE_P(Cases, IcaClient, ::testing::ValuesIn(kIcaCases), kByBehaviour);
 
 const wchar_t kClient[] = L"SOFTWARE\\Quillcast\\Client";
 const char* const kDeferred = "SetRemoteConfigDeferred";
@@ -136,8 +135,7 @@ const RemoteConfigCase kRemoteConfigCases[] = {
     {"RefusedWriteFails", kDeferred, L"host1", KEY_WOW64_64KEY, 1603, {kRefused}, L"", false, true},
 };
 
-INSTANTIATE_TEST_SUITE_P(Cases, RemoteConfig, ::testing::ValuesIn(kRemoteConfigCases),
-                         [](const auto& paramInfo) { return std::string(paramInfo.param.behaviour); });
+INSTANTIATE_TEST_SUITE_P(Cases, RemoteConfig, ::testing::ValuesIn(kRemoteConfigCases), kByBehaviour);
 
 } // namespace
 } // namespace QcTest

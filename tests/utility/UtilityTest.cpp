@@ -12,58 +12,13 @@ std::wstring g_FailingName;
 bool g_bFailingSizeQuery = false;
 BYTE g_ProductType = VER_NT_WORKSTATION;
 Lines g_Boxes;
-
-// The replacements call the real functions: only the DLL's imports are redirected.
-LSTATUS WINAPI OpenKeyAfterMarker(HKEY hKey, LPCWSTR subKey, DWORD options, REGSAM access, PHKEY phResult)
-{
-    SetLastError(kLastErrorMarker);
-    return RegOpenKeyExW(hKey, subKey, options, access, phResult);
-}
-
-UINT WINAPI FailingGetProperty(MSIHANDLE hInstall, LPCWSTR name, LPWSTR value, LPDWORD pcch)
-{
-    const bool bSizeQuery = pcch != nullptr && *pcch == 0;
-    if (name != nullptr && g_FailingName == name && bSizeQuery == g_bFailingSizeQuery)
-    {
-        SetLastError(kLastErrorMarker);
-        return ERROR_INVALID_HANDLE;
-    }
-    return MsiGetPropertyW(hInstall, name, value, pcch);
-}
-
-LSTATUS WINAPI RefusedSetValue(HKEY, LPCWSTR, DWORD, DWORD, const BYTE*, DWORD)
-{
-    return ERROR_ACCESS_DENIED;
-}
-
-BOOL WINAPI VersionOfProductType(OSVERSIONINFOW* pInfo)
-{
-    const BOOL bResult = GetVersionExW(pInfo);
-    reinterpret_cast<OSVERSIONINFOEXW*>(pInfo)->wProductType = g_ProductType;
-    return bResult;
-}
-
-int WINAPI NotedMessageBox(HWND, LPCWSTR text, LPCWSTR caption, UINT type)
-{
-    wchar_t hex[16] = {};
-    std::swprintf(hex, 16, L"0x%X", type);
-    g_Boxes.push_back(std::wstring(caption ? caption : L"(null)") + L"|" + text + L"|" + hex);
-    return IDCANCEL;
-}
+std::vector<std::pair<REGSAM, std::wstring>> g_Keys;
+std::vector<std::wstring> g_Files;
 
 std::wstring Entry(const wchar_t* level, std::wstring text)
 {
     const size_t at = text.find(L"{LastError}");
     return level + (L"Various (#) " + (at == std::wstring::npos ? text : text.replace(at, 11, L"4242")) + L".");
-}
-
-std::vector<std::pair<REGSAM, std::wstring>> g_Keys;
-std::vector<std::wstring> g_Files;
-
-std::wstring SystemPath(const wchar_t* name)
-{
-    wchar_t folder[MAX_PATH] = {};
-    return std::wstring(folder, GetSystemDirectoryW(folder, MAX_PATH)) + L"\\" + name;
 }
 
 } // namespace
@@ -72,10 +27,15 @@ std::wstring Error(const std::wstring& text) { return Entry(L"[ERROR] ", text); 
 std::wstring Warning(const std::wstring& text) { return Entry(L"[WARNING] ", text); }
 std::wstring Detail(const std::wstring& text) { return Entry(L"", text); }
 
+// The replacements call the real functions: only the DLL's imports are redirected.
 void UtilityTest::SetUp()
 {
     m_Patches.clear();
-    Patch("advapi32.dll", "RegOpenKeyExW", reinterpret_cast<const void*>(OpenKeyAfterMarker));
+    const auto openKey = [](HKEY hKey, LPCWSTR subKey, DWORD options, REGSAM access, PHKEY phResult) {
+        SetLastError(kLastErrorMarker);
+        return RegOpenKeyExW(hKey, subKey, options, access, phResult);
+    };
+    Patch("advapi32.dll", "RegOpenKeyExW", reinterpret_cast<const void*>(+openKey));
 }
 
 void UtilityTest::TearDown()
@@ -100,25 +60,46 @@ void UtilityTest::Patch(const char* dll, const char* function, const void* repla
 
 void UtilityTest::FailPropertyRead(const std::wstring& name, bool bSizeQuery)
 {
-    Patch("msi.dll", "MsiGetPropertyW", reinterpret_cast<const void*>(FailingGetProperty));
+    const auto getProperty = [](MSIHANDLE hInstall, LPCWSTR property, LPWSTR value, LPDWORD pcch) -> UINT {
+        const bool bSize = pcch != nullptr && *pcch == 0;
+        if (property != nullptr && g_FailingName == property && bSize == g_bFailingSizeQuery)
+        {
+            SetLastError(kLastErrorMarker);
+            return ERROR_INVALID_HANDLE;
+        }
+        return MsiGetPropertyW(hInstall, property, value, pcch);
+    };
+    Patch("msi.dll", "MsiGetPropertyW", reinterpret_cast<const void*>(+getProperty));
     g_FailingName = name;
     g_bFailingSizeQuery = bSizeQuery;
 }
 
 void UtilityTest::RefuseRegistryWrites()
 {
-    Patch("advapi32.dll", "RegSetValueExW", reinterpret_cast<const void*>(RefusedSetValue));
+    const auto setValue = [](HKEY, LPCWSTR, DWORD, DWORD, const BYTE*, DWORD) { return LSTATUS{ERROR_ACCESS_DENIED}; };
+    Patch("advapi32.dll", "RegSetValueExW", reinterpret_cast<const void*>(+setValue));
 }
 
 void UtilityTest::ReportProductType(BYTE productType)
 {
-    Patch("kernel32.dll", "GetVersionExW", reinterpret_cast<const void*>(VersionOfProductType));
+    const auto getVersion = [](OSVERSIONINFOW* pInfo) {
+        const BOOL bResult = GetVersionExW(pInfo);
+        reinterpret_cast<OSVERSIONINFOEXW*>(pInfo)->wProductType = g_ProductType;
+        return bResult;
+    };
+    Patch("kernel32.dll", "GetVersionExW", reinterpret_cast<const void*>(+getVersion));
     g_ProductType = productType;
 }
 
 const Lines& UtilityTest::NoteMessageBoxes()
 {
-    Patch("user32.dll", "MessageBoxW", reinterpret_cast<const void*>(NotedMessageBox));
+    const auto messageBox = [](HWND, LPCWSTR text, LPCWSTR caption, UINT type) {
+        wchar_t hex[16] = {};
+        std::swprintf(hex, 16, L"0x%X", type);
+        g_Boxes.push_back(std::wstring(caption ? caption : L"(null)") + L"|" + text + L"|" + hex);
+        return IDCANCEL;
+    };
+    Patch("user32.dll", "MessageBoxW", reinterpret_cast<const void*>(+messageBox));
     g_Boxes.clear();
     return g_Boxes;
 }
@@ -155,7 +136,8 @@ std::pair<DWORD, std::wstring> ReadValue(REGSAM view, const std::wstring& key, c
 
 bool Place(const std::wstring& program, const wchar_t* name)
 {
-    g_Files.push_back(SystemPath(name));
+    wchar_t folder[MAX_PATH] = {};
+    g_Files.push_back(std::wstring(folder, GetSystemDirectoryW(folder, MAX_PATH)) + L"\\" + name);
     return CopyFileW((BinFolder() + program).c_str(), g_Files.back().c_str(), FALSE) != FALSE;
 }
 

@@ -10,8 +10,6 @@
 
 #include <memory>
 #include <string>
-#include <utility>
-#include <vector>
 
 #include "directory/ActionCall.h"
 #include "support/ImportPatch.h"
@@ -57,6 +55,8 @@ template <typename Case>
 class UtilityCases : public UtilityTest, public ::testing::WithParamInterface<Case>
 {
 };
+// Names each case after its `behaviour`.
+constexpr auto kByBehaviour = [](const auto& info) { return std::string(info.param.behaviour); };
 
 // HKLM\key in one registry view (KEY_WOW64_32KEY or KEY_WOW64_64KEY). A null
 // name only creates the key; the bytes are given as characters.

@@ -85,8 +85,7 @@ const EngineCase kEngineCases[] = {
      {Error(L"Query registry value failed with error {LastError}")}, nullptr},
 };
 
-INSTANTIATE_TEST_SUITE_P(Cases, EngineVersion, ::testing::ValuesIn(kEngineCases),
-                         [](const auto& paramInfo) { return std::string(paramInfo.param.behaviour); });
+INSTANTIATE_TEST_SUITE_P(Cases, EngineVersion, ::testing::ValuesIn(kEngineCases), kByBehaviour);
 
 struct FileVersionCase
 {
@@ -132,8 +131,7 @@ const FileVersionCase kFileCases[] = {
      {Error(L"MsiGetProperty GFV_FILENAME failed with error {LastError}")}, L"untouched"},
 };
 
-INSTANTIATE_TEST_SUITE_P(Cases, GetFileVersion, ::testing::ValuesIn(kFileCases),
-                         [](const auto& paramInfo) { return std::string(paramInfo.param.behaviour); });
+INSTANTIATE_TEST_SUITE_P(Cases, GetFileVersion, ::testing::ValuesIn(kFileCases), kByBehaviour);
 
 } // namespace
 } // namespace QcTest
