@@ -58,7 +58,6 @@ TEST(ShowMessage, DeferredResultFollowsTheAnswerAndTheTypeIsDecimal)
 struct ImmediateCase
 {
     const char* behaviour;
-    const wchar_t* caption;     // null: the property is unset
     const wchar_t* quietMode;
     const wchar_t* failingRead; // a property whose read fails; null: none
     const wchar_t* data;        // CustomActionData; null: unset
@@ -90,11 +89,8 @@ TEST_P(ShowMessageImmediately, ShowsTheMessage)
 {
     const ImmediateCase& test = GetParam();
     Properties properties = {{L"ShowMessageTextProperty", kText}, {L"ShowMessageTypeProperty", L"4"},
+                             {L"ShowMessageCaptionProperty", kCaption},
                              {L"ShowMessageQuietModeProperty", test.quietMode}};
-    if (test.caption != nullptr)
-    {
-        properties.emplace_back(L"ShowMessageCaptionProperty", test.caption);
-    }
     if (test.data != nullptr)
     {
         properties.emplace_back(L"CustomActionData", test.data);
@@ -118,25 +114,23 @@ const std::wstring kGetFailed = L"MsiGetProperty ShowMessage";
 const ImmediateCase kCases[] = {
     // Silent installation: the installer answers nothing; the box is the only
     // way the user sees the message, and cancelling it changes nothing.
-    {"QuietModeOneShowsASystemModalBoxThatDecidesNothing", kCaption, L"1", nullptr, nullptr, 0, 0,
+    {"QuietModeOneShowsASystemModalBoxThatDecidesNothing", L"1", nullptr, nullptr, 0, 0,
      Details(kCaption, L"1", L"1"), kBox},
     // The refusal's entry is the MESSAGE argument, empty for an immediate action.
-    {"InstallerNoFailsWithAnEmptyEntry", kCaption, L"1", nullptr, nullptr, IDNO, 1602,
+    {"InstallerNoFailsWithAnEmptyEntry", L"1", nullptr, nullptr, IDNO, 1602,
      With(Details(kCaption, L"1", L"1"), 5, L"[ERROR] Various (#) ."), kBox},
-    {"InstallerCancelLogsTheMessageArgument", kCaption, L"0", nullptr, L";MESSAGE=from the data", IDCANCEL, 1602,
+    {"InstallerCancelLogsTheMessageArgument", L"0", nullptr, L";MESSAGE=from the data", IDCANCEL, 1602,
      With(Details(kCaption, L"0", L"0"), 5, Error(L"from the data")), nullptr},
-    {"QuietModeTwoIsNotOne", kCaption, L"2", nullptr, nullptr, IDYES, 0, Details(kCaption, L"2", L"2"), nullptr},
-    {"UnsetCaptionGivesAnEmptyCaption", nullptr, L"1", nullptr, nullptr, IDOK, 0, Details(L"", L"1", L"1"),
-     kBoxWithoutCaption},
-    {"UnreadableCaptionIsLoggedAndEmpty", kCaption, L"1", L"ShowMessageCaptionProperty", nullptr, IDOK, 0,
+    {"QuietModeTwoIsNotOne", L"2", nullptr, nullptr, IDYES, 0, Details(kCaption, L"2", L"2"), nullptr},
+    {"UnreadableCaptionIsLoggedAndEmpty", L"1", L"ShowMessageCaptionProperty", nullptr, IDOK, 0,
      With(Details(L"", L"1", L"1"), 2, Error(kGetFailed + L"CaptionProperty failed with error {LastError}")),
      kBoxWithoutCaption},
-    {"UnreadableQuietModeIsLoggedAndZero", kCaption, L"1", L"ShowMessageQuietModeProperty", nullptr, IDOK, 0,
+    {"UnreadableQuietModeIsLoggedAndZero", L"1", L"ShowMessageQuietModeProperty", nullptr, IDOK, 0,
      With(Details(kCaption, L"", L"0"), 3, Error(kGetFailed + L"QuietModeProperty failed with error {LastError}")),
      nullptr},
-    {"UnreadableTextFails", kCaption, L"1", L"ShowMessageTextProperty", nullptr, IDOK, 1603,
+    {"UnreadableTextFails", L"1", L"ShowMessageTextProperty", nullptr, IDOK, 1603,
      {Error(kGetFailed + L"TextProperty failed with error {LastError}")}, nullptr},
-    {"UnreadableTypeFails", kCaption, L"1", L"ShowMessageTypeProperty", nullptr, IDOK, 1603,
+    {"UnreadableTypeFails", L"1", L"ShowMessageTypeProperty", nullptr, IDOK, 1603,
      {Detail(L"ShowMessageTextProperty = " + std::wstring(kText)),
       Error(kGetFailed + L"TypeProperty failed with error {LastError}")},
      nullptr},
