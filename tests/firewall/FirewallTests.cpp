@@ -1,8 +1,7 @@
-// The four firewall actions of the shipped DLL through real installer
-// sessions against the test firewall, and CFirewall itself where it has
-// behaviour the actions do not show: arguments in; the result, the warnings and
-// errors (exact text), the firewall's rules and lists and, where the order
-// matters, the calls the firewall saw, out.
+// The four firewall actions of the shipped DLL (RunAction) against the test
+// firewall, and CFirewall itself where the actions do not show its behaviour:
+// arguments in; the result, the messages (exact text), the firewall's rules
+// and lists and, where the order matters, the calls the firewall saw, out.
 #include <gtest/gtest.h>
 
 #include <windows.h>
@@ -12,18 +11,15 @@
 #include <tuple>
 #include <vector>
 
-#include "ActionHost.h"
 #include "actions/Workers.h"
+#include "directory/ActionCall.h"
 #include "firewall/TestFirewall.h"
 #include "network/Firewall.h"
 #include "support/ComChangedMode.h"
-#include "support/LogCapture.h"
-#include "support/ShippedDll.h"
 
 namespace QcTest {
 namespace {
 
-using Lines = std::vector<std::wstring>;
 using Quillcast::Common::Network::CFirewall;
 
 constexpr const wchar_t* kInvalidArg = L"2147942487";   // E_INVALIDARG
@@ -33,7 +29,7 @@ constexpr const wchar_t* kClassNotReg = L"2147746132";  // REGDB_E_CLASSNOTREG
 
 std::wstring Failed(const std::wstring& text, const wchar_t* code = kAccessDenied)
 {
-    return L"[ERROR] Firewall (#) " + text + code + L".";
+    return L"[ERROR] Firewall (#) " + text + L" with error " + code + L".";
 }
 // The switch that makes `method` of the test firewall fail with E_ACCESSDENIED.
 std::wstring Fails(const std::wstring& method) { return L"Fail\\" + method + L"=" + kAccessDenied; }
@@ -89,7 +85,7 @@ const std::wstring kLongName = L"R\u00e9gle " + std::wstring(1990, L'\u0444') + 
 
 struct FirewallCase
 {
-    const char* behaviour;
+    std::string behaviour;
     std::vector<Call> before; // made first, each must succeed
     Lines setup;              // CTestFirewall::Set assignments
     Call call;
@@ -102,11 +98,34 @@ struct FirewallCase
 const std::wstring kApp = L"C:\\Program Files\\Quillcast\\qc.exe";
 const std::wstring kR80 = L"RULENAME=R;LOCALPORTS=80";
 const std::wstring kP = L"RULENAME=P;PROGRAMNAME=" + kApp;
-const std::wstring kAddPortFailed = L"Failed to add port exception with error ";
-const std::wstring kCheckPortFailed = L"Failed to check local ports with error ";
-const std::wstring kCheckAppFailed = L"Failed to check app exception with error ";
-const std::wstring kNoManager[] = {L"Failed to connect to Windows Firewall with error ",
-                                   L"Failed to get current profile with error "};
+const std::wstring kAddPortFailed = L"Failed to add port exception";
+const std::wstring kCheckPortFailed = L"Failed to check local ports";
+const std::wstring kCheckAppFailed = L"Failed to check app exception";
+const std::wstring kNoManager[] = {L"Failed to connect to Windows Firewall", L"Failed to get current profile"};
+
+const Call kPort = AddPort(kR80 + L";RULEDESCRIPTION=d;REMOTEADDRESSES=*;LOCALADDRESSES=*;REMOTEPORTS=*");
+const Call kProgram = AddProgram(L"RULENAME=P;PROGRAMNAME=C:\\a.exe;REMOTEADDRESSES=*");
+const Call kRemoveProgram = RemoveProgram(L"RULENAME=P;PROGRAMNAME=C:\\a.exe");
+const std::wstring kAddFailed = L"Failed to add exception";
+
+// `method` of the test firewall fails with E_ACCESSDENIED: its message, then the operation's own summary (if
+// any), each with that code, after the legacy warning where the lists are used; result 1603, nothing made.
+FirewallCase Switch(const Call& call, const std::wstring& method, const Lines& texts)
+{
+    std::string name = call.action + std::string("FailsAt") + std::string(method.begin(), method.end());
+    name.erase(std::remove(name.begin(), name.end(), '.'), name.end());
+    FirewallCase test{name, {}, {Fails(method)}, call, 1603, {}, {}};
+    if (method.rfind(L"Rule", 0) != 0 && method != L"Create.NetFwRule")
+    {
+        test.setup.insert(test.setup.begin(), kLegacy);
+        test.lines.push_back(kLegacyWarning);
+    }
+    for (const std::wstring& text : texts)
+    {
+        test.lines.push_back(Failed(text));
+    }
+    return test;
+}
 
 const FirewallCase kCases[] = {
     // ------------------------------------------------------------ rule path
@@ -129,50 +148,43 @@ const FirewallCase kCases[] = {
      {PortRule(L"Rule A", L"80")},
      {L"Create.NetFwPolicy2", L"Policy2.Rules", L"Policy2.CurrentProfileTypes", L"Rules.Item", L"Rule.Enabled"}},
     {"HexadecimalProfileConvertsToZeroWhichTheFirewallRefuses", {}, {}, AddPort(kR80 + L";PROFILE=0x7FFFFFFF"), 1603,
-     {Failed(L"Failed to set exception profile with error ", kInvalidArg), Failed(kAddPortFailed, kInvalidArg)}, {}},
+     {Failed(L"Failed to set exception profile", kInvalidArg), Failed(kAddPortFailed, kInvalidArg)}, {}},
     {"ServiceNameReplacesTheLocalAddresses", {}, {}, AddPort(kR80 + L";LOCALADDRESSES=10.0.0.1;SERVICENAME="), 0, {},
      {L"Rules\\1: Action=1; Direction=1; EdgeTraversal=0; EdgeTraversalOptions=2; Enabled=1; LocalAddresses=; "
       L"LocalPorts=80; Name=R; Profiles=2147483647; Protocol=6"}},
     {"ProgramRuleWithLocalPortsFailsAtTheLocalPorts", {}, {}, AddProgram(kP + L";LOCALPORTS=80"), 1603,
-     {Failed(L"Failed to set authorized local ports with error ", kInvalidArg),
-      Failed(L"Failed to add exception with error ", kInvalidArg)},
+     {Failed(L"Failed to set authorized local ports", kInvalidArg), Failed(L"Failed to add exception", kInvalidArg)},
      {}},
     {"LongNonAsciiRuleNameMakesItsRule", {}, {}, AddPort(L"RULENAME=" + kLongName + L";LOCALPORTS=80"), 0, {},
      {PortRule(kLongName, L"80")}},
     {"WithoutRule2EdgeTraversalIsTheOlderFlag", {}, {L"NoRule2=1"}, AddPort(kR80), 0, {},
      {L"Rules\\1: Action=1; Direction=1; EdgeTraversal=1; EdgeTraversalOptions=0; Enabled=1; LocalPorts=80; "
       L"Name=R; Profiles=2147483647; Protocol=6"}},
-    {"RemovingAMissingRuleSucceedsSilently", {}, {}, RemovePort(kR80), 0, {}, {}},
     {"RemovePortRemovesTheRuleByItsNameAlone", {AddPort(kR80)}, {}, RemovePort(L"RULENAME=r;LOCALPORTS=1"), 0, {}, {}},
     // ------------------------------------------------------------ arguments
-    {"MissingRuleNameFailsValidation", {}, {}, RemovePort(L"LOCALPORTS=80;PAD=1"), 1603,
-     {L"[ERROR] Workbench (#) Argument[RULENAME] is invalid."}, {}},
-    {"MissingProgramNameFailsValidation", {}, {}, AddProgram(L"RULENAME=P"), 1603,
-     {L"[ERROR] Workbench (#) Argument[PROGRAMNAME] is invalid."}, {}},
+    {"MissingRuleNameFailsValidation", {}, {}, RemovePort(L"LOCALPORTS=80;PAD=1"), 1603, {}, {}},
+    {"MissingProgramNameFailsValidation", {}, {}, AddProgram(L"RULENAME=P"), 1603, {}, {}},
     // ------------------------------------------------------------ rule path failures
     {"UnavailablePolicyIsAWarningAndTheListsAreUsed", {}, {Fails(L"Create.NetFwPolicy2")}, AddPort(kR80), 0,
      {Unavailable(kAccessDenied)}, {OpenPort(80, L"R")}},
     {"UnreadableCurrentProfileIsAnErrorAndTheListsAreUsed", {}, {Fails(L"Policy2.CurrentProfileTypes")},
-     AddPort(kR80), 0, {Failed(L"Failed to get firewall current profile with error ")}, {OpenPort(80, L"R")}},
+     AddPort(kR80), 0, {Failed(L"Failed to get firewall current profile")}, {OpenPort(80, L"R")}},
     {"FailedSearchIsLoggedTwiceBeforeTheSummary", {}, {Fails(L"Rules.Item")}, AddPort(kR80), 1603,
-     {Failed(L"Failed trying to find existing exception with error "),
-      Failed(L"Failed trying to find existing exception with error "), Failed(kAddPortFailed)},
-     {}},
+     {Failed(L"Failed trying to find existing exception"), Failed(L"Failed trying to find existing exception"),
+      Failed(kAddPortFailed)}, {}},
     {"FailedSearchFailsTheRemoval", {}, {Fails(L"Rules.Item")}, RemovePort(kR80), 1603,
-     {Failed(L"Failed trying to find existing exception with error "),
-      Failed(L"Failed to check exception with error "), Failed(L"Failed to remove exception with error ")},
-     {}},
+     {Failed(L"Failed trying to find existing exception"), Failed(L"Failed to check exception"),
+      Failed(L"Failed to remove exception")}, {}},
     {"FailedRemovalIsLoggedWithTheSummary", {AddPort(kR80)}, {Fails(L"Rules.Remove")},
      RemoveProgram(L"RULENAME=R;PROGRAMNAME=C:\\a.exe"), 1603,
-     {Failed(L"Failed to remove exception with error "), Failed(L"Failed to remove exception with error ")},
-     {PortRule(L"R", L"80")}},
+     {Failed(L"Failed to remove exception"), Failed(L"Failed to remove exception")}, {PortRule(L"R", L"80")}},
     // ------------------------------------------------------------ legacy lists
     {"LegacyPortListOpensEachPortForTcp", {}, {kLegacy}, AddPort(L"RULENAME=R;LOCALPORTS=80,443"), 0,
      {kLegacyWarning}, {OpenPort(443, L"R"), OpenPort(80, L"R")}},
     {"LegacyRangeOpensItsFirstPortAndATrailingCommaNothing", {}, {kLegacy},
      AddPort(L"RULENAME=R;LOCALPORTS=8080-8090,"), 0, {kLegacyWarning}, {OpenPort(8080, L"R")}},
     {"LegacyLeadingCommaTriesPortZeroFirst", {}, {kLegacy}, AddPort(L"RULENAME=R;LOCALPORTS=,80"), 1603,
-     {kLegacyWarning, Failed(L"Failed to set port number with error ", kInvalidArg)}, {}},
+     {kLegacyWarning, Failed(L"Failed to set port number", kInvalidArg)}, {}},
     {"LegacyOpenPortIsOnlyEnabledAndTheNextOneOpened", {AddPort(L"RULENAME=Old;LOCALPORTS=80")},
      {kLegacy, L"OpenPorts\\80-6\\Enabled=0"}, AddPort(L"RULENAME=R;LOCALPORTS=80,443"), 0, {kLegacyWarning},
      {OpenPort(443, L"R"), OpenPort(80, L"Old")}},
@@ -188,9 +200,7 @@ const FirewallCase kCases[] = {
      {L"Create.NetFwMgr", L"Mgr.LocalPolicy", L"Policy.CurrentProfile", L"Profile.AuthorizedApplications",
       L"AuthorizedApps.Item", L"AuthorizedApp.Enabled"}},
     {"LegacyRemovalOfAPortNotOpenFails", {}, {kLegacy}, RemovePort(kR80), 1603,
-     {kLegacyWarning, Failed(L"Failed to retrieve open port with error ", kNotFound),
-      Failed(kCheckPortFailed, kNotFound)},
-     {}},
+     {kLegacyWarning, Failed(L"Failed to retrieve open port", kNotFound), Failed(kCheckPortFailed, kNotFound)}, {}},
     {"LegacyRemovalClosesEachPort", {AddPort(L"RULENAME=R;LOCALPORTS=80,443,8080")}, {kLegacy},
      RemovePort(L"RULENAME=R;LOCALPORTS=80,443"), 0, {kLegacyWarning}, {OpenPort(8080, L"R")}},
     // The check answers "disabled" without a code of its own: the code
@@ -199,8 +209,7 @@ const FirewallCase kCases[] = {
      RemovePort(kR80), 1603, {kLegacyWarning, Failed(kCheckPortFailed, kClassNotReg)},
      {L"OpenPorts\\80-6: Enabled=0"}},
     {"LegacyRemovalOfAMissingProgramFails", {}, {kLegacy}, RemoveProgram(kP), 1603,
-     {kLegacyWarning, Failed(L"Failed to retrieve authorized app with error ", kNotFound),
-      Failed(kCheckAppFailed, kNotFound)},
+     {kLegacyWarning, Failed(L"Failed to retrieve authorized app", kNotFound), Failed(kCheckAppFailed, kNotFound)},
      {}},
     {"LegacyRemovalRemovesTheProgramByItsPath", {AddProgram(kP)}, {kLegacy},
      RemoveProgram(L"RULENAME=Other;PROGRAMNAME=c:\\program files\\quillcast\\QC.EXE"), 0, {kLegacyWarning}, {}},
@@ -209,75 +218,61 @@ const FirewallCase kCases[] = {
      {kLegacyWarning, Failed(kNoManager[0]), Failed(kNoManager[1]), Failed(kCheckAppFailed)}, {}},
     {"LegacyNotAllowedExceptionsFailTheCheckOnlyWhenTheReadFails", {AddPort(kR80)},
      {kLegacy, L"ExceptionsNotAllowed=1", Fails(L"Profile.ExceptionsNotAllowed")}, RemovePort(kR80), 1603,
-     {kLegacyWarning, Failed(L"Failed to get list of not allowed exceptions with error "), Failed(kCheckPortFailed)},
+     {kLegacyWarning, Failed(L"Failed to get list of not allowed exceptions"), Failed(kCheckPortFailed)},
      {OpenPort(80, L"R")}},
     {"LegacyNotAllowedExceptionsReadWellDoNotStopTheRemoval", {AddPort(kR80)}, {kLegacy, L"ExceptionsNotAllowed=1"},
      RemovePort(kR80), 0, {kLegacyWarning}, {}},
     {"LegacyFailedPortRemovalNamesThePortAsWritten", {AddPort(kR80)}, {kLegacy, Fails(L"OpenPorts.Remove")},
      RemovePort(L"RULENAME=R;LOCALPORTS=80x"), 1603,
-     {kLegacyWarning, Failed(L"Failed to remove open port 80x, protocol 6 with error ")}, {OpenPort(80, L"R")}},
+     {kLegacyWarning, Failed(L"Failed to remove open port 80x, protocol 6")}, {OpenPort(80, L"R")}},
     {"LegacyFailedProgramRemovalKeepsItsTwoBlanks", {AddProgram(kP)}, {kLegacy, Fails(L"AuthorizedApps.Remove")},
-     RemoveProgram(kP), 1603, {kLegacyWarning, Failed(L"Failed to remove app " + kApp + L"  with error ")},
-     {App(L"P", kApp)}},
+     RemoveProgram(kP), 1603, {kLegacyWarning, Failed(L"Failed to remove app " + kApp + L" ")}, {App(L"P", kApp)}},
+    // ------------------------------------------------------------ one failure switch per message
+    Switch(kPort, L"Create.NetFwRule", {L"Failed to create NetFwRule object", kAddPortFailed}),
+    Switch(kPort, L"Rule.Name", {L"Failed to set exception friendly name", kAddPortFailed}),
+    Switch(kPort, L"Rule.Profiles", {L"Failed to set exception profile", kAddPortFailed}),
+    Switch(kPort, L"Rule.Description", {L"Failed to set exception description", kAddPortFailed}),
+    Switch(kPort, L"Rule.Direction", {L"Failed to set exception direction", kAddPortFailed}),
+    Switch(kPort, L"Rule.Protocol", {L"Failed to set exception protocol", kAddPortFailed}),
+    Switch(kProgram, L"Rule.ApplicationName", {L"Failed to set application name", kAddFailed}),
+    Switch(kPort, L"Rule.RemoteAddresses", {L"Failed to set authorized remote addresses", kAddPortFailed}),
+    Switch(kPort, L"Rule.LocalAddresses", {L"Failed to set authorized local addresses", kAddPortFailed}),
+    Switch(kPort, L"Rule.RemotePorts", {L"Failed to set authorized remote ports", kAddPortFailed}),
+    Switch(kPort, L"Rule.LocalPorts", {L"Failed to set authorized local ports", kAddPortFailed}),
+    Switch(kPort, L"Rule.EdgeTraversalOptions", {L"Failed to set EdgeTraversal to deferapp", kAddPortFailed}),
+    Switch(kPort, L"Rule.Enabled", {L"Failed to to enable exception", kAddPortFailed}),
+    Switch(kProgram, L"Rules.Add", {L"Failed to add exception to the authorized list", kAddFailed}),
+    Switch(kPort, L"Create.NetFwMgr", {kNoManager[0], kNoManager[1]}),
+    Switch(kProgram, L"Mgr.LocalPolicy", {kNoManager[0], kNoManager[1]}),
+    Switch(kPort, L"Profile.GloballyOpenPorts", {L"Failed to get list of open ports"}),
+    Switch(kPort, L"OpenPorts.Item", {L"Failed trying to find existing port"}),
+    Switch(kPort, L"Create.NetFwOpenPort", {L"Failed to create new open port"}),
+    Switch(kPort, L"OpenPort.Name", {L"Failed to set port name"}),
+    Switch(kPort, L"OpenPort.Protocol", {L"Failed to set port protocol"}),
+    Switch(kPort, L"OpenPort.Port", {L"Failed to set port number"}),
+    Switch(kPort, L"OpenPort.RemoteAddresses", {L"Failed to set port remote addresses"}),
+    Switch(kPort, L"OpenPort.Enabled", {L"Failed to to enable port"}),
+    Switch(kPort, L"OpenPorts.Add", {L"Failed to add port to the open ports list"}),
+    Switch(kProgram, L"Profile.AuthorizedApplications", {L"Failed to get list of authorized apps"}),
+    Switch(kProgram, L"AuthorizedApps.Item", {L"Failed trying to find existing app"}),
+    Switch(kProgram, L"Create.NetFwAuthorizedApplication", {L"Failed to create authorized app"}),
+    Switch(kProgram, L"AuthorizedApp.Name", {L"Failed to set authorized app name"}),
+    Switch(kProgram, L"AuthorizedApp.ProcessImageFileName", {L"Failed to set authorized app path"}),
+    Switch(kProgram, L"AuthorizedApp.RemoteAddresses", {L"Failed to set authorized app remote addresses"}),
+    Switch(kProgram, L"AuthorizedApp.Enabled", {L"Failed to to enable app"}),
+    Switch(kProgram, L"AuthorizedApps.Add", {L"Failed to add app to the authorized apps list"}),
+    Switch(RemovePort(kR80), L"Profile.GloballyOpenPorts", {L"Failed to get list of open ports", kCheckPortFailed}),
+    Switch(kRemoveProgram, L"Profile.AuthorizedApplications",
+           {L"Failed to get list of authorized apps", kCheckAppFailed}),
+    Switch(kRemoveProgram, L"AuthorizedApps.Item", {L"Failed to retrieve authorized app", kCheckAppFailed}),
 };
 
-// One failure switch per message: the call named fails with E_ACCESSDENIED;
-// its message, then the operation's own summary (if any), each with that
-// code, after the legacy warning where the lists are used; result 1603.
-struct SwitchCase
+// One action in a fresh session: its result and the lines the frame did not write.
+std::pair<UINT, Lines> Outcome(const Call& call)
 {
-    bool bLegacy;
-    Call call;
-    const wchar_t* method;
-    Lines texts;
-};
-
-const Call kPort = AddPort(kR80 + L";RULEDESCRIPTION=d;REMOTEADDRESSES=*;LOCALADDRESSES=*;REMOTEPORTS=*");
-const Call kProgram = AddProgram(L"RULENAME=P;PROGRAMNAME=C:\\a.exe;REMOTEADDRESSES=*");
-const std::wstring kAddFailed = L"Failed to add exception with error ";
-
-const SwitchCase kSwitches[] = {
-    {false, kPort, L"Create.NetFwRule", {L"Failed to create NetFwRule object with error ", kAddPortFailed}},
-    {false, kPort, L"Rule.Name", {L"Failed to set exception friendly name with error ", kAddPortFailed}},
-    {false, kPort, L"Rule.Profiles", {L"Failed to set exception profile with error ", kAddPortFailed}},
-    {false, kPort, L"Rule.Description", {L"Failed to set exception description with error ", kAddPortFailed}},
-    {false, kPort, L"Rule.Direction", {L"Failed to set exception direction with error ", kAddPortFailed}},
-    {false, kPort, L"Rule.Protocol", {L"Failed to set exception protocol with error ", kAddPortFailed}},
-    {false, kProgram, L"Rule.ApplicationName", {L"Failed to set application name with error ", kAddFailed}},
-    {false, kPort, L"Rule.RemoteAddresses", {L"Failed to set authorized remote addresses with error ", kAddPortFailed}},
-    {false, kPort, L"Rule.LocalAddresses", {L"Failed to set authorized local addresses with error ", kAddPortFailed}},
-    {false, kPort, L"Rule.RemotePorts", {L"Failed to set authorized remote ports with error ", kAddPortFailed}},
-    {false, kPort, L"Rule.LocalPorts", {L"Failed to set authorized local ports with error ", kAddPortFailed}},
-    {false, kPort, L"Rule.EdgeTraversalOptions",
-     {L"Failed to set EdgeTraversal to deferapp with error ", kAddPortFailed}},
-    {false, kPort, L"Rule.Enabled", {L"Failed to to enable exception with error ", kAddPortFailed}},
-    {false, kProgram, L"Rules.Add", {L"Failed to add exception to the authorized list with error ", kAddFailed}},
-    {true, kPort, L"Create.NetFwMgr", {kNoManager[0], kNoManager[1]}},
-    {true, kProgram, L"Mgr.LocalPolicy", {kNoManager[0], kNoManager[1]}},
-    {true, kPort, L"Profile.GloballyOpenPorts", {L"Failed to get list of open ports with error "}},
-    {true, kPort, L"OpenPorts.Item", {L"Failed trying to find existing port with error "}},
-    {true, kPort, L"Create.NetFwOpenPort", {L"Failed to create new open port with error "}},
-    {true, kPort, L"OpenPort.Name", {L"Failed to set port name with error "}},
-    {true, kPort, L"OpenPort.Protocol", {L"Failed to set port protocol with error "}},
-    {true, kPort, L"OpenPort.Port", {L"Failed to set port number with error "}},
-    {true, kPort, L"OpenPort.RemoteAddresses", {L"Failed to set port remote addresses with error "}},
-    {true, kPort, L"OpenPort.Enabled", {L"Failed to to enable port with error "}},
-    {true, kPort, L"OpenPorts.Add", {L"Failed to add port to the open ports list with error "}},
-    {true, kProgram, L"Profile.AuthorizedApplications", {L"Failed to get list of authorized apps with error "}},
-    {true, kProgram, L"AuthorizedApps.Item", {L"Failed trying to find existing app with error "}},
-    {true, kProgram, L"Create.NetFwAuthorizedApplication", {L"Failed to create authorized app with error "}},
-    {true, kProgram, L"AuthorizedApp.Name", {L"Failed to set authorized app name with error "}},
-    {true, kProgram, L"AuthorizedApp.ProcessImageFileName", {L"Failed to set authorized app path with error "}},
-    {true, kProgram, L"AuthorizedApp.RemoteAddresses", {L"Failed to set authorized app remote addresses with error "}},
-    {true, kProgram, L"AuthorizedApp.Enabled", {L"Failed to to enable app with error "}},
-    {true, kProgram, L"AuthorizedApps.Add", {L"Failed to add app to the authorized apps list with error "}},
-    {true, RemovePort(kR80), L"Profile.GloballyOpenPorts",
-     {L"Failed to get list of open ports with error ", kCheckPortFailed}},
-    {true, RemoveProgram(L"RULENAME=P;PROGRAMNAME=C:\\a.exe"), L"Profile.AuthorizedApplications",
-     {L"Failed to get list of authorized apps with error ", kCheckAppFailed}},
-    {true, RemoveProgram(L"RULENAME=P;PROGRAMNAME=C:\\a.exe"), L"AuthorizedApps.Item",
-     {L"Failed to retrieve authorized app with error ", kCheckAppFailed}},
-};
+    const ActionOutcome outcome = RunAction(call.action, {{L"CustomActionData", call.data}}, {});
+    return {outcome.result, outcome.lines};
+}
 
 class FirewallTest : public ::testing::Test
 {
@@ -289,52 +284,6 @@ protected:
         ASSERT_TRUE(firewall.IsRegistered()) << "cannot register QcTestFirewall.dll";
         CTestFirewall::Reset();
     }
-
-    // One action in a fresh session: its result and its lines but the frame's information lines.
-    static std::pair<UINT, Lines> Run(const Call& call)
-    {
-        static const QcRunner::CActionLibrary library(ShippedDllPath());
-        QcRunner::CActionHost host;
-        const QcRunner::CustomActionFunction action = library.Find(call.action);
-        if (action == nullptr || !host.IsOpen() || !host.SetCustomActionData(call.data))
-        {
-            return {0xFFFFFFFF, {L"(no action or no session) " + host.Error()}};
-        }
-        std::pair<UINT, Lines> outcome(host.Call(action), Lines{});
-        for (const std::wstring& line : host.LogLines())
-        {
-            // The frame's listing of the arguments is not this suite's matter; its verdicts are.
-            const std::wstring body = Body(line);
-            if (body.find(L"Workbench (#) ") == std::wstring::npos || body.find(L"] is invalid") != std::wstring::npos)
-            {
-                outcome.second.push_back(body);
-            }
-        }
-        return outcome;
-    }
-
-    // Sets the plain switches of `setup`, runs the calls of `before` (each must
-    // succeed), then sets the rest (failure switches, state changes) and clears the journal.
-    static void Prepare(const std::vector<Call>& before, const Lines& setup)
-    {
-        const auto set = [&setup](bool bAfterCalls) {
-            for (const std::wstring& assignment : setup)
-            {
-                if ((assignment.find(L'\\') != std::wstring::npos) == bAfterCalls)
-                {
-                    CTestFirewall::Set(assignment);
-                }
-            }
-        };
-        set(false);
-        for (const Call& call : before)
-        {
-            const std::pair<UINT, Lines> outcome = Run(call);
-            ASSERT_EQ(outcome.first, 0u) << ::testing::PrintToString(outcome.second);
-        }
-        set(true);
-        ::RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, L"Software\\QuillcastTest\\Firewall", L"Journal");
-    }
 };
 
 class FirewallAction : public FirewallTest, public ::testing::WithParamInterface<FirewallCase>
@@ -344,9 +293,25 @@ class FirewallAction : public FirewallTest, public ::testing::WithParamInterface
 TEST_P(FirewallAction, Case)
 {
     const FirewallCase& test = GetParam();
-    Prepare(test.before, test.setup);
+    // The plain switches, the calls of `before`, then the rest (failure switches, state changes).
+    for (const bool bAfterCalls : {false, true})
+    {
+        for (const std::wstring& assignment : test.setup)
+        {
+            if ((assignment.find(L'\\') != std::wstring::npos) == bAfterCalls)
+            {
+                CTestFirewall::Set(assignment);
+            }
+        }
+        for (const Call& call : bAfterCalls ? std::vector<Call>{} : test.before)
+        {
+            const std::pair<UINT, Lines> outcome = Outcome(call);
+            ASSERT_EQ(outcome.first, 0u) << ::testing::PrintToString(outcome.second);
+        }
+    }
+    ::RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, L"Software\\QuillcastTest\\Firewall", L"Journal");
 
-    EXPECT_EQ(Run(test.call), std::make_pair(test.result, test.lines));
+    EXPECT_EQ(Outcome(test.call), std::make_pair(test.result, test.lines));
     EXPECT_EQ(CTestFirewall::State(), test.state);
     if (!test.journal.empty())
     {
@@ -355,30 +320,7 @@ TEST_P(FirewallAction, Case)
 }
 
 INSTANTIATE_TEST_SUITE_P(Cases, FirewallAction, ::testing::ValuesIn(kCases),
-                         [](const auto& paramInfo) { return std::string(paramInfo.param.behaviour); });
-
-class FirewallFailure : public FirewallTest, public ::testing::WithParamInterface<SwitchCase>
-{
-};
-
-TEST_P(FirewallFailure, EachMessageCarriesTheFailingCode)
-{
-    const SwitchCase& test = GetParam();
-    Prepare({}, test.bLegacy ? Lines{kLegacy, Fails(test.method)} : Lines{Fails(test.method)});
-
-    Lines expected = test.bLegacy ? Lines{kLegacyWarning} : Lines{};
-    for (const std::wstring& text : test.texts)
-    {
-        expected.push_back(Failed(text));
-    }
-    EXPECT_EQ(Run(test.call), std::make_pair(1603u, expected));
-}
-
-INSTANTIATE_TEST_SUITE_P(Switches, FirewallFailure, ::testing::ValuesIn(kSwitches), [](const auto& paramInfo) {
-    std::wstring method = paramInfo.param.method;
-    method.erase(std::remove(method.begin(), method.end(), L'.'), method.end());
-    return std::to_string(paramInfo.index) + std::string(method.begin(), method.end());
-});
+                         [](const auto& paramInfo) { return paramInfo.param.behaviour; });
 
 // The workers themselves, as the frame would call them after a validation that
 // their main argument would have failed: 87 and nothing logged; without a rule
@@ -389,8 +331,6 @@ TEST_F(FirewallTest, WorkersWithoutTheirMainArgument)
     const std::tuple<Worker, const wchar_t*, UINT, const wchar_t*> cases[] = {
         {Quillcast::Actions::AddPortExceptionWorker, L";RULENAME=R;PROGRAMNAME=x", 87, L""},
         {Quillcast::Actions::AddProgramExceptionWorker, L";RULENAME=R;LOCALPORTS=80", 87, L""},
-        {Quillcast::Actions::RemovePortExceptionWorker, L";RULENAME=R", 87, L""},
-        {Quillcast::Actions::RemoveProgramExceptionWorker, L";RULENAME=R", 87, L""},
         {Quillcast::Actions::AddPortExceptionWorker, L";LOCALPORTS=80", 1603,
          L"[ERROR] Firewall (#) ERROR_INVALID_PARAMETER."},
     };
@@ -436,9 +376,7 @@ TEST_F(FirewallTest, ChecksOnTheRulePathAskForTheRuleByNameOnly)
 TEST_F(FirewallTest, ChangedModeIsUninitialisedByTheDestructorAllTheSame)
 {
     const ChangedModeOutcome outcome = WrapperOnMultithreadedThread<CFirewall>(L"R");
-    EXPECT_EQ(outcome.first, S_OK);
-    EXPECT_EQ(outcome.lastError, 0u);
-    EXPECT_EQ(outcome.again, S_OK);
+    EXPECT_EQ(std::make_tuple(outcome.first, outcome.lastError, outcome.again), std::make_tuple(S_OK, 0u, S_OK));
 }
 
 } // namespace

@@ -2,6 +2,8 @@
 // decides; the quiet-mode box is shown system-modal and decides nothing.
 #include "utility/UtilityTest.h"
 
+#include <tuple>
+
 namespace QcTest {
 namespace {
 
@@ -11,9 +13,29 @@ std::wstring Message(const wchar_t* typeHex, const std::wstring& text, int answe
     return std::wstring(typeHex) + L": [1]|" + text + L"| -> " + std::to_wstring(answer);
 }
 
-using ShowMessage = UtilityTest;
+// RunAction cannot answer the messages or show them, so these cases keep a
+// session of their own: the result, the action's lines and the user messages.
+std::tuple<UINT, Lines, Lines> Show(const char* exportName, const Properties& properties, int answer)
+{
+    QcRunner::CActionHost host;
+    for (const auto& [name, value] : properties)
+    {
+        host.SetProperty(name, value);
+    }
+    host.QueueAnswer(answer);
+    const UINT result = host.Call(ShippedLibrary().Find(exportName));
+    Lines lines;
+    for (const std::wstring& line : host.LogLines())
+    {
+        if (Body(line).rfind(L"Workbench (#) ", 0) != 0)
+        {
+            lines.push_back(Body(line));
+        }
+    }
+    return {result, lines, host.Messages()};
+}
 
-TEST_F(ShowMessage, DeferredResultFollowsTheAnswer)
+TEST(ShowMessage, DeferredResultFollowsTheAnswerAndTheTypeIsDecimal)
 {
     // 0 is no answer at all, as in a silent installation.
     const std::pair<int, UINT> answers[] = {{0, 0},        {IDOK, 0},         {IDRETRY, 0},    {IDIGNORE, 0},
@@ -21,31 +43,21 @@ TEST_F(ShowMessage, DeferredResultFollowsTheAnswer)
                                             {IDNO, 1602}, {IDTRYAGAIN, 1602}, {-1, 1602}};
     for (const auto& [answer, result] : answers)
     {
-        SetUp();
-        m_Host->SetCustomActionData(L";MESSAGE=Continue setup?;TYPE=4");
-        m_Host->QueueAnswer(answer);
-        EXPECT_EQ(Run("ShowMessageDeferred"), result) << answer;
-        EXPECT_EQ(m_Host->Messages(), Lines{Message(L"0x03000004", L"Continue setup?", answer)}) << answer;
-        EXPECT_EQ(ActionLines(), result == 0 ? Lines{} : Lines{Error(L"Continue setup?")}) << answer;
+        EXPECT_EQ(Show("ShowMessageDeferred", {{L"CustomActionData", L";MESSAGE=Continue setup?;TYPE=4"}}, answer),
+                  std::make_tuple(result, result == 0 ? Lines{} : Lines{Error(L"Continue setup?")},
+                                  Lines{Message(L"0x03000004", L"Continue setup?", answer)}));
     }
-}
-
-TEST_F(ShowMessage, DeferredTypeIsConvertedAsDecimalAndAMissingOneIsZero)
-{
-    m_Host->SetCustomActionData(L";MESSAGE=Low disk space;TYPE=48 and more");
-    EXPECT_EQ(Run("ShowMessageDeferred"), 0u);
-    m_Host->SetCustomActionData(L";MESSAGE=Done;OTHER=1");
-    EXPECT_EQ(Run("ShowMessageDeferred"), 0u);
-    EXPECT_EQ(m_Host->Messages(), (Lines{Message(L"0x03000030", L"Low disk space", IDOK),
-                                         Message(L"0x03000000", L"Done", IDOK)}));
+    EXPECT_EQ(Show("ShowMessageDeferred", {{L"CustomActionData", L";MESSAGE=Low disk space;TYPE=48 and more"}}, IDOK),
+              std::make_tuple(0u, Lines{}, Lines{Message(L"0x03000030", L"Low disk space", IDOK)}));
     // Only the frame's listing notes the absent TYPE.
-    EXPECT_EQ(ActionLines(), Lines{L"[ERROR] Workbench (#) Argument[TYPE] = NOT DEFINED."});
+    EXPECT_EQ(Show("ShowMessageDeferred", {{L"CustomActionData", L";MESSAGE=Done;OTHER=1"}}, IDOK),
+              std::make_tuple(0u, Lines{L"[ERROR] Workbench (#) Argument[TYPE] = NOT DEFINED."},
+                              Lines{Message(L"0x03000000", L"Done", IDOK)}));
 }
 
 struct ImmediateCase
 {
     const char* behaviour;
-    const wchar_t* caption;     // null: the property is unset
     const wchar_t* quietMode;
     const wchar_t* failingRead; // a property whose read fails; null: none
     const wchar_t* data;        // CustomActionData; null: unset
@@ -55,9 +67,7 @@ struct ImmediateCase
     const wchar_t* box; // the box shown, "caption|text|type"; null: none
 };
 
-class ShowMessageImmediately : public UtilityTest, public ::testing::WithParamInterface<ImmediateCase>
-{
-};
+using ShowMessageImmediately = UtilityCases<ImmediateCase>;
 
 const wchar_t kText[] = L"Install the printer driver?";
 const wchar_t kCaption[] = L"Quillcast Setup";
@@ -79,25 +89,21 @@ TEST_P(ShowMessageImmediately, ShowsTheMessage)
 {
     const ImmediateCase& test = GetParam();
     Properties properties = {{L"ShowMessageTextProperty", kText}, {L"ShowMessageTypeProperty", L"4"},
+                             {L"ShowMessageCaptionProperty", kCaption},
                              {L"ShowMessageQuietModeProperty", test.quietMode}};
-    if (test.caption != nullptr)
-    {
-        properties.emplace_back(L"ShowMessageCaptionProperty", test.caption);
-    }
     if (test.data != nullptr)
     {
-        m_Host->SetCustomActionData(test.data);
+        properties.emplace_back(L"CustomActionData", test.data);
     }
     if (test.failingRead != nullptr)
     {
         FailPropertyRead(test.failingRead, false);
     }
-    m_Host->QueueAnswer(test.answer);
     const Lines& boxes = NoteMessageBoxes(); // each answered with Cancel
 
-    EXPECT_EQ(Run("ShowMessageImmediately", properties), test.result);
-    EXPECT_EQ(ActionLines(), test.lines);
-    EXPECT_EQ(m_Host->Messages(), test.result != 1603 ? Lines{Message(L"0x03000004", kText, test.answer)} : Lines{});
+    EXPECT_EQ(Show("ShowMessageImmediately", properties, test.answer),
+              std::make_tuple(test.result, test.lines,
+                              test.result != 1603 ? Lines{Message(L"0x03000004", kText, test.answer)} : Lines{}));
     EXPECT_EQ(boxes, test.box != nullptr ? Lines{test.box} : Lines{});
 }
 
@@ -108,32 +114,29 @@ const std::wstring kGetFailed = L"MsiGetProperty ShowMessage";
 const ImmediateCase kCases[] = {
     // Silent installation: the installer answers nothing; the box is the only
     // way the user sees the message, and cancelling it changes nothing.
-    {"QuietModeOneShowsASystemModalBoxThatDecidesNothing", kCaption, L"1", nullptr, nullptr, 0, 0,
+    {"QuietModeOneShowsASystemModalBoxThatDecidesNothing", L"1", nullptr, nullptr, 0, 0,
      Details(kCaption, L"1", L"1"), kBox},
     // The refusal's entry is the MESSAGE argument, empty for an immediate action.
-    {"InstallerNoFailsWithAnEmptyEntry", kCaption, L"1", nullptr, nullptr, IDNO, 1602,
+    {"InstallerNoFailsWithAnEmptyEntry", L"1", nullptr, nullptr, IDNO, 1602,
      With(Details(kCaption, L"1", L"1"), 5, L"[ERROR] Various (#) ."), kBox},
-    {"InstallerCancelLogsTheMessageArgument", kCaption, L"0", nullptr, L";MESSAGE=from the data", IDCANCEL, 1602,
+    {"InstallerCancelLogsTheMessageArgument", L"0", nullptr, L";MESSAGE=from the data", IDCANCEL, 1602,
      With(Details(kCaption, L"0", L"0"), 5, Error(L"from the data")), nullptr},
-    {"QuietModeTwoIsNotOne", kCaption, L"2", nullptr, nullptr, IDYES, 0, Details(kCaption, L"2", L"2"), nullptr},
-    {"UnsetCaptionGivesAnEmptyCaption", nullptr, L"1", nullptr, nullptr, IDOK, 0, Details(L"", L"1", L"1"),
-     kBoxWithoutCaption},
-    {"UnreadableCaptionIsLoggedAndEmpty", kCaption, L"1", L"ShowMessageCaptionProperty", nullptr, IDOK, 0,
+    {"QuietModeTwoIsNotOne", L"2", nullptr, nullptr, IDYES, 0, Details(kCaption, L"2", L"2"), nullptr},
+    {"UnreadableCaptionIsLoggedAndEmpty", L"1", L"ShowMessageCaptionProperty", nullptr, IDOK, 0,
      With(Details(L"", L"1", L"1"), 2, Error(kGetFailed + L"CaptionProperty failed with error {LastError}")),
      kBoxWithoutCaption},
-    {"UnreadableQuietModeIsLoggedAndZero", kCaption, L"1", L"ShowMessageQuietModeProperty", nullptr, IDOK, 0,
+    {"UnreadableQuietModeIsLoggedAndZero", L"1", L"ShowMessageQuietModeProperty", nullptr, IDOK, 0,
      With(Details(kCaption, L"", L"0"), 3, Error(kGetFailed + L"QuietModeProperty failed with error {LastError}")),
      nullptr},
-    {"UnreadableTextFails", kCaption, L"1", L"ShowMessageTextProperty", nullptr, IDOK, 1603,
+    {"UnreadableTextFails", L"1", L"ShowMessageTextProperty", nullptr, IDOK, 1603,
      {Error(kGetFailed + L"TextProperty failed with error {LastError}")}, nullptr},
-    {"UnreadableTypeFails", kCaption, L"1", L"ShowMessageTypeProperty", nullptr, IDOK, 1603,
+    {"UnreadableTypeFails", L"1", L"ShowMessageTypeProperty", nullptr, IDOK, 1603,
      {Detail(L"ShowMessageTextProperty = " + std::wstring(kText)),
       Error(kGetFailed + L"TypeProperty failed with error {LastError}")},
      nullptr},
 };
 
-INSTANTIATE_TEST_SUITE_P(Cases, ShowMessageImmediately, ::testing::ValuesIn(kCases),
-                         [](const auto& paramInfo) { return std::string(paramInfo.param.behaviour); });
+INSTANTIATE_TEST_SUITE_P(Cases, ShowMessageImmediately, ::testing::ValuesIn(kCases), kByBehaviour);
 
 } // namespace
 } // namespace QcTest

@@ -28,15 +28,7 @@ struct IcaCase
     bool refused = false; // the registry refuses the write
 };
 
-class IcaClient : public UtilityTest, public ::testing::WithParamInterface<IcaCase>
-{
-protected:
-    void TearDown() override
-    {
-        RegDeleteKeyExW(HKEY_LOCAL_MACHINE, kModules, KEY_WOW64_32KEY, 0);
-        RegDeleteKeyExW(HKEY_LOCAL_MACHINE, kModules, KEY_WOW64_64KEY, 0);
-    }
-};
+using IcaClient = UtilityCases<IcaCase>;
 
 TEST_P(IcaClient, ChangesTheVirtualDriverList)
 {
@@ -44,14 +36,15 @@ TEST_P(IcaClient, ChangesTheVirtualDriverList)
     // The 64-bit view holds a list of its own that neither action may touch.
     const auto drv64 = std::make_pair(DWORD{REG_SZ}, L"Drv64\0"s);
     ASSERT_TRUE(SetValue(KEY_WOW64_64KEY, kModules, kName, drv64.first, drv64.second));
-    ASSERT_TRUE(test.type == kNoKey || SetValue(KEY_WOW64_32KEY, kModules, test.type ? kName : nullptr, test.type, test.before));
+    ASSERT_TRUE(test.type == kNoKey ||
+                SetValue(KEY_WOW64_32KEY, kModules, test.type ? kName : nullptr, test.type, test.before));
     if (test.refused)
     {
         RefuseRegistryWrites();
     }
 
-    EXPECT_EQ(Run(test.action), test.result);
-    EXPECT_EQ(ActionLines(), test.lines);
+    const ActionOutcome outcome = RunAction(test.action, {}, {});
+    EXPECT_EQ(std::make_pair(outcome.result, outcome.lines), std::make_pair(test.result, test.lines));
     const auto expected = test.after == kKept   ? std::make_pair(test.type, test.before)
                           : test.after == kNone ? std::make_pair(DWORD{REG_NONE}, L""s)
                                                 : std::make_pair(DWORD{REG_SZ}, test.after + L'\0');
@@ -88,8 +81,7 @@ const IcaCase kIcaCases[] = {
     {"RemoveFailsWithoutTheValue", kRemove, REG_NONE, L"", 1603, {kNoValue}, kNone},
 };
 
-INSTANTIATE_TEST_SUITE_P(Cases, IcaClient, ::testing::ValuesIn(kIcaCases),
-                         [](const auto& paramInfo) { return std::string(paramInfo.param.behaviour); });
+INSTANTIATE_TEST_SUITE_P(Cases, IcaClient, ::testing::ValuesIn(kIcaCases), kByBehaviour);
 
 const wchar_t kClient[] = L"SOFTWARE\\Quillcast\\Client";
 const char* const kDeferred = "SetRemoteConfigDeferred";
@@ -108,15 +100,7 @@ struct RemoteConfigCase
     bool refused = false;     // the registry refuses the write
 };
 
-class RemoteConfig : public UtilityTest, public ::testing::WithParamInterface<RemoteConfigCase>
-{
-protected:
-    void TearDown() override
-    {
-        RegDeleteKeyExW(HKEY_LOCAL_MACHINE, kClient, KEY_WOW64_64KEY, 0);
-        RegDeleteKeyExW(HKEY_LOCAL_MACHINE, kClient, KEY_WOW64_32KEY, 0);
-    }
-};
+using RemoteConfig = UtilityCases<RemoteConfigCase>;
 
 TEST_P(RemoteConfig, WritesTheListAsStrings)
 {
@@ -131,10 +115,10 @@ TEST_P(RemoteConfig, WritesTheListAsStrings)
         RefuseRegistryWrites();
     }
     // Not ";" as the separator: the list itself holds semicolons.
-    m_Host->SetCustomActionData(std::wstring(L"|REMOTECONFIG=") + test.list);
-
-    EXPECT_EQ(Run(test.action, {{L"RMTCONF", test.list}}), test.result);
-    EXPECT_EQ(ActionLines(), test.lines);
+    const ActionOutcome outcome =
+        RunAction(test.action, {{L"CustomActionData", L"|REMOTECONFIG=" + std::wstring(test.list)},
+                                {L"RMTCONF", test.list}}, {});
+    EXPECT_EQ(std::make_pair(outcome.result, outcome.lines), std::make_pair(test.result, test.lines));
     EXPECT_EQ(ReadValue(test.keyView, kClient, L"RmtConf"),
               std::make_pair(test.bytes.empty() ? DWORD{REG_NONE} : DWORD{REG_MULTI_SZ}, test.bytes));
 }
@@ -151,8 +135,7 @@ const RemoteConfigCase kRemoteConfigCases[] = {
     {"RefusedWriteFails", kDeferred, L"host1", KEY_WOW64_64KEY, 1603, {kRefused}, L"", false, true},
 };
 
-INSTANTIATE_TEST_SUITE_P(Cases, RemoteConfig, ::testing::ValuesIn(kRemoteConfigCases),
-                         [](const auto& paramInfo) { return std::string(paramInfo.param.behaviour); });
+INSTANTIATE_TEST_SUITE_P(Cases, RemoteConfig, ::testing::ValuesIn(kRemoteConfigCases), kByBehaviour);
 
 } // namespace
 } // namespace QcTest

@@ -4,8 +4,6 @@
 
 #include <cwchar>
 
-#include "support/ShippedDll.h"
-
 namespace QcTest {
 
 namespace {
@@ -14,55 +12,13 @@ std::wstring g_FailingName;
 bool g_bFailingSizeQuery = false;
 BYTE g_ProductType = VER_NT_WORKSTATION;
 Lines g_Boxes;
-
-// The replacements call the real functions: only the DLL's imports are redirected.
-LSTATUS WINAPI OpenKeyAfterMarker(HKEY hKey, LPCWSTR subKey, DWORD options, REGSAM access, PHKEY phResult)
-{
-    SetLastError(kLastErrorMarker);
-    return RegOpenKeyExW(hKey, subKey, options, access, phResult);
-}
-
-UINT WINAPI FailingGetProperty(MSIHANDLE hInstall, LPCWSTR name, LPWSTR value, LPDWORD pcch)
-{
-    const bool bSizeQuery = pcch != nullptr && *pcch == 0;
-    if (name != nullptr && g_FailingName == name && bSizeQuery == g_bFailingSizeQuery)
-    {
-        SetLastError(kLastErrorMarker);
-        return ERROR_INVALID_HANDLE;
-    }
-    return MsiGetPropertyW(hInstall, name, value, pcch);
-}
-
-LSTATUS WINAPI RefusedSetValue(HKEY, LPCWSTR, DWORD, DWORD, const BYTE*, DWORD)
-{
-    return ERROR_ACCESS_DENIED;
-}
-
-BOOL WINAPI VersionOfProductType(OSVERSIONINFOW* pInfo)
-{
-    const BOOL bResult = GetVersionExW(pInfo);
-    reinterpret_cast<OSVERSIONINFOEXW*>(pInfo)->wProductType = g_ProductType;
-    return bResult;
-}
-
-int WINAPI NotedMessageBox(HWND, LPCWSTR text, LPCWSTR caption, UINT type)
-{
-    wchar_t hex[16] = {};
-    std::swprintf(hex, 16, L"0x%X", type);
-    g_Boxes.push_back(std::wstring(caption ? caption : L"(null)") + L"|" + text + L"|" + hex);
-    return IDCANCEL;
-}
+std::vector<std::pair<REGSAM, std::wstring>> g_Keys;
+std::vector<std::wstring> g_Files;
 
 std::wstring Entry(const wchar_t* level, std::wstring text)
 {
     const size_t at = text.find(L"{LastError}");
     return level + (L"Various (#) " + (at == std::wstring::npos ? text : text.replace(at, 11, L"4242")) + L".");
-}
-
-const QcRunner::CActionLibrary& Library()
-{
-    static const QcRunner::CActionLibrary library(ShippedDllPath());
-    return library;
 }
 
 } // namespace
@@ -71,66 +27,79 @@ std::wstring Error(const std::wstring& text) { return Entry(L"[ERROR] ", text); 
 std::wstring Warning(const std::wstring& text) { return Entry(L"[WARNING] ", text); }
 std::wstring Detail(const std::wstring& text) { return Entry(L"", text); }
 
+// The replacements call the real functions: only the DLL's imports are redirected.
 void UtilityTest::SetUp()
 {
-    ASSERT_TRUE(Library().IsLoaded()) << "cannot load the DLL";
     m_Patches.clear();
-    Patch("advapi32.dll", "RegOpenKeyExW", reinterpret_cast<const void*>(OpenKeyAfterMarker));
-    m_Host = std::make_unique<QcRunner::CActionHost>();
-    ASSERT_TRUE(m_Host->IsOpen());
+    const auto openKey = [](HKEY hKey, LPCWSTR subKey, DWORD options, REGSAM access, PHKEY phResult) {
+        SetLastError(kLastErrorMarker);
+        return RegOpenKeyExW(hKey, subKey, options, access, phResult);
+    };
+    Patch("advapi32.dll", "RegOpenKeyExW", reinterpret_cast<const void*>(+openKey));
 }
 
-UINT UtilityTest::Run(const char* exportName, const Properties& properties)
+void UtilityTest::TearDown()
 {
-    const QcRunner::CustomActionFunction action = Library().Find(exportName);
-    EXPECT_NE(action, nullptr) << exportName;
-    for (const auto& property : properties)
+    for (const auto& [view, key] : g_Keys)
     {
-        m_Host->SetProperty(property.first, property.second);
+        RegDeleteKeyExW(HKEY_LOCAL_MACHINE, key.c_str(), view, 0);
     }
-    return action == nullptr ? ERROR_CALL_NOT_IMPLEMENTED : m_Host->Call(action);
-}
-
-Lines UtilityTest::ActionLines() const
-{
-    Lines lines;
-    for (const std::wstring& line : m_Host->LogLines())
+    for (const std::wstring& path : g_Files)
     {
-        if (QcRunner::Body(line).rfind(L"Workbench (#) ", 0) != 0)
-        {
-            lines.push_back(QcRunner::Body(line));
-        }
+        DeleteFileW(path.c_str());
     }
-    return lines;
+    g_Keys.clear();
+    g_Files.clear();
 }
 
 void UtilityTest::Patch(const char* dll, const char* function, const void* replacement)
 {
-    m_Patches.push_back(std::make_unique<CImportPatch>(Library().Module(), dll, function, replacement));
+    m_Patches.push_back(std::make_unique<CImportPatch>(ShippedLibrary().Module(), dll, function, replacement));
     EXPECT_TRUE(m_Patches.back()->IsApplied()) << function;
 }
 
 void UtilityTest::FailPropertyRead(const std::wstring& name, bool bSizeQuery)
 {
-    Patch("msi.dll", "MsiGetPropertyW", reinterpret_cast<const void*>(FailingGetProperty));
+    const auto getProperty = [](MSIHANDLE hInstall, LPCWSTR property, LPWSTR value, LPDWORD pcch) -> UINT {
+        const bool bSize = pcch != nullptr && *pcch == 0;
+        if (property != nullptr && g_FailingName == property && bSize == g_bFailingSizeQuery)
+        {
+            SetLastError(kLastErrorMarker);
+            return ERROR_INVALID_HANDLE;
+        }
+        return MsiGetPropertyW(hInstall, property, value, pcch);
+    };
+    Patch("msi.dll", "MsiGetPropertyW", reinterpret_cast<const void*>(+getProperty));
     g_FailingName = name;
     g_bFailingSizeQuery = bSizeQuery;
 }
 
 void UtilityTest::RefuseRegistryWrites()
 {
-    Patch("advapi32.dll", "RegSetValueExW", reinterpret_cast<const void*>(RefusedSetValue));
+    const auto setValue = [](HKEY, LPCWSTR, DWORD, DWORD, const BYTE*, DWORD) { return LSTATUS{ERROR_ACCESS_DENIED}; };
+    Patch("advapi32.dll", "RegSetValueExW", reinterpret_cast<const void*>(+setValue));
 }
 
 void UtilityTest::ReportProductType(BYTE productType)
 {
-    Patch("kernel32.dll", "GetVersionExW", reinterpret_cast<const void*>(VersionOfProductType));
+    const auto getVersion = [](OSVERSIONINFOW* pInfo) {
+        const BOOL bResult = GetVersionExW(pInfo);
+        reinterpret_cast<OSVERSIONINFOEXW*>(pInfo)->wProductType = g_ProductType;
+        return bResult;
+    };
+    Patch("kernel32.dll", "GetVersionExW", reinterpret_cast<const void*>(+getVersion));
     g_ProductType = productType;
 }
 
 const Lines& UtilityTest::NoteMessageBoxes()
 {
-    Patch("user32.dll", "MessageBoxW", reinterpret_cast<const void*>(NotedMessageBox));
+    const auto messageBox = [](HWND, LPCWSTR text, LPCWSTR caption, UINT type) {
+        wchar_t hex[16] = {};
+        std::swprintf(hex, 16, L"0x%X", type);
+        g_Boxes.push_back(std::wstring(caption ? caption : L"(null)") + L"|" + text + L"|" + hex);
+        return IDCANCEL;
+    };
+    Patch("user32.dll", "MessageBoxW", reinterpret_cast<const void*>(+messageBox));
     g_Boxes.clear();
     return g_Boxes;
 }
@@ -138,6 +107,7 @@ const Lines& UtilityTest::NoteMessageBoxes()
 bool SetValue(REGSAM view, const std::wstring& key, const wchar_t* name, DWORD type, const std::wstring& bytes)
 {
     HKEY hKey = nullptr;
+    g_Keys.emplace_back(view, key);
     bool bDone = RegCreateKeyExW(HKEY_LOCAL_MACHINE, key.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS | view, nullptr,
                                  &hKey, nullptr) == ERROR_SUCCESS;
     if (bDone && name != nullptr)
@@ -162,6 +132,13 @@ std::pair<DWORD, std::wstring> ReadValue(REGSAM view, const std::wstring& key, c
     }
     RegCloseKey(hKey);
     return value;
+}
+
+bool Place(const std::wstring& program, const wchar_t* name)
+{
+    wchar_t folder[MAX_PATH] = {};
+    g_Files.push_back(std::wstring(folder, GetSystemDirectoryW(folder, MAX_PATH)) + L"\\" + name);
+    return CopyFileW((BinFolder() + program).c_str(), g_Files.back().c_str(), FALSE) != FALSE;
 }
 
 } // namespace QcTest

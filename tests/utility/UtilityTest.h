@@ -1,25 +1,20 @@
 #pragma once
 
 // The installer utility actions of the shipped DLL, run in real installer
-// sessions against the real registry and version resources of the test run's
-// Wine prefix; what Wine cannot show (another kind of system, a message box)
-// is seen through the DLL's own imports.
+// sessions (RunAction) against the real registry and version resources of the
+// test run's Wine prefix; what Wine cannot show (another kind of system, a
+// message box) is seen through the DLL's own imports.
 #include <gtest/gtest.h>
 
 #include <windows.h>
 
 #include <memory>
 #include <string>
-#include <utility>
-#include <vector>
 
-#include "ActionHost.h"
+#include "directory/ActionCall.h"
 #include "support/ImportPatch.h"
 
 namespace QcTest {
-
-using Lines = std::vector<std::wstring>;
-using Properties = std::vector<std::pair<std::wstring, std::wstring>>;
 
 // The actions log the thread's last-error value, not what a failing registry or
 // installer call answered. The frame leaves that value at 0, which would not
@@ -37,11 +32,8 @@ class UtilityTest : public ::testing::Test
 {
 protected:
     void SetUp() override;
-
-    // Sets the properties, calls the export in this test's session and returns its result.
-    UINT Run(const char* exportName, const Properties& properties = {});
-    // The bodies of the lines the action wrote after the frame's own.
-    Lines ActionLines() const;
+    // Deletes every key SetValue() made and every file Place() put.
+    void TearDown() override;
 
     // Redirects the DLL's import of dll!function for this test.
     void Patch(const char* dll, const char* function, const void* replacement);
@@ -56,14 +48,22 @@ protected:
     // The DLL's message boxes are not shown but noted as "caption|text|type in hex".
     const Lines& NoteMessageBoxes();
 
-    std::unique_ptr<QcRunner::CActionHost> m_Host;
     std::vector<std::unique_ptr<CImportPatch>> m_Patches;
 };
+
+template <typename Case>
+class UtilityCases : public UtilityTest, public ::testing::WithParamInterface<Case>
+{
+};
+// Names each case after its `behaviour`.
+constexpr auto kByBehaviour = [](const auto& info) { return std::string(info.param.behaviour); };
 
 // HKLM\key in one registry view (KEY_WOW64_32KEY or KEY_WOW64_64KEY). A null
 // name only creates the key; the bytes are given as characters.
 bool SetValue(REGSAM view, const std::wstring& key, const wchar_t* name, DWORD type, const std::wstring& bytes);
 // The value's type and its bytes as characters; type REG_NONE and no bytes when it does not exist.
 std::pair<DWORD, std::wstring> ReadValue(REGSAM view, const std::wstring& key, const wchar_t* name);
+// Copies the build's program `program` into the system directory as `name`.
+bool Place(const std::wstring& program, const wchar_t* name);
 
 } // namespace QcTest

@@ -1,15 +1,14 @@
 // GetEngineVersion: the edition property chosen from the engine's uninstall
 // entry, the kind of system and the installer programs in the system directory.
 // GetFileVersion: folder and file name from properties, the file version into "GFV_Result".
-#include "support/ShippedDll.h"
 #include "utility/UtilityTest.h"
 
 namespace QcTest {
 namespace {
 
 const std::wstring kUninstall = L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\";
-const wchar_t* const kEditions[] = {L"SERVERKIT70", L"RDPKIT70",    L"DESKTOPKIT70", L"DESKTOPKIT702",
-                                    L"RDPKITXP70",  L"SERVERKIT76", L"RDPKIT76",     L"VDIKIT79"};
+const Lines kEditions = {L"SERVERKIT70", L"RDPKIT70",    L"DESKTOPKIT70", L"DESKTOPKIT702",
+                         L"RDPKITXP70",  L"SERVERKIT76", L"RDPKIT76",     L"VDIKIT79"};
 constexpr BYTE Ws = VER_NT_WORKSTATION, Server = VER_NT_SERVER, Dc = VER_NT_DOMAIN_CONTROLLER;
 // Which uninstall entries exist: the engine's, the RDP engine's, both, or the
 // engine's only where a 32-bit product would register.
@@ -28,26 +27,7 @@ struct EngineCase
     const wchar_t* edition; // the one property set to "1"; null: none
 };
 
-std::wstring SystemPath(const wchar_t* name)
-{
-    wchar_t folder[MAX_PATH] = {};
-    return std::wstring(folder, GetSystemDirectoryW(folder, MAX_PATH)) + L"\\" + name;
-}
-
-class EngineVersion : public UtilityTest, public ::testing::WithParamInterface<EngineCase>
-{
-protected:
-    void TearDown() override
-    {
-        DeleteFileW(SystemPath(L"QCZDInst.exe").c_str());
-        DeleteFileW(SystemPath(L"QRDPInst.exe").c_str());
-        for (const REGSAM view : {KEY_WOW64_32KEY, KEY_WOW64_64KEY})
-        {
-            RegDeleteKeyExW(HKEY_LOCAL_MACHINE, (kUninstall + L".lumen Engine").c_str(), view, 0);
-            RegDeleteKeyExW(HKEY_LOCAL_MACHINE, (kUninstall + L".lumen RDP Engine").c_str(), view, 0);
-        }
-    }
-};
+using EngineVersion = UtilityCases<EngineCase>;
 
 TEST_P(EngineVersion, SetsTheEditionProperty)
 {
@@ -64,18 +44,16 @@ TEST_P(EngineVersion, SetsTheEditionProperty)
     {
         addKey(KEY_WOW64_64KEY, L".lumen RDP Engine");
     }
-    const std::wstring bin = BinFolder() + L"QcVersion";
-    ASSERT_TRUE(!test.marker || CopyFileW((bin + L"_7_1_0_0.exe").c_str(), SystemPath(L"QCZDInst.exe").c_str(), 0));
-    ASSERT_TRUE(!test.second ||
-                CopyFileW((bin + test.second + L".exe").c_str(), SystemPath(L"QRDPInst.exe").c_str(), 0));
+    ASSERT_TRUE(!test.marker || Place(L"QcVersion_7_1_0_0.exe", L"QCZDInst.exe"));
+    ASSERT_TRUE(!test.second || Place(L"QcVersion" + std::wstring(test.second) + L".exe", L"QRDPInst.exe"));
     ReportProductType(test.productType);
 
-    EXPECT_EQ(Run("GetEngineVersion"), test.result);
-    EXPECT_EQ(ActionLines(), test.lines);
+    const ActionOutcome outcome = RunAction("GetEngineVersion", {}, kEditions);
+    EXPECT_EQ(std::make_pair(outcome.result, outcome.lines), std::make_pair(test.result, test.lines));
     std::wstring set; // every edition property that is not empty
-    for (const wchar_t* edition : kEditions)
+    for (size_t i = 0; i < kEditions.size(); ++i)
     {
-        set += m_Host->GetProperty(edition).empty() ? L"" : edition + (L"=" + m_Host->GetProperty(edition));
+        set += outcome.values[i].empty() ? L"" : kEditions[i] + L"=" + outcome.values[i];
     }
     EXPECT_EQ(set, test.edition ? test.edition + std::wstring(L"=1") : L"");
 }
@@ -107,8 +85,7 @@ const EngineCase kEngineCases[] = {
      {Error(L"Query registry value failed with error {LastError}")}, nullptr},
 };
 
-INSTANTIATE_TEST_SUITE_P(Cases, EngineVersion, ::testing::ValuesIn(kEngineCases),
-                         [](const auto& paramInfo) { return std::string(paramInfo.param.behaviour); });
+INSTANTIATE_TEST_SUITE_P(Cases, EngineVersion, ::testing::ValuesIn(kEngineCases), kByBehaviour);
 
 struct FileVersionCase
 {
@@ -121,9 +98,7 @@ struct FileVersionCase
     const wchar_t* gfvResult; // "untouched" when the action must not write it
 };
 
-class GetFileVersion : public UtilityTest, public ::testing::WithParamInterface<FileVersionCase>
-{
-};
+using GetFileVersion = UtilityCases<FileVersionCase>;
 
 TEST_P(GetFileVersion, WritesTheFileVersion)
 {
@@ -133,11 +108,11 @@ TEST_P(GetFileVersion, WritesTheFileVersion)
         FailPropertyRead(test.failingRead, false);
     }
     const std::wstring folder = BinFolder().substr(0, BinFolder().size() - 1) + test.folderSuffix;
-    EXPECT_EQ(Run("GetFileVersion", {{L"GFV_FILEPATH", folder}, {L"GFV_FILENAME", test.name},
-                                     {L"GFV_Result", L"untouched"}}),
-              test.result);
-    EXPECT_EQ(ActionLines(), test.lines);
-    EXPECT_EQ(m_Host->GetProperty(L"GFV_Result"), test.gfvResult);
+    const ActionOutcome outcome = RunAction(
+        "GetFileVersion", {{L"GFV_FILEPATH", folder}, {L"GFV_FILENAME", test.name}, {L"GFV_Result", L"untouched"}},
+        {L"GFV_Result"});
+    EXPECT_EQ(std::make_tuple(outcome.result, outcome.lines, outcome.values[0]),
+              std::make_tuple(test.result, test.lines, std::wstring(test.gfvResult)));
 }
 
 const FileVersionCase kFileCases[] = {
@@ -156,8 +131,7 @@ const FileVersionCase kFileCases[] = {
      {Error(L"MsiGetProperty GFV_FILENAME failed with error {LastError}")}, L"untouched"},
 };
 
-INSTANTIATE_TEST_SUITE_P(Cases, GetFileVersion, ::testing::ValuesIn(kFileCases),
-                         [](const auto& paramInfo) { return std::string(paramInfo.param.behaviour); });
+INSTANTIATE_TEST_SUITE_P(Cases, GetFileVersion, ::testing::ValuesIn(kFileCases), kByBehaviour);
 
 } // namespace
 } // namespace QcTest
