@@ -142,11 +142,10 @@ protected:
             RemoveMachineCertificates(store, Thumbprints(Added(store)));
         }
         IssuerStoreExpiry(true);
-        for (const auto& [container, machine] : m_Owned)
+        for (const std::wstring& container : m_Owned)
         {
             HCRYPTPROV hProv = 0;
-            ::CryptAcquireContextW(&hProv, container.c_str(), MS_ENHANCED_PROV_W, PROV_RSA_FULL,
-                                   CRYPT_DELETEKEYSET | (machine ? CRYPT_MACHINE_KEYSET : 0));
+            ::CryptAcquireContextW(&hProv, container.c_str(), MS_ENHANCED_PROV_W, PROV_RSA_FULL, CRYPT_DELETEKEYSET);
         }
         m_pSeam.reset();
         EXPECT_EQ(KeyContainers(false), m_UserContainers);
@@ -166,10 +165,8 @@ protected:
     std::unique_ptr<CPfxSeam> m_pSeam;
     std::set<std::string> m_UserContainers;
     std::set<std::string> m_MachineContainers;
-    std::set<std::wstring> m_Before; // thumbprints of the machine's "Root" and "MY"
-    // Key containers deleted when the test ends (name, machine key set): the
-    // uninstall actions remove certificates, not their keys.
-    std::vector<std::pair<std::wstring, bool>> m_Owned;
+    std::set<std::wstring> m_Before;   // thumbprints of the machine's "Root" and "MY"
+    std::vector<std::wstring> m_Owned; // the user's key containers deleted when the test ends
 };
 
 // ================================================================ the engine of this program
@@ -222,12 +219,9 @@ protected:
     void AddIssuer(const std::wstring& name, bool expired, Key key = Key::Named)
     {
         // Unique, so that a container left by an aborted run never collides.
-        GUID guid{};
-        wchar_t unique[64] = {};
-        (void)::CoCreateGuid(&guid);
-        ::StringFromGUID2(guid, unique, 64);
-        const std::wstring container = std::wstring(L"QcEngineIssuer") + unique;
-        m_Owned.emplace_back(container, false);
+        const std::wstring container =
+            L"QcEngineIssuer" + std::to_wstring(::GetTickCount64()) + L"." + std::to_wstring(m_Owned.size());
+        m_Owned.push_back(container);
         const SYSTEMTIME from = AddYears(UtcNow(), expired ? -2 : 0);
         const std::vector<BYTE> der = MakeSelfSigned(name, container, from, AddYears(from, 1));
         HCERTSTORE hStore = ::CertOpenSystemStoreW(0, kIssuerStore);
@@ -245,17 +239,6 @@ protected:
         HCRYPTPROV hProv = 0;
         EXPECT_TRUE(key != Key::Deleted || ::CryptAcquireContextW(&hProv, container.c_str(), MS_DEF_PROV_W,
                                                                   PROV_RSA_FULL, CRYPT_DELETEKEYSET));
-    }
-
-    // The import of `pfx` into the user's `store`: its result and the last entry it logged.
-    static std::pair<int32_t, std::wstring> Import(const std::vector<BYTE>& pfx, const wchar_t* store,
-                                                   DWORD exportable)
-    {
-        Cert::ImportCertificateParams params{32, const_cast<BYTE*>(pfx.data()), static_cast<DWORD>(pfx.size()), 0,
-                                             store, exportable};
-        CLogCapture capture;
-        const int32_t result = Cert::ImportCertificate(&params);
-        return {result, capture.Bodies().back()};
     }
 };
 
@@ -291,8 +274,7 @@ const FailureCase kFailures[] = {
     {"KeyTypeZero", [](auto& p) { p.dwKeyType = 0; }, Invalid(L"keytype")},
     {"PurposesThirtyTwo", [](auto& p) { p.dwPurposes = 32; }, Invalid(L"purposes bitmask")},
     {"ProviderIndexMinusTwo", [](auto& p) { p.nProviderIndex = -2; }, Invalid(L"encryption provider index")},
-    {"IssuerNameMissing", [](auto& p) { p.bSelfSigned = 0, p.pszIssuerStore = L"Root"; },
-     Invalid(L"issuer certificate name")},
+    {"NoIssuerName", [](auto& p) { p.bSelfSigned = 0, p.pszIssuerStore = L"X"; }, Invalid(L"issuer certificate name")},
     {"IssuerStoreEmpty", [](auto& p) { p.bSelfSigned = 0, p.pszIssuerName = L"X", p.pszIssuerStore = L""; },
      Invalid(L"issuer certificate store")},
     // ERROR_NO_MORE_ITEMS from the provider list.
@@ -385,10 +367,9 @@ TEST_F(Engine, SelfSignedCertificateOfAProviderChosenByIndexSharingAnExistingScr
     });
 
     ASSERT_EQ(created.result, 0) << ::testing::PrintToString(created.lines);
-    ASSERT_GE(created.lines.size(), 10u);
-    EXPECT_EQ(created.lines[5], Crypt(L"GetCryptProvider(dwIndex == " + std::to_wstring(index) + L")"));
-    EXPECT_EQ(created.lines[9], Crypt(L"CreateTemporaryCryptContainer() - CryptAcquireContext (create new) failed "
-                                      L"-> try to open existing."));
+    EXPECT_EQ(created.lines.at(5), Crypt(L"GetCryptProvider(dwIndex == " + std::to_wstring(index) + L")"));
+    EXPECT_EQ(created.lines.at(9), Crypt(L"CreateTemporaryCryptContainer() - CryptAcquireContext (create new) failed "
+                                         L"-> try to open existing."));
     CERT_INFO& info = *created.pCert->pCertInfo;
     EXPECT_EQ(::CertGetPublicKeyLength(X509_ASN_ENCODING, &info.SubjectPublicKeyInfo), 2048u);
     EXPECT_EQ(info.SerialNumber.cbData, 16u);
@@ -425,7 +406,6 @@ TEST_F(Engine, ExpiredNamesakeIsPassedOverAndAnIssuerWithoutKeyIdentifierGivesNo
 
     ASSERT_EQ(created.result, 0) << ::testing::PrintToString(created.lines);
     const CERT_INFO& info = *created.pCert->pCertInfo;
-    EXPECT_EQ(info.cExtension, 3u);
     EXPECT_EQ(::CertFindExtension(szOID_AUTHORITY_KEY_IDENTIFIER, info.cExtension, info.rgExtension), nullptr);
     // Signed with the issuer's own algorithm (CertCreateSelfSignCertificate's
     // sha1RSA) while the to-be-signed part keeps the md5RSA asked for: kept as it is.
@@ -441,22 +421,30 @@ TEST_F(Engine, ExpiredNamesakeIsPassedOverAndAnIssuerWithoutKeyIdentifierGivesNo
 
 TEST_F(Engine, ImportRefusesBadInputAndExpiredCertificatesAndReplacesTheSameCertificate)
 {
+    // The import of `pfx` into the user's `store`: its result and the last entry it logged.
+    const auto importPfx = [](const std::vector<BYTE>& pfx, const wchar_t* store, DWORD exportable) {
+        Cert::ImportCertificateParams params{32, const_cast<BYTE*>(pfx.data()), static_cast<DWORD>(pfx.size()), 0,
+                                             store, exportable};
+        CLogCapture capture;
+        const int32_t result = Cert::ImportCertificate(&params);
+        return std::make_pair(result, capture.Bodies().back());
+    };
     const auto refused = [](int32_t result, const std::wstring& error) {
         return std::make_pair(result, Crypt(L"InternalImportCertificate() - ERROR: " + error));
     };
     const std::vector<BYTE> garbage = {1, 2, 3};
-    EXPECT_EQ(Import(garbage, kIssuerStore, 1), refused(-7, L"PFXImportCertStore failed (-2146885630)."));
-    EXPECT_EQ(Import({}, kIssuerStore, 1), refused(-1, L"Got invalid parameters."));
-    EXPECT_EQ(Import(garbage, L"", 1), refused(-1, L"Got invalid parameters."));
+    EXPECT_EQ(importPfx(garbage, kIssuerStore, 1), refused(-7, L"PFXImportCertStore failed (-2146885630)."));
+    EXPECT_EQ(importPfx({}, kIssuerStore, 1), refused(-1, L"Got invalid parameters."));
+    EXPECT_EQ(importPfx(garbage, L"", 1), refused(-1, L"Got invalid parameters."));
     Cert::ImportCertificateParams small{31, const_cast<BYTE*>(garbage.data()), 3, 0, kIssuerStore, 1};
     EXPECT_EQ(Cert::ImportCertificate(&small), -1);
     const Created expired = Create(L"Quillcast Import", [](auto& p) { p.stValidTo = AddYears(UtcNow(), -1); });
-    EXPECT_EQ(Import(expired.pfx, kIssuerStore, 1), refused(-8, L"CertVerifyTimeValidity failed."));
+    EXPECT_EQ(importPfx(expired.pfx, kIssuerStore, 1), refused(-8, L"CertVerifyTimeValidity failed."));
 
     // The same certificate twice is replaced, not duplicated.
     const Created created = Create(L"Quillcast Import");
-    EXPECT_EQ(Import(created.pfx, kIssuerStore, 0).first, 0);
-    EXPECT_EQ(Import(created.pfx, kIssuerStore, 0).first, 0);
+    EXPECT_EQ(importPfx(created.pfx, kIssuerStore, 0).first, 0);
+    EXPECT_EQ(importPfx(created.pfx, kIssuerStore, 0).first, 0);
     EXPECT_EQ(IssuerStoreExpiry().size(), 1u);
     // Current user: CRYPT_USER_KEYSET, with CRYPT_EXPORTABLE when asked.
     EXPECT_EQ(CPfxSeam::ImportFlags(), std::vector<DWORD>({0x1001, 0x1001, 0x1000, 0x1000}));
@@ -466,7 +454,7 @@ TEST_F(Engine, ImportRefusesBadInputAndExpiredCertificatesAndReplacesTheSameCert
     {
         if (m_UserContainers.count(name) == 0)
         {
-            m_Owned.emplace_back(std::wstring(name.begin(), name.end()), false);
+            m_Owned.emplace_back(name.begin(), name.end());
         }
     }
     EXPECT_EQ(m_Owned.size(), 2u);
@@ -504,70 +492,55 @@ const Lines kImport = CryptLines({L"CreateCertAndConvertToPFX()", L"ImportCertif
 class CertificateActions : public CertificateTest
 {
 protected:
-    struct Outcome
-    {
-        UINT result = 0;
-        Lines lines; // bodies of the lines not written by the frame, addresses masked
-    };
+    // The action's result and the bodies of the lines the frame did not write, addresses masked.
+    using Outcome = std::pair<UINT, Lines>;
 
     static Outcome Run(const char* exportName, const std::wstring& rootName)
     {
         QcRunner::CActionHost host;
         EXPECT_TRUE(host.SetCustomActionData(L";ROOTCERTNAME=" + rootName)) << ::testing::PrintToString(host.Error());
-        Outcome outcome{host.Call(Library().Find(exportName)), Masked(Bodies(host.LogLines()))};
-        Lines& lines = outcome.lines;
+        const UINT result = host.Call(Library().Find(exportName));
+        Lines lines = Masked(Bodies(host.LogLines()));
         lines.erase(std::remove_if(lines.begin(), lines.end(),
                                    [](const std::wstring& body) { return body.rfind(L"Workbench (#) ", 0) == 0; }),
                     lines.end());
-        return outcome;
+        return {result, lines};
     }
 };
 
-TEST_F(CertificateActions, RootAndServerCertificatesAreInstalledAndUninstalledByTheirExactRootName)
+TEST_F(CertificateActions, RootAndServerCertificatesAreInstalledAndNamesInOtherCaseUninstallNothing)
 {
-    const Outcome root = Run("CreateAndInstallRootCertificate", L"Quillcast Chain Root");
-    EXPECT_EQ(root.result, 0u);
-    EXPECT_EQ(root.lines, Then(kCreationStart, kImport));
+    EXPECT_EQ(Run("CreateAndInstallRootCertificate", L"Quillcast Chain Root"),
+              Outcome(0, Then(kCreationStart, kImport)));
     // This program's Winsock stays usable: the action pairs its own start and
     // clean-up. (Wine's gethostname works without a start; socket does not.)
     WSADATA data{};
     ASSERT_EQ(::WSAStartup(MAKEWORD(2, 2), &data), 0);
-    const Outcome server = Run("CreateAndInstallSignedServerCertificate", L"Quillcast Chain Root");
+    Outcome server = Run("CreateAndInstallSignedServerCertificate", L"Quillcast Chain Root");
     const SOCKET probe = ::socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
     EXPECT_NE(probe, INVALID_SOCKET) << ::WSAGetLastError();
     ::closesocket(probe);
     ::WSACleanup();
-    EXPECT_EQ(server.result, 0u);
     const std::vector<StoredCertificate> roots = Added(L"Root");
     const std::vector<StoredCertificate> servers = Added(L"MY");
     ASSERT_TRUE(roots.size() == 1 && servers.size() == 1);
     // The stored name is the log's oracle; OpenSSL judges it against the host.
     // One "IsCertNameEqualTo()" per certificate of "Root" the look-up walks.
-    Lines lines = server.lines;
+    Lines& lines = server.second;
     lines.erase(std::remove(lines.begin(), lines.end(), Crypt(L"IsCertNameEqualTo()")), lines.end());
-    EXPECT_EQ(lines, Then(Then({L"ComputerName (#) Computer name is '" + servers[0].subject + L"'."}, kCreationStart),
-                          Then({Crypt(L"FindCertificate()")}, kImport)));
+    const std::wstring host = L"ComputerName (#) Computer name is '" + servers[0].subject + L"'.";
+    EXPECT_EQ(server, Outcome(0, Then(Then({host}, kCreationStart), Then({Crypt(L"FindCertificate()")}, kImport))));
     // Local machine, exportable: CRYPT_MACHINE_KEYSET | CRYPT_EXPORTABLE.
     EXPECT_EQ(CPfxSeam::ImportFlags(), std::vector<DWORD>({0x21, 0x21}));
     EXPECT_TRUE(WriteFile(OutputFolder() + L"\\root.der", roots[0].der));
     EXPECT_TRUE(WriteFile(OutputFolder() + L"\\server.der", servers[0].der));
-
-    for (const StoredCertificate& certificate : Then(roots, servers))
+    // Names are case-sensitive: one in other case matches nothing, which is no failure. (The end-to-end
+    // case removes certificates by their exact name.)
+    for (const char* exportName : {"UninstallSignedCertificate", "UninstallRootCertificate"})
     {
-        m_Owned.emplace_back(certificate.container, true);
+        EXPECT_EQ(Run(exportName, L"quillcast chain root"), Outcome(0, Lines())) << exportName;
     }
-
-    // Names are case-sensitive: the first runs match nothing, which is no failure.
-    for (const auto& [name, left] : {std::pair{L"quillcast chain root", 2u}, {L"Quillcast Chain Root", 0u}})
-    {
-        for (const char* exportName : {"UninstallSignedCertificate", "UninstallRootCertificate"})
-        {
-            const Outcome outcome = Run(exportName, name);
-            EXPECT_EQ(outcome.result, 0u) << exportName;
-            EXPECT_EQ(outcome.lines, Lines());
-        }
-        EXPECT_EQ(Added(L"Root").size() + Added(L"MY").size(), left);
-    }
+    EXPECT_EQ(Added(L"Root").size() + Added(L"MY").size(), 2u);
 }
 
 TEST_F(CertificateActions, EmptyRootNameIsRejectedBeforeAnyCertificateWork)
@@ -575,9 +548,8 @@ TEST_F(CertificateActions, EmptyRootNameIsRejectedBeforeAnyCertificateWork)
     for (const char* exportName : {"CreateAndInstallRootCertificate", "CreateAndInstallSignedServerCertificate",
                                    "UninstallRootCertificate", "UninstallSignedCertificate"})
     {
-        const Outcome outcome = Run(exportName, L"");
-        EXPECT_EQ(outcome.result, 1603u) << exportName;
-        EXPECT_EQ(outcome.lines, Lines({L"[ERROR] Workbench (#) Argument[ROOTCERTNAME] is invalid."}));
+        EXPECT_EQ(Run(exportName, L""), Outcome(1603, {L"[ERROR] Workbench (#) Argument[ROOTCERTNAME] is invalid."}))
+            << exportName;
     }
 }
 
