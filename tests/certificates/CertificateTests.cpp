@@ -1,8 +1,7 @@
 // The certificate engine called directly and the shipped DLL's four certificate
 // actions, against Wine's real CryptoAPI, key containers and stores; PfxSeam.h
-// stands in for the PKCS #12 export and import Wine lacks. check-certificates.sh
-// has OpenSSL judge the certificates written here, field by field and as a chain.
-// Winsock 2 must come before windows.h.
+// stands in for the PKCS #12 export and import Wine lacks, and OpenSSL judges the
+// certificates written here (check-certificates.sh). Winsock 2 precedes windows.h.
 #include <winsock2.h>
 
 #include <gtest/gtest.h>
@@ -13,8 +12,8 @@
 #include <algorithm>
 #include <cstring>
 #include <functional>
+#include <iterator>
 #include <memory>
-#include <optional>
 #include <regex>
 #include <set>
 #include <string>
@@ -63,22 +62,19 @@ std::vector<T> Then(std::vector<T> items, const std::vector<T>& more)
 // the steps before the certificate's fields, in the order it logs them, then `more`.
 Lines Creation(size_t steps, const Lines& more)
 {
-    const Lines all = {L"InitializeCreateEnvironment()", L"CheckParameters(pParam = #)", L"ConvertCertNameToBlob()",
-                       L"PreparePurposes()", L"CreateTemporaryCryptContainer()", L"PrepareCertificateParams()"};
-    Lines texts = {L"CreateCertificate(pParam = #)", L"CreateCertificate(pParam->dwSize = 80 | Expected = 80)",
-                   L"InternalCreateCertificate()"};
-    texts.insert(texts.end(), all.begin(), all.begin() + static_cast<std::ptrdiff_t>(steps));
-    return CryptLines(Then(texts, more));
+    const Lines all = {L"CreateCertificate(pParam = #)", L"CreateCertificate(pParam->dwSize = 80 | Expected = 80)",
+                       L"InternalCreateCertificate()", L"InitializeCreateEnvironment()", L"CheckParameters(pParam = #)",
+                       L"ConvertCertNameToBlob()", L"PreparePurposes()", L"CreateTemporaryCryptContainer()",
+                       L"PrepareCertificateParams()"};
+    return CryptLines(Then(Lines(all.begin(), all.begin() + static_cast<std::ptrdiff_t>(3 + steps)), more));
 }
 
 // Bodies with every "pParam = <hex>" and "pCertMem = <hex>" masked as "#".
 Lines Masked(Lines bodies)
 {
     static const std::wregex address(L"(pParam|pCertMem) = [0-9A-F]+");
-    for (std::wstring& body : bodies)
-    {
-        body = std::regex_replace(body, address, L"$1 = #");
-    }
+    std::transform(bodies.begin(), bodies.end(), bodies.begin(),
+                   [](const std::wstring& body) { return std::regex_replace(body, address, L"$1 = #"); });
     return bodies;
 }
 
@@ -102,12 +98,10 @@ std::vector<bool> IssuerStoreExpiry(bool clear = false)
     return expired;
 }
 
-// Issuer-signed by the issuer store's `name`.
+// Issuer-signed by the issuer store's `name` (location 0, the current user's).
 Change IssuedBy(const wchar_t* name)
 {
-    return [name](Cert::CreateCertificateParams& p) {
-        p.bSelfSigned = 0, p.pszIssuerName = name, p.pszIssuerStore = kIssuerStore, p.dwIssuerStoreLocation = 0;
-    };
+    return [name](auto& p) { p.bSelfSigned = 0, p.pszIssuerName = name, p.pszIssuerStore = kIssuerStore; };
 }
 
 // Every test leaves the key containers of the machine and the user, the
@@ -142,10 +136,10 @@ protected:
             RemoveMachineCertificates(store, Thumbprints(Added(store)));
         }
         IssuerStoreExpiry(true);
-        for (const std::wstring& container : m_Owned)
+        for (const std::string& container : m_Owned)
         {
             HCRYPTPROV hProv = 0;
-            ::CryptAcquireContextW(&hProv, container.c_str(), MS_ENHANCED_PROV_W, PROV_RSA_FULL, CRYPT_DELETEKEYSET);
+            ::CryptAcquireContextA(&hProv, container.c_str(), MS_ENHANCED_PROV_A, PROV_RSA_FULL, CRYPT_DELETEKEYSET);
         }
         m_pSeam.reset();
         EXPECT_EQ(KeyContainers(false), m_UserContainers);
@@ -166,7 +160,7 @@ protected:
     std::set<std::string> m_UserContainers;
     std::set<std::string> m_MachineContainers;
     std::set<std::wstring> m_Before;   // thumbprints of the machine's "Root" and "MY"
-    std::vector<std::wstring> m_Owned; // the user's key containers deleted when the test ends
+    std::vector<std::string> m_Owned;  // the user's key containers deleted when the test ends
 };
 
 // ================================================================ the engine of this program
@@ -180,8 +174,8 @@ struct Created
     Lines lines;                               // the engine's bodies, addresses masked
 };
 
-// An issuer's private key: named by its key-provider property, not named, or named but deleted.
-enum class Key { Named, Unnamed, Deleted };
+// An issuer in the issuer store: none; one naming its key; one without a key-provider property; one naming a lost key.
+enum class Issuer { None, Keyed, Keyless, KeyLost };
 
 class Engine : public CertificateTest
 {
@@ -216,29 +210,27 @@ protected:
 
     // A certificate of CertCreateSelfSignCertificate (sha1RSA, no extensions)
     // in the user's issuer store, valid for a year from now, or expired.
-    void AddIssuer(const std::wstring& name, bool expired, Key key = Key::Named)
+    void AddIssuer(const std::wstring& name, bool expired, Issuer kind = Issuer::Keyed)
     {
         // Unique, so that a container left by an aborted run never collides.
         const std::wstring container =
             L"QcEngineIssuer" + std::to_wstring(::GetTickCount64()) + L"." + std::to_wstring(m_Owned.size());
-        m_Owned.push_back(container);
+        m_Owned.emplace_back(container.begin(), container.end());
         const SYSTEMTIME from = AddYears(UtcNow(), expired ? -2 : 0);
         const std::vector<BYTE> der = MakeSelfSigned(name, container, from, AddYears(from, 1));
         HCERTSTORE hStore = ::CertOpenSystemStoreW(0, kIssuerStore);
         PCCERT_CONTEXT pCert = nullptr;
         EXPECT_TRUE(::CertAddEncodedCertificateToStore(hStore, X509_ASN_ENCODING, der.data(),
                                                        static_cast<DWORD>(der.size()), CERT_STORE_ADD_NEW, &pCert));
-        CRYPT_KEY_PROV_INFO info{const_cast<LPWSTR>(container.c_str()), const_cast<LPWSTR>(MS_DEF_PROV_W),
-                                 PROV_RSA_FULL, 0, 0, nullptr, AT_SIGNATURE};
-        if (key != Key::Unnamed && pCert != nullptr)
+        const std::wstring named = kind == Issuer::KeyLost ? container + L".lost" : container;
+        CRYPT_KEY_PROV_INFO info{const_cast<LPWSTR>(named.c_str()), const_cast<LPWSTR>(MS_DEF_PROV_W), PROV_RSA_FULL,
+                                 0, 0, nullptr, AT_SIGNATURE};
+        if (kind != Issuer::Keyless && pCert != nullptr)
         {
             EXPECT_TRUE(::CertSetCertificateContextProperty(pCert, CERT_KEY_PROV_INFO_PROP_ID, 0, &info));
         }
         ::CertFreeCertificateContext(pCert);
         ::CertCloseStore(hStore, 0);
-        HCRYPTPROV hProv = 0;
-        EXPECT_TRUE(key != Key::Deleted || ::CryptAcquireContextW(&hProv, container.c_str(), MS_DEF_PROV_W,
-                                                                  PROV_RSA_FULL, CRYPT_DELETEKEYSET));
     }
 };
 
@@ -264,7 +256,7 @@ struct FailureCase
     Lines failure; // logged after the steps
     int32_t result = -1;
     size_t steps = 2;
-    std::optional<Key> issuer = {}; // of a "Quillcast Engine Keyless" in the issuer store
+    Issuer issuer = Issuer::None; // named "Quillcast Engine Keyless"
 };
 
 const std::wstring kNoEnvironment = L"InternalCreateCertificate() - ERROR: InitializeCreateEnvironment failed.";
@@ -287,20 +279,18 @@ const FailureCase kFailures[] = {
     {"SubjectThatIsNoX500Name", [](auto& p) { p.pszSubjectName = L"Quillcast, Bogus=1"; },
      {L"ConvertCertNameToBlob() - ERROR: CertStrToName1 failed (-2146885597).",
       L"InternalCreateCertificate() - ERROR: ConvertCertNameToBlob failed."}, -5, 3},
-    // Windows refuses 29 February of a year like 2027 here; Wine 8 takes it for
-    // 1 March, so a date no calendar has stands in: ERROR_INVALID_PARAMETER,
-    // after the key was made.
+    // Wine 8 takes 29 February 2027 for 1 March where Windows refuses it, so a date no
+    // calendar has stands in: ERROR_INVALID_PARAMETER, after the key was made.
     {"EndOfValidityThatIsNoDate", [](auto& p) { p.stValidTo = {2027, 2, 0, 32, 12, 0, 0, 0}; },
      {L"PrepareCertificateParams() - ERROR: SystemTimeToFileTime2 failed (87).",
       L"InternalCreateCertificate() - ERROR: PrepareCertificateParams failed."}, -3, 6},
     // CRYPT_E_NOT_FOUND, then NTE_BAD_KEYSET: the issuer's private key is out of reach.
     {"IssuerWithoutKeyProperty", IssuedBy(L"Quillcast Engine Keyless"),
-     IssuerFailure(L"CertGetCertificateContextProperty1 failed (Error=-2146885628)."), -6, 6, Key::Unnamed},
-    {"IssuerKeyContainerGone", IssuedBy(L"Quillcast Engine Keyless"),
-     IssuerFailure(L"CryptAcquireContext failed (Error=-2146893802)."), -6, 6, Key::Deleted},
-    // Names are case-sensitive.
+     IssuerFailure(L"CertGetCertificateContextProperty1 failed (Error=-2146885628)."), -6, 6, Issuer::Keyless},
+    {"IssuerKeyContainerLost", IssuedBy(L"Quillcast Engine Keyless"),
+     IssuerFailure(L"CryptAcquireContext failed (Error=-2146893802)."), -6, 6, Issuer::KeyLost},
     {"IssuerNameInOtherCase", IssuedBy(L"quillcast engine keyless"),
-     IssuerFailure(L"valid certificate 'quillcast engine keyless' not found."), -6, 6, Key::Unnamed},
+     IssuerFailure(L"valid certificate 'quillcast engine keyless' not found."), -6, 6, Issuer::Keyless},
 };
 
 TEST_F(Engine, FailuresEndWithTheirCodeAndMessagesAndLeaveNoContainer)
@@ -309,9 +299,9 @@ TEST_F(Engine, FailuresEndWithTheirCodeAndMessagesAndLeaveNoContainer)
     {
         SCOPED_TRACE(row.behaviour);
         IssuerStoreExpiry(true);
-        if (row.issuer)
+        if (row.issuer != Issuer::None)
         {
-            AddIssuer(L"Quillcast Engine Keyless", false, *row.issuer);
+            AddIssuer(L"Quillcast Engine Keyless", false, row.issuer);
         }
         const Created created = Create(L"Quillcast Engine", row.change);
         EXPECT_EQ(created.result, row.result);
@@ -331,7 +321,6 @@ TEST_F(Engine, DefaultsAndARecordSmallerThanItsDeclaredSizeLeftUntouched)
                                 static_cast<int>(params.bSelfSigned), params.nProviderIndex,
                                 static_cast<int>(params.dwPurposes), params.stValidTo.wYear - year}),
               std::vector<int>({1, 1, 1, -1, 0, 1}));
-
     params.dwSize = 79;
     params.dwKeyType = 7;
     CLogCapture capture;
@@ -361,11 +350,9 @@ TEST_F(Engine, SelfSignedCertificateOfAProviderChosenByIndexSharingAnExistingScr
     HCRYPTPROV hProv = 0;
     ASSERT_TRUE(::CryptAcquireContextW(&hProv, L"QcTeMp", MS_DEF_PROV_W, PROV_RSA_FULL, CRYPT_NEWKEYSET));
     ::CryptReleaseContext(hProv, 0);
-
     const Created created = Create(L"Quillcast Engine Purposes", [index](auto& p) {
         p.nProviderIndex = static_cast<int32_t>(index), p.dwPurposes = 0x11, p.dwHashAlgorithm = 2;
     });
-
     ASSERT_EQ(created.result, 0) << ::testing::PrintToString(created.lines);
     EXPECT_EQ(created.lines.at(5), Crypt(L"GetCryptProvider(dwIndex == " + std::to_wstring(index) + L")"));
     EXPECT_EQ(created.lines.at(9), Crypt(L"CreateTemporaryCryptContainer() - CryptAcquireContext (create new) failed "
@@ -397,13 +384,11 @@ TEST_F(Engine, ExpiredNamesakeIsPassedOverAndAnIssuerWithoutKeyIdentifierGivesNo
     for (int attempt = 0; attempt < 16 && IssuerStoreExpiry() != expiredFirst; ++attempt)
     {
         IssuerStoreExpiry(true);
-        AddIssuer(L"Quillcast Engine Namesake", true, Key::Unnamed);
+        AddIssuer(L"Quillcast Engine Namesake", true, Issuer::Keyless);
         AddIssuer(L"Quillcast Engine Namesake", false);
     }
     ASSERT_EQ(IssuerStoreExpiry(), expiredFirst) << "the store lists the expired one first";
-
     const Created created = Create(L"Quillcast Engine Leaf", IssuedBy(L"Quillcast Engine Namesake"));
-
     ASSERT_EQ(created.result, 0) << ::testing::PrintToString(created.lines);
     const CERT_INFO& info = *created.pCert->pCertInfo;
     EXPECT_EQ(::CertFindExtension(szOID_AUTHORITY_KEY_IDENTIFIER, info.cExtension, info.rgExtension), nullptr);
@@ -440,7 +425,6 @@ TEST_F(Engine, ImportRefusesBadInputAndExpiredCertificatesAndReplacesTheSameCert
     EXPECT_EQ(Cert::ImportCertificate(&small), -1);
     const Created expired = Create(L"Quillcast Import", [](auto& p) { p.stValidTo = AddYears(UtcNow(), -1); });
     EXPECT_EQ(importPfx(expired.pfx, kIssuerStore, 1), refused(-8, L"CertVerifyTimeValidity failed."));
-
     // The same certificate twice is replaced, not duplicated.
     const Created created = Create(L"Quillcast Import");
     EXPECT_EQ(importPfx(created.pfx, kIssuerStore, 0).first, 0);
@@ -450,13 +434,9 @@ TEST_F(Engine, ImportRefusesBadInputAndExpiredCertificatesAndReplacesTheSameCert
     EXPECT_EQ(CPfxSeam::ImportFlags(), std::vector<DWORD>({0x1001, 0x1001, 0x1000, 0x1000}));
     // Each import made a key container; the replaced copy's is an orphan, as
     // the import leaves it. Both go here; the engine's own left none.
-    for (const std::string& name : KeyContainers(false))
-    {
-        if (m_UserContainers.count(name) == 0)
-        {
-            m_Owned.emplace_back(name.begin(), name.end());
-        }
-    }
+    const std::set<std::string> containers = KeyContainers(false);
+    std::set_difference(containers.begin(), containers.end(), m_UserContainers.begin(), m_UserContainers.end(),
+                        std::back_inserter(m_Owned));
     EXPECT_EQ(m_Owned.size(), 2u);
 }
 
