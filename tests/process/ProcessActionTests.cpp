@@ -8,6 +8,7 @@
 
 #include <cstring>
 #include <fstream>
+#include <numeric>
 #include <process.h>
 
 #include "actions/Workers.h"
@@ -31,13 +32,13 @@ enum Flags
     kGateClosed = 2, // the first check waits until the program has handled WM_CLOSE
     kGateEnd = 4,    // the first check waits until the program has ended
     kRealWaits = 8,  // finite waits are passed on unchanged, not as 0 ms (a chosen minute costs nothing)
-    kFailOpen = 16,  // OpenProcess fails with ERROR_ACCESS_DENIED
+    kFailOpen = 16,  // OpenProcess is asked for process id 0, which it refuses
 };
 
 // What the redirected imports saw, and how the case has them act.
 std::vector<DWORD> g_Waits;      // every time-out passed to WaitForSingleObject
 std::vector<DWORD> g_OpenedIds;  // every process id passed to OpenProcess
-std::vector<REGSAM> g_KeyAccess; // every access mask passed to RegOpenKeyExW
+std::vector<REGSAM> g_KeyAccess; // every access mask passed to RegOpenKeyExW (REGSAM is a DWORD)
 int g_Flags = 0;
 // The holding programs' release, set after every exit-code read of the action, and the event a windowed program
 // sets once it has handled WM_CLOSE.
@@ -58,12 +59,7 @@ DWORD WINAPI RecordingWait(HANDLE hObject, DWORD dwMilliseconds)
 HANDLE WINAPI RecordingOpenProcess(DWORD dwAccess, BOOL bInherit, DWORD dwProcessId)
 {
     g_OpenedIds.push_back(dwProcessId);
-    if ((g_Flags & kFailOpen) != 0)
-    {
-        ::SetLastError(ERROR_ACCESS_DENIED);
-        return nullptr;
-    }
-    return ::OpenProcess(dwAccess, bInherit, dwProcessId);
+    return ::OpenProcess(dwAccess, bInherit, (g_Flags & kFailOpen) != 0 ? 0 : dwProcessId);
 }
 
 BOOL WINAPI OrderedGetExitCodeProcess(HANDLE hProcess, LPDWORD pdwExitCode)
@@ -117,9 +113,7 @@ using ProcessAction = ::testing::TestWithParam<Case>;
 TEST_P(ProcessAction, Case)
 {
     const Case& test = GetParam();
-    g_Waits.clear();
-    g_OpenedIds.clear();
-    g_KeyAccess.clear();
+    g_Waits = g_OpenedIds = g_KeyAccess = {};
     ::ResetEvent(g_hRelease);
     ::ResetEvent(g_hClosed);
     wchar_t directory[MAX_PATH] = {};
@@ -148,10 +142,10 @@ TEST_P(ProcessAction, Case)
     {
         // Ready once its window exists. Nothing sets the release event: windowless programs hold until ended.
         const CKernelHandle hReady(::CreateEventW(nullptr, FALSE, FALSE, expand(L"QcReady{name}").c_str()));
-        const std::wstring events = expand(L"--ready-event=QcReady{name} --closed-event=QcProcessTestClosed");
-        launched.emplace_back(reinterpret_cast<HANDLE>(::_wspawnl(_P_NOWAIT, expand(L"{exe}").c_str(), L"QcTest",
-                                                                 events.c_str(), L"--release-event=QcNever", switches,
-                                                                 nullptr)));
+        const std::wstring events =
+            expand(L"--ready-event=QcReady{name} --closed-event=QcProcessTestClosed --release-event=QcNever");
+        launched.emplace_back(reinterpret_cast<HANDLE>(
+            ::_wspawnl(_P_NOWAIT, expand(L"{exe}").c_str(), L"QcTest", events.c_str(), switches, nullptr)));
         ASSERT_EQ(::WaitForSingleObject(hReady.Get(), kPatienceMs), WAIT_OBJECT_0) << "the program is not ready";
     }
     // The launched programs' records are the test's own.
@@ -185,11 +179,8 @@ TEST_P(ProcessAction, Case)
     // Handled in snapshot order, which is the order the test started them in.
     EXPECT_TRUE(launched.size() < 2 || g_OpenedIds == (std::vector<DWORD>{::GetProcessId(launched[0].Get()),
                                                                             ::GetProcessId(launched[1].Get())}));
-    std::wstring logged;
-    for (const std::wstring& line : outcome.lines)
-    {
-        logged += line + L"\n";
-    }
+    const std::wstring logged = std::accumulate(outcome.lines.begin(), outcome.lines.end(), std::wstring(),
+                                                [](const auto& all, const auto& line) { return all + line + L"\n"; });
     // A program the shell started records a moment after the action.
     std::wstring text;
     for (int i = 0; i < 100 && (i == 0 || text != expand(test.text)); ++i)
@@ -268,9 +259,8 @@ const Case kCases[] = {
     {"MissingTargetFailsWithoutCallingTheShell", "ShellExecuteDeferred",
      Data(L"|TARGET={dir}\\Missing.exe|WORKINGDIR={dir}"), 1603, Error(L"Shell", L"Access failed with error 2")},
     // Intentional: no blank between the text and the number.
-    {"TargetWithoutAssociationFailsWithReturnCode31", "ShellExecuteImmediately",
-     {{L"ShellExecuteTarget", L"{dir}\\Plain.qcnoassoc"}, {L"ShellExecuteWorkDir", L"{dir}"}}, 1603,
-     Error(L"Shell", L"ShellExec failed with return code31")},
+    {"NoAssociationFailsWithReturnCode31", "ShellExecuteImmediately", {{L"ShellExecuteTarget", L"Plain.qcnoassoc"},
+     {L"ShellExecuteWorkDir", L"{dir}"}}, 1603, Error(L"Shell", L"ShellExec failed with return code31")},
 
     // The auto-connect program beside the service's, run twice. RegOpenKeyExW and RegQueryValueExW report their
     // error as their result and leave the thread's last-error value alone; the entries show that value (0 here).
@@ -295,8 +285,10 @@ INSTANTIATE_TEST_SUITE_P(Runs, ProcessAction, ::testing::ValuesIn(kCases),
 
 // The wrappers' own refusals and kept codes, which the actions do not show. The shell wrapper counts
 // RPC_E_CHANGED_MODE as its own initialisation and uninitialises all the same (kept on purpose): the caller's
-// multithreaded COM ends with it, so initialising again starts anew (S_OK, not S_FALSE).
-TEST(ProcessAndShellObjects, RefuseSilentlyKeepTheCodeOfEachFailureAndUndoAChangedModeInitialisation)
+// multithreaded COM ends with it, so initialising again starts anew (S_OK, not S_FALSE). No session can refuse a
+// property read; a context without one can: the entry names the property and carries the thread's last-error
+// value, not the installer's answer (ERROR_INVALID_HANDLE).
+TEST(ProcessAndShellCode, WrappersAndWorkersKeepTheCodeOfEachFailureOutsideTheActions)
 {
     CLogCapture log;
     Quillcast::System::CProcess process;
@@ -305,9 +297,9 @@ TEST(ProcessAndShellObjects, RefuseSilentlyKeepTheCodeOfEachFailureAndUndoAChang
     EXPECT_FALSE(process.CloseByName(L"QcNothing.exe", 0));
     EXPECT_EQ(process.LastError(), 87u);
     EXPECT_TRUE(log.Lines().empty());
-    std::ofstream("QcPlain.qcnoassoc") << "content";
+    std::ofstream("Plain.qcnoassoc") << "content";
     Quillcast::System::CShell shell;
-    EXPECT_FALSE(shell.Execute(L"QcPlain.qcnoassoc", L"."));
+    EXPECT_FALSE(shell.Execute(L"Plain.qcnoassoc", L"."));
     EXPECT_EQ(shell.LastError(), 0x80070483u);
     EXPECT_FALSE(shell.Execute(L"x", L"Z:\\QcNoSuchFolder"));
     EXPECT_EQ(shell.LastError(), 0xFFFFFFFFu);
@@ -315,12 +307,6 @@ TEST(ProcessAndShellObjects, RefuseSilentlyKeepTheCodeOfEachFailureAndUndoAChang
     EXPECT_EQ(outcome.first, S_OK);
     EXPECT_EQ(outcome.lastError, 0u);
     EXPECT_EQ(outcome.again, S_OK);
-}
-
-// No session can refuse a property read; a context without one can. The entry names the property and carries the
-// thread's last-error value, not the installer's answer (ERROR_INVALID_HANDLE).
-TEST(ProcessWorkers, ImmediateWorkersNameTheUnreadablePropertyWithTheThreadsLastError)
-{
     const std::pair<Quillcast::Host::ActionWorker, std::wstring> workers[] = {
         {Quillcast::Actions::CreateProcessImmediatelyWorker, L"CreateProcessProperty"},
         {Quillcast::Actions::CloseProcessImmediatelyWorker, L"CloseProcessProperty"},
@@ -328,7 +314,6 @@ TEST(ProcessWorkers, ImmediateWorkersNameTheUnreadablePropertyWithTheThreadsLast
     };
     for (const auto& worker : workers)
     {
-        CLogCapture log;
         Quillcast::Host::CWorkbench workbench(0);
         log.Clear();
         ::SetLastError(4242);
