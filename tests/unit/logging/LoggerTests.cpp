@@ -55,41 +55,31 @@ void LogEntry(CLogger& logger, uint32_t level, const std::function<void(CLogger&
 
 } // namespace
 
-TEST(LoggerLayout, EveryEnabledLevelWritesALineWithDateThreadMarkerSourceBodyAndPoint)
+// The error and warning markers are in every other test's lines.
+TEST(LoggerLayout, ALineIsDateThreadSourceBodyAndPointAndALevelOutsideTheMaskWritesNothing)
 {
     QcTest::CLogCapture log;
-    const std::pair<uint32_t, const wchar_t*> cases[] = {
-        {1, L"[ERROR] MsiArguments (38) body.."}, {2, L"[WARNING] MsiArguments (38) body.."},
-        {4, L"MsiArguments (38) body.."},         {8, L"MsiArguments (38) body.."},
-        {16, nullptr}, // outside the mask
-    };
+    SYSTEMTIME before{}, after{}, logged{};
+    ::GetLocalTime(&before);
+    LogEntry(log.Logger(), 16, [](CLogger& entry) { entry.Append(L"masked"); });
+    LogEntry(log.Logger(), 8, [](CLogger& entry) { entry.Source(L"MsiArguments", 38).Append(L"body."); });
+    ::GetLocalTime(&after);
+    ASSERT_EQ(log.Lines().size(), 1u);
+    const std::wstring& line = log.Lines()[0];
     // The point follows even a body that ends in one.
-    for (const auto& [level, expected] : cases)
-    {
-        log.Clear();
-        SYSTEMTIME before{}, after{}, logged{};
-        ::GetLocalTime(&before);
-        LogEntry(log.Logger(), level, [](CLogger& entry) { entry.Source(L"MsiArguments", 38).Append(L"body."); });
-        ::GetLocalTime(&after);
-        ASSERT_EQ(log.Lines().size(), expected != nullptr ? 1u : 0u) << level;
-        if (expected == nullptr)
-        {
-            continue;
-        }
-        const std::wstring& line = log.Lines()[0];
-        EXPECT_EQ(line.substr(20), QcTest::ThreadIds() + expected);
-        // Day first, then month, year and the 24-hour clock.
-        ASSERT_EQ(::swscanf(line.c_str(), L"%2hu.%2hu.%4hu %2hu:%2hu:%2hu ", &logged.wDay, &logged.wMonth,
-                            &logged.wYear, &logged.wHour, &logged.wMinute, &logged.wSecond),
-                  6);
-        const auto order = [](const SYSTEMTIME& t) {
-            return std::tie(t.wYear, t.wMonth, t.wDay, t.wHour, t.wMinute, t.wSecond);
-        };
-        EXPECT_TRUE(order(before) <= order(logged) && order(logged) <= order(after)) << line;
-    }
+    EXPECT_EQ(line.substr(20), QcTest::ThreadIds() + L"MsiArguments (38) body..");
+    // Day first, then month, year and the 24-hour clock.
+    ASSERT_EQ(::swscanf(line.c_str(), L"%2hu.%2hu.%4hu %2hu:%2hu:%2hu ", &logged.wDay, &logged.wMonth, &logged.wYear,
+                        &logged.wHour, &logged.wMinute, &logged.wSecond),
+              6);
+    const auto order = [](const SYSTEMTIME& t) {
+        return std::tie(t.wYear, t.wMonth, t.wDay, t.wHour, t.wMinute, t.wSecond);
+    };
+    EXPECT_TRUE(order(before) <= order(logged) && order(logged) <= order(after)) << line;
 }
 
-TEST(LoggerLayout, PrefixesAndPostfixesAreWrittenInAttachOrderAsCopies)
+// Between the prefixes and the postfixes, each in attach order, exactly what was appended.
+TEST(LoggerLayout, EveryAppendWritesItsFormatBetweenCopiesOfThePrefixesAndPostfixes)
 {
     QcTest::CCapturingStream stream;
     CDefaultLogger logger(&stream);
@@ -101,19 +91,7 @@ TEST(LoggerLayout, PrefixesAndPostfixesAreWrittenInAttachOrderAsCopies)
         logger.AddPostfix(CTextPiece(L"|tail"));
         logger.AddPostfix(CLogPostfixPoint());
     }
-    LogEntry(logger, 2, [](CLogger& log) { log.Source(L"Shell", 3).Append(L"body"); });
-    LogEntry(logger, 4, [](CLogger& log) { log.Append(L"bare"); }, true);
-    ASSERT_EQ(stream.m_Lines.size(), 2u);
-    EXPECT_EQ(QcTest::WithoutPrefixes(stream.m_Lines[0]), L"<one> <two> [WARNING] Shell (3) body|tail.");
-    EXPECT_EQ(QcTest::WithoutPrefixes(stream.m_Lines[1]), L"<one> <two> bare");
-}
-
-TEST(LoggerLayout, EveryAppendWritesItsFormatAndNullOrEmptyTextWritesNothing)
-{
-    // Without a postfix the line is the prefixes and exactly what was appended.
-    QcTest::CCapturingStream stream;
-    CDefaultLogger logger(&stream);
-    const std::pair<std::function<void(CLogger&)>, const wchar_t*> cases[] = {
+    const std::pair<std::function<void(CLogger&)>, std::wstring> cases[] = {
         {[](CLogger& log) { log.Append(true); }, L"True"},
         {[](CLogger& log) { log.Append(false); }, L"False"},
         {[](CLogger& log) { log.Append(static_cast<uint32_t>(UINT32_MAX)); }, L"4294967295"},
@@ -142,9 +120,12 @@ TEST(LoggerLayout, EveryAppendWritesItsFormatAndNullOrEmptyTextWritesNothing)
     for (const auto& [append, expected] : cases)
     {
         stream.m_Lines.clear();
-        LogEntry(logger, 4, append);
-        EXPECT_EQ(stream.m_Lines.size() == 1 ? QcTest::WithoutPrefixes(stream.m_Lines[0]) : L"?", expected);
+        LogEntry(logger, 2, append);
+        EXPECT_EQ(stream.m_Lines.size() == 1 ? QcTest::WithoutPrefixes(stream.m_Lines[0]) : L"?",
+                  L"<one> <two> [WARNING] " + expected + L"|tail.");
     }
+    LogEntry(logger, 4, [](CLogger& log) { log.Append(L"bare"); }, true);
+    EXPECT_EQ(QcTest::WithoutPrefixes(stream.m_Lines.back()), L"<one> <two> bare");
 }
 
 TEST(LogMacros, EntryCarriesLevelSourceAndStreamedValuesKeepsTheLastErrorAndNeedsALogger)
@@ -172,13 +153,18 @@ TEST(LoggerThreads, ConcurrentEntriesComeOutWholeAndInOrderWithTheirOwnThreadId)
     QcTest::CCapturingStream stream;
     CDefaultLogger logger(&stream);
     logger.AddPostfix(CLogPostfixPoint());
-    std::vector<std::wstring> threadIds(kThreads);
+    // Each thread's own lines, in order, behind its own process and thread ids.
+    std::vector<std::wstring> expected(kThreads), written(kThreads);
     std::atomic<uint32_t> ready{0};
     std::vector<std::thread> threads;
     for (uint32_t t = 0; t < kThreads; ++t)
     {
         threads.emplace_back([&, t] {
-            threadIds[t] = QcTest::ThreadIds();
+            for (uint32_t i = 0; i < kLines; ++i)
+            {
+                expected[t] += QcTest::ThreadIds() + L"[WARNING] Worker (" + std::to_wstring(t) + L") line " +
+                               std::to_wstring(i) + L" end.\n";
+            }
             for (++ready; ready < kThreads;)
             {
                 std::this_thread::yield();
@@ -198,8 +184,6 @@ TEST(LoggerThreads, ConcurrentEntriesComeOutWholeAndInOrderWithTheirOwnThreadId)
     {
         thread.join();
     }
-    // Each thread's own lines, in order, behind its own process and thread ids.
-    std::vector<std::wstring> written(kThreads), expected(kThreads);
     for (const std::wstring& line : stream.m_Lines)
     {
         uint32_t t = 0;
@@ -208,11 +192,6 @@ TEST(LoggerThreads, ConcurrentEntriesComeOutWholeAndInOrderWithTheirOwnThreadId)
     }
     for (uint32_t t = 0; t < kThreads; ++t)
     {
-        for (uint32_t i = 0; i < kLines; ++i)
-        {
-            expected[t] += threadIds[t] + L"[WARNING] Worker (" + std::to_wstring(t) + L") line " + std::to_wstring(i) +
-                           L" end.\n";
-        }
         EXPECT_TRUE(written[t] == expected[t]) << "thread " << t << " wrote\n" << ::testing::PrintToString(written[t]);
     }
 }
