@@ -1,5 +1,5 @@
-// The common frame of every export, driven through a real installer session
-// with stand-in workers, so that each rule of the frame is seen on its own.
+// The common frame of every export, driven through a real installer session with stand-in workers, so that each rule of
+// the frame is seen on its own.
 #include <gtest/gtest.h>
 
 #include <windows.h>
@@ -136,9 +136,8 @@ TEST(CompareVersionStringWorker, UnreadablePropertyFailsWithTheThreadsLastErrorA
     CWorkbench workbench(0);
     ::SetLastError(4242);
     EXPECT_EQ(Quillcast::Actions::CompareVersionStringWorker(&workbench), 1603u);
-    // The argument read's own entry, then the worker's. The number is the
-    // thread's last-error value, not the installer's answer
-    // (ERROR_INVALID_HANDLE), as installer logs have always shown it.
+    // The argument read's own entry, then the worker's. The number is the thread's last-error value, not the
+    // installer's answer (ERROR_INVALID_HANDLE), as installer logs have always shown it.
     EXPECT_EQ(log.Bodies(), (Lines{L"[ERROR] MsiArguments (#) Invalid MSI handle.",
                                    L"[ERROR] Various (#) MsiGetProperty VersionA failed with error 4242."}));
 }

@@ -1,5 +1,4 @@
-// The shipped DLL itself, loaded as the installer loads it and driven through
-// real installer sessions.
+// The shipped DLL itself, loaded as the installer loads it and driven through real installer sessions.
 #include <gtest/gtest.h>
 
 #include <windows.h>

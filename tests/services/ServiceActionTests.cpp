@@ -1,8 +1,6 @@
-// The shipped DLL's service actions driven through real installer sessions
-// against real services of the test run's Wine prefix: the states they meet,
-// their waits and the limits of those waits, and the dependents they stop and
-// start. Only the dependent enumeration, which Wine stubs, is answered by the
-// test (DependentsSeam.h).
+// The shipped DLL's service actions driven through real installer sessions against real services of the test run's Wine
+// prefix: the states they meet, their waits and the limits of those waits, and the dependents they stop and start. Only
+// the dependent enumeration, which Wine stubs, is answered by the test (DependentsSeam.h).
 #include <gtest/gtest.h>
 
 #include <windows.h>
@@ -11,6 +9,7 @@
 #include <chrono>
 #include <cwctype>
 #include <future>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
@@ -41,8 +40,8 @@ const DWORD kActive = SERVICE_ACTIVE, kInactive = SERVICE_INACTIVE;
 std::wstring Warning(const std::wstring& text) { return L"[WARNING] Daemon (#) " + text + L"."; }
 std::wstring Error(const std::wstring& text) { return L"[ERROR] Daemon (#) " + text + L"."; }
 
-// One test service: registered, brought into `before` (in list order, pauses
-// and stop requests after every start), and expected in `after` at the end.
+// One test service: registered, brought into `before` (in list order, pauses and stop requests after every start), and
+// expected in `after` at the end.
 struct ServiceSetup
 {
     const wchar_t* role;
@@ -78,11 +77,6 @@ protected:
         s_pLibrary = std::make_unique<QcRunner::CActionLibrary>(ShippedDllPath());
         s_pSeam = std::make_unique<CDependentsSeam>(s_pLibrary->Module());
     }
-    static void TearDownTestSuite()
-    {
-        s_pSeam.reset();
-        s_pLibrary.reset();
-    }
 
     // "QcSvc_<test>_<role>", unique per case.
     static std::wstring Name(const std::wstring& role)
@@ -94,18 +88,16 @@ protected:
         }
         return name + L"_" + role;
     }
-    static std::wstring Expand(std::wstring text)
-    {
-        for (size_t open = text.find(L'{'); open != std::wstring::npos; open = text.find(L'{', open))
-        {
-            const size_t close = text.find(L'}', open);
-            text.replace(open, close - open + 1, Name(text.substr(open + 1, close - open - 1)));
-        }
-        return text;
-    }
     static Lines Expand(Lines lines)
     {
-        std::transform(lines.begin(), lines.end(), lines.begin(), [](const std::wstring& l) { return Expand(l); });
+        for (std::wstring& text : lines)
+        {
+            for (size_t open = text.find(L'{'); open != std::wstring::npos; open = text.find(L'{', open))
+            {
+                const size_t close = text.find(L'}', open);
+                text.replace(open, close - open + 1, Name(text.substr(open + 1, close - open - 1)));
+            }
+        }
         return lines;
     }
 
@@ -117,16 +109,12 @@ protected:
 TEST_P(ServiceAction, Case)
 {
     const Case& test = GetParam();
-    ASSERT_TRUE(s_pLibrary->IsLoaded()) << "cannot load the DLL";
-    ASSERT_TRUE(s_pSeam->IsInstalled()) << "the DLL does not import EnumDependentServicesW";
+    ASSERT_TRUE(s_pLibrary->IsLoaded() && s_pSeam->IsInstalled()) << "no DLL, or it imports no EnumDependentServicesW";
     std::vector<CTestService*> services;
     for (const ServiceSetup& setup : test.services)
     {
         ServiceDefinition definition{Name(setup.role), setup.options, setup.startType, {}};
-        for (const std::wstring& dependency : setup.dependsOn)
-        {
-            definition.dependsOn.push_back(Name(dependency));
-        }
+        std::transform(setup.dependsOn.begin(), setup.dependsOn.end(), std::back_inserter(definition.dependsOn), Name);
         services.push_back(&m_Services.Add(definition));
         ASSERT_TRUE(services.back()->IsRegistered()) << ::testing::PrintToString(services.back()->Error());
         ASSERT_TRUE(setup.before == Stopped || services.back()->Start(setup.before != StartPending)) << setup.role;
@@ -141,18 +129,16 @@ TEST_P(ServiceAction, Case)
     m_Services.ClearJournal();
     CDependentsSeam::ClearCalls();
 
-    // The action runs on its own thread with a fresh session. A held first
-    // service is continued once the action has made that many status queries
-    // (its first reading counts as one, each poll as one more). On the way,
-    // what every service action must do: open the manager with all access,
-    // sleep 1500 ms between polls, and release what it opened with CloseHandle.
+    // The action runs on its own thread with a fresh session. A held first service is continued once the action has
+    // made that many status queries (its first reading counts as one, each poll as one more). On the way, what every
+    // service action must do: open the manager with all access, sleep 1500 ms between polls, release with CloseHandle.
     const CServiceCallRecorder recorder(s_pLibrary->Module());
     ASSERT_TRUE(recorder.IsInstalled());
     const QcRunner::CustomActionFunction action = s_pLibrary->Find(test.action);
     ASSERT_NE(action, nullptr);
     std::vector<std::wstring> logLines;
     DWORD threadId = 0;
-    std::future<UINT> call = std::async(std::launch::async, [&, data = Expand(test.data)] {
+    std::future<UINT> call = std::async(std::launch::async, [&, data = Expand({test.data})[0]] {
         threadId = ::GetCurrentThreadId();
         QcRunner::CActionHost host;
         EXPECT_TRUE(host.IsOpen() && host.SetCustomActionData(data)) << host.Error();
@@ -161,8 +147,7 @@ TEST_P(ServiceAction, Case)
         return result;
     });
     const auto giveUp = std::chrono::steady_clock::now() + kWatchdog;
-    while (recorder.Count() < test.continueAfterQueries &&
-           std::chrono::steady_clock::now() < giveUp &&
+    while (recorder.Count() < test.continueAfterQueries && std::chrono::steady_clock::now() < giveUp &&
            call.wait_for(std::chrono::milliseconds(20)) != std::future_status::ready)
     {
     }
@@ -195,8 +180,8 @@ TEST_P(ServiceAction, Case)
     EXPECT_TRUE(c.opens.empty() || c.opens[0] == L"manager 0xF003F") << ::testing::PrintToString(c.opens);
     EXPECT_TRUE(test.opens.empty() || c.opens == Expand(test.opens)) << ::testing::PrintToString(c.opens);
     EXPECT_EQ(c.sleeps, std::vector<DWORD>(c.sleeps.size(), 1500u));
-    // Released at the end: the manager, the service and the last dependent
-    // opened (each dependent's handle replaces the one before without closing it).
+    // Released at the end, in this order: the manager, the service and the last dependent opened (each dependent's
+    // handle replaces the one before without closing it).
     std::vector<HANDLE> expected;
     for (size_t i = 0; i < c.opened.size(); ++i)
     {
@@ -205,10 +190,7 @@ TEST_P(ServiceAction, Case)
             expected.push_back(c.opened[i]);
         }
     }
-    std::vector<HANDLE> closed = c.closedByCloseHandle;
-    std::sort(expected.begin(), expected.end());
-    std::sort(closed.begin(), closed.end());
-    EXPECT_EQ(closed, expected);
+    EXPECT_EQ(c.closedByCloseHandle, expected);
     EXPECT_EQ(c.closeServiceHandleCalls, 0);
 
     EXPECT_EQ(m_Services.Journal(), Expand(test.journal));
@@ -223,19 +205,18 @@ const Case kCases[] = {
     // Running by the first poll, yet 1.5 s are more than a limit of 0.
     {"TimeoutZeroWinsOverTheStateReadOnTheSamePoll", {{L"S", Stopped, Running}}, "ServiceStart",
      L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=0", 1603, {Error(L"{S} timeout, after 0 seconds")}, {L"{S} running"}},
-    // 4294969 s are 4294969000 ms, 1704 ms in 32 bits: the poll at 1.5 s
-    // passes, the next times out. Without the wrap it would never time out.
+    // 4294969 s are 4294969000 ms, 1704 ms in 32 bits: the poll at 1.5 s passes, the next times out. Without the wrap
+    // it would never time out.
     {"TimeoutInMillisecondsWrapsIn32Bits", {{L"S", Stopped, StartPending, L"--start-delay=hold"}}, "ServiceStart",
      L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=4294969", 1603, {Error(L"{S} timeout, after 1 seconds")}, {}},
     // 4294966296 ms; read as 0 it would fail the first poll.
     {"TimeoutOfMinusOneIsInEffectNoLimit", {{L"S", Stopped, Running, L"--start-delay=2000"}}, "ServiceStart",
      L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=-1", 0, {}, {L"{S} running"}},
-    // Three pairs are required, so a stand-in takes TIMEOUT's place: no limit,
-    // and four polls find the service pending before it is let run.
+    // Three pairs are required, so a stand-in takes TIMEOUT's place: no limit, and four polls find the service pending
+    // before it is let run.
     {"WithoutTimeoutStartPollsUntilTheServiceRuns", {{L"S", Stopped, Running, L"--start-delay=hold"}},
      "ServiceStart", L";SERVICENAME={S};DEPENDENCIES=0;UNUSED=1", 0, {}, {L"{S} running"}, {}, 5},
-    // Still pending at the first poll, done by the second: a second start or
-    // stop control would have failed and said so.
+    // Still pending at the first poll, done by the second: a second start or stop control would fail and say so.
     {"StartPendingServiceIsAwaitedWithoutASecondStart", {{L"S", StartPending, Running, L"--start-delay=hold"}},
      "ServiceStart", L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=30", 0, {Warning(L"{S} pending start")},
      {L"{S} running"}, {}, 2},
@@ -264,18 +245,16 @@ const Case kCases[] = {
     // The frame rejects it before any service call.
     {"EmptyServiceNameIsRejected", {}, "ServiceStart", L";SERVICENAME=;DEPENDENCIES=1;TIMEOUT=30", 1603, {}, {}},
 
-    // Only the inactive dependents are enumerated (D3 is not met at all) and
-    // started in start order.
+    // Only the inactive dependents are enumerated (D3 is not met at all) and started in start order.
     {"StartOfARunningServiceStartsItsInactiveDependentsInStartOrder",
      {{L"S", Running, Running}, {L"D1", Stopped, Running, L"", Auto, {L"S"}},
       {L"D2", Stopped, Running, L"", Auto, {L"D1"}}, {L"D3", Running, Running, L"", Auto, {L"S"}}},
      "ServiceStart", L";SERVICENAME={S};DEPENDENCIES=1;TIMEOUT=30", 0, {Warning(L"{S} is already started")},
      {L"{D1} running", L"{D2} running"}, {kInactive, kInactive}},
-    // Active dependents in reverse start order: D3, D4 (needs D1), D1. They
-    // stop in that order before the service and start again in the reverse
-    // order after it, from the list the stop enumerated (one size query and
-    // one read); D3 only starts on demand and D2 did not run. The service is
-    // opened for everything, each dependent with only what its walk needs.
+    // Active dependents in reverse start order: D3, D4 (needs D1), D1. They stop in that order before the service and
+    // start again in the reverse order after it, from the list the stop enumerated (one size query and one read); D3
+    // only starts on demand and D2 did not run. The service is opened for everything, each dependent with only what its
+    // walk needs.
     {"RestartWithDependentsRestartsExactlyThoseThatRanSkippingDemandStart",
      {{L"S", Running, Running}, {L"D1", Running, Running, L"", Auto, {L"S"}},
       {L"D2", Stopped, Stopped, L"", Auto, {L"S"}}, {L"D3", Running, Stopped, L"", Demand, {L"S"}},
@@ -287,11 +266,10 @@ const Case kCases[] = {
      {kActive, kActive}, 0,
      {L"manager 0xF003F", L"{S} 0x3D", L"{D3} 0x25", L"{D4} 0x25", L"{D1} 0x25", L"{D1} 0x15", L"{D4} 0x15",
       L"{D3} 0x15"}},
-    // Walked C, B, A. C times out (a warning) and the walk goes on; B stops at
-    // its control; A times out as well, and as nothing resets the measure after
-    // that, the service's own wait goes on from it and fails at its first poll,
-    // although the service stops a millisecond after its control. Held states
-    // and a stop that needs no poll keep the outcome the same on a busy machine.
+    // Walked C, B, A. C times out (a warning) and the walk goes on; B stops at its control; A times out as well, and as
+    // nothing resets the measure after that, the service's own wait goes on from it and fails at its first poll,
+    // although the service stops a millisecond after its control. Held states and a stop that needs no poll keep the
+    // outcome the same on a busy machine.
     {"DependentStopTimeoutLeavesTheMeasureRunningForTheService",
      {{L"S", Running, Stopped, L"--stop-delay=1"}, {L"A", Running, StopPending, L"--stop-delay=hold", Auto, {L"S"}},
       {L"B", Running, Stopped, L"", Auto, {L"A"}}, {L"C", Running, StopPending, L"--stop-delay=hold", Auto, {L"B"}}},
@@ -299,8 +277,8 @@ const Case kCases[] = {
      {Warning(L"{C} timeout, after 2 seconds"), Warning(L"{A} timeout, after 2 seconds"),
       Error(L"{S} timeout, after 2 seconds")},
      {L"{B} stopped", L"{S} stopped"}, {kActive, kActive}},
-    // C times out after three polls; paused B refuses the stop, which ends the
-    // walk and starts the measure afresh: the service's wait has its full limit.
+    // C times out after three polls; paused B refuses the stop, which ends the walk and starts the measure afresh: the
+    // service's wait has its full limit.
     {"DependentStopFailureEndsTheWalkAndResetsTheMeasure",
      {{L"S", Running, Stopped, L"--stop-delay=1"}, {L"A", Running, Running, L"", Auto, {L"S"}},
       {L"B", Paused, Paused, L"--pausable --refuse-stop", Auto, {L"A"}},
@@ -308,16 +286,14 @@ const Case kCases[] = {
      "ServiceStop", L";SERVICENAME={S};DEPENDENCIES=1;TIMEOUT=4", 0,
      {Warning(L"{C} timeout, after 4 seconds"), Error(L"ControlService failed with error 1052")}, {L"{S} stopped"},
      {kActive, kActive}},
-    // Enumerated while stopping (active), stopped by the time the walk reaches
-    // it after D2's longer stop.
+    // Enumerated while stopping (active), stopped by the time the walk reaches it after D2's longer stop.
     {"DependentThatStoppedMeanwhileWarnsAlreadyStopped",
      {{L"S", Running, Stopped}, {L"D1", StopPending, Stopped, L"--stop-delay=3000", Auto, {L"S"}},
       {L"D2", Running, Stopped, L"--stop-delay=6000", Auto, {L"D1"}}},
      "ServiceStop", L";SERVICENAME={S};DEPENDENCIES=1;TIMEOUT=60", 0, {Warning(L"{D1} is already stopped")},
      {L"{D1} stopped", L"{D2} stopped", L"{S} stopped"}, {kActive, kActive}},
-    // D1 is started before D2: a disabled one is skipped, another failure ends
-    // the walk (Wine's manager answers 1053 when ServiceMain reports
-    // SERVICE_STOPPED with an error), a time-out does not; none fails the action.
+    // D1 is started before D2: a disabled one is skipped, another failure ends the walk (Wine's manager answers 1053
+    // when ServiceMain reports SERVICE_STOPPED with an error), a time-out does not; none fails the action.
     {"DisabledDependentIsSkippedAndTheWalkGoesOn",
      {{L"S", Running, Running}, {L"D1", Stopped, Stopped, L"", Disabled, {L"S"}},
       {L"D2", Stopped, Running, L"", Auto, {L"S"}}},
@@ -337,10 +313,9 @@ const Case kCases[] = {
      "ServiceStart", L";SERVICENAME={S};DEPENDENCIES=1;TIMEOUT=4", 0,
      {Warning(L"{S} is already started"), Error(L"{D1} timeout, after 4 seconds")}, {L"{D2} running"},
      {kInactive, kInactive}},
-    // Dependents are left alone when the service was already stopped, and
-    // unless DEPENDENCIES is exactly "1". A stop the control reports done
-    // needs no poll, so a limit of 0 is no failure; a held stop fails its
-    // first poll, as an empty or junk limit converts to 0.
+    // Dependents are left alone when the service was already stopped, and unless DEPENDENCIES is exactly "1". A stop
+    // the control reports done needs no poll, so a limit of 0 is no failure; a held stop fails its first poll, as an
+    // empty or junk limit converts to 0.
     {"StopWhenAlreadyStoppedLeavesDependentsAlone",
      {{L"S", Stopped, Stopped}, {L"D", Running, Running, L"", Auto, {L"S"}}}, "ServiceStop",
      L";SERVICENAME={S};DEPENDENCIES=1;TIMEOUT=30", 0, {Warning(L"{S} is already stopped")}, {}},
@@ -357,8 +332,8 @@ const Case kCases[] = {
 INSTANTIATE_TEST_SUITE_P(Cases, ServiceAction, ::testing::ValuesIn(kCases),
                          [](const auto& paramInfo) { return std::string(paramInfo.param.behaviour); });
 
-// CDaemon built directly, for what the action frame never lets through (a
-// null or empty service name) and the dependency action no action asks for.
+// CDaemon built directly, for what the action frame never lets through (a null or empty service name) and the
+// dependency action no action asks for.
 TEST(DaemonObject, NullOrEmptyNameFailsAtTheFirstQueryAndAnUnknownDependencyActionDoesNothing)
 {
     for (const wchar_t* name : {static_cast<const wchar_t*>(nullptr), L""})

@@ -29,8 +29,7 @@ using Lines = std::vector<std::wstring>;
 
 namespace {
 
-// A prefix or postfix with a fixed text; one that cannot be cloned plays a
-// clone that failed for lack of memory.
+// A prefix or postfix with a fixed text; one that cannot be cloned plays a clone that failed for lack of memory.
 class CTextPiece : public CLogPrefix
 {
 public:
@@ -54,29 +53,6 @@ void LogEntry(CLogger& logger, uint32_t level, const std::function<void(CLogger&
 }
 
 } // namespace
-
-// The error and warning markers are in every other test's lines.
-TEST(LoggerLayout, ALineIsDateThreadSourceBodyAndPointAndALevelOutsideTheMaskWritesNothing)
-{
-    QcTest::CLogCapture log;
-    SYSTEMTIME before{}, after{}, logged{};
-    ::GetLocalTime(&before);
-    LogEntry(log.Logger(), 16, [](CLogger& entry) { entry.Append(L"masked"); });
-    LogEntry(log.Logger(), 8, [](CLogger& entry) { entry.Source(L"MsiArguments", 38).Append(L"body."); });
-    ::GetLocalTime(&after);
-    ASSERT_EQ(log.Lines().size(), 1u);
-    const std::wstring& line = log.Lines()[0];
-    // The point follows even a body that ends in one.
-    EXPECT_EQ(line.substr(20), QcTest::ThreadIds() + L"MsiArguments (38) body..");
-    // Day first, then month, year and the 24-hour clock.
-    ASSERT_EQ(::swscanf(line.c_str(), L"%2hu.%2hu.%4hu %2hu:%2hu:%2hu ", &logged.wDay, &logged.wMonth, &logged.wYear,
-                        &logged.wHour, &logged.wMinute, &logged.wSecond),
-              6);
-    const auto order = [](const SYSTEMTIME& t) {
-        return std::tie(t.wYear, t.wMonth, t.wDay, t.wHour, t.wMinute, t.wSecond);
-    };
-    EXPECT_TRUE(order(before) <= order(logged) && order(logged) <= order(after)) << line;
-}
 
 // Between the prefixes and the postfixes, each in attach order, exactly what was appended.
 TEST(LoggerLayout, EveryAppendWritesItsFormatBetweenCopiesOfThePrefixesAndPostfixes)
@@ -128,14 +104,20 @@ TEST(LoggerLayout, EveryAppendWritesItsFormatBetweenCopiesOfThePrefixesAndPostfi
     EXPECT_EQ(QcTest::WithoutPrefixes(stream.m_Lines.back()), L"<one> <two> bare");
 }
 
-TEST(LogMacros, EntryCarriesLevelSourceAndStreamedValuesKeepsTheLastErrorAndNeedsALogger)
+TEST(LogMacros, EntryCarriesDateThreadLevelSourceAndStreamedValuesKeepsTheLastErrorAndNeedsALogger)
 {
     QcTest::CLogCapture log;
+    SYSTEMTIME before{}, after{}, logged{};
+    ::GetLocalTime(&before);
     ::SetLastError(5);
     QC_LOG_ERROR(L"Daemon") << L"OpenService failed with error " << ::GetLastError() << L" / " << DWORD{1060};
     EXPECT_EQ(::GetLastError(), 5u);
     QC_LOG_WARNING(L"Shell") << "narrow " << -3 << L" " << true;
     QC_LOG_INFO(L"Various") << static_cast<uint64_t>(12) << L" " << static_cast<uint16_t>(65535);
+    // The point follows even a body that ends in one; a level outside the mask writes nothing.
+    QC_LOG_DETAIL(L"Various") << L"detail.";
+    QC_LOG(16, L"Various") << L"masked";
+    ::GetLocalTime(&after);
 
     CLogger* pInstalled = g_pLogger;
     g_pLogger = nullptr;
@@ -144,7 +126,18 @@ TEST(LogMacros, EntryCarriesLevelSourceAndStreamedValuesKeepsTheLastErrorAndNeed
     EXPECT_EQ(::GetLastError(), 1603u);
     g_pLogger = pInstalled;
     EXPECT_EQ(log.Bodies(), (Lines{L"[ERROR] Daemon (#) OpenService failed with error 5 / 1060.",
-                                   L"[WARNING] Shell (#) narrow -3 True.", L"Various (#) 12 65535."}));
+                                   L"[WARNING] Shell (#) narrow -3 True.", L"Various (#) 12 65535.",
+                                   L"Various (#) detail.."}));
+    // Day first, then month, year and the 24-hour clock, then this process and thread.
+    const std::wstring& line = log.Lines()[0];
+    EXPECT_TRUE(QcTest::IsWholeLine(line, ::GetCurrentThreadId())) << line;
+    ASSERT_EQ(::swscanf(line.c_str(), L"%2hu.%2hu.%4hu %2hu:%2hu:%2hu ", &logged.wDay, &logged.wMonth, &logged.wYear,
+                        &logged.wHour, &logged.wMinute, &logged.wSecond),
+              6);
+    const auto order = [](const SYSTEMTIME& t) {
+        return std::tie(t.wYear, t.wMonth, t.wDay, t.wHour, t.wMinute, t.wSecond);
+    };
+    EXPECT_TRUE(order(before) <= order(logged) && order(logged) <= order(after)) << line;
 }
 
 TEST(LoggerThreads, ConcurrentEntriesComeOutWholeAndInOrderWithTheirOwnThreadId)
