@@ -27,14 +27,13 @@ namespace {
 
 using Lines = std::vector<std::wstring>;
 
-// Short names for the states and start types the cases use.
+// Short names for the states, start types and enumeration filters the cases use.
 enum : DWORD
 {
     Stopped = SERVICE_STOPPED, StartPending = SERVICE_START_PENDING, StopPending = SERVICE_STOP_PENDING,
-    Running = SERVICE_RUNNING, Paused = SERVICE_PAUSED,
-    Auto = SERVICE_AUTO_START, Demand = SERVICE_DEMAND_START, Disabled = SERVICE_DISABLED
+    Running = SERVICE_RUNNING, Paused = SERVICE_PAUSED, Auto = SERVICE_AUTO_START, Demand = SERVICE_DEMAND_START,
+    Disabled = SERVICE_DISABLED, Active = SERVICE_ACTIVE, Inactive = SERVICE_INACTIVE
 };
-const DWORD kActive = SERVICE_ACTIVE, kInactive = SERVICE_INACTIVE;
 
 // The controller's entries, as Body() renders them.
 std::wstring Warning(const std::wstring& text) { return L"[WARNING] Daemon (#) " + text + L"."; }
@@ -250,7 +249,7 @@ const Case kCases[] = {
      {{L"S", Running, Running}, {L"D1", Stopped, Running, L"", Auto, {L"S"}},
       {L"D2", Stopped, Running, L"", Auto, {L"D1"}}, {L"D3", Running, Running, L"", Auto, {L"S"}}},
      "ServiceStart", L";SERVICENAME={S};DEPENDENCIES=1;TIMEOUT=30", 0, {Warning(L"{S} is already started")},
-     {L"{D1} running", L"{D2} running"}, {kInactive, kInactive}},
+     {L"{D1} running", L"{D2} running"}, {Inactive, Inactive}},
     // Active dependents in reverse start order: D3, D4 (needs D1), D1. They stop in that order before the service and
     // start again in the reverse order after it, from the list the stop enumerated (one size query and one read); D3
     // only starts on demand and D2 did not run. The service is opened for everything, each dependent with only what its
@@ -263,7 +262,7 @@ const Case kCases[] = {
      {Warning(L"{D3} only starts on demand, will skip")},
      {L"{D3} stopped", L"{D4} stopped", L"{D1} stopped", L"{S} stopped", L"{S} running", L"{D1} running",
       L"{D4} running"},
-     {kActive, kActive}, 0,
+     {Active, Active}, 0,
      {L"manager 0xF003F", L"{S} 0x3D", L"{D3} 0x25", L"{D4} 0x25", L"{D1} 0x25", L"{D1} 0x15", L"{D4} 0x15",
       L"{D3} 0x15"}},
     // Walked C, B, A. C times out (a warning) and the walk goes on; B stops at its control; A times out as well, and as
@@ -276,7 +275,7 @@ const Case kCases[] = {
      "ServiceStop", L";SERVICENAME={S};DEPENDENCIES=1;TIMEOUT=2", 1603,
      {Warning(L"{C} timeout, after 2 seconds"), Warning(L"{A} timeout, after 2 seconds"),
       Error(L"{S} timeout, after 2 seconds")},
-     {L"{B} stopped", L"{S} stopped"}, {kActive, kActive}},
+     {L"{B} stopped", L"{S} stopped"}, {Active, Active}},
     // C times out after three polls; paused B refuses the stop, which ends the walk and starts the measure afresh: the
     // service's wait has its full limit.
     {"DependentStopFailureEndsTheWalkAndResetsTheMeasure",
@@ -285,13 +284,13 @@ const Case kCases[] = {
       {L"C", Running, StopPending, L"--stop-delay=hold", Auto, {L"B"}}},
      "ServiceStop", L";SERVICENAME={S};DEPENDENCIES=1;TIMEOUT=4", 0,
      {Warning(L"{C} timeout, after 4 seconds"), Error(L"ControlService failed with error 1052")}, {L"{S} stopped"},
-     {kActive, kActive}},
+     {Active, Active}},
     // Enumerated while stopping (active), stopped by the time the walk reaches it after D2's longer stop.
     {"DependentThatStoppedMeanwhileWarnsAlreadyStopped",
      {{L"S", Running, Stopped}, {L"D1", StopPending, Stopped, L"--stop-delay=3000", Auto, {L"S"}},
       {L"D2", Running, Stopped, L"--stop-delay=6000", Auto, {L"D1"}}},
      "ServiceStop", L";SERVICENAME={S};DEPENDENCIES=1;TIMEOUT=60", 0, {Warning(L"{D1} is already stopped")},
-     {L"{D1} stopped", L"{D2} stopped", L"{S} stopped"}, {kActive, kActive}},
+     {L"{D1} stopped", L"{D2} stopped", L"{S} stopped"}, {Active, Active}},
     // D1 is started before D2: a disabled one is skipped, another failure ends the walk (Wine's manager answers 1053
     // when ServiceMain reports SERVICE_STOPPED with an error), a time-out does not; none fails the action.
     {"DisabledDependentIsSkippedAndTheWalkGoesOn",
@@ -299,20 +298,20 @@ const Case kCases[] = {
       {L"D2", Stopped, Running, L"", Auto, {L"S"}}},
      "ServiceStart", L";SERVICENAME={S};DEPENDENCIES=1;TIMEOUT=30", 0,
      {Warning(L"{S} is already started"), Error(L"StartService failed with error 1058")}, {L"{D2} running"},
-     {kInactive, kInactive}},
+     {Inactive, Inactive}},
     {"OtherStartFailureEndsTheWalkButNotTheAction",
      {{L"S", Running, Running}, {L"D1", Stopped, Stopped, L"--fail-start", Auto, {L"S"}},
       {L"D2", Stopped, Stopped, L"", Auto, {L"S"}}},
      "ServiceStart", L";SERVICENAME={S};DEPENDENCIES=1;TIMEOUT=30", 0,
      {Warning(L"{S} is already started"), Error(L"StartService failed with error 1053")}, {L"{D1} stopped"},
-     {kInactive, kInactive}},
+     {Inactive, Inactive}},
     // 4 s leave D2's first poll (at 1.5 s) well inside the limit.
     {"DependentStartTimeoutIsAnErrorAndTheWalkGoesOn",
      {{L"S", Running, Running}, {L"D1", Stopped, StartPending, L"--start-delay=hold", Auto, {L"S"}},
       {L"D2", Stopped, Running, L"", Auto, {L"S"}}},
      "ServiceStart", L";SERVICENAME={S};DEPENDENCIES=1;TIMEOUT=4", 0,
      {Warning(L"{S} is already started"), Error(L"{D1} timeout, after 4 seconds")}, {L"{D2} running"},
-     {kInactive, kInactive}},
+     {Inactive, Inactive}},
     // Dependents are left alone when the service was already stopped, and unless DEPENDENCIES is exactly "1". A stop
     // the control reports done needs no poll, so a limit of 0 is no failure; a held stop fails its first poll, as an
     // empty or junk limit converts to 0.
@@ -342,10 +341,7 @@ TEST(DaemonObject, NullOrEmptyNameFailsAtTheFirstQueryAndAnUnknownDependencyActi
         Quillcast::System::CDaemon daemon(name);
         daemon.SetDependencies(true);
         EXPECT_FALSE(name == nullptr ? daemon.Stop() : daemon.Start());
-        for (uint32_t action : {0u, 2u, 3u, 5u, 8u})
-        {
-            EXPECT_TRUE(daemon.HandleDependencies(action)) << action;
-        }
+        EXPECT_TRUE(daemon.HandleDependencies(0) && daemon.HandleDependencies(2) && daemon.HandleDependencies(5));
         const Lines expected = {Error(L"ERROR_INVALID_PARAMETER"), Error(L"QueryServiceStatus failed with error 6")};
         EXPECT_EQ(log.Bodies(), expected);
         EXPECT_EQ(daemon.LastError(), 87u);

@@ -183,8 +183,5 @@ TEST(LoggerThreads, ConcurrentEntriesComeOutWholeAndInOrderWithTheirOwnThreadId)
         ::swscanf(QcTest::WithoutPrefixes(line).c_str(), L"[WARNING] Worker (%u)", &t);
         written[t % kThreads] += line.substr(std::min<size_t>(20, line.size())) + L"\n";
     }
-    for (uint32_t t = 0; t < kThreads; ++t)
-    {
-        EXPECT_TRUE(written[t] == expected[t]) << "thread " << t << " wrote\n" << ::testing::PrintToString(written[t]);
-    }
+    EXPECT_EQ(written, expected);
 }

@@ -45,10 +45,7 @@ CWideBuffer Make(const wchar_t* text, uint32_t size = 0)
 }
 
 // Every element up to the count, terminators and zero padding included.
-std::wstring Whole(const CWideBuffer& buffer)
-{
-    return buffer.IsEmpty() ? L"" : std::wstring(buffer.Data(), buffer.Size());
-}
+std::wstring Whole(const CWideBuffer& b) { return b.IsEmpty() ? L"" : std::wstring(b.Data(), b.Size()); }
 
 } // namespace
 
