@@ -29,8 +29,7 @@ using Lines = std::vector<std::wstring>;
 
 namespace {
 
-// A prefix or postfix with a fixed text; one that cannot be cloned plays a
-// clone that failed for lack of memory.
+// A prefix or postfix with a fixed text; one that cannot be cloned plays a clone that failed for lack of memory.
 class CTextPiece : public CLogPrefix
 {
 public:
@@ -55,41 +54,8 @@ void LogEntry(CLogger& logger, uint32_t level, const std::function<void(CLogger&
 
 } // namespace
 
-TEST(LoggerLayout, EveryEnabledLevelWritesALineWithDateThreadMarkerSourceBodyAndPoint)
-{
-    QcTest::CLogCapture log;
-    const std::pair<uint32_t, const wchar_t*> cases[] = {
-        {1, L"[ERROR] MsiArguments (38) body.."}, {2, L"[WARNING] MsiArguments (38) body.."},
-        {4, L"MsiArguments (38) body.."},         {8, L"MsiArguments (38) body.."},
-        {16, nullptr}, // outside the mask
-    };
-    // The point follows even a body that ends in one.
-    for (const auto& [level, expected] : cases)
-    {
-        log.Clear();
-        SYSTEMTIME before{}, after{}, logged{};
-        ::GetLocalTime(&before);
-        LogEntry(log.Logger(), level, [](CLogger& entry) { entry.Source(L"MsiArguments", 38).Append(L"body."); });
-        ::GetLocalTime(&after);
-        ASSERT_EQ(log.Lines().size(), expected != nullptr ? 1u : 0u) << level;
-        if (expected == nullptr)
-        {
-            continue;
-        }
-        const std::wstring& line = log.Lines()[0];
-        EXPECT_EQ(line.substr(20), QcTest::ThreadIds() + expected);
-        // Day first, then month, year and the 24-hour clock.
-        ASSERT_EQ(::swscanf(line.c_str(), L"%2hu.%2hu.%4hu %2hu:%2hu:%2hu ", &logged.wDay, &logged.wMonth,
-                            &logged.wYear, &logged.wHour, &logged.wMinute, &logged.wSecond),
-                  6);
-        const auto order = [](const SYSTEMTIME& t) {
-            return std::tie(t.wYear, t.wMonth, t.wDay, t.wHour, t.wMinute, t.wSecond);
-        };
-        EXPECT_TRUE(order(before) <= order(logged) && order(logged) <= order(after)) << line;
-    }
-}
-
-TEST(LoggerLayout, PrefixesAndPostfixesAreWrittenInAttachOrderAsCopies)
+// Between the prefixes and the postfixes, each in attach order, exactly what was appended.
+TEST(LoggerLayout, EveryAppendWritesItsFormatBetweenCopiesOfThePrefixesAndPostfixes)
 {
     QcTest::CCapturingStream stream;
     CDefaultLogger logger(&stream);
@@ -101,19 +67,7 @@ TEST(LoggerLayout, PrefixesAndPostfixesAreWrittenInAttachOrderAsCopies)
         logger.AddPostfix(CTextPiece(L"|tail"));
         logger.AddPostfix(CLogPostfixPoint());
     }
-    LogEntry(logger, 2, [](CLogger& log) { log.Source(L"Shell", 3).Append(L"body"); });
-    LogEntry(logger, 4, [](CLogger& log) { log.Append(L"bare"); }, true);
-    ASSERT_EQ(stream.m_Lines.size(), 2u);
-    EXPECT_EQ(QcTest::WithoutPrefixes(stream.m_Lines[0]), L"<one> <two> [WARNING] Shell (3) body|tail.");
-    EXPECT_EQ(QcTest::WithoutPrefixes(stream.m_Lines[1]), L"<one> <two> bare");
-}
-
-TEST(LoggerLayout, EveryAppendWritesItsFormatAndNullOrEmptyTextWritesNothing)
-{
-    // Without a postfix the line is the prefixes and exactly what was appended.
-    QcTest::CCapturingStream stream;
-    CDefaultLogger logger(&stream);
-    const std::pair<std::function<void(CLogger&)>, const wchar_t*> cases[] = {
+    const std::pair<std::function<void(CLogger&)>, std::wstring> cases[] = {
         {[](CLogger& log) { log.Append(true); }, L"True"},
         {[](CLogger& log) { log.Append(false); }, L"False"},
         {[](CLogger& log) { log.Append(static_cast<uint32_t>(UINT32_MAX)); }, L"4294967295"},
@@ -142,19 +96,28 @@ TEST(LoggerLayout, EveryAppendWritesItsFormatAndNullOrEmptyTextWritesNothing)
     for (const auto& [append, expected] : cases)
     {
         stream.m_Lines.clear();
-        LogEntry(logger, 4, append);
-        EXPECT_EQ(stream.m_Lines.size() == 1 ? QcTest::WithoutPrefixes(stream.m_Lines[0]) : L"?", expected);
+        LogEntry(logger, 2, append);
+        EXPECT_EQ(stream.m_Lines.size() == 1 ? QcTest::WithoutPrefixes(stream.m_Lines[0]) : L"?",
+                  L"<one> <two> [WARNING] " + expected + L"|tail.");
     }
+    LogEntry(logger, 4, [](CLogger& log) { log.Append(L"bare"); }, true);
+    EXPECT_EQ(QcTest::WithoutPrefixes(stream.m_Lines.back()), L"<one> <two> bare");
 }
 
-TEST(LogMacros, EntryCarriesLevelSourceAndStreamedValuesKeepsTheLastErrorAndNeedsALogger)
+TEST(LogMacros, EntryCarriesDateThreadLevelSourceAndStreamedValuesKeepsTheLastErrorAndNeedsALogger)
 {
     QcTest::CLogCapture log;
+    SYSTEMTIME before{}, after{}, logged{};
+    ::GetLocalTime(&before);
     ::SetLastError(5);
     QC_LOG_ERROR(L"Daemon") << L"OpenService failed with error " << ::GetLastError() << L" / " << DWORD{1060};
     EXPECT_EQ(::GetLastError(), 5u);
     QC_LOG_WARNING(L"Shell") << "narrow " << -3 << L" " << true;
     QC_LOG_INFO(L"Various") << static_cast<uint64_t>(12) << L" " << static_cast<uint16_t>(65535);
+    // The point follows even a body that ends in one; a level outside the mask writes nothing.
+    QC_LOG_DETAIL(L"Various") << L"detail.";
+    QC_LOG(16, L"Various") << L"masked";
+    ::GetLocalTime(&after);
 
     CLogger* pInstalled = g_pLogger;
     g_pLogger = nullptr;
@@ -163,7 +126,18 @@ TEST(LogMacros, EntryCarriesLevelSourceAndStreamedValuesKeepsTheLastErrorAndNeed
     EXPECT_EQ(::GetLastError(), 1603u);
     g_pLogger = pInstalled;
     EXPECT_EQ(log.Bodies(), (Lines{L"[ERROR] Daemon (#) OpenService failed with error 5 / 1060.",
-                                   L"[WARNING] Shell (#) narrow -3 True.", L"Various (#) 12 65535."}));
+                                   L"[WARNING] Shell (#) narrow -3 True.", L"Various (#) 12 65535.",
+                                   L"Various (#) detail.."}));
+    // Day first, then month, year and the 24-hour clock, then this process and thread.
+    const std::wstring& line = log.Lines()[0];
+    EXPECT_TRUE(QcTest::IsWholeLine(line, ::GetCurrentThreadId())) << line;
+    ASSERT_EQ(::swscanf(line.c_str(), L"%2hu.%2hu.%4hu %2hu:%2hu:%2hu ", &logged.wDay, &logged.wMonth, &logged.wYear,
+                        &logged.wHour, &logged.wMinute, &logged.wSecond),
+              6);
+    const auto order = [](const SYSTEMTIME& t) {
+        return std::tie(t.wYear, t.wMonth, t.wDay, t.wHour, t.wMinute, t.wSecond);
+    };
+    EXPECT_TRUE(order(before) <= order(logged) && order(logged) <= order(after)) << line;
 }
 
 TEST(LoggerThreads, ConcurrentEntriesComeOutWholeAndInOrderWithTheirOwnThreadId)
@@ -172,13 +146,18 @@ TEST(LoggerThreads, ConcurrentEntriesComeOutWholeAndInOrderWithTheirOwnThreadId)
     QcTest::CCapturingStream stream;
     CDefaultLogger logger(&stream);
     logger.AddPostfix(CLogPostfixPoint());
-    std::vector<std::wstring> threadIds(kThreads);
+    // Each thread's own lines, in order, behind its own process and thread ids.
+    std::vector<std::wstring> expected(kThreads), written(kThreads);
     std::atomic<uint32_t> ready{0};
     std::vector<std::thread> threads;
     for (uint32_t t = 0; t < kThreads; ++t)
     {
         threads.emplace_back([&, t] {
-            threadIds[t] = QcTest::ThreadIds();
+            for (uint32_t i = 0; i < kLines; ++i)
+            {
+                expected[t] += QcTest::ThreadIds() + L"[WARNING] Worker (" + std::to_wstring(t) + L") line " +
+                               std::to_wstring(i) + L" end.\n";
+            }
             for (++ready; ready < kThreads;)
             {
                 std::this_thread::yield();
@@ -198,21 +177,11 @@ TEST(LoggerThreads, ConcurrentEntriesComeOutWholeAndInOrderWithTheirOwnThreadId)
     {
         thread.join();
     }
-    // Each thread's own lines, in order, behind its own process and thread ids.
-    std::vector<std::wstring> written(kThreads), expected(kThreads);
     for (const std::wstring& line : stream.m_Lines)
     {
         uint32_t t = 0;
         ::swscanf(QcTest::WithoutPrefixes(line).c_str(), L"[WARNING] Worker (%u)", &t);
         written[t % kThreads] += line.substr(std::min<size_t>(20, line.size())) + L"\n";
     }
-    for (uint32_t t = 0; t < kThreads; ++t)
-    {
-        for (uint32_t i = 0; i < kLines; ++i)
-        {
-            expected[t] += threadIds[t] + L"[WARNING] Worker (" + std::to_wstring(t) + L") line " + std::to_wstring(i) +
-                           L" end.\n";
-        }
-        EXPECT_TRUE(written[t] == expected[t]) << "thread " << t << " wrote\n" << ::testing::PrintToString(written[t]);
-    }
+    EXPECT_EQ(written, expected);
 }

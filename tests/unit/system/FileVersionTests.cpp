@@ -21,9 +21,8 @@ TEST(FileVersion, TextIsTheFileVersionInFullSixteenBitWordsAndEveryFailureIsTheS
     for (const auto& [file, expected] : cases)
     {
         // Which code a failure has is the platform's choice: ask the system itself.
-        DWORD dwHandle = 0;
         ::SetLastError(0);
-        const DWORD dwExpected = ::GetFileVersionInfoSizeW(file.c_str(), &dwHandle) != 0 ? 0 : ::GetLastError();
+        const DWORD dwExpected = ::GetFileVersionInfoSizeW(file.c_str(), nullptr) != 0 ? 0 : ::GetLastError();
         QcTest::CLogCapture log;
         const CFileVersion version(file.c_str());
         EXPECT_EQ(version.Error(), dwExpected);
