@@ -25,6 +25,7 @@ struct ActionOutcome
     Lines lines;           // bodies of the lines the frame did not write
     Lines values;          // the values of the names asked for ("" when unset)
     HRESULT comAfter = E_FAIL; // CoInitializeEx(apartment) on the thread after the call
+    Lines messages;            // the user messages with the installer's answers
 };
 
 inline QcRunner::CActionLibrary& ShippedLibrary()
@@ -33,9 +34,10 @@ inline QcRunner::CActionLibrary& ShippedLibrary()
     return library;
 }
 
-// With `apartmentBefore` other than -1 the thread enters that apartment first.
+// With `apartmentBefore` other than -1 the thread enters that apartment first;
+// the installer answers every user message with `answer`.
 inline ActionOutcome RunAction(const char* exportName, const Properties& properties, const Lines& show,
-                               int apartmentBefore = -1)
+                               int apartmentBefore = -1, int answer = IDOK)
 {
     const QcRunner::CustomActionFunction action = ShippedLibrary().Find(exportName);
     return std::async(std::launch::async, [&]() {
@@ -55,7 +57,9 @@ inline ActionOutcome RunAction(const char* exportName, const Properties& propert
                        outcome.lines.push_back(L"(no action or no session) " + host.Error());
                        return outcome;
                    }
+                   host.SetFallbackAnswer(answer);
                    outcome.result = host.Call(action);
+                   outcome.messages = host.Messages();
                    for (const std::wstring& line : host.LogLines())
                    {
                        const std::wstring body = Body(line);

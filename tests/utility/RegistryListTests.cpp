@@ -22,9 +22,9 @@ struct IcaCase
     const char* action;
     DWORD type;          // of the value before; REG_NONE: the key exists, the value does not
     std::wstring before; // its bytes, as characters
-    UINT result;
-    Lines lines;
-    std::wstring after; // the list written as REG_SZ with its terminator; kKept; kNone: no value
+    std::wstring after;  // the list written as REG_SZ with its terminator; kKept; kNone: no value
+    UINT result = 0;
+    Lines lines = {};
     bool refused = false; // the registry refuses the write
 };
 
@@ -33,15 +33,9 @@ using IcaClient = UtilityCases<IcaCase>;
 TEST_P(IcaClient, ChangesTheVirtualDriverList)
 {
     const IcaCase& test = GetParam();
-    // The 64-bit view holds a list of its own that neither action may touch.
-    const auto drv64 = std::make_pair(DWORD{REG_SZ}, L"Drv64\0"s);
-    ASSERT_TRUE(SetValue(KEY_WOW64_64KEY, kModules, kName, drv64.first, drv64.second));
     ASSERT_TRUE(test.type == kNoKey ||
                 SetValue(KEY_WOW64_32KEY, kModules, test.type ? kName : nullptr, test.type, test.before));
-    if (test.refused)
-    {
-        RefuseRegistryWrites();
-    }
+    g_Imports.bRefuseWrites = test.refused;
 
     const ActionOutcome outcome = RunAction(test.action, {}, {});
     EXPECT_EQ(std::make_pair(outcome.result, outcome.lines), std::make_pair(test.result, test.lines));
@@ -49,36 +43,32 @@ TEST_P(IcaClient, ChangesTheVirtualDriverList)
                           : test.after == kNone ? std::make_pair(DWORD{REG_NONE}, L""s)
                                                 : std::make_pair(DWORD{REG_SZ}, test.after + L'\0');
     EXPECT_EQ(ReadValue(KEY_WOW64_32KEY, kModules, kName), expected);
-    EXPECT_EQ(ReadValue(KEY_WOW64_64KEY, kModules, kName), drv64);
 }
 
 const std::wstring kLong(10000, L'D');
 const std::wstring kFound = Warning(L"Found QCClnIca registry value");
-const std::wstring kNoValue = Error(L"Query registry value failed with error {LastError}");
-const std::wstring kRefused = Error(L"Set registry value failed with error {LastError}");
+const std::wstring kNoValue = Error(L"Query registry value failed with error 4242");
+const std::wstring kRefused = Error(L"Set registry value failed with error 4242");
 const std::wstring kReplace = Error(L"Replace failed with error 87");
 
 const IcaCase kIcaCases[] = {
-    {"AddAppendsCommaAndEntryAsText", kAdd, REG_EXPAND_SZ, L"DrvA,DrvB\0"s, 0, {}, L"DrvA,DrvB,QCClnIca"},
-    {"AddWritesTheEntryAloneIntoAnEmptyValue", kAdd, REG_SZ, L"\0"s, 0, {}, L"QCClnIca"},
-    {"AddTakesAValueWithoutDataAsAnEmptyList", kAdd, REG_SZ, L"", 0, {}, L"QCClnIca"},
-    {"AddReadsAValueStoredWithoutTerminator", kAdd, REG_BINARY, L"DrvA", 0, {}, L"DrvA,QCClnIca"},
+    {"AddAppendsCommaAndEntryAsText", kAdd, REG_EXPAND_SZ, L"DrvA,DrvB\0"s, L"DrvA,DrvB,QCClnIca"},
+    {"AddTakesAValueWithoutDataAsAnEmptyList", kAdd, REG_SZ, L"", L"QCClnIca"},
+    {"AddReadsAValueStoredWithoutTerminator", kAdd, REG_BINARY, L"DrvA", L"DrvA,QCClnIca"},
     // Nothing is undone or retried: the list stays unchanged.
-    {"AddFailsWhenTheWriteIsRefused", kAdd, REG_SZ, L"DrvA\0"s, 1603, {kRefused}, kKept, true},
-    {"AddCountsALongerNameContainingTheEntry", kAdd, REG_SZ, L"DrvA,QCClnIca64\0"s, 0, {kFound}, kKept},
-    {"AddExtendsAListOfTenThousandCharacters", kAdd, REG_SZ, kLong + L'\0', 0, {}, kLong + L",QCClnIca"},
-    {"AddFailsWithoutTheValue", kAdd, REG_NONE, L"", 1603, {kNoValue}, kNone},
-    {"AddFailsWithoutTheKeyInThe32BitView", kAdd, kNoKey, L"", 1603,
-     {Error(L"Open registry key failed with error {LastError}")}, kNone},
-    {"RemoveLeavesAListWithoutTheEntry", kRemove, REG_EXPAND_SZ, L"DrvA,DrvB\0"s, 0, {}, kKept},
-    {"RemoveDeletesTheValueHoldingOnlyTheEntry", kRemove, REG_SZ, L"QCClnIca\0"s, 0, {}, kNone},
-    {"RemoveTakesTheEntryFromTheMiddle", kRemove, REG_SZ, L"DrvA,QCClnIca,DrvB\0"s, 0, {}, L"DrvA,DrvB"},
-    {"RemoveTakesEveryOccurrence", kRemove, REG_SZ, L"QCClnIca,DrvA,QCClnIca\0"s, 0, {}, L"DrvA"},
-    {"RemoveTakesTheEntryFromTenThousandCharacters", kRemove, REG_SZ, L"QCClnIca," + kLong + L'\0', 0, {}, kLong},
+    {"AddFailsWhenTheWriteIsRefused", kAdd, REG_SZ, L"DrvA\0"s, kKept, 1603, {kRefused}, true},
+    {"AddCountsALongerNameContainingTheEntry", kAdd, REG_SZ, L"DrvA,QCClnIca64\0"s, kKept, 0, {kFound}},
+    {"AddExtendsAListOfTenThousandCharacters", kAdd, REG_SZ, kLong + L'\0', kLong + L",QCClnIca"},
+    {"AddFailsWithoutTheValue", kAdd, REG_NONE, L"", kNone, 1603, {kNoValue}},
+    {"AddFailsWithoutTheKeyInThe32BitView", kAdd, kNoKey, L"", kNone, 1603,
+     {Error(L"Open registry key failed with error 4242")}},
+    {"RemoveLeavesAListWithoutTheEntry", kRemove, REG_EXPAND_SZ, L"DrvA,DrvB\0"s, kKept},
+    {"RemoveDeletesTheValueHoldingOnlyTheEntry", kRemove, REG_SZ, L"QCClnIca\0"s, kNone},
+    {"RemoveTakesEveryOccurrence", kRemove, REG_SZ, L"QCClnIca,DrvA,QCClnIca\0"s, L"DrvA"},
     // The order of the removals leaves an empty text for the next one, which fails: kept as it is.
-    {"RemoveFailsOnCommaAndEntry", kRemove, REG_SZ, L",QCClnIca\0"s, 1603, {kReplace}, kKept},
-    {"RemoveFailsOnEntryAndComma", kRemove, REG_SZ, L"QCClnIca,\0"s, 1603, {kReplace}, kKept},
-    {"RemoveFailsWithoutTheValue", kRemove, REG_NONE, L"", 1603, {kNoValue}, kNone},
+    {"RemoveFailsOnCommaAndEntry", kRemove, REG_SZ, L",QCClnIca\0"s, kKept, 1603, {kReplace}},
+    {"RemoveFailsOnEntryAndComma", kRemove, REG_SZ, L"QCClnIca,\0"s, kKept, 1603, {kReplace}},
+    {"RemoveFailsWithoutTheValue", kRemove, REG_NONE, L"", kNone, 1603, {kNoValue}},
 };
 
 INSTANTIATE_TEST_SUITE_P(Cases, IcaClient, ::testing::ValuesIn(kIcaCases), kByBehaviour);
@@ -91,13 +81,13 @@ struct RemoteConfigCase
 {
     const char* behaviour;
     const char* action;
-    const wchar_t* list; // REMOTECONFIG or RMTCONF
-    REGSAM keyView;      // where the key exists
-    UINT result;
-    Lines lines;
-    std::wstring bytes;       // the value's exact data, as characters; empty: no value
-    bool failingRead = false; // the read of RMTCONF fails
-    bool refused = false;     // the registry refuses the write
+    const wchar_t* list;              // REMOTECONFIG or RMTCONF
+    std::wstring bytes;               // the value's exact data, as characters; empty: no value
+    REGSAM keyView = KEY_WOW64_64KEY; // where the key exists
+    UINT result = 0;
+    Lines lines = {};
+    const wchar_t* failingRead = L""; // a property whose read fails
+    bool refused = false;             // the registry refuses the write
 };
 
 using RemoteConfig = UtilityCases<RemoteConfigCase>;
@@ -106,14 +96,8 @@ TEST_P(RemoteConfig, WritesTheListAsStrings)
 {
     const RemoteConfigCase& test = GetParam();
     ASSERT_TRUE(SetValue(test.keyView, kClient, nullptr, REG_NONE, L""));
-    if (test.failingRead)
-    {
-        FailPropertyRead(L"RMTCONF", true);
-    }
-    if (test.refused)
-    {
-        RefuseRegistryWrites();
-    }
+    g_Imports.failingRead = test.failingRead;
+    g_Imports.bRefuseWrites = test.refused;
     // Not ";" as the separator: the list itself holds semicolons.
     const ActionOutcome outcome =
         RunAction(test.action, {{L"CustomActionData", L"|REMOTECONFIG=" + std::wstring(test.list)},
@@ -125,14 +109,13 @@ TEST_P(RemoteConfig, WritesTheListAsStrings)
 
 const RemoteConfigCase kRemoteConfigCases[] = {
     // One terminator only: the count leaves out the list's second zero.
-    {"DeferredWritesEachHostAsAString", kDeferred, L"host1;host2", KEY_WOW64_64KEY, 0, {}, L"host1\0host2\0"s},
-    {"TrailingSemicolonGivesAnEmptyLastString", kImmediate, L"a;b;", KEY_WOW64_64KEY, 0, {}, L"a\0b\0\0"s},
-    {"EmptyTextWritesOneZeroCharacter", kImmediate, L"", KEY_WOW64_64KEY, 0, {}, L"\0"s},
-    {"KeyIn32BitViewOnlyIsNoKey", kDeferred, L"host1", KEY_WOW64_32KEY, 1603,
-     {Error(L"Open registry key failed with error {LastError}")}, L""},
-    {"UnreadablePropertyFailsAndWritesNothing", kImmediate, L"host1", KEY_WOW64_64KEY, 1603,
-     {Error(L"MsiGetProperty RMTCONF failed with error {LastError}")}, L"", true},
-    {"RefusedWriteFails", kDeferred, L"host1", KEY_WOW64_64KEY, 1603, {kRefused}, L"", false, true},
+    {"DeferredWritesEachHostAsAString", kDeferred, L"host1;host2", L"host1\0host2\0"s},
+    {"TrailingSemicolonGivesAnEmptyLastString", kImmediate, L"a;b;", L"a\0b\0\0"s},
+    {"KeyIn32BitViewOnlyIsNoKey", kDeferred, L"host1", L"", KEY_WOW64_32KEY, 1603,
+     {Error(L"Open registry key failed with error 4242")}},
+    {"UnreadablePropertyFailsAndWritesNothing", kImmediate, L"host1", L"", KEY_WOW64_64KEY, 1603,
+     {Error(L"MsiGetProperty RMTCONF failed with error 4242")}, L"RMTCONF"},
+    {"RefusedWriteFails", kDeferred, L"host1", L"", KEY_WOW64_64KEY, 1603, {kRefused}, L"", true},
 };
 
 INSTANTIATE_TEST_SUITE_P(Cases, RemoteConfig, ::testing::ValuesIn(kRemoteConfigCases), kByBehaviour);

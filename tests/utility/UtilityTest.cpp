@@ -2,106 +2,73 @@
 
 #include <msiquery.h>
 
-#include <cwchar>
+#include <tuple>
+#include <utility>
 
 namespace QcTest {
-
 namespace {
-
-std::wstring g_FailingName;
-bool g_bFailingSizeQuery = false;
-BYTE g_ProductType = VER_NT_WORKSTATION;
-Lines g_Boxes;
 std::vector<std::pair<REGSAM, std::wstring>> g_Keys;
 std::vector<std::wstring> g_Files;
-
-std::wstring Entry(const wchar_t* level, std::wstring text)
-{
-    const size_t at = text.find(L"{LastError}");
-    return level + (L"Various (#) " + (at == std::wstring::npos ? text : text.replace(at, 11, L"4242")) + L".");
-}
-
 } // namespace
 
-std::wstring Error(const std::wstring& text) { return Entry(L"[ERROR] ", text); }
-std::wstring Warning(const std::wstring& text) { return Entry(L"[WARNING] ", text); }
-std::wstring Detail(const std::wstring& text) { return Entry(L"", text); }
+Imports g_Imports;
 
-// The replacements call the real functions: only the DLL's imports are redirected.
+std::wstring Error(const std::wstring& text) { return L"[ERROR] Various (#) " + text + L"."; }
+std::wstring Warning(const std::wstring& text) { return L"[WARNING] Various (#) " + text + L"."; }
+std::wstring Detail(const std::wstring& text) { return L"Various (#) " + text + L"."; }
+
 void UtilityTest::SetUp()
 {
-    m_Patches.clear();
+    g_Imports = Imports();
     const auto openKey = [](HKEY hKey, LPCWSTR subKey, DWORD options, REGSAM access, PHKEY phResult) {
         SetLastError(kLastErrorMarker);
         return RegOpenKeyExW(hKey, subKey, options, access, phResult);
     };
-    Patch("advapi32.dll", "RegOpenKeyExW", reinterpret_cast<const void*>(+openKey));
-}
-
-void UtilityTest::TearDown()
-{
-    for (const auto& [view, key] : g_Keys)
-    {
-        RegDeleteKeyExW(HKEY_LOCAL_MACHINE, key.c_str(), view, 0);
-    }
-    for (const std::wstring& path : g_Files)
-    {
-        DeleteFileW(path.c_str());
-    }
-    g_Keys.clear();
-    g_Files.clear();
-}
-
-void UtilityTest::Patch(const char* dll, const char* function, const void* replacement)
-{
-    m_Patches.push_back(std::make_unique<CImportPatch>(ShippedLibrary().Module(), dll, function, replacement));
-    EXPECT_TRUE(m_Patches.back()->IsApplied()) << function;
-}
-
-void UtilityTest::FailPropertyRead(const std::wstring& name, bool bSizeQuery)
-{
     const auto getProperty = [](MSIHANDLE hInstall, LPCWSTR property, LPWSTR value, LPDWORD pcch) -> UINT {
-        const bool bSize = pcch != nullptr && *pcch == 0;
-        if (property != nullptr && g_FailingName == property && bSize == g_bFailingSizeQuery)
+        if (property != nullptr && g_Imports.failingRead == property)
         {
             SetLastError(kLastErrorMarker);
             return ERROR_INVALID_HANDLE;
         }
         return MsiGetPropertyW(hInstall, property, value, pcch);
     };
-    Patch("msi.dll", "MsiGetPropertyW", reinterpret_cast<const void*>(+getProperty));
-    g_FailingName = name;
-    g_bFailingSizeQuery = bSizeQuery;
-}
-
-void UtilityTest::RefuseRegistryWrites()
-{
-    const auto setValue = [](HKEY, LPCWSTR, DWORD, DWORD, const BYTE*, DWORD) { return LSTATUS{ERROR_ACCESS_DENIED}; };
-    Patch("advapi32.dll", "RegSetValueExW", reinterpret_cast<const void*>(+setValue));
-}
-
-void UtilityTest::ReportProductType(BYTE productType)
-{
+    const auto setValue = [](HKEY hKey, LPCWSTR name, DWORD reserved, DWORD type, const BYTE* pData, DWORD cbData) {
+        return g_Imports.bRefuseWrites ? LSTATUS{ERROR_ACCESS_DENIED}
+                                       : RegSetValueExW(hKey, name, reserved, type, pData, cbData);
+    };
     const auto getVersion = [](OSVERSIONINFOW* pInfo) {
         const BOOL bResult = GetVersionExW(pInfo);
-        reinterpret_cast<OSVERSIONINFOEXW*>(pInfo)->wProductType = g_ProductType;
+        reinterpret_cast<OSVERSIONINFOEXW*>(pInfo)->wProductType = g_Imports.productType;
         return bResult;
     };
-    Patch("kernel32.dll", "GetVersionExW", reinterpret_cast<const void*>(+getVersion));
-    g_ProductType = productType;
-}
-
-const Lines& UtilityTest::NoteMessageBoxes()
-{
     const auto messageBox = [](HWND, LPCWSTR text, LPCWSTR caption, UINT type) {
-        wchar_t hex[16] = {};
-        std::swprintf(hex, 16, L"0x%X", type);
-        g_Boxes.push_back(std::wstring(caption ? caption : L"(null)") + L"|" + text + L"|" + hex);
+        const std::wstring shown = std::wstring(caption ? caption : L"(null)") + L"|" + text + L"|";
+        g_Imports.boxes.push_back(shown + std::to_wstring(type));
         return IDCANCEL;
     };
-    Patch("user32.dll", "MessageBoxW", reinterpret_cast<const void*>(+messageBox));
-    g_Boxes.clear();
-    return g_Boxes;
+    const std::tuple<const char*, const char*, const void*> imports[] = {
+        {"advapi32.dll", "RegOpenKeyExW", reinterpret_cast<const void*>(+openKey)},
+        {"msi.dll", "MsiGetPropertyW", reinterpret_cast<const void*>(+getProperty)},
+        {"advapi32.dll", "RegSetValueExW", reinterpret_cast<const void*>(+setValue)},
+        {"kernel32.dll", "GetVersionExW", reinterpret_cast<const void*>(+getVersion)},
+        {"user32.dll", "MessageBoxW", reinterpret_cast<const void*>(+messageBox)}};
+    for (const auto& [dll, function, replacement] : imports)
+    {
+        m_Patches.push_back(std::make_unique<CImportPatch>(ShippedLibrary().Module(), dll, function, replacement));
+        EXPECT_TRUE(m_Patches.back()->IsApplied()) << function;
+    }
+}
+
+void UtilityTest::TearDown()
+{
+    for (const auto& [view, key] : std::exchange(g_Keys, {}))
+    {
+        RegDeleteKeyExW(HKEY_LOCAL_MACHINE, key.c_str(), view, 0);
+    }
+    for (const std::wstring& path : std::exchange(g_Files, {}))
+    {
+        DeleteFileW(path.c_str());
+    }
 }
 
 bool SetValue(REGSAM view, const std::wstring& key, const wchar_t* name, DWORD type, const std::wstring& bytes)

@@ -16,11 +16,9 @@
 
 namespace QcTest {
 
-// The actions log the thread's last-error value, not what a failing registry or
-// installer call answered. The frame leaves that value at 0, which would not
-// tell the two apart, so the suite wraps the shipped DLL's RegOpenKeyExW to set
-// this marker (4242) just before each real open, and a failing property read
-// sets it too; expected lines write it as "{LastError}".
+// The actions log the thread's last-error value, not what a failing call
+// answered; the frame leaves it at 0, so each of the DLL's registry opens and
+// failing property reads sets this marker first, to tell the two apart.
 constexpr DWORD kLastErrorMarker = 4242;
 
 // Expected lines as Body() renders them.
@@ -28,25 +26,22 @@ std::wstring Error(const std::wstring& text);
 std::wstring Warning(const std::wstring& text);
 std::wstring Detail(const std::wstring& text);
 
+// What the DLL's redirected imports do in a case; the rest calls the real functions.
+struct Imports
+{
+    std::wstring failingRead;   // reads of it answer ERROR_INVALID_HANDLE, as if the session went away
+    bool bRefuseWrites = false; // registry writes answer ERROR_ACCESS_DENIED, the last error untouched
+    BYTE productType = VER_NT_WORKSTATION; // what GetVersionEx reports
+    Lines boxes; // message boxes, not shown but noted as "caption|text|type" and cancelled
+};
+extern Imports g_Imports;
+
 class UtilityTest : public ::testing::Test
 {
 protected:
-    void SetUp() override;
+    void SetUp() override; // redirects the imports, as g_Imports says
     // Deletes every key SetValue() made and every file Place() put.
     void TearDown() override;
-
-    // Redirects the DLL's import of dll!function for this test.
-    void Patch(const char* dll, const char* function, const void* replacement);
-    // The DLL's read of property `name` (its size query or its read) fails as
-    // in a session that went away: ERROR_INVALID_HANDLE, the marker as last error.
-    void FailPropertyRead(const std::wstring& name, bool bSizeQuery);
-    // The DLL's registry writes fail as on a protected value: ERROR_ACCESS_DENIED,
-    // nothing written, the last error untouched.
-    void RefuseRegistryWrites();
-    // GetVersionEx tells the DLL this product type (VER_NT_SERVER, ...).
-    void ReportProductType(BYTE productType);
-    // The DLL's message boxes are not shown but noted as "caption|text|type in hex".
-    const Lines& NoteMessageBoxes();
 
     std::vector<std::unique_ptr<CImportPatch>> m_Patches;
 };

@@ -12,19 +12,19 @@ const Lines kEditions = {L"SERVERKIT70", L"RDPKIT70",    L"DESKTOPKIT70", L"DESK
 constexpr BYTE Ws = VER_NT_WORKSTATION, Server = VER_NT_SERVER, Dc = VER_NT_DOMAIN_CONTROLLER;
 // Which uninstall entries exist: the engine's, the RDP engine's, both, or the
 // engine's only where a 32-bit product would register.
-enum Keys { kNone, kEngine, kRdp, kBoth, kEngine32 };
+enum Keys { kEngine, kRdp, kBoth, kEngine32 };
 
 struct EngineCase
 {
     const char* behaviour;
-    BYTE productType;
     Keys keys;
-    const wchar_t* version; // "DisplayVersion"; null: no such value
-    bool marker;            // QCZDInst.exe in the system directory
-    const wchar_t* second;  // QcVersion<second>.exe placed there as QRDPInst.exe; null: none
-    UINT result;
-    Lines lines;
-    const wchar_t* edition; // the one property set to "1"; null: none
+    const wchar_t* version;          // "DisplayVersion"; null: no such value
+    const wchar_t* edition;          // the one property set to "1"; null: none
+    const wchar_t* second = nullptr; // QcVersion<second>.exe placed in the system directory as QRDPInst.exe
+    bool marker = false;             // QCZDInst.exe in the system directory
+    BYTE productType = Ws;
+    Lines lines = {};
+    UINT result = 0;
 };
 
 using EngineVersion = UtilityCases<EngineCase>;
@@ -32,21 +32,15 @@ using EngineVersion = UtilityCases<EngineCase>;
 TEST_P(EngineVersion, SetsTheEditionProperty)
 {
     const EngineCase& test = GetParam();
-    const auto addKey = [&test](REGSAM view, const wchar_t* product) {
-        ASSERT_TRUE(SetValue(view, kUninstall + product, test.version ? L"DisplayVersion" : nullptr, REG_SZ,
-                             std::wstring(test.version ? test.version : L"") + L'\0'));
-    };
-    if (test.keys == kEngine || test.keys == kBoth || test.keys == kEngine32)
-    {
-        addKey(test.keys == kEngine32 ? KEY_WOW64_32KEY : KEY_WOW64_64KEY, L".lumen Engine");
-    }
-    if (test.keys == kRdp || test.keys == kBoth)
-    {
-        addKey(KEY_WOW64_64KEY, L".lumen RDP Engine");
-    }
+    const wchar_t* name = test.version ? L"DisplayVersion" : nullptr;
+    const std::wstring version = std::wstring(test.version ? test.version : L"") + L'\0';
+    const REGSAM engineView = test.keys == kEngine32 ? KEY_WOW64_32KEY : KEY_WOW64_64KEY;
+    ASSERT_TRUE(test.keys == kRdp || SetValue(engineView, kUninstall + L".lumen Engine", name, REG_SZ, version));
+    ASSERT_TRUE((test.keys != kRdp && test.keys != kBoth) ||
+                SetValue(KEY_WOW64_64KEY, kUninstall + L".lumen RDP Engine", name, REG_SZ, version));
     ASSERT_TRUE(!test.marker || Place(L"QcVersion_7_1_0_0.exe", L"QCZDInst.exe"));
     ASSERT_TRUE(!test.second || Place(L"QcVersion" + std::wstring(test.second) + L".exe", L"QRDPInst.exe"));
-    ReportProductType(test.productType);
+    g_Imports.productType = test.productType;
 
     const ActionOutcome outcome = RunAction("GetEngineVersion", {}, kEditions);
     EXPECT_EQ(std::make_pair(outcome.result, outcome.lines), std::make_pair(test.result, test.lines));
@@ -58,31 +52,29 @@ TEST_P(EngineVersion, SetsTheEditionProperty)
     EXPECT_EQ(set, test.edition ? test.edition + std::wstring(L"=1") : L"");
 }
 
-const std::wstring kNoEngineKey = Warning(L"Open registry key .lumen Engine failed with error {LastError}");
-const std::wstring kNoRdpKey = Error(L"Open registry key .lumen RDP engine failed with error {LastError}");
+const std::wstring kNoEngineKey = Warning(L"Open registry key .lumen Engine failed with error 4242");
 
 const EngineCase kEngineCases[] = {
-    {"Version76UnderEngineKeySetsServerKit76", Ws, kEngine, L"7.6", false, nullptr, 0, {}, L"SERVERKIT76"},
-    {"Version76UnderRdpKeyWarnsAndSetsRdpKit76", Ws, kRdp, L"7.6", false, nullptr, 0, {kNoEngineKey}, L"RDPKIT76"},
-    {"EngineKeyWinsOverRdpKey", Ws, kBoth, L"7.6", false, nullptr, 0, {}, L"SERVERKIT76"},
-    {"Version79SetsVdiKit79", Ws, kRdp, L"7.9", false, nullptr, 0, {kNoEngineKey}, L"VDIKIT79"},
-    {"Version70OnServerWithMarkerSetsServerKit70", Server, kEngine, L"7.0", true, nullptr, 0, {}, L"SERVERKIT70"},
-    {"Version70OnServerWithoutMarkerSetsRdpKit70", Server, kEngine, L"7.0", false, L"_0_1_2_3", 0, {}, L"RDPKIT70"},
-    {"Version70OnDomainControllerSetsNothing", Dc, kEngine, L"7.0", true, nullptr, 0, {}, nullptr},
-    {"Version70WithMarkerSetsDesktopKit70", Ws, kEngine, L"7.0", true, L"_0_1_2_3", 0, {}, L"DESKTOPKIT70"},
-    {"Version70WithSecondAt0_1SetsDesktopKit702", Ws, kEngine, L"7.0", false, L"_0_1_2_3", 0, {}, L"DESKTOPKIT702"},
-    {"Version70WithSecondAt0_0SetsRdpKitXp70", Ws, kEngine, L"7.0", false, L"_0_0_5_6", 0, {}, L"RDPKITXP70"},
-    {"Version70WithoutSecondSetsRdpKitXp70", Ws, kRdp, L"7.0", false, nullptr, 0,
-     {kNoEngineKey, L"[ERROR] FileVersion (#) GetFileVersionInfoSize failed with error 2."}, L"RDPKITXP70"},
-    {"Version70WithSecondAt7_1SetsNothing", Ws, kEngine, L"7.0", false, L"_7_1_0_0", 0, {}, nullptr},
+    {"Version76UnderRdpKeyWarnsAndSetsRdpKit76", kRdp, L"7.6", L"RDPKIT76", nullptr, false, Ws, {kNoEngineKey}},
+    {"EngineKeyWinsOverRdpKey", kBoth, L"7.6", L"SERVERKIT76"},
+    {"Version79SetsVdiKit79", kRdp, L"7.9", L"VDIKIT79", nullptr, false, Ws, {kNoEngineKey}},
+    {"Version70OnServerWithMarkerSetsServerKit70", kEngine, L"7.0", L"SERVERKIT70", nullptr, true, Server},
+    {"Version70OnServerWithoutMarkerSetsRdpKit70", kEngine, L"7.0", L"RDPKIT70", L"_0_1_2_3", false, Server},
+    {"Version70OnDomainControllerSetsNothing", kEngine, L"7.0", nullptr, nullptr, true, Dc},
+    {"Version70WithMarkerSetsDesktopKit70", kEngine, L"7.0", L"DESKTOPKIT70", L"_0_1_2_3", true},
+    {"Version70WithSecondAt0_1SetsDesktopKit702", kEngine, L"7.0", L"DESKTOPKIT702", L"_0_1_2_3"},
+    {"Version70WithSecondAt0_0SetsRdpKitXp70", kEngine, L"7.0", L"RDPKITXP70", L"_0_0_5_6"},
+    {"Version70WithoutSecondSetsRdpKitXp70", kRdp, L"7.0", L"RDPKITXP70", nullptr, false, Ws,
+     {kNoEngineKey, L"[ERROR] FileVersion (#) GetFileVersionInfoSize failed with error 2."}},
     // The whole high word of the file version is compared: neither minor 1 nor minor 0 alone decides.
-    {"Version70WithSecondAt1_1SetsNothing", Ws, kEngine, L"7.0", false, L"_1_1_0_0", 0, {}, nullptr},
-    {"Version70WithSecondAt1_0SetsNothing", Ws, kEngine, L"7.0", false, L"_1_0_0_0", 0, {}, nullptr},
-    {"Version701IsNot70", Ws, kEngine, L"7.0.1", true, nullptr, 0, {}, nullptr},
-    {"EmptyVersionSetsNothing", Ws, kEngine, L"", true, nullptr, 0, {}, nullptr},
-    {"KeyIn32BitViewOnlyIsNoKey", Ws, kEngine32, L"7.6", false, nullptr, 1603, {kNoEngineKey, kNoRdpKey}, nullptr},
-    {"WithoutDisplayVersionFails", Ws, kEngine, nullptr, false, nullptr, 1603,
-     {Error(L"Query registry value failed with error {LastError}")}, nullptr},
+    {"Version70WithSecondAt1_1SetsNothing", kEngine, L"7.0", nullptr, L"_1_1_0_0"},
+    {"Version70WithSecondAt1_0SetsNothing", kEngine, L"7.0", nullptr, L"_1_0_0_0"},
+    {"Version701IsNot70", kEngine, L"7.0.1", nullptr, nullptr, true},
+    {"EmptyVersionSetsNothing", kEngine, L"", nullptr, nullptr, true},
+    {"KeyIn32BitViewOnlyIsNoKey", kEngine32, L"7.6", nullptr, nullptr, false, Ws,
+     {kNoEngineKey, Error(L"Open registry key .lumen RDP engine failed with error 4242")}, 1603},
+    {"WithoutDisplayVersionFails", kEngine, nullptr, nullptr, nullptr, false, Ws,
+     {Error(L"Query registry value failed with error 4242")}, 1603},
 };
 
 INSTANTIATE_TEST_SUITE_P(Cases, EngineVersion, ::testing::ValuesIn(kEngineCases), kByBehaviour);
@@ -92,10 +84,10 @@ struct FileVersionCase
     const char* behaviour;
     const wchar_t* folderSuffix; // appended to the build's bin folder (without its backslash)
     const wchar_t* name;
-    const wchar_t* failingRead; // a property whose read fails; null: none
-    UINT result;
-    Lines lines;
     const wchar_t* gfvResult; // "untouched" when the action must not write it
+    Lines lines = {};
+    UINT result = 0;
+    const wchar_t* failingRead = L""; // a property whose read fails
 };
 
 using GetFileVersion = UtilityCases<FileVersionCase>;
@@ -103,10 +95,7 @@ using GetFileVersion = UtilityCases<FileVersionCase>;
 TEST_P(GetFileVersion, WritesTheFileVersion)
 {
     const FileVersionCase& test = GetParam();
-    if (test.failingRead != nullptr)
-    {
-        FailPropertyRead(test.failingRead, false);
-    }
+    g_Imports.failingRead = test.failingRead;
     const std::wstring folder = BinFolder().substr(0, BinFolder().size() - 1) + test.folderSuffix;
     const ActionOutcome outcome = RunAction(
         "GetFileVersion", {{L"GFV_FILEPATH", folder}, {L"GFV_FILENAME", test.name}, {L"GFV_Result", L"untouched"}},
@@ -115,20 +104,21 @@ TEST_P(GetFileVersion, WritesTheFileVersion)
               std::make_tuple(test.result, test.lines, std::wstring(test.gfvResult)));
 }
 
+const wchar_t k1234[] = L"QcVersion_1_2_3_4.exe";
+
 const FileVersionCase kFileCases[] = {
-    {"FileVersionOfAVersionResource", L"", L"QcVersion_65535_0_0_65535.exe", nullptr, 0, {}, L"65535.0.0.65535"},
+    {"FileVersionOfAVersionResource", L"", L"QcVersion_65535_0_0_65535.exe", L"65535.0.0.65535"},
     // The folder's own backslash and the joining one make two; the file is still found.
-    {"FolderEndingInBackslash", L"\\", L"QcVersion_1_2_3_4.exe", nullptr, 0, {}, L"1.2.3.4"},
-    {"FileWithoutVersionResourceGivesEmptyResult", L"", L"QcVersionNone.exe", nullptr, 0,
-     {L"[ERROR] FileVersion (#) GetFileVersionInfoSize failed with error 1812."}, L""}, // Wine: no resource data
-    {"MissingFileGivesMinusOneAndFails", L"", L"QcMissing.exe", nullptr, 1603, {Error(L"Access failed with error 2")},
-     L"-1"},
-    {"MissingFolderGivesMinusOneAndFails", L"\\QcMissingFolder", L"QcVersion_1_2_3_4.exe", nullptr, 1603,
-     {Error(L"Access failed with error 3")}, L"-1"},
-    {"UnreadableFolderFailsAndWritesNothing", L"", L"QcVersion_1_2_3_4.exe", L"GFV_FILEPATH", 1603,
-     {Error(L"MsiGetProperty GFV_FILEPATH failed with error {LastError}")}, L"untouched"},
-    {"UnreadableNameFailsAndWritesNothing", L"", L"QcVersion_1_2_3_4.exe", L"GFV_FILENAME", 1603,
-     {Error(L"MsiGetProperty GFV_FILENAME failed with error {LastError}")}, L"untouched"},
+    {"FolderEndingInBackslash", L"\\", k1234, L"1.2.3.4"},
+    {"FileWithoutVersionResourceGivesEmptyResult", L"", L"QcVersionNone.exe", L"",
+     {L"[ERROR] FileVersion (#) GetFileVersionInfoSize failed with error 1812."}}, // Wine: no resource data
+    {"MissingFileGivesMinusOneAndFails", L"", L"QcMissing.exe", L"-1", {Error(L"Access failed with error 2")}, 1603},
+    {"MissingFolderGivesMinusOneAndFails", L"\\QcMissingFolder", k1234, L"-1", {Error(L"Access failed with error 3")},
+     1603},
+    {"UnreadableFolderFailsAndWritesNothing", L"", k1234, L"untouched",
+     {Error(L"MsiGetProperty GFV_FILEPATH failed with error 4242")}, 1603, L"GFV_FILEPATH"},
+    {"UnreadableNameFailsAndWritesNothing", L"", k1234, L"untouched",
+     {Error(L"MsiGetProperty GFV_FILENAME failed with error 4242")}, 1603, L"GFV_FILENAME"},
 };
 
 INSTANTIATE_TEST_SUITE_P(Cases, GetFileVersion, ::testing::ValuesIn(kFileCases), kByBehaviour);
