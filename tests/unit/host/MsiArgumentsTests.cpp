@@ -88,8 +88,10 @@ TEST(MsiArgumentsRandom, PairsAreTheGeneratedValuesInOrderBehindTrimmedNames)
             const std::wstring junk = random() % 5 == 0 ? pick(letters, 4) + sep : L"";
             std::wstring name = pick(letters, 5);
             name += !name.empty() && random() % 4 == 0 ? pick(L"\t", 1) : L""; // a lone TAB is front padding
-            const std::wstring value = random() % 50 == 0 ? L"x" + pick(L" =\tq", 3000) + L"x" : pick(letters + L"=", 5);
-            text += junk + pick(L" \t", 2) + name + pick(L" ", 2) + L"=" + pick(L" \t", 2) + value + pick(L" ", 2) + sep;
+            const std::wstring value =
+                random() % 50 == 0 ? L"x" + pick(L" =\tq", 3000) + L"x" : pick(letters + L"=", 5);
+            text += junk + pick(L" \t", 2) + name + pick(L" ", 2) + L"=" + pick(L" \t", 2) + value + pick(L" ", 2);
+            text += sep;
             pieces.emplace_back(name, value);
         }
         text.pop_back();
