@@ -8,8 +8,8 @@
 #include <cstring>
 #include <set>
 
-#include "directory/ActionCall.h"
 #include "directory/DirectoryDouble.h"
+#include "support/ActionCall.h"
 #include "support/ImportPatch.h"
 #include "system/Directory.h"
 

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "actions/Workers.h"
-#include "directory/ActionCall.h"
+#include "support/ActionCall.h"
 #include "firewall/TestFirewall.h"
 #include "network/Firewall.h"
 #include "support/ComChangedMode.h"

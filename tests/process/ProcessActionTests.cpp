@@ -12,7 +12,7 @@
 #include <process.h>
 
 #include "actions/Workers.h"
-#include "directory/ActionCall.h"
+#include "support/ActionCall.h"
 #include "support/ComChangedMode.h"
 #include "support/ImportPatch.h"
 #include "system/Process.h"

@@ -18,14 +18,12 @@
 #include "services/DependentsSeam.h"
 #include "services/StatusQueryCounter.h"
 #include "services/TestServices.h"
+#include "support/ActionCall.h"
 #include "support/LogCapture.h"
-#include "support/ShippedDll.h"
 #include "system/Daemon.h"
 
 namespace QcTest {
 namespace {
-
-using Lines = std::vector<std::wstring>;
 
 // Short names for the states, start types and enumeration filters the cases use.
 enum : DWORD
@@ -73,8 +71,7 @@ class ServiceAction : public ::testing::TestWithParam<Case>
 protected:
     static void SetUpTestSuite()
     {
-        s_pLibrary = std::make_unique<QcRunner::CActionLibrary>(ShippedDllPath());
-        s_pSeam = std::make_unique<CDependentsSeam>(s_pLibrary->Module());
+        s_pSeam = std::make_unique<CDependentsSeam>(ShippedLibrary().Module());
     }
 
     // "QcSvc_<test>_<role>", unique per case.
@@ -100,7 +97,6 @@ protected:
         return lines;
     }
 
-    static inline std::unique_ptr<QcRunner::CActionLibrary> s_pLibrary;
     static inline std::unique_ptr<CDependentsSeam> s_pSeam;
     CTestServices m_Services;
 };
@@ -108,7 +104,7 @@ protected:
 TEST_P(ServiceAction, Case)
 {
     const Case& test = GetParam();
-    ASSERT_TRUE(s_pLibrary->IsLoaded() && s_pSeam->IsInstalled()) << "no DLL, or it imports no EnumDependentServicesW";
+    ASSERT_TRUE(ShippedLibrary().IsLoaded() && s_pSeam->IsInstalled()) << "no DLL, or it imports no EnumDependentServicesW";
     std::vector<CTestService*> services;
     for (const ServiceSetup& setup : test.services)
     {
@@ -131,9 +127,9 @@ TEST_P(ServiceAction, Case)
     // The action runs on its own thread with a fresh session. A held first service is continued once the action has
     // made that many status queries (its first reading counts as one, each poll as one more). On the way, what every
     // service action must do: open the manager with all access, sleep 1500 ms between polls, release with CloseHandle.
-    const CServiceCallRecorder recorder(s_pLibrary->Module());
+    const CServiceCallRecorder recorder(ShippedLibrary().Module());
     ASSERT_TRUE(recorder.IsInstalled());
-    const QcRunner::CustomActionFunction action = s_pLibrary->Find(test.action);
+    const QcRunner::CustomActionFunction action = ShippedLibrary().Find(test.action);
     ASSERT_NE(action, nullptr);
     std::vector<std::wstring> logLines;
     DWORD threadId = 0;

@@ -11,7 +11,7 @@
 #include <memory>
 #include <string>
 
-#include "directory/ActionCall.h"
+#include "support/ActionCall.h"
 #include "support/ImportPatch.h"
 
 namespace QcTest {
