@@ -11,6 +11,19 @@ extern Quillcast::Logging::CLogger* g_pLogger;
 
 namespace Quillcast::Logging {
 
+// Where an entry comes from: the source name the log shows and a line base.
+// Files that share a source name (the utility actions all log as "Various")
+// each take their own base, a multiple of 1000, so that a name and a line lead
+// to one place: line 38 of the file with base 2000 logs as 2038. Every other
+// file takes base 0 and logs its own line numbers. docs/log-sources.md maps the
+// names and bases to files; configuring checks that no two files share a name
+// and a base, and that a file with a base stays under 1000 lines.
+struct CLogSource
+{
+    const wchar_t* pszName;
+    uint32_t dwLineBase;
+};
+
 // One log entry for the span of a full expression:
 //   QC_LOG_ERROR(L"Daemon") << L"StartService failed with error " << dwError;
 // Tests g_pLogger, opens the entry with its level and source, forwards every
@@ -29,6 +42,10 @@ public:
             m_pLogger->Source(source, line);
             ::SetLastError(dwError);
         }
+    }
+    CLogEntry(uint32_t level, const CLogSource& source, uint32_t line) noexcept
+        : CLogEntry(level, source.pszName, source.dwLineBase + line)
+    {
     }
     CLogEntry(const CLogEntry&) = delete;
     CLogEntry& operator=(const CLogEntry&) = delete;

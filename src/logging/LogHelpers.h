@@ -28,7 +28,7 @@ namespace Quillcast::Logging {
 
 // Logs the error entry "<text><the thread's last error>" from `source` at `line`
 // and returns that error, read before the entry is opened.
-inline uint32_t LogLastError(const wchar_t* source, uint32_t line, const wchar_t* text) noexcept
+inline uint32_t LogLastError(const CLogSource& source, uint32_t line, const wchar_t* text) noexcept
 {
     const uint32_t error = LastErrorCode();
     QC_LOG_AT(LOG_LEVEL_ERROR, source, line) << text << error;
