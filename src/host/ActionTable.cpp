@@ -2,6 +2,8 @@
 
 #include <cstddef>
 
+#include "host/ArgumentNames.h"
+
 namespace Quillcast::Host {
 
 namespace {
@@ -19,30 +21,26 @@ constexpr CustomActionEntry Row(std::nullptr_t, std::nullptr_t)
 }
 
 constexpr std::nullptr_t kNone = nullptr;
-constexpr const wchar_t* kAddPortArguments[] = {L"RULENAME",   L"RULEDESCRIPTION", L"PROFILE",
-                                                L"LOCALPORTS", L"LOCALADDRESSES",  L"REMOTEPORTS",
-                                                L"REMOTEADDRESSES", L"SERVICENAME"};
-constexpr const wchar_t* kAddPortRequired[] = {L"RULENAME", L"LOCALPORTS"};
-constexpr const wchar_t* kAddProgramArguments[] = {L"RULENAME",       L"RULEDESCRIPTION", L"PROFILE",
-                                                   L"PROGRAMNAME",    L"LOCALPORTS",      L"LOCALADDRESSES",
-                                                   L"REMOTEPORTS",    L"REMOTEADDRESSES", L"SERVICENAME"};
-constexpr const wchar_t* kAddProgramRequired[] = {L"RULENAME", L"PROGRAMNAME"};
-constexpr const wchar_t* kCloseProcessArguments[] = {L"PROCESSNAME", L"TIMEOUT"};
-constexpr const wchar_t* kCloseProcessRequired[] = {L"PROCESSNAME"};
-constexpr const wchar_t* kRootCertificate[] = {L"ROOTCERTNAME"};
-constexpr const wchar_t* kCommandLine[] = {L"CMDLINE"};
-constexpr const wchar_t* kRemovePort[] = {L"RULENAME", L"LOCALPORTS"};
-constexpr const wchar_t* kRemoveProgram[] = {L"RULENAME", L"PROGRAMNAME"};
-constexpr const wchar_t* kServiceArguments[] = {L"SERVICENAME", L"DEPENDENCIES", L"TIMEOUT"};
-constexpr const wchar_t* kServiceRequired[] = {L"SERVICENAME"};
-constexpr const wchar_t* kRemoteConfig[] = {L"REMOTECONFIG"};
-constexpr const wchar_t* kShellExecute[] = {L"TARGET", L"WORKINGDIR"};
-constexpr const wchar_t* kShowMessageArguments[] = {L"MESSAGE", L"TYPE"};
-constexpr const wchar_t* kShowMessageRequired[] = {L"MESSAGE"};
+constexpr const wchar_t* kAddPortArguments[] = {Argument::kRuleName, Argument::kRuleDescription, Argument::kProfile, Argument::kLocalPorts, Argument::kLocalAddresses, Argument::kRemotePorts, Argument::kRemoteAddresses, Argument::kServiceName};
+constexpr const wchar_t* kAddPortRequired[] = {Argument::kRuleName, Argument::kLocalPorts};
+constexpr const wchar_t* kAddProgramArguments[] = {Argument::kRuleName, Argument::kRuleDescription, Argument::kProfile, Argument::kProgramName, Argument::kLocalPorts, Argument::kLocalAddresses, Argument::kRemotePorts, Argument::kRemoteAddresses, Argument::kServiceName};
+constexpr const wchar_t* kAddProgramRequired[] = {Argument::kRuleName, Argument::kProgramName};
+constexpr const wchar_t* kCloseProcessArguments[] = {Argument::kProcessName, Argument::kTimeout};
+constexpr const wchar_t* kCloseProcessRequired[] = {Argument::kProcessName};
+constexpr const wchar_t* kRootCertificate[] = {Argument::kRootCertName};
+constexpr const wchar_t* kCommandLine[] = {Argument::kCommandLine};
+constexpr const wchar_t* kRemovePort[] = {Argument::kRuleName, Argument::kLocalPorts};
+constexpr const wchar_t* kRemoveProgram[] = {Argument::kRuleName, Argument::kProgramName};
+constexpr const wchar_t* kServiceArguments[] = {Argument::kServiceName, Argument::kDependencies, Argument::kTimeout};
+constexpr const wchar_t* kServiceRequired[] = {Argument::kServiceName};
+constexpr const wchar_t* kRemoteConfig[] = {Argument::kRemoteConfig};
+constexpr const wchar_t* kShellExecute[] = {Argument::kTarget, Argument::kWorkingDir};
+constexpr const wchar_t* kShowMessageArguments[] = {Argument::kMessage, Argument::kType};
+constexpr const wchar_t* kShowMessageRequired[] = {Argument::kMessage};
 
 #define QC_WIDEN(text) L##text
 constexpr const wchar_t* kNames[] = {
-#define QC_ACTION_NAME(name, arguments, required) QC_WIDEN(#name),
+#define QC_ACTION_NAME(name, arguments, required, frame) QC_WIDEN(#name),
     QC_CUSTOM_ACTIONS(QC_ACTION_NAME)
 #undef QC_ACTION_NAME
 };
@@ -74,13 +72,13 @@ static_assert(IsAlphabetical(), "the row index of an action is its place in alph
 } // namespace
 
 const CustomActionEntry g_CustomActionTable[ACTION_COUNT] = {
-#define QC_ACTION_ROW(name, arguments, required) Row(k##arguments, k##required),
+#define QC_ACTION_ROW(name, arguments, required, frame) Row(k##arguments, k##required),
     QC_CUSTOM_ACTIONS(QC_ACTION_ROW)
 #undef QC_ACTION_ROW
 };
 
 const wchar_t* const g_CustomActionNames[ACTION_COUNT] = {
-#define QC_ACTION_NAME(name, arguments, required) kNames[ACTION_##name],
+#define QC_ACTION_NAME(name, arguments, required, frame) kNames[ACTION_##name],
     QC_CUSTOM_ACTIONS(QC_ACTION_NAME)
 #undef QC_ACTION_NAME
 };

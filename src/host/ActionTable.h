@@ -16,47 +16,50 @@ struct CustomActionEntry
     uint32_t dwRequiredCount;
 };
 
-// The one list of actions: X(export name, known arguments, required arguments),
-// where the argument lists name arrays of ActionTable.cpp and None means no
-// names. The position is the row index each export passes to the validation;
-// it must stay alphabetical by export name (ActionTable.cpp checks it), since
-// installer packages rely on the index of each action.
+// The one list of actions: X(export name, known arguments, required arguments,
+// frame), where the argument lists name arrays of ActionTable.cpp (None means no
+// names) and the frame is Worker (the common frame around <name>Worker of
+// actions/) or VersionOnly. The exports, their workers' declarations and the
+// rows all follow from this list: a new action is one line here and its worker.
+// The position is the row index each export passes to the validation, and the
+// list stays in alphabetical order of export names (ActionTable.cpp checks it);
+// packages name entry points, never indices.
 #define QC_CUSTOM_ACTIONS(X)                                                          \
-    X(AddIcaClient, None, None)                                                       \
-    X(AddPortException, AddPortArguments, AddPortRequired)                            \
-    X(AddProgramException, AddProgramArguments, AddProgramRequired)                   \
-    X(CloseAutoConnect, None, None)                                                   \
-    X(CloseProcessDeferred, CloseProcessArguments, CloseProcessRequired)              \
-    X(CloseProcessImmediately, None, None)                                            \
-    X(CompareVersionString, None, None)                                               \
-    X(CreateAndInstallRootCertificate, RootCertificate, RootCertificate)              \
-    X(CreateAndInstallSignedServerCertificate, RootCertificate, RootCertificate)      \
-    X(CreateProcessDeferred, CommandLine, CommandLine)                                \
-    X(CreateProcessImmediately, None, None)                                           \
-    X(DirectoryObjectPick, None, None)                                                \
-    X(GetCustomActionVersion, None, None)                                             \
-    X(GetDomain, None, None)                                                          \
-    X(GetEngineVersion, None, None)                                                   \
-    X(GetFileVersion, None, None)                                                     \
-    X(RemoveIcaClient, None, None)                                                    \
-    X(RemovePortException, RemovePort, RemovePort)                                    \
-    X(RemoveProgramException, RemoveProgram, RemoveProgram)                           \
-    X(ServiceRestart, ServiceArguments, ServiceRequired)                              \
-    X(ServiceStart, ServiceArguments, ServiceRequired)                                \
-    X(ServiceStop, ServiceArguments, ServiceRequired)                                 \
-    X(SetRemoteConfigDeferred, RemoteConfig, RemoteConfig)                            \
-    X(SetRemoteConfigImmediately, None, None)                                         \
-    X(ShellExecuteDeferred, ShellExecute, ShellExecute)                               \
-    X(ShellExecuteImmediately, None, None)                                            \
-    X(ShowMessageDeferred, ShowMessageArguments, ShowMessageRequired)                 \
-    X(ShowMessageImmediately, None, None)                                             \
-    X(UninstallRootCertificate, RootCertificate, RootCertificate)                     \
-    X(UninstallSignedCertificate, RootCertificate, RootCertificate)
+    X(AddIcaClient, None, None, Worker)                                                       \
+    X(AddPortException, AddPortArguments, AddPortRequired, Worker)                            \
+    X(AddProgramException, AddProgramArguments, AddProgramRequired, Worker)                   \
+    X(CloseAutoConnect, None, None, Worker)                                                   \
+    X(CloseProcessDeferred, CloseProcessArguments, CloseProcessRequired, Worker)              \
+    X(CloseProcessImmediately, None, None, Worker)                                            \
+    X(CompareVersionString, None, None, Worker)                                               \
+    X(CreateAndInstallRootCertificate, RootCertificate, RootCertificate, Worker)              \
+    X(CreateAndInstallSignedServerCertificate, RootCertificate, RootCertificate, Worker)      \
+    X(CreateProcessDeferred, CommandLine, CommandLine, Worker)                                \
+    X(CreateProcessImmediately, None, None, Worker)                                           \
+    X(DirectoryObjectPick, None, None, Worker)                                                \
+    X(GetCustomActionVersion, None, None, VersionOnly)                                             \
+    X(GetDomain, None, None, Worker)                                                          \
+    X(GetEngineVersion, None, None, Worker)                                                   \
+    X(GetFileVersion, None, None, Worker)                                                     \
+    X(RemoveIcaClient, None, None, Worker)                                                    \
+    X(RemovePortException, RemovePort, RemovePort, Worker)                                    \
+    X(RemoveProgramException, RemoveProgram, RemoveProgram, Worker)                           \
+    X(ServiceRestart, ServiceArguments, ServiceRequired, Worker)                              \
+    X(ServiceStart, ServiceArguments, ServiceRequired, Worker)                                \
+    X(ServiceStop, ServiceArguments, ServiceRequired, Worker)                                 \
+    X(SetRemoteConfigDeferred, RemoteConfig, RemoteConfig, Worker)                            \
+    X(SetRemoteConfigImmediately, None, None, Worker)                                         \
+    X(ShellExecuteDeferred, ShellExecute, ShellExecute, Worker)                               \
+    X(ShellExecuteImmediately, None, None, Worker)                                            \
+    X(ShowMessageDeferred, ShowMessageArguments, ShowMessageRequired, Worker)                 \
+    X(ShowMessageImmediately, None, None, Worker)                                             \
+    X(UninstallRootCertificate, RootCertificate, RootCertificate, Worker)                     \
+    X(UninstallSignedCertificate, RootCertificate, RootCertificate, Worker)
 
 // Row indices: ACTION_<export name>.
 enum ActionIndex : uint32_t
 {
-#define QC_ACTION_ENUMERATOR(name, arguments, required) ACTION_##name,
+#define QC_ACTION_ENUMERATOR(name, arguments, required, frame) ACTION_##name,
     QC_CUSTOM_ACTIONS(QC_ACTION_ENUMERATOR)
 #undef QC_ACTION_ENUMERATOR
     ACTION_COUNT
