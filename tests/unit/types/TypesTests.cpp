@@ -3,6 +3,7 @@
 #include <windows.h>
 
 #include <functional>
+#include <memory>
 #include <numeric>
 #include <string>
 #include <tuple>
@@ -163,6 +164,29 @@ TEST(Buffer, AllocateAndResizeGrowExactlyReuseALargeEnoughArrayAndZeroEverything
     ASSERT_TRUE(buffer.Resize(2));
     EXPECT_EQ(Layout(buffer), "1 2|0 0 0 0");
     EXPECT_EQ(buffer.Data(), pArray);
+}
+
+// The zeroing skips what is known to be zero; a copy may write past another
+// copy's count, so what a copy wrote is zeroed even after the copy is gone.
+TEST(Buffer, WritesOfACopyPastTheCountAreZeroedByTheNextResize)
+{
+    for (const bool bAssigned : {false, true})
+    {
+        CBuffer<int> buffer;
+        ASSERT_TRUE(buffer.Allocate(6));
+        ASSERT_TRUE(buffer.Resize(1));
+        {
+            auto copy = bAssigned ? std::make_unique<CBuffer<int>>() : std::make_unique<CBuffer<int>>(buffer);
+            if (bAssigned)
+            {
+                *copy = buffer;
+            }
+            ASSERT_TRUE(copy->Resize(6));
+            std::iota(copy->Data(), copy->Data() + 6, 1);
+        }
+        ASSERT_TRUE(buffer.Resize(2));
+        EXPECT_EQ(Layout(buffer), "1 2|0 0 0 0") << bAssigned;
+    }
 }
 
 TEST(Buffer, CopiesShareOneArrayUntilOneGrowsAndOnlyTheLastOwnerFreesIt)
