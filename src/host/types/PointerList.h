@@ -1,13 +1,16 @@
 #pragma once
 
 #include <cstddef>
-#include <vector>
+#include <list>
 
 #include "host/types/ClassPtr.h"
 
 namespace Quillcast::System::Types {
 
 // An owning list of heap objects in append order, with an iteration cursor.
+// A linked list rather than a vector: appending never moves the elements, and
+// it keeps the vector's length checks (and the string and exception machinery
+// they pull into a static runtime) out of the DLL.
 template <typename T>
 class CPointerList
 {
@@ -41,18 +44,18 @@ public:
     void Clear() noexcept
     {
         m_Nodes.clear();
-        m_Cursor = 0;
+        m_Cursor = m_Nodes.cend();
     }
 
     // Cursor iteration: First() then Next() until null.
     T* First() noexcept
     {
-        m_Cursor = 0;
+        m_Cursor = m_Nodes.cbegin();
         return Current();
     }
     T* Next() noexcept
     {
-        if (m_Cursor < m_Nodes.size())
+        if (m_Cursor != m_Nodes.cend())
         {
             ++m_Cursor;
         }
@@ -69,10 +72,10 @@ public:
     }
 
 private:
-    T* Current() const noexcept { return m_Cursor < m_Nodes.size() ? m_Nodes[m_Cursor].Get() : nullptr; }
+    T* Current() const noexcept { return m_Cursor != m_Nodes.cend() ? m_Cursor->Get() : nullptr; }
 
-    std::vector<CClassPtr<T>> m_Nodes;
-    size_t m_Cursor = 0;
+    std::list<CClassPtr<T>> m_Nodes;
+    typename std::list<CClassPtr<T>>::const_iterator m_Cursor = m_Nodes.cend();
 };
 
 } // namespace Quillcast::System::Types
