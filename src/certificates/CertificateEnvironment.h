@@ -1,7 +1,7 @@
 #pragma once
 
 // The creation engine's working context and the steps that share it; private
-// to the engine (QcCryptLog.cpp, CertificateSigning.cpp).
+// to the engine (CertificateCreation.cpp, CertificateSigning.cpp).
 #include <windows.h>
 #include <wincrypt.h>
 
@@ -80,12 +80,6 @@ struct EnvironmentDeleter
     }
 };
 using EnvironmentPtr = std::unique_ptr<CertificateEnvironment, EnvironmentDeleter>;
-
-// The thread's last error as the engine's messages print it (%d).
-inline int LastError() noexcept
-{
-    return static_cast<int>(::GetLastError());
-}
 
 // The steps after the key container exists; each logs its name and its failures.
 bool PrepareCertificateParams(CertificateEnvironment& environment, const CreateCertificateParams& param) noexcept;
