@@ -1,40 +1,26 @@
 #include "certificates/CertName.h"
 
-#include "logging/Log.h"
+#include "logging/LogHelpers.h"
 
 namespace Quillcast::Certificates {
 
 namespace {
 
-constexpr wchar_t kLogSource[] = L"CertName";
+constexpr Logging::CLogSource kLogSource{L"CertName", 0};
 
-// The two-call pattern both name kinds share: the length (terminator included),
-// then the text into a buffer of that many characters plus one; the second
-// answer must repeat the first.
-template <typename TQuery>
-System::Types::CWideBuffer QueryName(TQuery query, const wchar_t* pszFirstFailure,
-                                     const wchar_t* pszSecondFailure) noexcept
+// Zeroed characters in `name`: what CCertName's reads allocate.
+auto AllocateIn(System::Types::CWideBuffer& name) noexcept
 {
-    System::Types::CWideBuffer name;
-    const DWORD dwLength = query(nullptr, 0);
-    if (dwLength == 0)
-    {
-        QC_LOG_ERROR(kLogSource) << pszFirstFailure << ::GetLastError();
-        return name;
-    }
-    if (!name.Allocate(dwLength + 1))
-    {
-        return name;
-    }
-    if (query(name.Data(), dwLength + 1) != dwLength)
-    {
-        QC_LOG_ERROR(kLogSource) << pszSecondFailure << ::GetLastError();
-        return System::Types::CWideBuffer();
-    }
-    return name;
+    return [&name](DWORD cchName) { return name.Allocate(cchName) ? name.Data() : nullptr; };
 }
 
 } // namespace
+
+DWORD CCertName::SubjectName(PCCERT_CONTEXT pCertificate, wchar_t* pszName, DWORD cchName) noexcept
+{
+    return ::CertGetNameStringW(pCertificate, CERT_NAME_SIMPLE_DISPLAY_TYPE, CERT_NAME_DISABLE_IE4_UTF8_FLAG, nullptr,
+                                pszName, cchName);
+}
 
 System::Types::CWideBuffer CCertName::OfSubject(PCCERT_CONTEXT pCertificate) noexcept
 {
@@ -42,22 +28,38 @@ System::Types::CWideBuffer CCertName::OfSubject(PCCERT_CONTEXT pCertificate) noe
     {
         return System::Types::CWideBuffer();
     }
-    return QueryName(
-        [pCertificate](wchar_t* pszName, DWORD cchName) {
-            return ::CertGetNameStringW(pCertificate, CERT_NAME_SIMPLE_DISPLAY_TYPE, CERT_NAME_DISABLE_IE4_UTF8_FLAG,
-                                        nullptr, pszName, cchName);
-        },
-        L"CertGetNameString(1) failed with error ", L"CertGetNameString(2) failed with error ");
+    System::Types::CWideBuffer name;
+    const bool bRead = ReadSubject(pCertificate, AllocateIn(name), [](CertNameStep step) {
+        if (step == CertNameStep::Length)
+        {
+            QC_LOG_LAST_ERROR(kLogSource, L"CertGetNameString(1) failed with error ");
+        }
+        else if (step == CertNameStep::Text)
+        {
+            QC_LOG_LAST_ERROR(kLogSource, L"CertGetNameString(2) failed with error ");
+        }
+    });
+    return bRead ? name : System::Types::CWideBuffer();
 }
 
 System::Types::CWideBuffer CCertName::OfEncodedName(const CERT_NAME_BLOB& name) noexcept
 {
     CERT_NAME_BLOB blob = name;
-    return QueryName(
-        [&blob](wchar_t* pszName, DWORD cchName) {
-            return ::CertNameToStrW(X509_ASN_ENCODING, &blob, CERT_SIMPLE_NAME_STR, pszName, cchName);
-        },
-        L"CertNameToStr(1) failed with error ", L"CertNameToStr(2) failed with error ");
+    const auto query = [&blob](wchar_t* pszName, DWORD cchName) {
+        return ::CertNameToStrW(X509_ASN_ENCODING, &blob, CERT_SIMPLE_NAME_STR, pszName, cchName);
+    };
+    System::Types::CWideBuffer text;
+    const bool bRead = Read(query, AllocateIn(text), [](CertNameStep step) {
+        if (step == CertNameStep::Length)
+        {
+            QC_LOG_LAST_ERROR(kLogSource, L"CertNameToStr(1) failed with error ");
+        }
+        else if (step == CertNameStep::Text)
+        {
+            QC_LOG_LAST_ERROR(kLogSource, L"CertNameToStr(2) failed with error ");
+        }
+    });
+    return bRead ? text : System::Types::CWideBuffer();
 }
 
 } // namespace Quillcast::Certificates

@@ -3,18 +3,15 @@
 #include <cwchar>
 
 #include "certificates/CertName.h"
-#include "logging/Log.h"
+#include "certificates/CertificateHelpers.h"
+#include "certificates/StoreCertificates.h"
+#include "logging/LogHelpers.h"
 
 namespace Quillcast::Certificates {
 
 namespace {
 
-constexpr wchar_t kLogSource[] = L"CertStore";
-
-bool IsEmpty(const wchar_t* pszText) noexcept
-{
-    return pszText == nullptr || *pszText == L'\0';
-}
+constexpr Logging::CLogSource kLogSource{L"CertStore", 0};
 
 bool Equals(const System::Types::CWideBuffer& name, const wchar_t* pszName) noexcept
 {
@@ -31,12 +28,11 @@ bool CCertStore::Open(const wchar_t* pszStoreName) noexcept
         return false;
     }
     Close();
-    m_hStore = ::CertOpenStore(CERT_STORE_PROV_SYSTEM_W, X509_ASN_ENCODING | PKCS_7_ASN_ENCODING, 0,
-                               CERT_SYSTEM_STORE_LOCAL_MACHINE, pszStoreName);
-    if (m_hStore == nullptr)
+    m_Store.Reset(::CertOpenStore(CERT_STORE_PROV_SYSTEM_W, X509_ASN_ENCODING | PKCS_7_ASN_ENCODING, 0,
+                                  CERT_SYSTEM_STORE_LOCAL_MACHINE, pszStoreName));
+    if (!m_Store)
     {
-        SetLastErrorCode(::GetLastError());
-        QC_LOG_ERROR(kLogSource) << L"CertOpenStore failed with error " << LastError();
+        SetLastErrorCode(QC_LOG_LAST_ERROR(kLogSource, L"CertOpenStore failed with error "));
         return false;
     }
     return true;
@@ -49,7 +45,7 @@ bool CCertStore::CanDelete(const wchar_t* pszName) noexcept
         SetLastErrorCode(ERROR_INVALID_PARAMETER);
         return false;
     }
-    if (m_hStore == nullptr)
+    if (!m_Store)
     {
         SetLastErrorCode(ERROR_INVALID_OPERATION);
         return false;
@@ -62,17 +58,15 @@ bool CCertStore::Delete(PCCERT_CONTEXT pCertificate) noexcept
     // CertDeleteCertificateFromStore frees the context, also when it fails.
     if (!::CertDeleteCertificateFromStore(pCertificate))
     {
-        SetLastErrorCode(::GetLastError());
-        QC_LOG_ERROR(kLogSource) << L"CertDeleteCertificateFromStore failed with error " << LastError();
+        SetLastErrorCode(QC_LOG_LAST_ERROR(kLogSource, L"CertDeleteCertificateFromStore failed with error "));
         return false;
     }
     // A registry-backed system store may keep a delete in its cache until it is
     // committed (Wine does until the store is committed); committing makes the
     // removal final before the action reports it.
-    if (!::CertControlStore(m_hStore, 0, CERT_STORE_CTRL_COMMIT, nullptr))
+    if (!::CertControlStore(m_Store.Get(), 0, CERT_STORE_CTRL_COMMIT, nullptr))
     {
-        SetLastErrorCode(::GetLastError());
-        QC_LOG_ERROR(kLogSource) << L"CertControlStore failed with error " << LastError();
+        SetLastErrorCode(QC_LOG_LAST_ERROR(kLogSource, L"CertControlStore failed with error "));
         return false;
     }
     return true;
@@ -84,13 +78,13 @@ bool CCertStore::DeleteBySubject(const wchar_t* pszName) noexcept
     {
         return false;
     }
-    for (PCCERT_CONTEXT pCertificate = ::CertEnumCertificatesInStore(m_hStore, nullptr); pCertificate != nullptr;
-         pCertificate = ::CertEnumCertificatesInStore(m_hStore, pCertificate))
+    CStoreCertificates certificates(m_Store.Get());
+    for (PCCERT_CONTEXT pCertificate : certificates)
     {
         if (Equals(CCertName::OfSubject(pCertificate), pszName))
         {
             // Only the first match goes: one root per uninstall.
-            return Delete(pCertificate);
+            return Delete(certificates.Detach());
         }
     }
     return true;
@@ -102,22 +96,15 @@ bool CCertStore::DeleteByIssuer(const wchar_t* pszName) noexcept
     {
         return false;
     }
-    // Unlike DeleteBySubject, every match goes; the walk starts over after each
-    // delete because the deleted context cannot lead the enumeration on.
-    PCCERT_CONTEXT pCertificate = ::CertEnumCertificatesInStore(m_hStore, nullptr);
-    while (pCertificate != nullptr)
+    // Unlike DeleteBySubject, every match goes: after each delete the walk
+    // starts over from the first certificate (see CStoreCertificates::Detach).
+    CStoreCertificates certificates(m_Store.Get());
+    for (PCCERT_CONTEXT pCertificate : certificates)
     {
-        if (Equals(CCertName::OfEncodedName(pCertificate->pCertInfo->Issuer), pszName))
+        if (Equals(CCertName::OfEncodedName(pCertificate->pCertInfo->Issuer), pszName) &&
+            !Delete(certificates.Detach()))
         {
-            if (!Delete(pCertificate))
-            {
-                return false;
-            }
-            pCertificate = ::CertEnumCertificatesInStore(m_hStore, nullptr);
-        }
-        else
-        {
-            pCertificate = ::CertEnumCertificatesInStore(m_hStore, pCertificate);
+            return false;
         }
     }
     return true;
@@ -125,15 +112,10 @@ bool CCertStore::DeleteByIssuer(const wchar_t* pszName) noexcept
 
 void CCertStore::Close() noexcept
 {
-    if (m_hStore == nullptr)
+    if (m_Store && !::CertCloseStore(m_Store.Detach(), 0))
     {
-        return;
+        QC_LOG_LAST_ERROR(kLogSource, L"CertCloseStore failed with error ");
     }
-    if (!::CertCloseStore(m_hStore, 0))
-    {
-        QC_LOG_ERROR(kLogSource) << L"CertCloseStore failed with error " << ::GetLastError();
-    }
-    m_hStore = nullptr;
 }
 
 } // namespace Quillcast::Certificates

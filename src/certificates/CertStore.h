@@ -18,6 +18,7 @@ public:
     CCertStore() noexcept = default;
     CCertStore(const CCertStore&) = delete;
     CCertStore& operator=(const CCertStore&) = delete;
+    // Closes through Close(), so that a failing close is logged here too.
     ~CCertStore() override { Close(); }
 
     // Closes any open store first; always the local-machine location.
@@ -37,7 +38,9 @@ private:
     // Deletes `pCertificate` (taking over its reference) and persists the change.
     bool Delete(PCCERT_CONTEXT pCertificate) noexcept;
 
-    HCERTSTORE m_hStore = nullptr;
+    // Released by Close(), which logs a failing CertCloseStore; the guard's own
+    // close, which cannot log, only backs it up.
+    System::Types::CCertStoreHandle m_Store;
 };
 
 } // namespace Quillcast::Certificates

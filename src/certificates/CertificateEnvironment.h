@@ -1,7 +1,7 @@
 #pragma once
 
 // The creation engine's working context and the steps that share it; private
-// to the engine (QcCryptLog.cpp, CertificateSigning.cpp).
+// to the engine (CertificateCreation.cpp, CertificateSigning.cpp).
 #include <windows.h>
 #include <wincrypt.h>
 
@@ -16,60 +16,45 @@ constexpr wchar_t kBaseProvider[] = L"Microsoft Base Cryptographic Provider v1.0
 constexpr DWORD kProviderNameLength = 1024;
 constexpr DWORD kMaxExtensions = 5;
 
-// One run's context. Members only own; the destructor releases them in the
-// one order that keeps every reference valid: the certificate and its store,
-// the encoded data, the issuer, the hash, the key, then the new key container
-// (released and deleted), its name, the scratch container (deleted), and the
-// subject and purpose buffers.
+// One run's context. Its owners are released by declaration order (the last
+// declared first), in the order that keeps every reference valid and that the
+// platform has always seen: the memory store's certificate, the memory store,
+// the encoded certificate, the extension values (their buffers last to first,
+// which nothing can tell), the issuer's certificate and provider context, the
+// hash and the key before the context on their container, that container
+// (released, then deleted) before the name it borrows, the scratch container
+// (still held only when a run failed before letting it go), the purposes, the
+// subject and its encoded name, the issuer's key identifier, and the PKCS #12
+// blob (handed out or freed earlier by every run).
 struct CertificateEnvironment
 {
     CertificateEnvironment() = default;
     CertificateEnvironment(const CertificateEnvironment&) = delete;
     CertificateEnvironment& operator=(const CertificateEnvironment&) = delete;
-    ~CertificateEnvironment()
-    {
-        memoryCertificate.Reset();
-        memoryStore.Reset();
-        encodedCertificate.Reset();
-        for (System::Types::CProcessHeapPtr<BYTE>& value : extensionValues)
-        {
-            value.Reset();
-        }
-        issuerCertificate.Reset();
-        issuerProvider.Reset();
-        hash.Reset();
-        publicKeyInfo.Reset();
-        key.Reset();
-        newContainer.Reset();
-        containerName.Reset();
-        scratchContainer.Reset();
-        purposes.Reset();
-        subject.Reset();
-        subjectName.Reset();
-        issuerKeyIdentifier.Reset();
-    }
 
     CERT_INFO certInfo{};
     CERT_EXTENSION extensions[kMaxExtensions] = {};
     CERT_AUTHORITY_KEY_ID_INFO authorityKeyId{};
     CERT_ENHKEY_USAGE enhancedKeyUsage{};
-    System::Types::CProcessHeapPtr<BYTE> extensionValues[kMaxExtensions];
-    System::Types::CProcessHeapPtr<wchar_t> subject; // "CN=" + the subject name
+    // The owners, in the reverse of their release order.
+    System::Types::CWipedProcessHeapPtr<BYTE> pfx;
+    System::Types::CProcessHeapPtr<CRYPT_DATA_BLOB> issuerKeyIdentifier;
     System::Types::CProcessHeapPtr<BYTE> subjectName;
-    System::Types::CRpcString containerName;
+    System::Types::CProcessHeapPtr<wchar_t> subject; // "CN=" + the subject name
+    System::Types::CProcessHeapPtr<const char*> purposes;
     System::Types::CCryptKeyContainer scratchContainer;
-    System::Types::CCryptKeyContainer newContainer;
+    System::Types::CRpcString containerName;
+    System::Types::CCryptKeyContainer newContainer; // borrows containerName and providerName
     System::Types::CCryptKey key;
+    System::Types::CProcessHeapPtr<CERT_PUBLIC_KEY_INFO> publicKeyInfo;
     System::Types::CCryptHash hash;
     System::Types::CCryptProvider issuerProvider;
     System::Types::CCertContext issuerCertificate;
-    System::Types::CProcessHeapPtr<CRYPT_DATA_BLOB> issuerKeyIdentifier;
+    System::Types::CProcessHeapPtr<BYTE> extensionValues[kMaxExtensions];
+    System::Types::CProcessHeapPtr<BYTE> encodedCertificate;
     System::Types::CCertStoreHandle memoryStore;
     System::Types::CCertContext memoryCertificate;
-    System::Types::CProcessHeapPtr<const char*> purposes;
-    System::Types::CProcessHeapPtr<CERT_PUBLIC_KEY_INFO> publicKeyInfo;
-    System::Types::CProcessHeapPtr<BYTE> encodedCertificate;
-    System::Types::CWipedProcessHeapPtr<BYTE> pfx;
+    // Plain data.
     CERT_BASIC_CONSTRAINTS2_INFO basicConstraints{};
     DWORD cExtensions = 0;
     DWORD cbSubjectName = 0;
@@ -95,12 +80,6 @@ struct EnvironmentDeleter
     }
 };
 using EnvironmentPtr = std::unique_ptr<CertificateEnvironment, EnvironmentDeleter>;
-
-// The thread's last error as the engine's messages print it (%d).
-inline int LastError() noexcept
-{
-    return static_cast<int>(::GetLastError());
-}
 
 // The steps after the key container exists; each logs its name and its failures.
 bool PrepareCertificateParams(CertificateEnvironment& environment, const CreateCertificateParams& param) noexcept;

@@ -9,7 +9,9 @@
 
 // The certificate engine's public records and entry points. Results are 0 on
 // success and small negative numbers on failure; every step logs through
-// QcCryptLog (source "QcCryptLog").
+// QcCryptLog (source "QcCryptLog"). The creation is in CertificateCreation.cpp
+// and CertificateSigning.cpp (with the issuer's look-up), the import in
+// CertificateImport.cpp.
 namespace Quillcast::Certificates {
 
 #pragma pack(push, 4)

@@ -10,7 +10,9 @@
 #include <wincrypt.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <iterator>
 #include <memory>
@@ -438,6 +440,55 @@ TEST_F(Engine, ImportRefusesBadInputAndExpiredCertificatesAndReplacesTheSameCert
     std::set_difference(containers.begin(), containers.end(), m_UserContainers.begin(), m_UserContainers.end(),
                         std::back_inserter(m_Owned));
     EXPECT_EQ(m_Owned.size(), 2u);
+}
+
+// The engine's files all log as "QcCryptLog", each with its own line base
+// (QcCryptLog.h): the printed line, less the base, is the line of the call that
+// wrote the entry, in that file.
+TEST(EngineLog, EntriesCarryTheLineOfTheirCallInTheFileOfTheirLineBase)
+{
+    const char* pszSource = std::getenv("QC_SOURCE_DIR"); // a Unix path: Wine maps the root to Z:
+    if (pszSource == nullptr)
+    {
+        GTEST_SKIP() << "QC_SOURCE_DIR is set by CTest";
+    }
+    const auto sourceLine = [pszSource](const std::string& file, unsigned line) {
+        std::ifstream source("Z:" + std::string(pszSource) + "/src/certificates/" + file);
+        std::string text;
+        for (unsigned i = 0; i < line && std::getline(source, text); ++i)
+        {
+        }
+        return text;
+    };
+    CLogCapture capture;
+    Cert::CreateCertificateParams create{};
+    create.dwSize = 79;
+    EXPECT_EQ(Cert::CreateCertificate(&create), -1);
+    Cert::ImportCertificateParams import{};
+    import.dwSize = 31;
+    EXPECT_EQ(Cert::ImportCertificate(&import), -1);
+    const struct
+    {
+        const char* file;
+        unsigned base;
+        const char* call;
+    } rows[] = {
+        {"CertificateCreation.cpp", 2000, "QC_CRYPT_LOG(L\"CreateCertificate(pParam = %X)\""},
+        {"CertificateCreation.cpp", 2000, "QC_CRYPT_LOG(L\"CreateCertificate(pParam->dwSize = %d | Expected = %d)\""},
+        {"CertificateImport.cpp", 4000, "QC_CRYPT_LOG(L\"ImportCertificate(pParam = %X)\""},
+        {"CertificateImport.cpp", 4000, "QC_CRYPT_LOG(L\"ImportCertificate(pParam->dwSize = %d | Expected = %d)\""},
+    };
+    ASSERT_EQ(capture.Lines().size(), std::size(rows)) << ::testing::PrintToString(capture.Lines());
+    static const std::wregex printed(L" QcCryptLog \\(([0-9]+)\\) ");
+    for (size_t i = 0; i < std::size(rows); ++i)
+    {
+        SCOPED_TRACE(rows[i].call);
+        std::wsmatch match;
+        ASSERT_TRUE(std::regex_search(capture.Lines()[i], match, printed)) << capture.Lines()[i];
+        const unsigned line = static_cast<unsigned>(std::stoul(match[1].str()));
+        ASSERT_TRUE(line > rows[i].base && line < rows[i].base + 1000) << line;
+        EXPECT_NE(sourceLine(rows[i].file, line - rows[i].base).find(rows[i].call), std::string::npos) << line;
+    }
 }
 
 TEST(CertStore, RefusesEmptyNamesAndDeletesOnlyFromAnOpenStoreAndANullCertificateHasNoName)

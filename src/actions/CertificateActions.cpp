@@ -6,6 +6,7 @@
 #include "actions/Workers.h"
 #include "certificates/CertStore.h"
 #include "certificates/Certificates.h"
+#include "host/ArgumentNames.h"
 #include "logging/Log.h"
 #include "system/ComputerName.h"
 
@@ -13,7 +14,7 @@ namespace Quillcast::Actions {
 
 namespace {
 
-constexpr wchar_t kLogSource[] = L"Certificates";
+constexpr Logging::CLogSource kLogSource{L"Certificates", 0};
 constexpr WORD kExtraValidityYears = 50; // on top of the one year the defaults give
 constexpr DWORD kLocalMachine = 1;
 
@@ -79,20 +80,19 @@ enum class Removal
 
 UINT Uninstall(const wchar_t* pszStoreName, Removal removal, const wchar_t* pszName) noexcept
 {
-    Certificates::CCertStore store;
+    Certificates::CCertStore store; // closed in every case when it goes; a failing close is logged
     if (!store.Open(pszStoreName))
     {
         return ERROR_INSTALL_FAILURE;
     }
     const bool bRemoved = removal == Removal::BySubject ? store.DeleteBySubject(pszName)
                                                          : store.DeleteByIssuer(pszName);
-    store.Close();
     return bRemoved ? ERROR_SUCCESS : ERROR_INSTALL_FAILURE;
 }
 
 const wchar_t* RootName(const Host::CWorkbench* pWorkbench) noexcept
 {
-    return pWorkbench->m_Arguments.GetArgument(L"ROOTCERTNAME");
+    return pWorkbench->m_Arguments.GetArgument(Host::Argument::kRootCertName);
 }
 
 } // namespace
