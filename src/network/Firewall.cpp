@@ -1,16 +1,19 @@
 #include "network/Firewall.h"
 
 #include "logging/Log.h"
+#include "logging/LogHelpers.h"
 #include "network/FirewallDetail.h"
 
 namespace Quillcast::Common::Network {
 
 namespace {
 
-using Detail::Code;
 using Detail::Copy;
-using Detail::kLogSource;
 using Detail::kNotFound;
+using Logging::Code;
+
+// "Firewall" spans the files of CFirewall: lines of this file print from 1000.
+constexpr Logging::CLogSource kLogSource{L"Firewall", 1000};
 
 // The rule interface's classes (the interfaces come with their __uuidof).
 constexpr CLSID kClsidNetFwPolicy2 = {0xE2B3C97F, 0x6AE1, 0x41AC, {0x81, 0x7A, 0xF6, 0xF9, 0x21, 0x66, 0xD7, 0xDD}};
@@ -106,10 +109,10 @@ CFirewall::~CFirewall()
     }
 }
 
-void CFirewall::Fail(const wchar_t* pszText, HRESULT hr) noexcept
+void CFirewall::Fail(const Logging::CLogSource& source, uint32_t line, const wchar_t* pszText, HRESULT hr) noexcept
 {
     SetLastErrorCode(Code(hr));
-    QC_LOG_ERROR(kLogSource) << pszText << Code(hr);
+    QC_LOG_AT(Logging::LOG_LEVEL_ERROR, source, line) << pszText << Code(hr);
 }
 
 void CFirewall::SetDescription(const wchar_t* pszDescription) noexcept
@@ -158,7 +161,7 @@ bool CFirewall::ConnectPolicy2() noexcept
     hr = m_pPolicy2->get_CurrentProfileTypes(&lProfiles);
     if (FAILED(hr))
     {
-        Fail(L"Failed to get firewall current profile with error ", hr);
+        QC_FIREWALL_FAIL(L"Failed to get firewall current profile with error ", hr);
         return false;
     }
     if ((lProfiles & NET_FW_PROFILE2_PUBLIC) != 0 && lProfiles != NET_FW_PROFILE2_PUBLIC)
@@ -182,7 +185,7 @@ bool CFirewall::FindRule() noexcept
         SetLastErrorCode(kRuleMissing);
         return false;
     }
-    Fail(L"Failed trying to find existing exception with error ", hr);
+    QC_FIREWALL_FAIL(L"Failed trying to find existing exception with error ", hr);
     return false;
 }
 
@@ -207,13 +210,13 @@ bool CFirewall::AddRule() noexcept
     HRESULT hr = m_pRule->put_Enabled(VARIANT_TRUE);
     if (FAILED(hr))
     {
-        Fail(L"Failed to to enable exception with error ", hr);
+        QC_FIREWALL_FAIL(L"Failed to to enable exception with error ", hr);
         return false;
     }
     hr = m_pRules->Add(m_pRule.Get());
     if (FAILED(hr))
     {
-        Fail(L"Failed to add exception to the authorized list with error ", hr);
+        QC_FIREWALL_FAIL(L"Failed to add exception to the authorized list with error ", hr);
         return false;
     }
     return true;
@@ -225,7 +228,7 @@ bool CFirewall::CreateRule() noexcept
     if (FAILED(hr))
     {
         m_pRule.Reset();
-        Fail(L"Failed to create NetFwRule object with error ", hr);
+        QC_FIREWALL_FAIL(L"Failed to create NetFwRule object with error ", hr);
         return false;
     }
     return true;
@@ -285,7 +288,7 @@ bool CFirewall::SetRuleProperties() noexcept
         const HRESULT hr = step.pSet(pRule, *this);
         if (FAILED(hr))
         {
-            Fail(step.pszFailure, hr);
+            QC_FIREWALL_FAIL(step.pszFailure, hr);
             return false;
         }
     }
@@ -301,7 +304,7 @@ bool CFirewall::SetEdgeTraversal() noexcept
         hr = m_pRule2->put_EdgeTraversalOptions(kEdgeTraversalDeferToApp);
         if (FAILED(hr))
         {
-            Fail(L"Failed to set EdgeTraversal to deferapp with error ", hr);
+            QC_FIREWALL_FAIL(L"Failed to set EdgeTraversal to deferapp with error ", hr);
             return false;
         }
     }
@@ -311,7 +314,7 @@ bool CFirewall::SetEdgeTraversal() noexcept
         hr = m_pRule->put_EdgeTraversal(VARIANT_TRUE);
         if (FAILED(hr))
         {
-            Fail(L"Failed to set EdgeTraversal to yes with error ", hr);
+            QC_FIREWALL_FAIL(L"Failed to set EdgeTraversal to yes with error ", hr);
             return false;
         }
     }
@@ -325,7 +328,7 @@ bool CFirewall::RemoveRule() noexcept
         const HRESULT hr = m_pRules->Remove(m_bstrName.Get());
         if (FAILED(hr))
         {
-            Fail(L"Failed to remove exception with error ", hr);
+            QC_FIREWALL_FAIL(L"Failed to remove exception with error ", hr);
             return false;
         }
         return true;

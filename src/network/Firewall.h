@@ -8,6 +8,10 @@
 #include "host/types/ComPtr.h"
 #include "host/types/ErrorHandler.h"
 
+namespace Quillcast::Logging {
+struct CLogSource;
+} // namespace Quillcast::Logging
+
 namespace Quillcast::Common::Network {
 
 // One named inbound exception in the Windows Firewall: a set of TCP ports or a
@@ -76,8 +80,10 @@ private:
     [[nodiscard]] bool AddLegacyApplication() noexcept;
     [[nodiscard]] bool RemoveLegacyPorts(const wchar_t* pszPorts) noexcept;
     [[nodiscard]] bool RemoveLegacyApplication() noexcept;
-    // Stores `hr` as the last error and logs `pszText` followed by it.
-    void Fail(const wchar_t* pszText, HRESULT hr) noexcept;
+    // Stores `hr` as the last error and logs `pszText` followed by it, as an
+    // entry of the calling file's `source` at the caller's `line`: called
+    // through QC_FIREWALL_FAIL (FirewallDetail.h).
+    void Fail(const Logging::CLogSource& source, uint32_t line, const wchar_t* pszText, HRESULT hr) noexcept;
 
     System::Types::CBstr m_bstrName;
     System::Types::CBstr m_bstrDescription;

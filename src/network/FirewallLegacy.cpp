@@ -6,17 +6,20 @@
 
 #include "host/types/WideString.h"
 #include "logging/Log.h"
+#include "logging/LogHelpers.h"
 #include "network/FirewallDetail.h"
 
 namespace Quillcast::Common::Network {
 
 namespace {
 
-using Detail::Code;
 using Detail::Copy;
 using Detail::ForEachPort;
-using Detail::kLogSource;
 using Detail::kNotFound;
+using Logging::Code;
+
+// "Firewall" spans the files of CFirewall: lines of this file print from 2000.
+constexpr Logging::CLogSource kLogSource{L"Firewall", 2000};
 
 constexpr CLSID kClsidNetFwMgr = {0x304CE942, 0x6E39, 0x40D8, {0x94, 0x3A, 0xB9, 0x13, 0xC4, 0x0C, 0x9C, 0xD4}};
 constexpr CLSID kClsidNetFwOpenPort = {0x0CA545C6, 0x37AD, 0x4A6C, {0xBF, 0x92, 0x9F, 0x76, 0x10, 0x06, 0x7E, 0xF5}};
@@ -41,7 +44,7 @@ bool CFirewall::ConnectLegacy() noexcept
         m_pFwMgr.Reset();
         m_pPolicy.Reset();
         m_pProfile.Reset();
-        Fail(L"Failed to connect to Windows Firewall with error ", hr);
+        QC_FIREWALL_FAIL(L"Failed to connect to Windows Firewall with error ", hr);
         return false;
     }
     return true;
@@ -57,7 +60,7 @@ bool CFirewall::AddLegacyPorts(const wchar_t* pszPorts) noexcept
     const HRESULT hr = m_pProfile->get_GloballyOpenPorts(m_pOpenPorts.Put());
     if (FAILED(hr))
     {
-        Fail(L"Failed to get list of open ports with error ", hr);
+        QC_FIREWALL_FAIL(L"Failed to get list of open ports with error ", hr);
         return false;
     }
     // Each piece converts as _wtoi converts: "" is port 0, "8080-8090" is 8080.
@@ -77,20 +80,20 @@ bool CFirewall::AddLegacyPort(LONG lPort) noexcept
     }
     if (hr != kNotFound)
     {
-        Fail(L"Failed trying to find existing port with error ", hr);
+        QC_FIREWALL_FAIL(L"Failed trying to find existing port with error ", hr);
         return false;
     }
     hr = ::CoCreateInstance(kClsidNetFwOpenPort, nullptr, CLSCTX_INPROC_SERVER, __uuidof(INetFwOpenPort),
                             m_pOpenPort.PutVoid());
     if (FAILED(hr))
     {
-        Fail(L"Failed to create new open port with error ", hr);
+        QC_FIREWALL_FAIL(L"Failed to create new open port with error ", hr);
         return false;
     }
     hr = m_pOpenPort->put_Name(m_bstrName.Get());
     if (FAILED(hr))
     {
-        Fail(L"Failed to set port name with error ", hr);
+        QC_FIREWALL_FAIL(L"Failed to set port name with error ", hr);
         return false;
     }
     if (m_lProtocol != 0)
@@ -98,14 +101,14 @@ bool CFirewall::AddLegacyPort(LONG lPort) noexcept
         hr = m_pOpenPort->put_Protocol(protocol);
         if (FAILED(hr))
         {
-            Fail(L"Failed to set port protocol with error ", hr);
+            QC_FIREWALL_FAIL(L"Failed to set port protocol with error ", hr);
             return false;
         }
     }
     hr = m_pOpenPort->put_Port(lPort);
     if (FAILED(hr))
     {
-        Fail(L"Failed to set port number with error ", hr);
+        QC_FIREWALL_FAIL(L"Failed to set port number with error ", hr);
         return false;
     }
     if (m_bstrRemoteAddresses)
@@ -113,7 +116,7 @@ bool CFirewall::AddLegacyPort(LONG lPort) noexcept
         hr = m_pOpenPort->put_RemoteAddresses(m_bstrRemoteAddresses.Get());
         if (FAILED(hr))
         {
-            Fail(L"Failed to set port remote addresses with error ", hr);
+            QC_FIREWALL_FAIL(L"Failed to set port remote addresses with error ", hr);
             return false;
         }
     }
@@ -121,13 +124,13 @@ bool CFirewall::AddLegacyPort(LONG lPort) noexcept
     hr = m_pOpenPort->put_Enabled(VARIANT_TRUE);
     if (FAILED(hr))
     {
-        Fail(L"Failed to to enable port with error ", hr);
+        QC_FIREWALL_FAIL(L"Failed to to enable port with error ", hr);
         return false;
     }
     hr = m_pOpenPorts->Add(m_pOpenPort.Get());
     if (FAILED(hr))
     {
-        Fail(L"Failed to add port to the open ports list with error ", hr);
+        QC_FIREWALL_FAIL(L"Failed to add port to the open ports list with error ", hr);
         return false;
     }
     return true;
@@ -143,7 +146,7 @@ bool CFirewall::AddLegacyApplication() noexcept
     HRESULT hr = m_pProfile->get_AuthorizedApplications(m_pAuthorizedApps.Put());
     if (FAILED(hr))
     {
-        Fail(L"Failed to get list of authorized apps with error ", hr);
+        QC_FIREWALL_FAIL(L"Failed to get list of authorized apps with error ", hr);
         return false;
     }
     hr = m_pAuthorizedApps->Item(m_bstrApplication.Get(), m_pAuthorizedApp.Put());
@@ -154,26 +157,26 @@ bool CFirewall::AddLegacyApplication() noexcept
     }
     if (hr != kNotFound)
     {
-        Fail(L"Failed trying to find existing app with error ", hr);
+        QC_FIREWALL_FAIL(L"Failed trying to find existing app with error ", hr);
         return false;
     }
     hr = ::CoCreateInstance(kClsidNetFwAuthorizedApplication, nullptr, CLSCTX_INPROC_SERVER,
                             __uuidof(INetFwAuthorizedApplication), m_pAuthorizedApp.PutVoid());
     if (FAILED(hr))
     {
-        Fail(L"Failed to create authorized app with error ", hr);
+        QC_FIREWALL_FAIL(L"Failed to create authorized app with error ", hr);
         return false;
     }
     hr = m_pAuthorizedApp->put_Name(m_bstrName.Get());
     if (FAILED(hr))
     {
-        Fail(L"Failed to set authorized app name with error ", hr);
+        QC_FIREWALL_FAIL(L"Failed to set authorized app name with error ", hr);
         return false;
     }
     hr = m_pAuthorizedApp->put_ProcessImageFileName(m_bstrApplication.Get());
     if (FAILED(hr))
     {
-        Fail(L"Failed to set authorized app path with error ", hr);
+        QC_FIREWALL_FAIL(L"Failed to set authorized app path with error ", hr);
         return false;
     }
     if (m_bstrRemoteAddresses)
@@ -184,7 +187,7 @@ bool CFirewall::AddLegacyApplication() noexcept
             hr = m_pAuthorizedApp->put_RemoteAddresses(m_bstrRemoteAddresses.Get());
             if (FAILED(hr))
             {
-                Fail(L"Failed to set authorized app remote addresses with error ", hr);
+                QC_FIREWALL_FAIL(L"Failed to set authorized app remote addresses with error ", hr);
                 return false;
             }
         }
@@ -193,13 +196,13 @@ bool CFirewall::AddLegacyApplication() noexcept
     hr = m_pAuthorizedApp->put_Enabled(VARIANT_TRUE);
     if (FAILED(hr))
     {
-        Fail(L"Failed to to enable app with error ", hr);
+        QC_FIREWALL_FAIL(L"Failed to to enable app with error ", hr);
         return false;
     }
     hr = m_pAuthorizedApps->Add(m_pAuthorizedApp.Get());
     if (FAILED(hr))
     {
-        Fail(L"Failed to add app to the authorized apps list with error ", hr);
+        QC_FIREWALL_FAIL(L"Failed to add app to the authorized apps list with error ", hr);
         return false;
     }
     return true;
@@ -233,13 +236,13 @@ bool CFirewall::CheckPort(const wchar_t* pszPort) noexcept
     HRESULT hr = m_pProfile->get_ExceptionsNotAllowed(&bNotAllowed);
     if (FAILED(hr) && bNotAllowed != VARIANT_FALSE)
     {
-        Fail(L"Failed to get list of not allowed exceptions with error ", hr);
+        QC_FIREWALL_FAIL(L"Failed to get list of not allowed exceptions with error ", hr);
         return false;
     }
     hr = m_pProfile->get_GloballyOpenPorts(m_pOpenPorts.Put());
     if (FAILED(hr))
     {
-        Fail(L"Failed to get list of open ports with error ", hr);
+        QC_FIREWALL_FAIL(L"Failed to get list of open ports with error ", hr);
         return false;
     }
     VARIANT_BOOL bEnabled = VARIANT_FALSE;
@@ -251,7 +254,7 @@ bool CFirewall::CheckPort(const wchar_t* pszPort) noexcept
     }
     if (FAILED(hr))
     {
-        Fail(L"Failed to retrieve open port with error ", hr);
+        QC_FIREWALL_FAIL(L"Failed to retrieve open port with error ", hr);
         return false;
     }
     return bEnabled != VARIANT_FALSE;
@@ -283,13 +286,13 @@ bool CFirewall::CheckApplication(const wchar_t* pszPath) noexcept
     HRESULT hr = m_pProfile->get_ExceptionsNotAllowed(&bNotAllowed);
     if (FAILED(hr) && bNotAllowed != VARIANT_FALSE)
     {
-        Fail(L"Failed to get list of not allowed exceptions with error ", hr);
+        QC_FIREWALL_FAIL(L"Failed to get list of not allowed exceptions with error ", hr);
         return false;
     }
     hr = m_pProfile->get_AuthorizedApplications(m_pAuthorizedApps.Put());
     if (FAILED(hr))
     {
-        Fail(L"Failed to get list of authorized apps with error ", hr);
+        QC_FIREWALL_FAIL(L"Failed to get list of authorized apps with error ", hr);
         return false;
     }
     VARIANT_BOOL bEnabled = VARIANT_FALSE;
@@ -300,7 +303,7 @@ bool CFirewall::CheckApplication(const wchar_t* pszPath) noexcept
     }
     if (FAILED(hr))
     {
-        Fail(L"Failed to retrieve authorized app with error ", hr);
+        QC_FIREWALL_FAIL(L"Failed to retrieve authorized app with error ", hr);
         return false;
     }
     return bEnabled != VARIANT_FALSE;
