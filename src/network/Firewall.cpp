@@ -51,62 +51,19 @@ const wchar_t* CFirewall::Construct(const wchar_t* pszName) noexcept
         SetLastErrorCode(Code(E_OUTOFMEMORY));
         return L"SysAllocString failed";
     }
-    const HRESULT hr = ::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
-    if (FAILED(hr) && hr != RPC_E_CHANGED_MODE)
+    // Also balanced by CoUninitialize after RPC_E_CHANGED_MODE: intentional.
+    m_ComInitialization.emplace(COINIT_APARTMENTTHREADED, true);
+    if (!m_ComInitialization->Usable())
     {
-        m_bCoInitialized = false;
-        SetLastErrorCode(Code(hr));
+        SetLastErrorCode(Code(m_ComInitialization->Result()));
         return L"CoInitializeEx failed";
     }
-    // Also set for RPC_E_CHANGED_MODE, so that the destructor uninitialises
-    // although this call did not count: intentional.
-    m_bCoInitialized = true;
 
     m_bPolicy2 = ConnectPolicy2();
-
-    // The defaults are set after the connection on purpose: the profile mask
-    // that ConnectPolicy2 read is discarded, every rule applies to all profiles
-    // unless the caller says otherwise.
-    m_bstrDescription.Put();
-    m_bstrApplication.Put();
-    m_bstrService.Put();
-    m_bstrLocalPorts.Put();
-    m_bstrRemotePorts.Put();
-    m_bstrRemoteAddresses.Put();
-    m_bstrLocalAddresses.Put();
-    m_lDirection = NET_FW_RULE_DIR_IN;
+    // The profile mask that ConnectPolicy2 read is discarded on purpose: every
+    // rule applies to all profiles unless the caller says otherwise.
     m_lProfiles = NET_FW_PROFILE2_ALL;
-    m_lProtocol = NET_FW_IP_PROTOCOL_TCP;
-    m_pAuthorizedApps.Reset();
-    m_pAuthorizedApp.Reset();
-    m_pOpenPorts.Reset();
-    m_pOpenPort.Reset();
-    m_pPolicy.Reset();
-    m_pProfile.Reset();
-    m_pFwMgr.Reset();
-    m_pRule.Reset();
-    m_pRule2.Reset();
     return nullptr;
-}
-
-CFirewall::~CFirewall()
-{
-    // Every interface goes before COM is uninitialised.
-    m_pAuthorizedApps.Reset();
-    m_pAuthorizedApp.Reset();
-    m_pOpenPorts.Reset();
-    m_pOpenPort.Reset();
-    m_pPolicy.Reset();
-    m_pPolicy2.Reset();
-    m_pProfile.Reset();
-    m_pFwMgr.Reset();
-    m_pRules.Reset();
-    m_pRule.Reset();
-    m_pRule2.Reset();
-    if (m_bCoInitialized)
-    {
-        ::CoUninitialize();
-    }
 }
 
 void CFirewall::Fail(const Logging::CLogSource& source, uint32_t line, const wchar_t* pszText, HRESULT hr) noexcept
@@ -227,7 +184,6 @@ bool CFirewall::CreateRule() noexcept
     const HRESULT hr = ::CoCreateInstance(kClsidNetFwRule, nullptr, kClsctxAll, __uuidof(INetFwRule), m_pRule.PutVoid());
     if (FAILED(hr))
     {
-        m_pRule.Reset();
         QC_FIREWALL_FAIL(L"Failed to create NetFwRule object with error ", hr);
         return false;
     }
@@ -310,7 +266,6 @@ bool CFirewall::SetEdgeTraversal() noexcept
     }
     else
     {
-        m_pRule2.Reset();
         hr = m_pRule->put_EdgeTraversal(VARIANT_TRUE);
         if (FAILED(hr))
         {

@@ -4,6 +4,7 @@
 #include <netfw.h>
 
 #include <cstdint>
+#include <optional>
 
 #include "host/types/ComPtr.h"
 #include "host/types/ErrorHandler.h"
@@ -27,11 +28,14 @@ class CFirewall : public System::Types::CErrorHandler
 public:
     // Initialises COM (apartment-threaded) and connects to the rule interface.
     // A bad name or a COM failure is logged here and leaves an object whose
-    // operations fail in their turn.
+    // operations fail in their turn. COM is uninitialised on destruction when
+    // the initialisation here succeeded, and also when the thread was already
+    // in the multithreaded model (RPC_E_CHANGED_MODE): that unbalanced
+    // CoUninitialize is intentional.
     explicit CFirewall(const wchar_t* pszName) noexcept;
     CFirewall(const CFirewall&) = delete;
     CFirewall& operator=(const CFirewall&) = delete;
-    ~CFirewall() override;
+    ~CFirewall() override = default;
 
     // Optional settings, to be made between construction and the operation.
     // A copy that cannot be allocated leaves the setting unset, unreported:
@@ -85,6 +89,9 @@ private:
     // through QC_FIREWALL_FAIL (FirewallDetail.h).
     void Fail(const Logging::CLogSource& source, uint32_t line, const wchar_t* pszText, HRESULT hr) noexcept;
 
+    // Destroyed in the reverse of this order: first the interfaces (the
+    // legacy lists' objects, then the rule interface's), then the COM
+    // initialisation, which must outlive them, then the strings.
     System::Types::CBstr m_bstrName;
     System::Types::CBstr m_bstrDescription;
     System::Types::CBstr m_bstrApplication;
@@ -97,19 +104,20 @@ private:
     int32_t m_lDirection = NET_FW_RULE_DIR_IN;
     int32_t m_lProfiles = NET_FW_PROFILE2_ALL;
     int32_t m_lProtocol = NET_FW_IP_PROTOCOL_TCP;
-    System::Types::CComPtr<INetFwAuthorizedApplications> m_pAuthorizedApps;
-    System::Types::CComPtr<INetFwAuthorizedApplication> m_pAuthorizedApp;
-    System::Types::CComPtr<INetFwOpenPorts> m_pOpenPorts;
-    System::Types::CComPtr<INetFwOpenPort> m_pOpenPort;
-    System::Types::CComPtr<INetFwPolicy> m_pPolicy;
-    System::Types::CComPtr<INetFwPolicy2> m_pPolicy2;
-    System::Types::CComPtr<INetFwProfile> m_pProfile;
-    System::Types::CComPtr<INetFwMgr> m_pFwMgr;
-    System::Types::CComPtr<INetFwRules> m_pRules;
-    System::Types::CComPtr<INetFwRule> m_pRule;
+    // Empty when the name was refused before COM was asked for.
+    std::optional<System::Types::CComInitialization> m_ComInitialization;
     System::Types::CComPtr<INetFwRule2> m_pRule2;
+    System::Types::CComPtr<INetFwRule> m_pRule;
+    System::Types::CComPtr<INetFwRules> m_pRules;
+    System::Types::CComPtr<INetFwMgr> m_pFwMgr;
+    System::Types::CComPtr<INetFwProfile> m_pProfile;
+    System::Types::CComPtr<INetFwPolicy2> m_pPolicy2;
+    System::Types::CComPtr<INetFwPolicy> m_pPolicy;
+    System::Types::CComPtr<INetFwOpenPort> m_pOpenPort;
+    System::Types::CComPtr<INetFwOpenPorts> m_pOpenPorts;
+    System::Types::CComPtr<INetFwAuthorizedApplication> m_pAuthorizedApp;
+    System::Types::CComPtr<INetFwAuthorizedApplications> m_pAuthorizedApps;
     bool m_bPolicy2 = false;
-    bool m_bCoInitialized = false;
 };
 
 } // namespace Quillcast::Common::Network
