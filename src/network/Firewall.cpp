@@ -29,6 +29,22 @@ constexpr uint32_t kRuleMissing = ERROR_FILE_NOT_FOUND;
 
 } // namespace
 
+// What tells the public operations apart. The argument is first copied into
+// `pKept` (RemovePort keeps nothing: the rule goes by its name, and the lists'
+// walk keeps each port as it checks it); then either the legacy lists get the
+// argument, or the rule interface does its part, whose failure is summed up
+// with `pszRuleFailure`.
+struct CFirewall::Operation
+{
+    System::Types::CBstr CFirewall::*pKept;
+    const wchar_t* pszKeepFailure;
+    bool (CFirewall::*pOnLists)(const wchar_t*) noexcept;
+    bool (CFirewall::*pOnRule)() noexcept;
+    // A program's rule is for every protocol; on the lists it keeps TCP.
+    bool bAnyProtocol;
+    const wchar_t* pszRuleFailure;
+};
+
 CFirewall::CFirewall(const wchar_t* pszName) noexcept
 {
     const wchar_t* pszRaised = Construct(pszName);
@@ -101,7 +117,8 @@ void CFirewall::SetLocalPorts(const wchar_t* pszPorts) noexcept
 
 bool CFirewall::ConnectPolicy2() noexcept
 {
-    HRESULT hr = ::CoCreateInstance(kClsidNetFwPolicy2, nullptr, kClsctxAll, __uuidof(INetFwPolicy2), m_pPolicy2.PutVoid());
+    HRESULT hr =
+        ::CoCreateInstance(kClsidNetFwPolicy2, nullptr, kClsctxAll, __uuidof(INetFwPolicy2), m_pPolicy2.PutVoid());
     if (SUCCEEDED(hr))
     {
         hr = m_pPolicy2->get_Rules(m_pRules.Put());
@@ -151,7 +168,8 @@ bool CFirewall::AddRule() noexcept
     if (FindRule())
     {
         // Only enabled again: the existing rule keeps its ports and settings.
-        (void)m_pRule->put_Enabled(VARIANT_TRUE); // as before, a refusal does not fail the add
+        // Not checked: the rule the add asks for exists, enabled or not.
+        (void)m_pRule->put_Enabled(VARIANT_TRUE);
         return true;
     }
     if (LastError() != kRuleMissing)
@@ -181,7 +199,8 @@ bool CFirewall::AddRule() noexcept
 
 bool CFirewall::CreateRule() noexcept
 {
-    const HRESULT hr = ::CoCreateInstance(kClsidNetFwRule, nullptr, kClsctxAll, __uuidof(INetFwRule), m_pRule.PutVoid());
+    const HRESULT hr =
+        ::CoCreateInstance(kClsidNetFwRule, nullptr, kClsctxAll, __uuidof(INetFwRule), m_pRule.PutVoid());
     if (FAILED(hr))
     {
         QC_FIREWALL_FAIL(L"Failed to create NetFwRule object with error ", hr);
@@ -300,74 +319,66 @@ bool CFirewall::RemoveRule() noexcept
 
 bool CFirewall::AddPort(const wchar_t* pszPorts) noexcept
 {
-    if (!Copy(m_bstrLocalPorts, pszPorts))
-    {
-        SetLastErrorCode(Code(E_OUTOFMEMORY));
-        QC_LOG_ERROR(kLogSource) << L"Failed SysAllocString for ports";
-        return false;
-    }
-    if (!m_bPolicy2)
-    {
-        return AddLegacyPorts(pszPorts);
-    }
-    if (!AddRule())
-    {
-        QC_LOG_ERROR(kLogSource) << L"Failed to add port exception with error " << LastError();
-        return false;
-    }
-    return true;
+    return Run({&CFirewall::m_bstrLocalPorts, L"Failed SysAllocString for ports", &CFirewall::AddLegacyPorts,
+                &CFirewall::AddRule, false, L"Failed to add port exception with error "},
+               pszPorts);
 }
 
 bool CFirewall::AddApplication(const wchar_t* pszPath) noexcept
 {
-    if (!Copy(m_bstrApplication, pszPath))
-    {
-        SetLastErrorCode(Code(E_OUTOFMEMORY));
-        QC_LOG_ERROR(kLogSource) << L"Failed SysAllocString for path";
-        return false;
-    }
-    if (!m_bPolicy2)
-    {
-        return AddLegacyApplication();
-    }
-    m_lProtocol = kProtocolAny;
-    if (!AddRule())
-    {
-        QC_LOG_ERROR(kLogSource) << L"Failed to add exception with error " << LastError();
-        return false;
-    }
-    return true;
+    return Run({&CFirewall::m_bstrApplication, L"Failed SysAllocString for path", &CFirewall::AddLegacyApplication,
+                &CFirewall::AddRule, true, L"Failed to add exception with error "},
+               pszPath);
 }
 
 bool CFirewall::RemovePort(const wchar_t* pszPorts) noexcept
 {
-    if (!m_bPolicy2)
-    {
-        return RemoveLegacyPorts(pszPorts);
-    }
-    if (!RemoveRule())
-    {
-        QC_LOG_ERROR(kLogSource) << L"Failed to remove exception with error " << LastError();
-        return false;
-    }
-    return true;
+    return Run({nullptr, nullptr, &CFirewall::RemoveLegacyPorts, &CFirewall::RemoveRule, false,
+                L"Failed to remove exception with error "},
+               pszPorts);
 }
 
 bool CFirewall::RemoveApplication(const wchar_t* pszPath) noexcept
 {
-    if (!Copy(m_bstrApplication, pszPath))
+    return Run({&CFirewall::m_bstrApplication, L"Failed SysAllocString for path", &CFirewall::RemoveLegacyApplication,
+                &CFirewall::RemoveRule, false, L"Failed to remove exception with error "},
+               pszPath);
+}
+
+// On the rule path a check only asks for the rule by its name.
+bool CFirewall::CheckPort(const wchar_t* pszPort) noexcept
+{
+    return Run({&CFirewall::m_bstrLocalPorts, L"Failed SysAllocString for ports", &CFirewall::CheckLegacyPort,
+                &CFirewall::FindRule, false, L"Failed to check port exception with error "},
+               pszPort);
+}
+
+bool CFirewall::CheckApplication(const wchar_t* pszPath) noexcept
+{
+    return Run({&CFirewall::m_bstrApplication, L"Failed SysAllocString for path", &CFirewall::CheckLegacyApplication,
+                &CFirewall::FindRule, false, L"Failed to check exception with error "},
+               pszPath);
+}
+
+bool CFirewall::Run(const Operation& operation, const wchar_t* pszArgument) noexcept
+{
+    if (operation.pKept != nullptr && !Copy(this->*operation.pKept, pszArgument))
     {
         SetLastErrorCode(Code(E_OUTOFMEMORY));
-        QC_LOG_ERROR(kLogSource) << L"Failed SysAllocString for path";
+        QC_LOG_ERROR(kLogSource) << operation.pszKeepFailure;
         return false;
     }
     if (!m_bPolicy2)
     {
-        return RemoveLegacyApplication();
+        return (this->*operation.pOnLists)(pszArgument);
     }
-    if (!RemoveRule())
+    if (operation.bAnyProtocol)
     {
-        QC_LOG_ERROR(kLogSource) << L"Failed to remove exception with error " << LastError();
+        m_lProtocol = kProtocolAny;
+    }
+    if (!(this->*operation.pOnRule)())
+    {
+        QC_LOG_ERROR(kLogSource) << operation.pszRuleFailure << LastError();
         return false;
     }
     return true;

@@ -70,7 +70,15 @@ public:
     [[nodiscard]] bool CheckApplication(const wchar_t* pszPath) noexcept;
 
 private:
+    // One public operation as data: what it keeps of its argument and what it
+    // does on the legacy lists and on the rule interface (Firewall.cpp).
+    struct Operation;
+
+    // The shared front end of the six public operations.
+    [[nodiscard]] bool Run(const Operation& operation, const wchar_t* pszArgument) noexcept;
     const wchar_t* Construct(const wchar_t* pszName) noexcept;
+
+    // The rule interface (Firewall.cpp).
     [[nodiscard]] bool ConnectPolicy2() noexcept;
     [[nodiscard]] bool FindRule() noexcept;
     [[nodiscard]] bool AddRule() noexcept;
@@ -78,12 +86,24 @@ private:
     [[nodiscard]] bool SetRuleProperties() noexcept;
     [[nodiscard]] bool SetEdgeTraversal() noexcept;
     [[nodiscard]] bool RemoveRule() noexcept;
+
+    // The legacy lists (FirewallLegacyLists.cpp). Each takes the public
+    // operation's argument; the program ones work on its BSTR copy,
+    // m_bstrApplication, instead, and the port checks on m_bstrLocalPorts.
     [[nodiscard]] bool ConnectLegacy() noexcept;
-    [[nodiscard]] bool AddLegacyPort(LONG lPort) noexcept;
     [[nodiscard]] bool AddLegacyPorts(const wchar_t* pszPorts) noexcept;
-    [[nodiscard]] bool AddLegacyApplication() noexcept;
+    [[nodiscard]] bool AddLegacyPort(LONG lPort) noexcept;
+    [[nodiscard]] bool AddLegacyApplication(const wchar_t* pszPath) noexcept;
     [[nodiscard]] bool RemoveLegacyPorts(const wchar_t* pszPorts) noexcept;
-    [[nodiscard]] bool RemoveLegacyApplication() noexcept;
+    [[nodiscard]] bool RemoveLegacyApplication(const wchar_t* pszPath) noexcept;
+    [[nodiscard]] bool CheckLegacyPort(const wchar_t* pszPort) noexcept;
+    [[nodiscard]] bool CheckLegacyApplication(const wchar_t* pszPath) noexcept;
+    // The shared part of the two checks: `getList` reads the list from the
+    // profile, `getEnabled` finds the entry in it and reads its Enabled flag.
+    [[nodiscard]] bool CheckLegacyEntry(HRESULT (*getList)(CFirewall&), const wchar_t* pszListFailure,
+                                        HRESULT (*getEnabled)(CFirewall&, VARIANT_BOOL&),
+                                        const wchar_t* pszEntryFailure) noexcept;
+
     // Stores `hr` as the last error and logs `pszText` followed by it, as an
     // entry of the calling file's `source` at the caller's `line`: called
     // through QC_FIREWALL_FAIL (FirewallDetail.h).

@@ -1,7 +1,7 @@
 #pragma once
 
-// What the two source files of CFirewall share: the rule path (Firewall.cpp)
-// and the legacy lists (FirewallLegacy.cpp).
+// What the source files of CFirewall share: the front end and the rule path
+// (Firewall.cpp) and the legacy lists (FirewallLegacyLists.cpp).
 #include <windows.h>
 #include <oleauto.h>
 

@@ -403,7 +403,7 @@ TEST_F(FirewallTest, FailureEntriesCarryTheLineOfTheirCallInTheirFile)
     } rows[] = {
         {"Firewall.cpp", 1000, {Fails(L"Policy2.CurrentProfileTypes")},
          "Failed to get firewall current profile with error "},
-        {"FirewallLegacy.cpp", 2000, {kLegacy, Fails(L"Create.NetFwMgr")},
+        {"FirewallLegacyLists.cpp", 2000, {kLegacy, Fails(L"Create.NetFwMgr")},
          "Failed to connect to Windows Firewall with error "},
     };
     for (const auto& row : rows)

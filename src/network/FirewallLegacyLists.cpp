@@ -13,7 +13,6 @@ namespace Quillcast::Common::Network {
 
 namespace {
 
-using Detail::Copy;
 using Detail::ForEachPort;
 using Detail::kNotFound;
 using Logging::Code;
@@ -30,7 +29,8 @@ constexpr CLSID kClsidNetFwAuthorizedApplication = {
 
 bool CFirewall::ConnectLegacy() noexcept
 {
-    HRESULT hr = ::CoCreateInstance(kClsidNetFwMgr, nullptr, CLSCTX_INPROC_SERVER, __uuidof(INetFwMgr), m_pFwMgr.PutVoid());
+    HRESULT hr =
+        ::CoCreateInstance(kClsidNetFwMgr, nullptr, CLSCTX_INPROC_SERVER, __uuidof(INetFwMgr), m_pFwMgr.PutVoid());
     if (SUCCEEDED(hr))
     {
         hr = m_pFwMgr->get_LocalPolicy(m_pPolicy.Put());
@@ -75,7 +75,8 @@ bool CFirewall::AddLegacyPort(LONG lPort) noexcept
     HRESULT hr = m_pOpenPorts->Item(lPort, protocol, m_pOpenPort.Put());
     if (SUCCEEDED(hr))
     {
-        (void)m_pOpenPort->put_Enabled(VARIANT_TRUE); // as before, a refusal does not fail the add
+        // Not checked: the port the add asks for is listed, enabled or not.
+        (void)m_pOpenPort->put_Enabled(VARIANT_TRUE);
         return true;
     }
     if (hr != kNotFound)
@@ -136,7 +137,7 @@ bool CFirewall::AddLegacyPort(LONG lPort) noexcept
     return true;
 }
 
-bool CFirewall::AddLegacyApplication() noexcept
+bool CFirewall::AddLegacyApplication(const wchar_t* /*pszPath: see m_bstrApplication*/) noexcept
 {
     if (!ConnectLegacy())
     {
@@ -152,7 +153,8 @@ bool CFirewall::AddLegacyApplication() noexcept
     hr = m_pAuthorizedApps->Item(m_bstrApplication.Get(), m_pAuthorizedApp.Put());
     if (SUCCEEDED(hr))
     {
-        (void)m_pAuthorizedApp->put_Enabled(VARIANT_TRUE); // as before, a refusal does not fail the add
+        // Not checked: the program the add asks for is listed, enabled or not.
+        (void)m_pAuthorizedApp->put_Enabled(VARIANT_TRUE);
         return true;
     }
     if (hr != kNotFound)
@@ -208,23 +210,36 @@ bool CFirewall::AddLegacyApplication() noexcept
     return true;
 }
 
-bool CFirewall::CheckPort(const wchar_t* pszPort) noexcept
+bool CFirewall::CheckLegacyPort(const wchar_t* /*pszPort: see m_bstrLocalPorts*/) noexcept
 {
-    if (!Copy(m_bstrLocalPorts, pszPort))
-    {
-        SetLastErrorCode(Code(E_OUTOFMEMORY));
-        QC_LOG_ERROR(kLogSource) << L"Failed SysAllocString for ports";
-        return false;
-    }
-    if (m_bPolicy2)
-    {
-        if (FindRule())
-        {
-            return true;
-        }
-        QC_LOG_ERROR(kLogSource) << L"Failed to check port exception with error " << LastError();
-        return false;
-    }
+    return CheckLegacyEntry(
+        [](CFirewall& f) { return f.m_pProfile->get_GloballyOpenPorts(f.m_pOpenPorts.Put()); },
+        L"Failed to get list of open ports with error ",
+        [](CFirewall& f, VARIANT_BOOL& bEnabled) {
+            const LONG lPort = static_cast<LONG>(::_wtoi(f.m_bstrLocalPorts.Get()));
+            const HRESULT hr =
+                f.m_pOpenPorts->Item(lPort, static_cast<NET_FW_IP_PROTOCOL>(f.m_lProtocol), f.m_pOpenPort.Put());
+            return SUCCEEDED(hr) ? f.m_pOpenPort->get_Enabled(&bEnabled) : hr;
+        },
+        L"Failed to retrieve open port with error ");
+}
+
+bool CFirewall::CheckLegacyApplication(const wchar_t* /*pszPath: see m_bstrApplication*/) noexcept
+{
+    return CheckLegacyEntry(
+        [](CFirewall& f) { return f.m_pProfile->get_AuthorizedApplications(f.m_pAuthorizedApps.Put()); },
+        L"Failed to get list of authorized apps with error ",
+        [](CFirewall& f, VARIANT_BOOL& bEnabled) {
+            const HRESULT hr = f.m_pAuthorizedApps->Item(f.m_bstrApplication.Get(), f.m_pAuthorizedApp.Put());
+            return SUCCEEDED(hr) ? f.m_pAuthorizedApp->get_Enabled(&bEnabled) : hr;
+        },
+        L"Failed to retrieve authorized app with error ");
+}
+
+bool CFirewall::CheckLegacyEntry(HRESULT (*getList)(CFirewall&), const wchar_t* pszListFailure,
+                                 HRESULT (*getEnabled)(CFirewall&, VARIANT_BOOL&),
+                                 const wchar_t* pszEntryFailure) noexcept
+{
     if (!ConnectLegacy())
     {
         QC_LOG_ERROR(kLogSource) << L"Failed to get current profile with error " << LastError();
@@ -239,71 +254,17 @@ bool CFirewall::CheckPort(const wchar_t* pszPort) noexcept
         QC_FIREWALL_FAIL(L"Failed to get list of not allowed exceptions with error ", hr);
         return false;
     }
-    hr = m_pProfile->get_GloballyOpenPorts(m_pOpenPorts.Put());
+    hr = getList(*this);
     if (FAILED(hr))
     {
-        QC_FIREWALL_FAIL(L"Failed to get list of open ports with error ", hr);
+        QC_FIREWALL_FAIL(pszListFailure, hr);
         return false;
     }
     VARIANT_BOOL bEnabled = VARIANT_FALSE;
-    hr = m_pOpenPorts->Item(static_cast<LONG>(::_wtoi(m_bstrLocalPorts.Get())),
-                            static_cast<NET_FW_IP_PROTOCOL>(m_lProtocol), m_pOpenPort.Put());
-    if (SUCCEEDED(hr))
-    {
-        hr = m_pOpenPort->get_Enabled(&bEnabled);
-    }
+    hr = getEnabled(*this, bEnabled);
     if (FAILED(hr))
     {
-        QC_FIREWALL_FAIL(L"Failed to retrieve open port with error ", hr);
-        return false;
-    }
-    return bEnabled != VARIANT_FALSE;
-}
-
-bool CFirewall::CheckApplication(const wchar_t* pszPath) noexcept
-{
-    if (!Copy(m_bstrApplication, pszPath))
-    {
-        SetLastErrorCode(Code(E_OUTOFMEMORY));
-        QC_LOG_ERROR(kLogSource) << L"Failed SysAllocString for path";
-        return false;
-    }
-    if (m_bPolicy2)
-    {
-        if (FindRule())
-        {
-            return true;
-        }
-        QC_LOG_ERROR(kLogSource) << L"Failed to check exception with error " << LastError();
-        return false;
-    }
-    if (!ConnectLegacy())
-    {
-        QC_LOG_ERROR(kLogSource) << L"Failed to get current profile with error " << LastError();
-        return false;
-    }
-    VARIANT_BOOL bNotAllowed = VARIANT_FALSE;
-    HRESULT hr = m_pProfile->get_ExceptionsNotAllowed(&bNotAllowed);
-    if (FAILED(hr) && bNotAllowed != VARIANT_FALSE)
-    {
-        QC_FIREWALL_FAIL(L"Failed to get list of not allowed exceptions with error ", hr);
-        return false;
-    }
-    hr = m_pProfile->get_AuthorizedApplications(m_pAuthorizedApps.Put());
-    if (FAILED(hr))
-    {
-        QC_FIREWALL_FAIL(L"Failed to get list of authorized apps with error ", hr);
-        return false;
-    }
-    VARIANT_BOOL bEnabled = VARIANT_FALSE;
-    hr = m_pAuthorizedApps->Item(m_bstrApplication.Get(), m_pAuthorizedApp.Put());
-    if (SUCCEEDED(hr))
-    {
-        hr = m_pAuthorizedApp->get_Enabled(&bEnabled);
-    }
-    if (FAILED(hr))
-    {
-        QC_FIREWALL_FAIL(L"Failed to retrieve authorized app with error ", hr);
+        QC_FIREWALL_FAIL(pszEntryFailure, hr);
         return false;
     }
     return bEnabled != VARIANT_FALSE;
@@ -338,7 +299,7 @@ bool CFirewall::RemoveLegacyPorts(const wchar_t* pszPorts) noexcept
     });
 }
 
-bool CFirewall::RemoveLegacyApplication() noexcept
+bool CFirewall::RemoveLegacyApplication(const wchar_t* /*pszPath: see m_bstrApplication*/) noexcept
 {
     if (!CheckApplication(m_bstrApplication.Get()))
     {
