@@ -3,6 +3,7 @@
 #include <cstdlib>
 
 #include "actions/Workers.h"
+#include "host/ArgumentNames.h"
 #include "network/Firewall.h"
 
 namespace Quillcast::Actions {
@@ -10,6 +11,7 @@ namespace Quillcast::Actions {
 namespace {
 
 using Common::Network::CFirewall;
+namespace Argument = Host::Argument;
 
 enum class FirewallOperation
 {
@@ -24,36 +26,36 @@ enum class FirewallOperation
 // exception only; of the port exception it is the main argument.
 void ApplySettings(CFirewall& firewall, const Host::CMsiArguments& arguments, bool bProgram)
 {
-    if (const wchar_t* value = arguments.GetArgument(L"RULEDESCRIPTION"))
+    if (const wchar_t* value = arguments.GetArgument(Argument::kRuleDescription))
     {
         firewall.SetDescription(value);
     }
-    if (const wchar_t* value = arguments.GetArgument(L"PROFILE"))
+    if (const wchar_t* value = arguments.GetArgument(Argument::kProfile))
     {
         firewall.SetProfiles(::_wtoi(value));
     }
-    if (const wchar_t* value = arguments.GetArgument(L"REMOTEADDRESSES"))
+    if (const wchar_t* value = arguments.GetArgument(Argument::kRemoteAddresses))
     {
         firewall.SetRemoteAddresses(value);
     }
-    if (const wchar_t* value = arguments.GetArgument(L"REMOTEPORTS"))
+    if (const wchar_t* value = arguments.GetArgument(Argument::kRemotePorts))
     {
         firewall.SetRemotePorts(value);
     }
-    if (const wchar_t* value = arguments.GetArgument(L"LOCALADDRESSES"))
+    if (const wchar_t* value = arguments.GetArgument(Argument::kLocalAddresses))
     {
         firewall.SetLocalAddresses(value);
     }
     if (bProgram)
     {
-        if (const wchar_t* value = arguments.GetArgument(L"LOCALPORTS"))
+        if (const wchar_t* value = arguments.GetArgument(Argument::kLocalPorts))
         {
             firewall.SetLocalPorts(value);
         }
     }
     // The service name replaces the local addresses and never reaches the
     // rule's service: intentional, installers depend on this mapping.
-    if (const wchar_t* value = arguments.GetArgument(L"SERVICENAME"))
+    if (const wchar_t* value = arguments.GetArgument(Argument::kServiceName))
     {
         firewall.SetLocalAddresses(value);
     }
@@ -64,14 +66,14 @@ UINT RunFirewallOperation(const Host::CWorkbench* pWorkbench, FirewallOperation 
 {
     const Host::CMsiArguments& arguments = pWorkbench->m_Arguments;
     // A bad name is logged by the constructor and fails the operation later.
-    CFirewall firewall(arguments.GetArgument(L"RULENAME"));
+    CFirewall firewall(arguments.GetArgument(Argument::kRuleName));
 
     const bool bPort = operation == FirewallOperation::AddPort || operation == FirewallOperation::RemovePort;
     if (operation == FirewallOperation::AddPort || operation == FirewallOperation::AddApplication)
     {
         ApplySettings(firewall, arguments, !bPort);
     }
-    const wchar_t* pszMain = arguments.GetArgument(bPort ? L"LOCALPORTS" : L"PROGRAMNAME");
+    const wchar_t* pszMain = arguments.GetArgument(bPort ? Argument::kLocalPorts : Argument::kProgramName);
     if (pszMain == nullptr)
     {
         return ERROR_INVALID_PARAMETER;

@@ -1,16 +1,19 @@
 #include "network/Firewall.h"
 
 #include "logging/Log.h"
+#include "logging/LogHelpers.h"
 #include "network/FirewallDetail.h"
 
 namespace Quillcast::Common::Network {
 
 namespace {
 
-using Detail::Code;
 using Detail::Copy;
-using Detail::kLogSource;
 using Detail::kNotFound;
+using Logging::Code;
+
+// "Firewall" spans the files of CFirewall: lines of this file print from 1000.
+constexpr Logging::CLogSource kLogSource{L"Firewall", 1000};
 
 // The rule interface's classes (the interfaces come with their __uuidof).
 constexpr CLSID kClsidNetFwPolicy2 = {0xE2B3C97F, 0x6AE1, 0x41AC, {0x81, 0x7A, 0xF6, 0xF9, 0x21, 0x66, 0xD7, 0xDD}};
@@ -25,6 +28,22 @@ constexpr uint32_t kRuleFound = ERROR_FILE_EXISTS;
 constexpr uint32_t kRuleMissing = ERROR_FILE_NOT_FOUND;
 
 } // namespace
+
+// What tells the public operations apart. The argument is first copied into
+// `pKept` (RemovePort keeps nothing: the rule goes by its name, and the lists'
+// walk keeps each port as it checks it); then either the legacy lists get the
+// argument, or the rule interface does its part, whose failure is summed up
+// with `pszRuleFailure`.
+struct CFirewall::Operation
+{
+    System::Types::CBstr CFirewall::*pKept;
+    const wchar_t* pszKeepFailure;
+    bool (CFirewall::*pOnLists)(const wchar_t*) noexcept;
+    bool (CFirewall::*pOnRule)() noexcept;
+    // A program's rule is for every protocol; on the lists it keeps TCP.
+    bool bAnyProtocol;
+    const wchar_t* pszRuleFailure;
+};
 
 CFirewall::CFirewall(const wchar_t* pszName) noexcept
 {
@@ -48,68 +67,25 @@ const wchar_t* CFirewall::Construct(const wchar_t* pszName) noexcept
         SetLastErrorCode(Code(E_OUTOFMEMORY));
         return L"SysAllocString failed";
     }
-    const HRESULT hr = ::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
-    if (FAILED(hr) && hr != RPC_E_CHANGED_MODE)
+    // Also balanced by CoUninitialize after RPC_E_CHANGED_MODE: intentional.
+    m_ComInitialization.emplace(COINIT_APARTMENTTHREADED, true);
+    if (!m_ComInitialization->Usable())
     {
-        m_bCoInitialized = false;
-        SetLastErrorCode(Code(hr));
+        SetLastErrorCode(Code(m_ComInitialization->Result()));
         return L"CoInitializeEx failed";
     }
-    // Also set for RPC_E_CHANGED_MODE, so that the destructor uninitialises
-    // although this call did not count: intentional.
-    m_bCoInitialized = true;
 
     m_bPolicy2 = ConnectPolicy2();
-
-    // The defaults are set after the connection on purpose: the profile mask
-    // that ConnectPolicy2 read is discarded, every rule applies to all profiles
-    // unless the caller says otherwise.
-    m_bstrDescription.Put();
-    m_bstrApplication.Put();
-    m_bstrService.Put();
-    m_bstrLocalPorts.Put();
-    m_bstrRemotePorts.Put();
-    m_bstrRemoteAddresses.Put();
-    m_bstrLocalAddresses.Put();
-    m_lDirection = NET_FW_RULE_DIR_IN;
+    // The profile mask that ConnectPolicy2 read is discarded on purpose: every
+    // rule applies to all profiles unless the caller says otherwise.
     m_lProfiles = NET_FW_PROFILE2_ALL;
-    m_lProtocol = NET_FW_IP_PROTOCOL_TCP;
-    m_pAuthorizedApps.Reset();
-    m_pAuthorizedApp.Reset();
-    m_pOpenPorts.Reset();
-    m_pOpenPort.Reset();
-    m_pPolicy.Reset();
-    m_pProfile.Reset();
-    m_pFwMgr.Reset();
-    m_pRule.Reset();
-    m_pRule2.Reset();
     return nullptr;
 }
 
-CFirewall::~CFirewall()
-{
-    // Every interface goes before COM is uninitialised.
-    m_pAuthorizedApps.Reset();
-    m_pAuthorizedApp.Reset();
-    m_pOpenPorts.Reset();
-    m_pOpenPort.Reset();
-    m_pPolicy.Reset();
-    m_pPolicy2.Reset();
-    m_pProfile.Reset();
-    m_pFwMgr.Reset();
-    m_pRules.Reset();
-    m_pRule.Reset();
-    m_pRule2.Reset();
-    if (m_bCoInitialized)
-    {
-        ::CoUninitialize();
-    }
-}
-
-void CFirewall::Fail(const wchar_t* pszText, HRESULT hr) noexcept
+void CFirewall::Fail(const Logging::CLogSource& source, uint32_t line, const wchar_t* pszText, HRESULT hr) noexcept
 {
     SetLastErrorCode(Code(hr));
-    QC_LOG_ERROR(kLogSource) << pszText << Code(hr);
+    QC_LOG_AT(Logging::LOG_LEVEL_ERROR, source, line) << pszText << Code(hr);
 }
 
 void CFirewall::SetDescription(const wchar_t* pszDescription) noexcept
@@ -141,7 +117,8 @@ void CFirewall::SetLocalPorts(const wchar_t* pszPorts) noexcept
 
 bool CFirewall::ConnectPolicy2() noexcept
 {
-    HRESULT hr = ::CoCreateInstance(kClsidNetFwPolicy2, nullptr, kClsctxAll, __uuidof(INetFwPolicy2), m_pPolicy2.PutVoid());
+    HRESULT hr =
+        ::CoCreateInstance(kClsidNetFwPolicy2, nullptr, kClsctxAll, __uuidof(INetFwPolicy2), m_pPolicy2.PutVoid());
     if (SUCCEEDED(hr))
     {
         hr = m_pPolicy2->get_Rules(m_pRules.Put());
@@ -158,7 +135,7 @@ bool CFirewall::ConnectPolicy2() noexcept
     hr = m_pPolicy2->get_CurrentProfileTypes(&lProfiles);
     if (FAILED(hr))
     {
-        Fail(L"Failed to get firewall current profile with error ", hr);
+        QC_FIREWALL_FAIL(L"Failed to get firewall current profile with error ", hr);
         return false;
     }
     if ((lProfiles & NET_FW_PROFILE2_PUBLIC) != 0 && lProfiles != NET_FW_PROFILE2_PUBLIC)
@@ -182,7 +159,7 @@ bool CFirewall::FindRule() noexcept
         SetLastErrorCode(kRuleMissing);
         return false;
     }
-    Fail(L"Failed trying to find existing exception with error ", hr);
+    QC_FIREWALL_FAIL(L"Failed trying to find existing exception with error ", hr);
     return false;
 }
 
@@ -191,7 +168,8 @@ bool CFirewall::AddRule() noexcept
     if (FindRule())
     {
         // Only enabled again: the existing rule keeps its ports and settings.
-        (void)m_pRule->put_Enabled(VARIANT_TRUE); // as before, a refusal does not fail the add
+        // Not checked: the rule the add asks for exists, enabled or not.
+        (void)m_pRule->put_Enabled(VARIANT_TRUE);
         return true;
     }
     if (LastError() != kRuleMissing)
@@ -207,13 +185,13 @@ bool CFirewall::AddRule() noexcept
     HRESULT hr = m_pRule->put_Enabled(VARIANT_TRUE);
     if (FAILED(hr))
     {
-        Fail(L"Failed to to enable exception with error ", hr);
+        QC_FIREWALL_FAIL(L"Failed to to enable exception with error ", hr);
         return false;
     }
     hr = m_pRules->Add(m_pRule.Get());
     if (FAILED(hr))
     {
-        Fail(L"Failed to add exception to the authorized list with error ", hr);
+        QC_FIREWALL_FAIL(L"Failed to add exception to the authorized list with error ", hr);
         return false;
     }
     return true;
@@ -221,11 +199,11 @@ bool CFirewall::AddRule() noexcept
 
 bool CFirewall::CreateRule() noexcept
 {
-    const HRESULT hr = ::CoCreateInstance(kClsidNetFwRule, nullptr, kClsctxAll, __uuidof(INetFwRule), m_pRule.PutVoid());
+    const HRESULT hr =
+        ::CoCreateInstance(kClsidNetFwRule, nullptr, kClsctxAll, __uuidof(INetFwRule), m_pRule.PutVoid());
     if (FAILED(hr))
     {
-        m_pRule.Reset();
-        Fail(L"Failed to create NetFwRule object with error ", hr);
+        QC_FIREWALL_FAIL(L"Failed to create NetFwRule object with error ", hr);
         return false;
     }
     return true;
@@ -285,7 +263,7 @@ bool CFirewall::SetRuleProperties() noexcept
         const HRESULT hr = step.pSet(pRule, *this);
         if (FAILED(hr))
         {
-            Fail(step.pszFailure, hr);
+            QC_FIREWALL_FAIL(step.pszFailure, hr);
             return false;
         }
     }
@@ -301,17 +279,16 @@ bool CFirewall::SetEdgeTraversal() noexcept
         hr = m_pRule2->put_EdgeTraversalOptions(kEdgeTraversalDeferToApp);
         if (FAILED(hr))
         {
-            Fail(L"Failed to set EdgeTraversal to deferapp with error ", hr);
+            QC_FIREWALL_FAIL(L"Failed to set EdgeTraversal to deferapp with error ", hr);
             return false;
         }
     }
     else
     {
-        m_pRule2.Reset();
         hr = m_pRule->put_EdgeTraversal(VARIANT_TRUE);
         if (FAILED(hr))
         {
-            Fail(L"Failed to set EdgeTraversal to yes with error ", hr);
+            QC_FIREWALL_FAIL(L"Failed to set EdgeTraversal to yes with error ", hr);
             return false;
         }
     }
@@ -325,7 +302,7 @@ bool CFirewall::RemoveRule() noexcept
         const HRESULT hr = m_pRules->Remove(m_bstrName.Get());
         if (FAILED(hr))
         {
-            Fail(L"Failed to remove exception with error ", hr);
+            QC_FIREWALL_FAIL(L"Failed to remove exception with error ", hr);
             return false;
         }
         return true;
@@ -342,74 +319,66 @@ bool CFirewall::RemoveRule() noexcept
 
 bool CFirewall::AddPort(const wchar_t* pszPorts) noexcept
 {
-    if (!Copy(m_bstrLocalPorts, pszPorts))
-    {
-        SetLastErrorCode(Code(E_OUTOFMEMORY));
-        QC_LOG_ERROR(kLogSource) << L"Failed SysAllocString for ports";
-        return false;
-    }
-    if (!m_bPolicy2)
-    {
-        return AddLegacyPorts(pszPorts);
-    }
-    if (!AddRule())
-    {
-        QC_LOG_ERROR(kLogSource) << L"Failed to add port exception with error " << LastError();
-        return false;
-    }
-    return true;
+    return Run({&CFirewall::m_bstrLocalPorts, L"Failed SysAllocString for ports", &CFirewall::AddLegacyPorts,
+                &CFirewall::AddRule, false, L"Failed to add port exception with error "},
+               pszPorts);
 }
 
 bool CFirewall::AddApplication(const wchar_t* pszPath) noexcept
 {
-    if (!Copy(m_bstrApplication, pszPath))
-    {
-        SetLastErrorCode(Code(E_OUTOFMEMORY));
-        QC_LOG_ERROR(kLogSource) << L"Failed SysAllocString for path";
-        return false;
-    }
-    if (!m_bPolicy2)
-    {
-        return AddLegacyApplication();
-    }
-    m_lProtocol = kProtocolAny;
-    if (!AddRule())
-    {
-        QC_LOG_ERROR(kLogSource) << L"Failed to add exception with error " << LastError();
-        return false;
-    }
-    return true;
+    return Run({&CFirewall::m_bstrApplication, L"Failed SysAllocString for path", &CFirewall::AddLegacyApplication,
+                &CFirewall::AddRule, true, L"Failed to add exception with error "},
+               pszPath);
 }
 
 bool CFirewall::RemovePort(const wchar_t* pszPorts) noexcept
 {
-    if (!m_bPolicy2)
-    {
-        return RemoveLegacyPorts(pszPorts);
-    }
-    if (!RemoveRule())
-    {
-        QC_LOG_ERROR(kLogSource) << L"Failed to remove exception with error " << LastError();
-        return false;
-    }
-    return true;
+    return Run({nullptr, nullptr, &CFirewall::RemoveLegacyPorts, &CFirewall::RemoveRule, false,
+                L"Failed to remove exception with error "},
+               pszPorts);
 }
 
 bool CFirewall::RemoveApplication(const wchar_t* pszPath) noexcept
 {
-    if (!Copy(m_bstrApplication, pszPath))
+    return Run({&CFirewall::m_bstrApplication, L"Failed SysAllocString for path", &CFirewall::RemoveLegacyApplication,
+                &CFirewall::RemoveRule, false, L"Failed to remove exception with error "},
+               pszPath);
+}
+
+// On the rule path a check only asks for the rule by its name.
+bool CFirewall::CheckPort(const wchar_t* pszPort) noexcept
+{
+    return Run({&CFirewall::m_bstrLocalPorts, L"Failed SysAllocString for ports", &CFirewall::CheckLegacyPort,
+                &CFirewall::FindRule, false, L"Failed to check port exception with error "},
+               pszPort);
+}
+
+bool CFirewall::CheckApplication(const wchar_t* pszPath) noexcept
+{
+    return Run({&CFirewall::m_bstrApplication, L"Failed SysAllocString for path", &CFirewall::CheckLegacyApplication,
+                &CFirewall::FindRule, false, L"Failed to check exception with error "},
+               pszPath);
+}
+
+bool CFirewall::Run(const Operation& operation, const wchar_t* pszArgument) noexcept
+{
+    if (operation.pKept != nullptr && !Copy(this->*operation.pKept, pszArgument))
     {
         SetLastErrorCode(Code(E_OUTOFMEMORY));
-        QC_LOG_ERROR(kLogSource) << L"Failed SysAllocString for path";
+        QC_LOG_ERROR(kLogSource) << operation.pszKeepFailure;
         return false;
     }
     if (!m_bPolicy2)
     {
-        return RemoveLegacyApplication();
+        return (this->*operation.pOnLists)(pszArgument);
     }
-    if (!RemoveRule())
+    if (operation.bAnyProtocol)
     {
-        QC_LOG_ERROR(kLogSource) << L"Failed to remove exception with error " << LastError();
+        m_lProtocol = kProtocolAny;
+    }
+    if (!(this->*operation.pOnRule)())
+    {
+        QC_LOG_ERROR(kLogSource) << operation.pszRuleFailure << LastError();
         return false;
     }
     return true;

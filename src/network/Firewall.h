@@ -4,9 +4,14 @@
 #include <netfw.h>
 
 #include <cstdint>
+#include <optional>
 
 #include "host/types/ComPtr.h"
 #include "host/types/ErrorHandler.h"
+
+namespace Quillcast::Logging {
+struct CLogSource;
+} // namespace Quillcast::Logging
 
 namespace Quillcast::Common::Network {
 
@@ -23,11 +28,14 @@ class CFirewall : public System::Types::CErrorHandler
 public:
     // Initialises COM (apartment-threaded) and connects to the rule interface.
     // A bad name or a COM failure is logged here and leaves an object whose
-    // operations fail in their turn.
+    // operations fail in their turn. COM is uninitialised on destruction when
+    // the initialisation here succeeded, and also when the thread was already
+    // in the multithreaded model (RPC_E_CHANGED_MODE): that unbalanced
+    // CoUninitialize is intentional.
     explicit CFirewall(const wchar_t* pszName) noexcept;
     CFirewall(const CFirewall&) = delete;
     CFirewall& operator=(const CFirewall&) = delete;
-    ~CFirewall() override;
+    ~CFirewall() override = default;
 
     // Optional settings, to be made between construction and the operation.
     // A copy that cannot be allocated leaves the setting unset, unreported:
@@ -62,7 +70,15 @@ public:
     [[nodiscard]] bool CheckApplication(const wchar_t* pszPath) noexcept;
 
 private:
+    // One public operation as data: what it keeps of its argument and what it
+    // does on the legacy lists and on the rule interface (Firewall.cpp).
+    struct Operation;
+
+    // The shared front end of the six public operations.
+    [[nodiscard]] bool Run(const Operation& operation, const wchar_t* pszArgument) noexcept;
     const wchar_t* Construct(const wchar_t* pszName) noexcept;
+
+    // The rule interface (Firewall.cpp).
     [[nodiscard]] bool ConnectPolicy2() noexcept;
     [[nodiscard]] bool FindRule() noexcept;
     [[nodiscard]] bool AddRule() noexcept;
@@ -70,15 +86,32 @@ private:
     [[nodiscard]] bool SetRuleProperties() noexcept;
     [[nodiscard]] bool SetEdgeTraversal() noexcept;
     [[nodiscard]] bool RemoveRule() noexcept;
-    [[nodiscard]] bool ConnectLegacy() noexcept;
-    [[nodiscard]] bool AddLegacyPort(LONG lPort) noexcept;
-    [[nodiscard]] bool AddLegacyPorts(const wchar_t* pszPorts) noexcept;
-    [[nodiscard]] bool AddLegacyApplication() noexcept;
-    [[nodiscard]] bool RemoveLegacyPorts(const wchar_t* pszPorts) noexcept;
-    [[nodiscard]] bool RemoveLegacyApplication() noexcept;
-    // Stores `hr` as the last error and logs `pszText` followed by it.
-    void Fail(const wchar_t* pszText, HRESULT hr) noexcept;
 
+    // The legacy lists (FirewallLegacyLists.cpp). Each takes the public
+    // operation's argument; the program ones work on its BSTR copy,
+    // m_bstrApplication, instead, and the port checks on m_bstrLocalPorts.
+    [[nodiscard]] bool ConnectLegacy() noexcept;
+    [[nodiscard]] bool AddLegacyPorts(const wchar_t* pszPorts) noexcept;
+    [[nodiscard]] bool AddLegacyPort(LONG lPort) noexcept;
+    [[nodiscard]] bool AddLegacyApplication(const wchar_t* pszPath) noexcept;
+    [[nodiscard]] bool RemoveLegacyPorts(const wchar_t* pszPorts) noexcept;
+    [[nodiscard]] bool RemoveLegacyApplication(const wchar_t* pszPath) noexcept;
+    [[nodiscard]] bool CheckLegacyPort(const wchar_t* pszPort) noexcept;
+    [[nodiscard]] bool CheckLegacyApplication(const wchar_t* pszPath) noexcept;
+    // The shared part of the two checks: `getList` reads the list from the
+    // profile, `getEnabled` finds the entry in it and reads its Enabled flag.
+    [[nodiscard]] bool CheckLegacyEntry(HRESULT (*getList)(CFirewall&), const wchar_t* pszListFailure,
+                                        HRESULT (*getEnabled)(CFirewall&, VARIANT_BOOL&),
+                                        const wchar_t* pszEntryFailure) noexcept;
+
+    // Stores `hr` as the last error and logs `pszText` followed by it, as an
+    // entry of the calling file's `source` at the caller's `line`: called
+    // through QC_FIREWALL_FAIL (FirewallDetail.h).
+    void Fail(const Logging::CLogSource& source, uint32_t line, const wchar_t* pszText, HRESULT hr) noexcept;
+
+    // Destroyed in the reverse of this order: first the interfaces (the
+    // legacy lists' objects, then the rule interface's), then the COM
+    // initialisation, which must outlive them, then the strings.
     System::Types::CBstr m_bstrName;
     System::Types::CBstr m_bstrDescription;
     System::Types::CBstr m_bstrApplication;
@@ -91,19 +124,20 @@ private:
     int32_t m_lDirection = NET_FW_RULE_DIR_IN;
     int32_t m_lProfiles = NET_FW_PROFILE2_ALL;
     int32_t m_lProtocol = NET_FW_IP_PROTOCOL_TCP;
-    System::Types::CComPtr<INetFwAuthorizedApplications> m_pAuthorizedApps;
-    System::Types::CComPtr<INetFwAuthorizedApplication> m_pAuthorizedApp;
-    System::Types::CComPtr<INetFwOpenPorts> m_pOpenPorts;
-    System::Types::CComPtr<INetFwOpenPort> m_pOpenPort;
-    System::Types::CComPtr<INetFwPolicy> m_pPolicy;
-    System::Types::CComPtr<INetFwPolicy2> m_pPolicy2;
-    System::Types::CComPtr<INetFwProfile> m_pProfile;
-    System::Types::CComPtr<INetFwMgr> m_pFwMgr;
-    System::Types::CComPtr<INetFwRules> m_pRules;
-    System::Types::CComPtr<INetFwRule> m_pRule;
+    // Empty when the name was refused before COM was asked for.
+    std::optional<System::Types::CComInitialization> m_ComInitialization;
     System::Types::CComPtr<INetFwRule2> m_pRule2;
+    System::Types::CComPtr<INetFwRule> m_pRule;
+    System::Types::CComPtr<INetFwRules> m_pRules;
+    System::Types::CComPtr<INetFwMgr> m_pFwMgr;
+    System::Types::CComPtr<INetFwProfile> m_pProfile;
+    System::Types::CComPtr<INetFwPolicy2> m_pPolicy2;
+    System::Types::CComPtr<INetFwPolicy> m_pPolicy;
+    System::Types::CComPtr<INetFwOpenPort> m_pOpenPort;
+    System::Types::CComPtr<INetFwOpenPorts> m_pOpenPorts;
+    System::Types::CComPtr<INetFwAuthorizedApplication> m_pAuthorizedApp;
+    System::Types::CComPtr<INetFwAuthorizedApplications> m_pAuthorizedApps;
     bool m_bPolicy2 = false;
-    bool m_bCoInitialized = false;
 };
 
 } // namespace Quillcast::Common::Network

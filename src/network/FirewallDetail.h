@@ -1,24 +1,21 @@
 #pragma once
 
-// What the two source files of CFirewall share: the rule path (Firewall.cpp)
-// and the legacy lists (FirewallLegacy.cpp).
+// What the source files of CFirewall share: the front end and the rule path
+// (Firewall.cpp) and the legacy lists (FirewallLegacyLists.cpp).
 #include <windows.h>
 #include <oleauto.h>
 
-#include <cstdint>
 #include <cwchar>
 
 #include "host/types/ComPtr.h"
 
+// CFirewall::Fail from inside a member of CFirewall, as an entry of the calling
+// file's kLogSource at the line of the call.
+#define QC_FIREWALL_FAIL(text, hr) Fail(kLogSource, __LINE__, (text), (hr))
+
 namespace Quillcast::Common::Network::Detail {
 
-constexpr wchar_t kLogSource[] = L"Firewall";
 constexpr HRESULT kNotFound = HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND);
-
-inline uint32_t Code(HRESULT hr) noexcept
-{
-    return static_cast<uint32_t>(hr);
-}
 
 // Replaces `bstr` with a copy of `text`; false when the copy could not be made.
 inline bool Copy(System::Types::CBstr& bstr, const wchar_t* text) noexcept

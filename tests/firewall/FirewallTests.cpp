@@ -7,6 +7,8 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <cstdlib>
+#include <fstream>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -368,6 +370,69 @@ TEST_F(FirewallTest, ChecksOnTheRulePathAskForTheRuleByNameOnly)
     EXPECT_TRUE(firewall.RemovePort(L"1"));
     EXPECT_EQ(firewall.LastError(), 2u);
     EXPECT_EQ(capture.Bodies(), Lines());
+}
+
+// The line in src/network/`file` of the failure call that logs `text`; 0 when
+// there is none (or no source tree: QC_SOURCE_DIR is set under CTest).
+uint32_t FailureCallLine(const std::string& file, const std::string& text)
+{
+    const char* root = std::getenv("QC_SOURCE_DIR");
+    std::ifstream source(root != nullptr ? "Z:" + std::string(root) + "/src/network/" + file : std::string());
+    std::string line;
+    for (uint32_t number = 1; std::getline(source, line); ++number)
+    {
+        if (line.find("QC_FIREWALL_FAIL(L\"" + text + "\"") != std::string::npos)
+        {
+            return number;
+        }
+    }
+    return 0;
+}
+
+// An entry that CFirewall writes through its failure helper names the line of
+// the helper's call, counted from the line base of the file that holds the
+// call, so that "Firewall" and the line lead to one place in one file.
+TEST_F(FirewallTest, FailureEntriesCarryTheLineOfTheirCallInTheirFile)
+{
+    const struct
+    {
+        std::string file;
+        uint32_t lineBase;
+        Lines setup;
+        std::string text;
+    } rows[] = {
+        {"Firewall.cpp", 1000, {Fails(L"Policy2.CurrentProfileTypes")},
+         "Failed to get firewall current profile with error "},
+        {"FirewallLegacyLists.cpp", 2000, {kLegacy, Fails(L"Create.NetFwMgr")},
+         "Failed to connect to Windows Firewall with error "},
+    };
+    for (const auto& row : rows)
+    {
+        CTestFirewall::Reset();
+        for (const std::wstring& assignment : row.setup)
+        {
+            CTestFirewall::Set(assignment);
+        }
+        const uint32_t callLine = FailureCallLine(row.file, row.text);
+        ASSERT_NE(callLine, 0u) << row.file << ": " << row.text;
+        const CLogCapture capture;
+        {
+            CFirewall firewall(L"R");
+            (void)firewall.AddPort(L"80"); // the lists' failure comes from here, the other from the constructor
+        }
+        const std::wstring text(row.text.begin(), row.text.end());
+        const std::wstring expected = L"[ERROR] Firewall (" + std::to_wstring(row.lineBase + callLine) + L") " + text +
+                                      kAccessDenied + L".";
+        Lines entries;
+        for (const std::wstring& line : capture.Lines())
+        {
+            if (line.find(text) != std::wstring::npos)
+            {
+                entries.push_back(WithoutPrefixes(line));
+            }
+        }
+        EXPECT_EQ(entries, Lines({expected})) << row.file;
+    }
 }
 
 // The constructor counts RPC_E_CHANGED_MODE as its own initialisation and the

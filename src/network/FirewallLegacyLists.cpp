@@ -6,17 +6,19 @@
 
 #include "host/types/WideString.h"
 #include "logging/Log.h"
+#include "logging/LogHelpers.h"
 #include "network/FirewallDetail.h"
 
 namespace Quillcast::Common::Network {
 
 namespace {
 
-using Detail::Code;
-using Detail::Copy;
 using Detail::ForEachPort;
-using Detail::kLogSource;
 using Detail::kNotFound;
+using Logging::Code;
+
+// "Firewall" spans the files of CFirewall: lines of this file print from 2000.
+constexpr Logging::CLogSource kLogSource{L"Firewall", 2000};
 
 constexpr CLSID kClsidNetFwMgr = {0x304CE942, 0x6E39, 0x40D8, {0x94, 0x3A, 0xB9, 0x13, 0xC4, 0x0C, 0x9C, 0xD4}};
 constexpr CLSID kClsidNetFwOpenPort = {0x0CA545C6, 0x37AD, 0x4A6C, {0xBF, 0x92, 0x9F, 0x76, 0x10, 0x06, 0x7E, 0xF5}};
@@ -27,7 +29,8 @@ constexpr CLSID kClsidNetFwAuthorizedApplication = {
 
 bool CFirewall::ConnectLegacy() noexcept
 {
-    HRESULT hr = ::CoCreateInstance(kClsidNetFwMgr, nullptr, CLSCTX_INPROC_SERVER, __uuidof(INetFwMgr), m_pFwMgr.PutVoid());
+    HRESULT hr =
+        ::CoCreateInstance(kClsidNetFwMgr, nullptr, CLSCTX_INPROC_SERVER, __uuidof(INetFwMgr), m_pFwMgr.PutVoid());
     if (SUCCEEDED(hr))
     {
         hr = m_pFwMgr->get_LocalPolicy(m_pPolicy.Put());
@@ -41,7 +44,7 @@ bool CFirewall::ConnectLegacy() noexcept
         m_pFwMgr.Reset();
         m_pPolicy.Reset();
         m_pProfile.Reset();
-        Fail(L"Failed to connect to Windows Firewall with error ", hr);
+        QC_FIREWALL_FAIL(L"Failed to connect to Windows Firewall with error ", hr);
         return false;
     }
     return true;
@@ -57,7 +60,7 @@ bool CFirewall::AddLegacyPorts(const wchar_t* pszPorts) noexcept
     const HRESULT hr = m_pProfile->get_GloballyOpenPorts(m_pOpenPorts.Put());
     if (FAILED(hr))
     {
-        Fail(L"Failed to get list of open ports with error ", hr);
+        QC_FIREWALL_FAIL(L"Failed to get list of open ports with error ", hr);
         return false;
     }
     // Each piece converts as _wtoi converts: "" is port 0, "8080-8090" is 8080.
@@ -72,25 +75,26 @@ bool CFirewall::AddLegacyPort(LONG lPort) noexcept
     HRESULT hr = m_pOpenPorts->Item(lPort, protocol, m_pOpenPort.Put());
     if (SUCCEEDED(hr))
     {
-        (void)m_pOpenPort->put_Enabled(VARIANT_TRUE); // as before, a refusal does not fail the add
+        // Not checked: the port the add asks for is listed, enabled or not.
+        (void)m_pOpenPort->put_Enabled(VARIANT_TRUE);
         return true;
     }
     if (hr != kNotFound)
     {
-        Fail(L"Failed trying to find existing port with error ", hr);
+        QC_FIREWALL_FAIL(L"Failed trying to find existing port with error ", hr);
         return false;
     }
     hr = ::CoCreateInstance(kClsidNetFwOpenPort, nullptr, CLSCTX_INPROC_SERVER, __uuidof(INetFwOpenPort),
                             m_pOpenPort.PutVoid());
     if (FAILED(hr))
     {
-        Fail(L"Failed to create new open port with error ", hr);
+        QC_FIREWALL_FAIL(L"Failed to create new open port with error ", hr);
         return false;
     }
     hr = m_pOpenPort->put_Name(m_bstrName.Get());
     if (FAILED(hr))
     {
-        Fail(L"Failed to set port name with error ", hr);
+        QC_FIREWALL_FAIL(L"Failed to set port name with error ", hr);
         return false;
     }
     if (m_lProtocol != 0)
@@ -98,14 +102,14 @@ bool CFirewall::AddLegacyPort(LONG lPort) noexcept
         hr = m_pOpenPort->put_Protocol(protocol);
         if (FAILED(hr))
         {
-            Fail(L"Failed to set port protocol with error ", hr);
+            QC_FIREWALL_FAIL(L"Failed to set port protocol with error ", hr);
             return false;
         }
     }
     hr = m_pOpenPort->put_Port(lPort);
     if (FAILED(hr))
     {
-        Fail(L"Failed to set port number with error ", hr);
+        QC_FIREWALL_FAIL(L"Failed to set port number with error ", hr);
         return false;
     }
     if (m_bstrRemoteAddresses)
@@ -113,7 +117,7 @@ bool CFirewall::AddLegacyPort(LONG lPort) noexcept
         hr = m_pOpenPort->put_RemoteAddresses(m_bstrRemoteAddresses.Get());
         if (FAILED(hr))
         {
-            Fail(L"Failed to set port remote addresses with error ", hr);
+            QC_FIREWALL_FAIL(L"Failed to set port remote addresses with error ", hr);
             return false;
         }
     }
@@ -121,19 +125,19 @@ bool CFirewall::AddLegacyPort(LONG lPort) noexcept
     hr = m_pOpenPort->put_Enabled(VARIANT_TRUE);
     if (FAILED(hr))
     {
-        Fail(L"Failed to to enable port with error ", hr);
+        QC_FIREWALL_FAIL(L"Failed to to enable port with error ", hr);
         return false;
     }
     hr = m_pOpenPorts->Add(m_pOpenPort.Get());
     if (FAILED(hr))
     {
-        Fail(L"Failed to add port to the open ports list with error ", hr);
+        QC_FIREWALL_FAIL(L"Failed to add port to the open ports list with error ", hr);
         return false;
     }
     return true;
 }
 
-bool CFirewall::AddLegacyApplication() noexcept
+bool CFirewall::AddLegacyApplication(const wchar_t* /*pszPath: see m_bstrApplication*/) noexcept
 {
     if (!ConnectLegacy())
     {
@@ -143,37 +147,38 @@ bool CFirewall::AddLegacyApplication() noexcept
     HRESULT hr = m_pProfile->get_AuthorizedApplications(m_pAuthorizedApps.Put());
     if (FAILED(hr))
     {
-        Fail(L"Failed to get list of authorized apps with error ", hr);
+        QC_FIREWALL_FAIL(L"Failed to get list of authorized apps with error ", hr);
         return false;
     }
     hr = m_pAuthorizedApps->Item(m_bstrApplication.Get(), m_pAuthorizedApp.Put());
     if (SUCCEEDED(hr))
     {
-        (void)m_pAuthorizedApp->put_Enabled(VARIANT_TRUE); // as before, a refusal does not fail the add
+        // Not checked: the program the add asks for is listed, enabled or not.
+        (void)m_pAuthorizedApp->put_Enabled(VARIANT_TRUE);
         return true;
     }
     if (hr != kNotFound)
     {
-        Fail(L"Failed trying to find existing app with error ", hr);
+        QC_FIREWALL_FAIL(L"Failed trying to find existing app with error ", hr);
         return false;
     }
     hr = ::CoCreateInstance(kClsidNetFwAuthorizedApplication, nullptr, CLSCTX_INPROC_SERVER,
                             __uuidof(INetFwAuthorizedApplication), m_pAuthorizedApp.PutVoid());
     if (FAILED(hr))
     {
-        Fail(L"Failed to create authorized app with error ", hr);
+        QC_FIREWALL_FAIL(L"Failed to create authorized app with error ", hr);
         return false;
     }
     hr = m_pAuthorizedApp->put_Name(m_bstrName.Get());
     if (FAILED(hr))
     {
-        Fail(L"Failed to set authorized app name with error ", hr);
+        QC_FIREWALL_FAIL(L"Failed to set authorized app name with error ", hr);
         return false;
     }
     hr = m_pAuthorizedApp->put_ProcessImageFileName(m_bstrApplication.Get());
     if (FAILED(hr))
     {
-        Fail(L"Failed to set authorized app path with error ", hr);
+        QC_FIREWALL_FAIL(L"Failed to set authorized app path with error ", hr);
         return false;
     }
     if (m_bstrRemoteAddresses)
@@ -184,7 +189,7 @@ bool CFirewall::AddLegacyApplication() noexcept
             hr = m_pAuthorizedApp->put_RemoteAddresses(m_bstrRemoteAddresses.Get());
             if (FAILED(hr))
             {
-                Fail(L"Failed to set authorized app remote addresses with error ", hr);
+                QC_FIREWALL_FAIL(L"Failed to set authorized app remote addresses with error ", hr);
                 return false;
             }
         }
@@ -193,35 +198,48 @@ bool CFirewall::AddLegacyApplication() noexcept
     hr = m_pAuthorizedApp->put_Enabled(VARIANT_TRUE);
     if (FAILED(hr))
     {
-        Fail(L"Failed to to enable app with error ", hr);
+        QC_FIREWALL_FAIL(L"Failed to to enable app with error ", hr);
         return false;
     }
     hr = m_pAuthorizedApps->Add(m_pAuthorizedApp.Get());
     if (FAILED(hr))
     {
-        Fail(L"Failed to add app to the authorized apps list with error ", hr);
+        QC_FIREWALL_FAIL(L"Failed to add app to the authorized apps list with error ", hr);
         return false;
     }
     return true;
 }
 
-bool CFirewall::CheckPort(const wchar_t* pszPort) noexcept
+bool CFirewall::CheckLegacyPort(const wchar_t* /*pszPort: see m_bstrLocalPorts*/) noexcept
 {
-    if (!Copy(m_bstrLocalPorts, pszPort))
-    {
-        SetLastErrorCode(Code(E_OUTOFMEMORY));
-        QC_LOG_ERROR(kLogSource) << L"Failed SysAllocString for ports";
-        return false;
-    }
-    if (m_bPolicy2)
-    {
-        if (FindRule())
-        {
-            return true;
-        }
-        QC_LOG_ERROR(kLogSource) << L"Failed to check port exception with error " << LastError();
-        return false;
-    }
+    return CheckLegacyEntry(
+        [](CFirewall& f) { return f.m_pProfile->get_GloballyOpenPorts(f.m_pOpenPorts.Put()); },
+        L"Failed to get list of open ports with error ",
+        [](CFirewall& f, VARIANT_BOOL& bEnabled) {
+            const LONG lPort = static_cast<LONG>(::_wtoi(f.m_bstrLocalPorts.Get()));
+            const HRESULT hr =
+                f.m_pOpenPorts->Item(lPort, static_cast<NET_FW_IP_PROTOCOL>(f.m_lProtocol), f.m_pOpenPort.Put());
+            return SUCCEEDED(hr) ? f.m_pOpenPort->get_Enabled(&bEnabled) : hr;
+        },
+        L"Failed to retrieve open port with error ");
+}
+
+bool CFirewall::CheckLegacyApplication(const wchar_t* /*pszPath: see m_bstrApplication*/) noexcept
+{
+    return CheckLegacyEntry(
+        [](CFirewall& f) { return f.m_pProfile->get_AuthorizedApplications(f.m_pAuthorizedApps.Put()); },
+        L"Failed to get list of authorized apps with error ",
+        [](CFirewall& f, VARIANT_BOOL& bEnabled) {
+            const HRESULT hr = f.m_pAuthorizedApps->Item(f.m_bstrApplication.Get(), f.m_pAuthorizedApp.Put());
+            return SUCCEEDED(hr) ? f.m_pAuthorizedApp->get_Enabled(&bEnabled) : hr;
+        },
+        L"Failed to retrieve authorized app with error ");
+}
+
+bool CFirewall::CheckLegacyEntry(HRESULT (*getList)(CFirewall&), const wchar_t* pszListFailure,
+                                 HRESULT (*getEnabled)(CFirewall&, VARIANT_BOOL&),
+                                 const wchar_t* pszEntryFailure) noexcept
+{
     if (!ConnectLegacy())
     {
         QC_LOG_ERROR(kLogSource) << L"Failed to get current profile with error " << LastError();
@@ -233,74 +251,20 @@ bool CFirewall::CheckPort(const wchar_t* pszPort) noexcept
     HRESULT hr = m_pProfile->get_ExceptionsNotAllowed(&bNotAllowed);
     if (FAILED(hr) && bNotAllowed != VARIANT_FALSE)
     {
-        Fail(L"Failed to get list of not allowed exceptions with error ", hr);
+        QC_FIREWALL_FAIL(L"Failed to get list of not allowed exceptions with error ", hr);
         return false;
     }
-    hr = m_pProfile->get_GloballyOpenPorts(m_pOpenPorts.Put());
+    hr = getList(*this);
     if (FAILED(hr))
     {
-        Fail(L"Failed to get list of open ports with error ", hr);
+        QC_FIREWALL_FAIL(pszListFailure, hr);
         return false;
     }
     VARIANT_BOOL bEnabled = VARIANT_FALSE;
-    hr = m_pOpenPorts->Item(static_cast<LONG>(::_wtoi(m_bstrLocalPorts.Get())),
-                            static_cast<NET_FW_IP_PROTOCOL>(m_lProtocol), m_pOpenPort.Put());
-    if (SUCCEEDED(hr))
-    {
-        hr = m_pOpenPort->get_Enabled(&bEnabled);
-    }
+    hr = getEnabled(*this, bEnabled);
     if (FAILED(hr))
     {
-        Fail(L"Failed to retrieve open port with error ", hr);
-        return false;
-    }
-    return bEnabled != VARIANT_FALSE;
-}
-
-bool CFirewall::CheckApplication(const wchar_t* pszPath) noexcept
-{
-    if (!Copy(m_bstrApplication, pszPath))
-    {
-        SetLastErrorCode(Code(E_OUTOFMEMORY));
-        QC_LOG_ERROR(kLogSource) << L"Failed SysAllocString for path";
-        return false;
-    }
-    if (m_bPolicy2)
-    {
-        if (FindRule())
-        {
-            return true;
-        }
-        QC_LOG_ERROR(kLogSource) << L"Failed to check exception with error " << LastError();
-        return false;
-    }
-    if (!ConnectLegacy())
-    {
-        QC_LOG_ERROR(kLogSource) << L"Failed to get current profile with error " << LastError();
-        return false;
-    }
-    VARIANT_BOOL bNotAllowed = VARIANT_FALSE;
-    HRESULT hr = m_pProfile->get_ExceptionsNotAllowed(&bNotAllowed);
-    if (FAILED(hr) && bNotAllowed != VARIANT_FALSE)
-    {
-        Fail(L"Failed to get list of not allowed exceptions with error ", hr);
-        return false;
-    }
-    hr = m_pProfile->get_AuthorizedApplications(m_pAuthorizedApps.Put());
-    if (FAILED(hr))
-    {
-        Fail(L"Failed to get list of authorized apps with error ", hr);
-        return false;
-    }
-    VARIANT_BOOL bEnabled = VARIANT_FALSE;
-    hr = m_pAuthorizedApps->Item(m_bstrApplication.Get(), m_pAuthorizedApp.Put());
-    if (SUCCEEDED(hr))
-    {
-        hr = m_pAuthorizedApp->get_Enabled(&bEnabled);
-    }
-    if (FAILED(hr))
-    {
-        Fail(L"Failed to retrieve authorized app with error ", hr);
+        QC_FIREWALL_FAIL(pszEntryFailure, hr);
         return false;
     }
     return bEnabled != VARIANT_FALSE;
@@ -335,7 +299,7 @@ bool CFirewall::RemoveLegacyPorts(const wchar_t* pszPorts) noexcept
     });
 }
 
-bool CFirewall::RemoveLegacyApplication() noexcept
+bool CFirewall::RemoveLegacyApplication(const wchar_t* /*pszPath: see m_bstrApplication*/) noexcept
 {
     if (!CheckApplication(m_bstrApplication.Get()))
     {
