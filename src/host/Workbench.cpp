@@ -4,7 +4,7 @@
 
 #include "host/Globals.h"
 #include "host/types/Buffer.h"
-#include "logging/Log.h"
+#include "logging/LogHelpers.h"
 #include "logging/msi/LogStreamMsi.h"
 #include "system/FileVersion.h"
 
@@ -13,7 +13,7 @@ namespace Quillcast::Host {
 
 namespace {
 
-constexpr wchar_t kLogSource[] = L"Workbench";
+constexpr Logging::CLogSource kLogSource{L"Workbench", 0};
 
 // GetModuleFileNameW is handed fewer characters than are allocated; the error
 // text names the number handed over.
@@ -144,8 +144,7 @@ void LogModuleVersion()
     }
     if (::GetModuleFileNameW(g_hModule, path.Data(), kModulePathHandedOver) == 0)
     {
-        const DWORD dwError = ::GetLastError();
-        QC_LOG_ERROR(kLogSource) << L"GetModuleFileName failed with error " << dwError;
+        QC_LOG_LAST_ERROR(kLogSource, L"GetModuleFileName failed with error ");
         return;
     }
     const System::CFileVersion version(path.Data());
