@@ -6,6 +6,7 @@
 #include <cstdlib>
 
 #include "actions/Workers.h"
+#include "host/ArgumentNames.h"
 #include "host/MsiProperty.h"
 #include "host/types/Handles.h"
 #include "host/types/WideString.h"
@@ -58,7 +59,7 @@ UINT AnswerResult(const Host::CWorkbench* pWorkbench, int answer)
     {
         return ERROR_SUCCESS;
     }
-    QC_LOG_ERROR(kLogSource) << pWorkbench->m_Arguments.GetArgument(L"MESSAGE");
+    QC_LOG_ERROR(kLogSource) << pWorkbench->m_Arguments.GetArgument(Host::Argument::kMessage);
     return ERROR_INSTALL_USEREXIT;
 }
 
@@ -68,11 +69,11 @@ UINT ShowMessageDeferredWorker(Host::CWorkbench* pWorkbench)
 {
     const Host::CMsiArguments& arguments = pWorkbench->m_Arguments;
     // Without TYPE the conversion gets no text: 0, a plain OK box.
-    const wchar_t* pszType = arguments.GetArgument(L"TYPE");
+    const wchar_t* pszType = arguments.GetArgument(Host::Argument::kType);
     const UINT type = pszType != nullptr ? static_cast<UINT>(::_wtoi(pszType)) : 0;
     // A record that cannot be made or filled shows nothing and fails nothing.
     const CMsiHandle record(::MsiCreateRecord(2));
-    if (!FillMessageRecord(record, arguments.GetArgument(L"MESSAGE")))
+    if (!FillMessageRecord(record, arguments.GetArgument(Host::Argument::kMessage)))
     {
         return ERROR_SUCCESS;
     }

@@ -9,6 +9,7 @@
 #include <io.h>
 
 #include "actions/Workers.h"
+#include "host/ArgumentNames.h"
 #include "host/MsiProperty.h"
 #include "host/types/Handles.h"
 #include "host/types/WideString.h"
@@ -122,7 +123,7 @@ bool RunAutoConnect(const CWideBuffer& commandLine) noexcept
 
 UINT CreateProcessDeferredWorker(Host::CWorkbench* pWorkbench)
 {
-    return CreateProcessAndWait(pWorkbench->m_Arguments.GetArgument(L"CMDLINE"));
+    return CreateProcessAndWait(pWorkbench->m_Arguments.GetArgument(Host::Argument::kCommandLine));
 }
 
 UINT CreateProcessImmediatelyWorker(Host::CWorkbench* pWorkbench)
@@ -144,8 +145,8 @@ UINT CloseProcessDeferredWorker(Host::CWorkbench* pWorkbench)
         return ERROR_INSTALL_FAILURE;
     }
     const Host::CMsiArguments& arguments = pWorkbench->m_Arguments;
-    return CloseByName(process, arguments.GetArgument(L"PROCESSNAME"),
-                       CloseTimeoutMs(arguments.GetArgument(L"TIMEOUT")));
+    return CloseByName(process, arguments.GetArgument(Host::Argument::kProcessName),
+                       CloseTimeoutMs(arguments.GetArgument(Host::Argument::kTimeout)));
 }
 
 UINT CloseProcessImmediatelyWorker(Host::CWorkbench* pWorkbench)
@@ -185,7 +186,8 @@ UINT CloseProcessImmediatelyWorker(Host::CWorkbench* pWorkbench)
 UINT ShellExecuteDeferredWorker(Host::CWorkbench* pWorkbench)
 {
     const Host::CMsiArguments& arguments = pWorkbench->m_Arguments;
-    return OpenThroughShell(arguments.GetArgument(L"TARGET"), arguments.GetArgument(L"WORKINGDIR"));
+    return OpenThroughShell(arguments.GetArgument(Host::Argument::kTarget),
+                            arguments.GetArgument(Host::Argument::kWorkingDir));
 }
 
 UINT ShellExecuteImmediatelyWorker(Host::CWorkbench* pWorkbench)

@@ -5,6 +5,7 @@
 #include <cwchar>
 
 #include "actions/Workers.h"
+#include "host/ArgumentNames.h"
 #include "host/MsiProperty.h"
 #include "host/types/Handles.h"
 #include "host/types/WideString.h"
@@ -59,7 +60,7 @@ UINT WriteRemoteConfig(const wchar_t* pszList)
 UINT SetRemoteConfigDeferredWorker(Host::CWorkbench* pWorkbench)
 {
     // The frame has checked that it is present and non-empty.
-    const wchar_t* pszList = pWorkbench->m_Arguments.GetArgument(L"REMOTECONFIG");
+    const wchar_t* pszList = pWorkbench->m_Arguments.GetArgument(Host::Argument::kRemoteConfig);
     return WriteRemoteConfig(pszList != nullptr ? pszList : L"");
 }
 

@@ -2,6 +2,7 @@
 
 #include <cwchar>
 
+#include "host/ArgumentNames.h"
 #include "host/Globals.h"
 #include "host/types/Buffer.h"
 #include "logging/LogHelpers.h"
@@ -104,7 +105,7 @@ bool CheckArgumentValue(const wchar_t* name, const wchar_t* value)
     {
         return false;
     }
-    if (!EqualsIgnoringAsciiCase(name, L"DEPENDENCIES"))
+    if (!EqualsIgnoringAsciiCase(name, Argument::kDependencies))
     {
         return true;
     }
