@@ -1,6 +1,6 @@
 // GetDomain and DirectoryObjectPick: immediate actions that gather facts for
-// the installer's dialogs. Their entries carry the source name "Various", the
-// file of the library's other utility actions.
+// the installer's dialogs. Their entries carry the source name "Various", as
+// the library's other utility actions do.
 #include <windows.h>
 #include <msiquery.h>
 #include <wbemcli.h>
@@ -12,7 +12,7 @@
 #include "host/types/ComPtr.h"
 #include "host/types/PointerList.h"
 #include "host/types/WideString.h"
-#include "logging/Log.h"
+#include "logging/LogHelpers.h"
 #include "system/Directory.h"
 #include "system/wmi/WmiConnection.h"
 
@@ -20,27 +20,20 @@ namespace Quillcast::Actions {
 
 namespace {
 
-constexpr wchar_t kLogSource[] = L"Various";
+constexpr Logging::CLogSource kLogSource{L"Various", 8000};
 
 using System::Types::CWideBuffer;
 
-// Logs `pszText` followed by the thread's last-error value, as an error.
-void LogLastError(const wchar_t* pszText) noexcept
-{
-    const DWORD dwError = ::GetLastError();
-    QC_LOG_ERROR(kLogSource) << pszText << dwError;
-}
-
 // A picker option: unset or unreadable reads as 0. Only a failure of the read
-// itself is worth a warning; the option then counts as empty.
-int ReadPickOption(MSIHANDLE hInstall, const wchar_t* pszName) noexcept
+// itself is worth a warning, from the caller's `line`; the option then counts
+// as empty.
+int ReadPickOption(MSIHANDLE hInstall, const wchar_t* pszName, uint32_t line) noexcept
 {
     CWideBuffer value;
     const Host::PropertyReadResult read = Host::ReadProperty(hInstall, pszName, value);
     if (read.failedStep == Host::PropertyReadStep::Read || read.failedStep == Host::PropertyReadStep::Allocate)
     {
-        const DWORD dwError = ::GetLastError();
-        QC_LOG_WARNING(kLogSource) << L"MsiGetProperty " << pszName << L" failed with error " << dwError;
+        Host::LogPropertyReadFailure(Logging::LOG_LEVEL_WARNING, pszName, kLogSource, line);
     }
     return ::_wtoi(System::Types::Text(value));
 }
@@ -54,7 +47,7 @@ UINT GetDomainWorker(Host::CWorkbench* pWorkbench)
     WMI::CWmiConnection connection;
     if (!connection.Connect())
     {
-        LogLastError(L"WMI Connection failed with error ");
+        QC_LOG_LAST_ERROR(kLogSource, L"WMI Connection failed with error ");
         return ERROR_INSTALL_FAILURE;
     }
     System::Types::CPointerList<WMI::CWmiClassObject> computerSystems;
@@ -103,8 +96,8 @@ UINT GetDomainWorker(Host::CWorkbench* pWorkbench)
 UINT DirectoryObjectPickWorker(Host::CWorkbench* pWorkbench)
 {
     const MSIHANDLE hInstall = pWorkbench->m_hInstall;
-    const int userFlag = ReadPickOption(hInstall, L"PickUserFlagProperty");
-    const int multiSelect = ReadPickOption(hInstall, L"PickMultiSelectProperty");
+    const int userFlag = ReadPickOption(hInstall, L"PickUserFlagProperty", __LINE__);
+    const int multiSelect = ReadPickOption(hInstall, L"PickMultiSelectProperty", __LINE__);
     // A flag outside 0 to 3 leaves the picker unprepared; its initialisation
     // then fails and so does the action.
     System::CDirectory directory(static_cast<uint32_t>(userFlag), multiSelect != 0);
@@ -113,13 +106,13 @@ UINT DirectoryObjectPickWorker(Host::CWorkbench* pWorkbench)
     const Host::PropertyReadResult read = Host::ReadProperty(hInstall, L"ProductName", productName);
     if (read.failedStep == Host::PropertyReadStep::SizeQuery)
     {
-        LogLastError(L"MsiGetProperty ProductName failed with error ");
+        QC_LOG_PROPERTY_READ_FAILURE(Logging::LOG_LEVEL_ERROR, kLogSource, L"ProductName");
         return ERROR_INSTALL_FAILURE;
     }
     if (read.failedStep != Host::PropertyReadStep::None)
     {
         // Another text than for the size query: intentional.
-        LogLastError(L"MsiGetProperty strProductName failed with error ");
+        QC_LOG_PROPERTY_READ_FAILURE(Logging::LOG_LEVEL_ERROR, kLogSource, L"strProductName");
         return ERROR_INSTALL_FAILURE;
     }
 
@@ -132,14 +125,14 @@ UINT DirectoryObjectPickWorker(Host::CWorkbench* pWorkbench)
     }
     if (hwndParent == nullptr)
     {
-        LogLastError(L"FindWindow failed with error ");
+        QC_LOG_LAST_ERROR(kLogSource, L"FindWindow failed with error ");
         return ERROR_INSTALL_FAILURE;
     }
 
     CWideBuffer result;
     if (!directory.InvokeDialog(hwndParent, result))
     {
-        LogLastError(L"ShowObjectPicker failed with error ");
+        QC_LOG_LAST_ERROR(kLogSource, L"ShowObjectPicker failed with error ");
         return ERROR_INSTALL_FAILURE;
     }
     ::MsiSetPropertyW(hInstall, L"PickResult", System::Types::Text(result));

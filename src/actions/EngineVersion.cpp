@@ -7,17 +7,17 @@
 #include <io.h>
 
 #include "actions/Workers.h"
-#include "host/RegistryString.h"
 #include "host/types/Handles.h"
 #include "host/types/WideString.h"
-#include "logging/Log.h"
+#include "logging/LogHelpers.h"
 #include "system/FileVersion.h"
+#include "system/Registry.h"
 
 namespace Quillcast::Actions {
 
 namespace {
 
-constexpr wchar_t kLogSource[] = L"Various";
+constexpr Logging::CLogSource kLogSource{L"Various", 3000};
 
 constexpr wchar_t kUninstallKey[] = L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\.lumen Engine";
 constexpr wchar_t kEngine[] = L".lumen Engine";
@@ -45,24 +45,18 @@ bool EndsWith(const CWideBuffer& text, const wchar_t* suffix)
     {
         return false;
     }
-    if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, System::Types::Text(keyPath), 0, kUninstallAccess, key.Put()) ==
-        ERROR_SUCCESS)
+    if (QC_OPEN_KEY_OR_LOG(HKEY_LOCAL_MACHINE, System::Types::Text(keyPath), kUninstallAccess, key,
+                           Logging::LOG_LEVEL_WARNING, kLogSource,
+                           L"Open registry key .lumen Engine failed with error "))
     {
         return true;
     }
-    QC_LOG_WARNING(kLogSource) << L"Open registry key .lumen Engine failed with error "
-                               << static_cast<uint32_t>(::GetLastError());
     // Should the replacement fail, the unchanged path fails to open again and that is logged.
     (void)System::Types::Replace(keyPath, kEngine, kRdpEngine);
-    if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, System::Types::Text(keyPath), 0, kUninstallAccess, key.Put()) ==
-        ERROR_SUCCESS)
-    {
-        return true;
-    }
     // The lower-case "engine" of this one text is intentional.
-    QC_LOG_ERROR(kLogSource) << L"Open registry key .lumen RDP engine failed with error "
-                             << static_cast<uint32_t>(::GetLastError());
-    return false;
+    return QC_OPEN_KEY_OR_LOG(HKEY_LOCAL_MACHINE, System::Types::Text(keyPath), kUninstallAccess, key,
+                              Logging::LOG_LEVEL_ERROR, kLogSource,
+                              L"Open registry key .lumen RDP engine failed with error ");
 }
 
 // The 7.0 editions, told apart by the kind of system and the two installer
@@ -113,10 +107,9 @@ UINT GetEngineVersionWorker(Host::CWorkbench* pWorkbench)
         {
             return ERROR_INSTALL_FAILURE;
         }
-        if (Host::ReadRegistryString(key.Get(), L"DisplayVersion", version) != ERROR_SUCCESS)
+        if (System::ReadRegistryString(key.Get(), L"DisplayVersion", version) != ERROR_SUCCESS)
         {
-            QC_LOG_ERROR(kLogSource) << L"Query registry value failed with error "
-                                     << static_cast<uint32_t>(::GetLastError());
+            QC_LOG_LAST_ERROR(kLogSource, L"Query registry value failed with error ");
             return ERROR_INSTALL_FAILURE;
         }
     }
@@ -124,7 +117,7 @@ UINT GetEngineVersionWorker(Host::CWorkbench* pWorkbench)
     osVersion.dwOSVersionInfoSize = sizeof(osVersion);
     if (!::GetVersionExW(reinterpret_cast<OSVERSIONINFOW*>(&osVersion)))
     {
-        QC_LOG_ERROR(kLogSource) << L"GetVersionEx failed with error " << static_cast<uint32_t>(::GetLastError());
+        QC_LOG_LAST_ERROR(kLogSource, L"GetVersionEx failed with error ");
         return ERROR_INSTALL_FAILURE;
     }
 

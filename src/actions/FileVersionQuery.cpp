@@ -7,14 +7,14 @@
 #include "actions/Workers.h"
 #include "host/MsiProperty.h"
 #include "host/types/WideString.h"
-#include "logging/Log.h"
+#include "logging/LogHelpers.h"
 #include "system/FileVersion.h"
 
 namespace Quillcast::Actions {
 
 namespace {
 
-constexpr wchar_t kLogSource[] = L"Various";
+constexpr Logging::CLogSource kLogSource{L"Various", 4000};
 constexpr wchar_t kResultProperty[] = L"GFV_Result";
 
 } // namespace
@@ -24,8 +24,8 @@ UINT GetFileVersionWorker(Host::CWorkbench* pWorkbench)
     const MSIHANDLE hInstall = pWorkbench->m_hInstall;
     System::Types::CWideBuffer folder;
     System::Types::CWideBuffer name;
-    if (!Host::ReadPropertyOrLog(hInstall, L"GFV_FILEPATH", folder, kLogSource, __LINE__) ||
-        !Host::ReadPropertyOrLog(hInstall, L"GFV_FILENAME", name, kLogSource, __LINE__))
+    if (!QC_READ_PROPERTY_OR_LOG(hInstall, L"GFV_FILEPATH", folder, kLogSource) ||
+        !QC_READ_PROPERTY_OR_LOG(hInstall, L"GFV_FILENAME", name, kLogSource))
     {
         return ERROR_INSTALL_FAILURE;
     }
@@ -35,7 +35,7 @@ UINT GetFileVersionWorker(Host::CWorkbench* pWorkbench)
     if (!System::Types::Format(path, L"%s\\%s", System::Types::Text(folder), System::Types::Text(name)) ||
         ::_waccess(System::Types::Text(path), 0) != 0)
     {
-        QC_LOG_ERROR(kLogSource) << L"Access failed with error " << static_cast<uint32_t>(::GetLastError());
+        QC_LOG_LAST_ERROR(kLogSource, L"Access failed with error ");
         ::MsiSetPropertyW(hInstall, kResultProperty, L"-1");
         return ERROR_INSTALL_FAILURE;
     }

@@ -5,16 +5,16 @@
 #include <cwchar>
 
 #include "actions/Workers.h"
-#include "host/RegistryString.h"
 #include "host/types/Handles.h"
 #include "host/types/WideString.h"
-#include "logging/Log.h"
+#include "logging/LogHelpers.h"
+#include "system/Registry.h"
 
 namespace Quillcast::Actions {
 
 namespace {
 
-constexpr wchar_t kLogSource[] = L"Various";
+constexpr Logging::CLogSource kLogSource{L"Various", 2000};
 
 constexpr wchar_t kModulesKey[] = L"SOFTWARE\\Citrix\\ICA Client\\Engine\\Configuration\\Advanced\\Modules\\ICA 3.0";
 constexpr wchar_t kVirtualDriver[] = L"VirtualDriver";
@@ -31,21 +31,17 @@ using System::Types::CWideBuffer;
 // the code the registry call answered.
 [[nodiscard]] bool OpenModulesKey(CRegistryKey& key)
 {
-    if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kModulesKey, 0, kModulesAccess, key.Put()) == ERROR_SUCCESS)
-    {
-        return true;
-    }
-    QC_LOG_ERROR(kLogSource) << L"Open registry key failed with error " << static_cast<uint32_t>(::GetLastError());
-    return false;
+    return QC_OPEN_KEY_OR_LOG(HKEY_LOCAL_MACHINE, kModulesKey, kModulesAccess, key, Logging::LOG_LEVEL_ERROR,
+                              kLogSource, L"Open registry key failed with error ");
 }
 
 [[nodiscard]] bool ReadVirtualDrivers(const CRegistryKey& key, CWideBuffer& drivers, uint32_t spareCharacters)
 {
-    if (Host::ReadRegistryString(key.Get(), kVirtualDriver, drivers, spareCharacters) == ERROR_SUCCESS)
+    if (System::ReadRegistryString(key.Get(), kVirtualDriver, drivers, spareCharacters) == ERROR_SUCCESS)
     {
         return true;
     }
-    QC_LOG_ERROR(kLogSource) << L"Query registry value failed with error " << static_cast<uint32_t>(::GetLastError());
+    QC_LOG_LAST_ERROR(kLogSource, L"Query registry value failed with error ");
     return false;
 }
 
@@ -57,7 +53,7 @@ using System::Types::CWideBuffer;
     {
         return true;
     }
-    QC_LOG_ERROR(kLogSource) << L"Set registry value failed with error " << static_cast<uint32_t>(::GetLastError());
+    QC_LOG_LAST_ERROR(kLogSource, L"Set registry value failed with error ");
     return false;
 }
 
@@ -89,7 +85,7 @@ UINT AddIcaClientWorker(Host::CWorkbench* /*pWorkbench*/)
                            ::wcscat_s(pText, capacity, kEntry) == 0;
     if (!bAppended)
     {
-        QC_LOG_ERROR(kLogSource) << L"wcscat_s failed with error " << static_cast<uint32_t>(::GetLastError());
+        QC_LOG_LAST_ERROR(kLogSource, L"wcscat_s failed with error ");
         return ERROR_INSTALL_FAILURE;
     }
     return WriteVirtualDrivers(key, pText) ? ERROR_SUCCESS : ERROR_INSTALL_FAILURE;
@@ -125,7 +121,7 @@ UINT RemoveIcaClientWorker(Host::CWorkbench* /*pWorkbench*/)
     {
         if (!System::Types::Replace(drivers, removal, L""))
         {
-            QC_LOG_ERROR(kLogSource) << L"Replace failed with error " << static_cast<uint32_t>(::GetLastError());
+            QC_LOG_LAST_ERROR(kLogSource, L"Replace failed with error ");
             return ERROR_INSTALL_FAILURE;
         }
     }

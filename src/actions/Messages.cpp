@@ -6,6 +6,7 @@
 #include <cstdlib>
 
 #include "actions/Workers.h"
+#include "host/ArgumentNames.h"
 #include "host/MsiProperty.h"
 #include "host/types/Handles.h"
 #include "host/types/WideString.h"
@@ -15,7 +16,7 @@ namespace Quillcast::Actions {
 
 namespace {
 
-constexpr wchar_t kLogSource[] = L"Various";
+constexpr Logging::CLogSource kLogSource{L"Various", 5000};
 
 using System::Types::CMsiHandle;
 using System::Types::CWideBuffer;
@@ -58,14 +59,8 @@ UINT AnswerResult(const Host::CWorkbench* pWorkbench, int answer)
     {
         return ERROR_SUCCESS;
     }
-    QC_LOG_ERROR(kLogSource) << pWorkbench->m_Arguments.GetArgument(L"MESSAGE");
+    QC_LOG_ERROR(kLogSource) << pWorkbench->m_Arguments.GetArgument(Host::Argument::kMessage);
     return ERROR_INSTALL_USEREXIT;
-}
-
-// "ShowMessage...Property = <text>" at detail level.
-void LogPropertyValue(const wchar_t* name, const CWideBuffer& value)
-{
-    QC_LOG_DETAIL(kLogSource) << name << L" = " << System::Types::Text(value);
 }
 
 } // namespace
@@ -74,11 +69,11 @@ UINT ShowMessageDeferredWorker(Host::CWorkbench* pWorkbench)
 {
     const Host::CMsiArguments& arguments = pWorkbench->m_Arguments;
     // Without TYPE the conversion gets no text: 0, a plain OK box.
-    const wchar_t* pszType = arguments.GetArgument(L"TYPE");
+    const wchar_t* pszType = arguments.GetArgument(Host::Argument::kType);
     const UINT type = pszType != nullptr ? static_cast<UINT>(::_wtoi(pszType)) : 0;
     // A record that cannot be made or filled shows nothing and fails nothing.
     const CMsiHandle record(::MsiCreateRecord(2));
-    if (!FillMessageRecord(record, arguments.GetArgument(L"MESSAGE")))
+    if (!FillMessageRecord(record, arguments.GetArgument(Host::Argument::kMessage)))
     {
         return ERROR_SUCCESS;
     }
@@ -91,30 +86,30 @@ UINT ShowMessageImmediatelyWorker(Host::CWorkbench* pWorkbench)
     const CMsiHandle record(::MsiCreateRecord(2));
 
     CWideBuffer text;
-    if (!Host::ReadPropertyOrLog(hInstall, L"ShowMessageTextProperty", text, kLogSource, __LINE__))
+    if (!QC_READ_PROPERTY_OR_LOG(hInstall, L"ShowMessageTextProperty", text, kLogSource))
     {
         return ERROR_INSTALL_FAILURE;
     }
-    LogPropertyValue(L"ShowMessageTextProperty", text);
+    QC_LOG_DETAIL(kLogSource) << L"ShowMessageTextProperty = " << System::Types::Text(text);
     CWideBuffer typeText;
-    if (!Host::ReadPropertyOrLog(hInstall, L"ShowMessageTypeProperty", typeText, kLogSource, __LINE__))
+    if (!QC_READ_PROPERTY_OR_LOG(hInstall, L"ShowMessageTypeProperty", typeText, kLogSource))
     {
         return ERROR_INSTALL_FAILURE;
     }
-    LogPropertyValue(L"ShowMessageTypeProperty", typeText);
+    QC_LOG_DETAIL(kLogSource) << L"ShowMessageTypeProperty = " << System::Types::Text(typeText);
     const UINT type = static_cast<UINT>(::_wtoi(System::Types::Text(typeText)));
 
     // The caption and the quiet-mode switch are optional: an unreadable one is
     // logged and taken as empty.
     CWideBuffer caption;
-    (void)Host::ReadPropertyOrLog(hInstall, L"ShowMessageCaptionProperty", caption, kLogSource, __LINE__);
-    LogPropertyValue(L"ShowMessageCaptionProperty", caption);
+    (void)QC_READ_PROPERTY_OR_LOG(hInstall, L"ShowMessageCaptionProperty", caption, kLogSource);
+    QC_LOG_DETAIL(kLogSource) << L"ShowMessageCaptionProperty = " << System::Types::Text(caption);
     CWideBuffer quietModeText;
     const bool bQuietModeRead =
-        Host::ReadPropertyOrLog(hInstall, L"ShowMessageQuietModeProperty", quietModeText, kLogSource, __LINE__);
+        QC_READ_PROPERTY_OR_LOG(hInstall, L"ShowMessageQuietModeProperty", quietModeText, kLogSource);
     const uint32_t dwShowInQuietMode =
         bQuietModeRead ? static_cast<uint32_t>(::_wtoi(System::Types::Text(quietModeText))) : 0;
-    LogPropertyValue(L"ShowMessageQuietModeProperty", quietModeText);
+    QC_LOG_DETAIL(kLogSource) << L"ShowMessageQuietModeProperty = " << System::Types::Text(quietModeText);
     QC_LOG_DETAIL(kLogSource) << L"dwShowInQuietMode = " << dwShowInQuietMode;
 
     if (!FillMessageRecord(record, System::Types::Text(text)))

@@ -9,18 +9,20 @@
 #include <io.h>
 
 #include "actions/Workers.h"
+#include "host/ArgumentNames.h"
 #include "host/MsiProperty.h"
 #include "host/types/Handles.h"
 #include "host/types/WideString.h"
-#include "logging/Log.h"
+#include "logging/LogHelpers.h"
 #include "system/Process.h"
+#include "system/Registry.h"
 #include "system/Shell.h"
 
 namespace Quillcast::Actions {
 
 namespace {
 
-constexpr wchar_t kLogSource[] = L"Various";
+constexpr Logging::CLogSource kLogSource{L"Various", 7000};
 
 constexpr uint32_t kDefaultCloseTimeoutMs = 60000;
 
@@ -29,17 +31,6 @@ constexpr REGSAM kAutoConnectKeyAccess = KEY_ALL_ACCESS | KEY_WOW64_32KEY;
 static_assert(kAutoConnectKeyAccess == 0xF023F);
 
 using System::Types::CWideBuffer;
-
-void LogLastError(const wchar_t* pszText) noexcept
-{
-    const DWORD dwError = ::GetLastError();
-    QC_LOG_ERROR(kLogSource) << pszText << dwError;
-}
-
-bool ReadProperty(MSIHANDLE hInstall, const wchar_t* pszName, CWideBuffer& value) noexcept
-{
-    return Host::ReadPropertyOrLog(hInstall, pszName, value, kLogSource, __LINE__);
-}
 
 // Seconds as _wtoi reads them (junk and "" give 0), in 32-bit milliseconds;
 // null (nothing given) is the default of 60 s.
@@ -109,22 +100,6 @@ UINT OpenThroughShell(const wchar_t* pszTarget, const wchar_t* pszDirectory) noe
     return shell.Execute(pszTarget, pszDirectory) ? ERROR_SUCCESS : ERROR_INSTALL_FAILURE;
 }
 
-// "ImagePath" as stored: the type is not looked at and nothing is expanded.
-bool ReadImagePath(HKEY hKey, CWideBuffer& imagePath) noexcept
-{
-    DWORD cbData = 0;
-    // Only the size is wanted here; a failure shows in the read that follows.
-    (void)::RegQueryValueExW(hKey, L"ImagePath", nullptr, nullptr, nullptr, &cbData);
-    // One character more than the value holds keeps the text terminated.
-    if (!imagePath.Allocate(cbData / sizeof(wchar_t) + 1))
-    {
-        ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-        return false;
-    }
-    return ::RegQueryValueExW(hKey, L"ImagePath", nullptr, nullptr, reinterpret_cast<BYTE*>(imagePath.Data()),
-                              &cbData) == ERROR_SUCCESS;
-}
-
 // One run of the auto-connect program; false after its error entry.
 bool RunAutoConnect(const CWideBuffer& commandLine) noexcept
 {
@@ -134,13 +109,13 @@ bool RunAutoConnect(const CWideBuffer& commandLine) noexcept
     case StartOutcome::Ended:
         return true;
     case StartOutcome::CreateFailed:
-        LogLastError(L"Start failed with error ");
+        QC_LOG_LAST_ERROR(kLogSource, L"Start failed with error ");
         return false;
     case StartOutcome::NotRunning:
     case StartOutcome::WaitFailed:
         break;
     }
-    LogLastError(L"Wait failed with error ");
+    QC_LOG_LAST_ERROR(kLogSource, L"Wait failed with error ");
     return false;
 }
 
@@ -148,13 +123,13 @@ bool RunAutoConnect(const CWideBuffer& commandLine) noexcept
 
 UINT CreateProcessDeferredWorker(Host::CWorkbench* pWorkbench)
 {
-    return CreateProcessAndWait(pWorkbench->m_Arguments.GetArgument(L"CMDLINE"));
+    return CreateProcessAndWait(pWorkbench->m_Arguments.GetArgument(Host::Argument::kCommandLine));
 }
 
 UINT CreateProcessImmediatelyWorker(Host::CWorkbench* pWorkbench)
 {
     CWideBuffer commandLine;
-    if (!ReadProperty(pWorkbench->m_hInstall, L"CreateProcessProperty", commandLine))
+    if (!QC_READ_PROPERTY_OR_LOG(pWorkbench->m_hInstall, L"CreateProcessProperty", commandLine, kLogSource))
     {
         return ERROR_INSTALL_FAILURE;
     }
@@ -170,15 +145,15 @@ UINT CloseProcessDeferredWorker(Host::CWorkbench* pWorkbench)
         return ERROR_INSTALL_FAILURE;
     }
     const Host::CMsiArguments& arguments = pWorkbench->m_Arguments;
-    return CloseByName(process, arguments.GetArgument(L"PROCESSNAME"),
-                       CloseTimeoutMs(arguments.GetArgument(L"TIMEOUT")));
+    return CloseByName(process, arguments.GetArgument(Host::Argument::kProcessName),
+                       CloseTimeoutMs(arguments.GetArgument(Host::Argument::kTimeout)));
 }
 
 UINT CloseProcessImmediatelyWorker(Host::CWorkbench* pWorkbench)
 {
     const MSIHANDLE hInstall = pWorkbench->m_hInstall;
     CWideBuffer name;
-    if (!ReadProperty(hInstall, L"CloseProcessProperty", name))
+    if (!QC_READ_PROPERTY_OR_LOG(hInstall, L"CloseProcessProperty", name, kLogSource))
     {
         return ERROR_INSTALL_FAILURE;
     }
@@ -191,14 +166,11 @@ UINT CloseProcessImmediatelyWorker(Host::CWorkbench* pWorkbench)
     case Host::PropertyReadStep::None:
         break;
     case Host::PropertyReadStep::SizeQuery:
-    {
-        const DWORD dwError = ::GetLastError();
-        QC_LOG_WARNING(kLogSource) << L"MsiGetProperty CloseProcessTimeout failed with error " << dwError;
+        QC_LOG_PROPERTY_READ_FAILURE(Logging::LOG_LEVEL_WARNING, kLogSource, L"CloseProcessTimeout");
         break;
-    }
     case Host::PropertyReadStep::Allocate:
     case Host::PropertyReadStep::Read:
-        LogLastError(L"MsiGetProperty CloseProcessTimeout failed with error ");
+        QC_LOG_PROPERTY_READ_FAILURE(Logging::LOG_LEVEL_ERROR, kLogSource, L"CloseProcessTimeout");
         return ERROR_INSTALL_FAILURE;
     }
 
@@ -214,7 +186,8 @@ UINT CloseProcessImmediatelyWorker(Host::CWorkbench* pWorkbench)
 UINT ShellExecuteDeferredWorker(Host::CWorkbench* pWorkbench)
 {
     const Host::CMsiArguments& arguments = pWorkbench->m_Arguments;
-    return OpenThroughShell(arguments.GetArgument(L"TARGET"), arguments.GetArgument(L"WORKINGDIR"));
+    return OpenThroughShell(arguments.GetArgument(Host::Argument::kTarget),
+                            arguments.GetArgument(Host::Argument::kWorkingDir));
 }
 
 UINT ShellExecuteImmediatelyWorker(Host::CWorkbench* pWorkbench)
@@ -222,8 +195,8 @@ UINT ShellExecuteImmediatelyWorker(Host::CWorkbench* pWorkbench)
     const MSIHANDLE hInstall = pWorkbench->m_hInstall;
     CWideBuffer target;
     CWideBuffer directory;
-    if (!ReadProperty(hInstall, L"ShellExecuteTarget", target) ||
-        !ReadProperty(hInstall, L"ShellExecuteWorkDir", directory))
+    if (!QC_READ_PROPERTY_OR_LOG(hInstall, L"ShellExecuteTarget", target, kLogSource) ||
+        !QC_READ_PROPERTY_OR_LOG(hInstall, L"ShellExecuteWorkDir", directory, kLogSource))
     {
         return ERROR_INSTALL_FAILURE;
     }
@@ -233,16 +206,18 @@ UINT ShellExecuteImmediatelyWorker(Host::CWorkbench* pWorkbench)
 UINT CloseAutoConnectWorker(Host::CWorkbench*)
 {
     System::Types::CRegistryKey key;
-    if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kAutoConnectServiceKey, 0, kAutoConnectKeyAccess, key.Put()) !=
-        ERROR_SUCCESS)
+    if (!QC_OPEN_KEY_OR_LOG(HKEY_LOCAL_MACHINE, kAutoConnectServiceKey, kAutoConnectKeyAccess, key,
+                            Logging::LOG_LEVEL_ERROR, kLogSource, L"Open registry key failed with error "))
     {
-        LogLastError(L"Open registry key failed with error ");
         return ERROR_INSTALL_FAILURE;
     }
+    // "ImagePath" as stored (its type is not looked at, nothing is expanded),
+    // read even when its size query fails: a missing value fails the read.
     CWideBuffer commandLine;
-    if (!ReadImagePath(key.Get(), commandLine))
+    if (System::ReadRegistryString(key.Get(), L"ImagePath", commandLine, 0, System::RegistrySizeQuery::Advisory) !=
+        ERROR_SUCCESS)
     {
-        LogLastError(L"Query registry value failed with error ");
+        QC_LOG_LAST_ERROR(kLogSource, L"Query registry value failed with error ");
         return ERROR_INSTALL_FAILURE;
     }
 
@@ -255,14 +230,14 @@ UINT CloseAutoConnectWorker(Host::CWorkbench*)
     }
     if (::_waccess(System::Types::Text(commandLine), 0) != 0)
     {
-        LogLastError(L"Access failed with error ");
+        QC_LOG_LAST_ERROR(kLogSource, L"Access failed with error ");
         return ERROR_INSTALL_FAILURE;
     }
     // The path is not quoted again. Append and the Replace below fail only on
     // an exhausted heap, reported as a start that could not happen.
     if (!System::Types::Append(commandLine, L" -d all -q"))
     {
-        LogLastError(L"Start failed with error ");
+        QC_LOG_LAST_ERROR(kLogSource, L"Start failed with error ");
         return ERROR_INSTALL_FAILURE;
     }
     if (!RunAutoConnect(commandLine))
@@ -271,7 +246,7 @@ UINT CloseAutoConnectWorker(Host::CWorkbench*)
     }
     if (!System::Types::Replace(commandLine, L"-d all", L"-r"))
     {
-        LogLastError(L"Start failed with error ");
+        QC_LOG_LAST_ERROR(kLogSource, L"Start failed with error ");
         return ERROR_INSTALL_FAILURE;
     }
     return RunAutoConnect(commandLine) ? ERROR_SUCCESS : ERROR_INSTALL_FAILURE;

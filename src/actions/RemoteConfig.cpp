@@ -5,16 +5,18 @@
 #include <cwchar>
 
 #include "actions/Workers.h"
+#include "host/ArgumentNames.h"
 #include "host/MsiProperty.h"
 #include "host/types/Handles.h"
 #include "host/types/WideString.h"
-#include "logging/Log.h"
+#include "logging/LogHelpers.h"
+#include "system/Registry.h"
 
 namespace Quillcast::Actions {
 
 namespace {
 
-constexpr wchar_t kLogSource[] = L"Various";
+constexpr Logging::CLogSource kLogSource{L"Various", 6000};
 
 UINT WriteRemoteConfig(const wchar_t* pszList)
 {
@@ -29,10 +31,9 @@ UINT WriteRemoteConfig(const wchar_t* pszList)
 
     System::Types::CRegistryKey key;
     // No view flag: the client reads the 64-bit view. The key is never created.
-    if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Quillcast\\Client", 0, KEY_ALL_ACCESS, key.Put()) !=
-        ERROR_SUCCESS)
+    if (!QC_OPEN_KEY_OR_LOG(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Quillcast\\Client", KEY_ALL_ACCESS, key,
+                            Logging::LOG_LEVEL_ERROR, kLogSource, L"Open registry key failed with error "))
     {
-        QC_LOG_ERROR(kLogSource) << L"Open registry key failed with error " << static_cast<uint32_t>(::GetLastError());
         return ERROR_INSTALL_FAILURE;
     }
     for (uint32_t i = 0; i < length; ++i)
@@ -48,7 +49,7 @@ UINT WriteRemoteConfig(const wchar_t* pszList)
     if (::RegSetValueExW(key.Get(), L"RmtConf", 0, REG_MULTI_SZ, reinterpret_cast<const BYTE*>(strings.Data()),
                          cbData) != ERROR_SUCCESS)
     {
-        QC_LOG_ERROR(kLogSource) << L"Set registry value failed with error " << static_cast<uint32_t>(::GetLastError());
+        QC_LOG_LAST_ERROR(kLogSource, L"Set registry value failed with error ");
         return ERROR_INSTALL_FAILURE;
     }
     return ERROR_SUCCESS;
@@ -59,14 +60,14 @@ UINT WriteRemoteConfig(const wchar_t* pszList)
 UINT SetRemoteConfigDeferredWorker(Host::CWorkbench* pWorkbench)
 {
     // The frame has checked that it is present and non-empty.
-    const wchar_t* pszList = pWorkbench->m_Arguments.GetArgument(L"REMOTECONFIG");
+    const wchar_t* pszList = pWorkbench->m_Arguments.GetArgument(Host::Argument::kRemoteConfig);
     return WriteRemoteConfig(pszList != nullptr ? pszList : L"");
 }
 
 UINT SetRemoteConfigImmediatelyWorker(Host::CWorkbench* pWorkbench)
 {
     System::Types::CWideBuffer list;
-    if (!Host::ReadPropertyOrLog(pWorkbench->m_hInstall, L"RMTCONF", list, kLogSource, __LINE__))
+    if (!QC_READ_PROPERTY_OR_LOG(pWorkbench->m_hInstall, L"RMTCONF", list, kLogSource))
     {
         return ERROR_INSTALL_FAILURE;
     }

@@ -5,6 +5,7 @@
 #include <cwchar>
 
 #include "actions/Workers.h"
+#include "host/ArgumentNames.h"
 #include "system/Daemon.h"
 
 namespace Quillcast::Actions {
@@ -22,17 +23,17 @@ enum class ServiceOperation
 UINT RunServiceOperation(const Host::CWorkbench* pWorkbench, ServiceOperation operation)
 {
     const Host::CMsiArguments& arguments = pWorkbench->m_Arguments;
-    System::CDaemon daemon(arguments.GetArgument(L"SERVICENAME"));
+    System::CDaemon daemon(arguments.GetArgument(Host::Argument::kServiceName));
 
     // Exactly "1": "true", "01" or an empty value leave the dependents alone.
-    const wchar_t* dependencies = arguments.GetArgument(L"DEPENDENCIES");
+    const wchar_t* dependencies = arguments.GetArgument(Host::Argument::kDependencies);
     if (dependencies != nullptr && ::wcscmp(dependencies, L"1") == 0)
     {
         daemon.SetDependencies(true);
     }
     // Seconds to milliseconds in 32-bit unsigned arithmetic: -1 wraps to
     // 4294966296 ms, in effect no limit; junk and "" give 0.
-    const wchar_t* timeout = arguments.GetArgument(L"TIMEOUT");
+    const wchar_t* timeout = arguments.GetArgument(Host::Argument::kTimeout);
     if (timeout != nullptr)
     {
         daemon.SetTimeout(static_cast<uint32_t>(::_wtoi(timeout)) * 1000u);

@@ -11,7 +11,7 @@ namespace Quillcast::Host {
 
 namespace {
 
-constexpr wchar_t kLogSource[] = L"MsiArguments";
+constexpr Logging::CLogSource kLogSource{L"MsiArguments", 0};
 constexpr wchar_t kCustomActionData[] = L"CustomActionData";
 
 using System::Types::CWideBuffer;

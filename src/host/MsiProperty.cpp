@@ -2,7 +2,7 @@
 
 #include <msiquery.h>
 
-#include "logging/Log.h"
+#include "logging/LogHelpers.h"
 
 namespace Quillcast::Host {
 
@@ -13,18 +13,21 @@ PropertyReadResult ReadProperty(MSIHANDLE hInstall, const wchar_t* name, System:
         value);
 }
 
+void LogPropertyReadFailure(uint32_t level, const wchar_t* name, const Logging::CLogSource& source,
+                            uint32_t line) noexcept
+{
+    const uint32_t error = Logging::LastErrorCode();
+    QC_LOG_AT(level, source, line) << L"MsiGetProperty " << name << L" failed with error " << error;
+}
+
 bool ReadPropertyOrLog(MSIHANDLE hInstall, const wchar_t* name, System::Types::CWideBuffer& value,
-                       const wchar_t* source, uint32_t line) noexcept
+                       const Logging::CLogSource& source, uint32_t line) noexcept
 {
     if (ReadProperty(hInstall, name, value).failedStep == PropertyReadStep::None)
     {
         return true;
     }
-    // Intentionally the thread's last-error value, not the installer's answer:
-    // the property readers' entries carry that code.
-    const DWORD dwError = ::GetLastError();
-    Logging::CLogEntry(Logging::LOG_LEVEL_ERROR, source, line)
-        << L"MsiGetProperty " << name << L" failed with error " << dwError;
+    LogPropertyReadFailure(Logging::LOG_LEVEL_ERROR, name, source, line);
     return false;
 }
 

@@ -2,9 +2,10 @@
 
 #include <cwchar>
 
+#include "host/ArgumentNames.h"
 #include "host/Globals.h"
 #include "host/types/Buffer.h"
-#include "logging/Log.h"
+#include "logging/LogHelpers.h"
 #include "logging/msi/LogStreamMsi.h"
 #include "system/FileVersion.h"
 
@@ -13,7 +14,7 @@ namespace Quillcast::Host {
 
 namespace {
 
-constexpr wchar_t kLogSource[] = L"Workbench";
+constexpr Logging::CLogSource kLogSource{L"Workbench", 0};
 
 // GetModuleFileNameW is handed fewer characters than are allocated; the error
 // text names the number handed over.
@@ -104,7 +105,7 @@ bool CheckArgumentValue(const wchar_t* name, const wchar_t* value)
     {
         return false;
     }
-    if (!EqualsIgnoringAsciiCase(name, L"DEPENDENCIES"))
+    if (!EqualsIgnoringAsciiCase(name, Argument::kDependencies))
     {
         return true;
     }
@@ -144,8 +145,7 @@ void LogModuleVersion()
     }
     if (::GetModuleFileNameW(g_hModule, path.Data(), kModulePathHandedOver) == 0)
     {
-        const DWORD dwError = ::GetLastError();
-        QC_LOG_ERROR(kLogSource) << L"GetModuleFileName failed with error " << dwError;
+        QC_LOG_LAST_ERROR(kLogSource, L"GetModuleFileName failed with error ");
         return;
     }
     const System::CFileVersion version(path.Data());

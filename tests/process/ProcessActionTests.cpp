@@ -12,10 +12,12 @@
 #include <process.h>
 
 #include "actions/Workers.h"
+#include "host/MsiProperty.h"
 #include "support/ActionCall.h"
 #include "support/ComChangedMode.h"
 #include "support/ImportPatch.h"
 #include "system/Process.h"
+#include "system/Registry.h"
 #include "system/Shell.h"
 
 namespace QcTest {
@@ -39,6 +41,7 @@ enum Flags
 std::vector<DWORD> g_Waits;      // every time-out passed to WaitForSingleObject
 std::vector<DWORD> g_OpenedIds;  // every process id passed to OpenProcess
 std::vector<REGSAM> g_KeyAccess; // every access mask passed to RegOpenKeyExW (REGSAM is a DWORD)
+int g_ImagePathQueries = 0;      // RegQueryValueExW calls for "ImagePath"
 int g_Flags = 0;
 // The holding programs' release, set after every exit-code read of the action, and the event a windowed program
 // sets once it has handled WM_CLOSE.
@@ -90,6 +93,16 @@ LSTATUS WINAPI RecordingRegOpenKeyExW(HKEY hKey, LPCWSTR pszSubKey, DWORD dwOpti
     return ::RegOpenKeyExW(hKey, pszSubKey, dwOptions, access, phResult);
 }
 
+LSTATUS WINAPI CountingRegQueryValueExW(HKEY hKey, LPCWSTR pszName, LPDWORD pdwReserved, LPDWORD pdwType, LPBYTE pData,
+                                        LPDWORD pcbData)
+{
+    if (pszName != nullptr && std::wstring(pszName) == L"ImagePath")
+    {
+        ++g_ImagePathQueries;
+    }
+    return ::RegQueryValueExW(hKey, pszName, pdwReserved, pdwType, pData, pcbData);
+}
+
 std::wstring Error(const std::wstring& source, const std::wstring& text)
 {
     return L"[ERROR] " + source + L" (#) " + text + L".\n";
@@ -114,6 +127,7 @@ TEST_P(ProcessAction, Case)
 {
     const Case& test = GetParam();
     g_Waits = g_OpenedIds = g_KeyAccess = {};
+    g_ImagePathQueries = 0;
     ::ResetEvent(g_hRelease);
     ::ResetEvent(g_hClosed);
     wchar_t directory[MAX_PATH] = {};
@@ -168,6 +182,7 @@ TEST_P(ProcessAction, Case)
         {hModule, "KERNEL32.dll", "GetExitCodeProcess", reinterpret_cast<const void*>(&OrderedGetExitCodeProcess)},
         {hModule, "KERNEL32.dll", "TerminateProcess", reinterpret_cast<const void*>(&WindowsTerminateProcess)},
         {hModule, "ADVAPI32.dll", "RegOpenKeyExW", reinterpret_cast<const void*>(&RecordingRegOpenKeyExW)},
+        {hModule, "ADVAPI32.dll", "RegQueryValueExW", reinterpret_cast<const void*>(&CountingRegQueryValueExW)},
     };
 
     const ActionOutcome outcome = RunAction(test.action, properties, {});
@@ -176,6 +191,9 @@ TEST_P(ProcessAction, Case)
     EXPECT_EQ(g_Waits, test.waits);
     // SYSTEM is one hive for both registry views: only the call shows the 32-bit view.
     EXPECT_EQ(g_KeyAccess, std::vector<REGSAM>(file == L"QCAutoConnect.exe", KEY_ALL_ACCESS | KEY_WOW64_32KEY));
+    // The size query, then the read, also when the value is missing and the size query fails.
+    const bool bKeyMade = !test.properties.empty() && test.properties[0].first == L"ImagePath";
+    EXPECT_EQ(g_ImagePathQueries, bKeyMade ? 2 : 0);
     // Handled in snapshot order, which is the order the test started them in.
     EXPECT_TRUE(launched.size() < 2 || g_OpenedIds == (std::vector<DWORD>{::GetProcessId(launched[0].Get()),
                                                                             ::GetProcessId(launched[1].Get())}));
@@ -321,6 +339,36 @@ TEST(ProcessAndShellCode, WrappersAndWorkersKeepTheCodeOfEachFailureOutsideTheAc
         const std::wstring line = L"[ERROR] Various (#) MsiGetProperty " + worker.second + L" failed with error 4242.";
         EXPECT_EQ(log.Bodies(), Lines{line});
     }
+}
+
+// Helpers that log for their caller write the caller's source and line, so that a log line leads to the call and
+// not to the helper. Both entries carry the thread's last-error value: a failed open leaves it alone, and its status
+// (ERROR_FILE_NOT_FOUND) is not what the entry shows.
+TEST(ProcessAndShellCode, HelperEntriesCarryTheCallersSourceAndLine)
+{
+    constexpr Quillcast::Logging::CLogSource kCaller{L"Various", 7000};
+    CLogCapture log;
+    Quillcast::System::Types::CWideBuffer value;
+    Quillcast::System::Types::CRegistryKey key;
+    ::SetLastError(4242);
+    const uint32_t readLine = __LINE__ + 1;
+    const bool bRead = QC_READ_PROPERTY_OR_LOG(0, L"CloseProcessProperty", value, kCaller);
+    ::SetLastError(4243);
+    const uint32_t openLine = __LINE__ + 1;
+    const bool bOpened = QC_OPEN_KEY_OR_LOG(HKEY_LOCAL_MACHINE, L"SYSTEM\\QcNoSuchKey", KEY_READ, key,
+                                            Quillcast::Logging::LOG_LEVEL_WARNING, kCaller,
+                                            L"Open registry key failed with error ");
+    EXPECT_FALSE(bRead);
+    EXPECT_FALSE(bOpened);
+    Lines lines;
+    for (const std::wstring& line : log.Lines())
+    {
+        lines.push_back(WithoutPrefixes(line));
+    }
+    EXPECT_EQ(lines, (Lines{L"[ERROR] Various (" + std::to_wstring(7000 + readLine) +
+                                L") MsiGetProperty CloseProcessProperty failed with error 4242.",
+                            L"[WARNING] Various (" + std::to_wstring(7000 + openLine) +
+                                L") Open registry key failed with error 4243."}));
 }
 
 } // namespace

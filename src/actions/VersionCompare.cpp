@@ -1,3 +1,5 @@
+// CompareVersionString: two dotted version strings from installer properties,
+// compared field by field as numbers, the outcome written to a third property.
 #include <windows.h>
 #include <msiquery.h>
 
@@ -13,36 +15,27 @@ namespace Quillcast::Actions {
 
 namespace {
 
-constexpr wchar_t kLogSource[] = L"Various";
+constexpr Logging::CLogSource kLogSource{L"Various", 1000};
 
 using System::Types::CWideBuffer;
 
-enum class FieldRead
+// Takes the field at `position`, which lies inside `text` (up to the next "." or
+// the end), and moves past its ".". Fields convert as wcstol converts: blanks and
+// a sign accepted, stopping at the first non-digit, clamped to the 32-bit range.
+// False when no memory is left for the field's copy.
+[[nodiscard]] bool TakeField(const wchar_t* text, size_t length, size_t& position, long& value)
 {
-    Taken,
-    OutOfRange,
-};
-
-// Takes the field at `position` (up to the next "." or the end) and moves past
-// its ".". Fields convert as wcstol converts: blanks and a sign accepted,
-// stopping at the first non-digit, clamped to the 32-bit range.
-FieldRead TakeField(const wchar_t* text, size_t length, size_t& position, long& value)
-{
-    if (position >= length)
-    {
-        return FieldRead::OutOfRange;
-    }
     const wchar_t* field = text + position;
     const wchar_t* point = ::wcsstr(field, L".");
     CWideBuffer fieldText;
     const size_t fieldLength = point != nullptr ? static_cast<size_t>(point - field) : length - position;
     if (!System::Types::Assign(fieldText, field, static_cast<uint32_t>(fieldLength)))
     {
-        return FieldRead::OutOfRange;
+        return false;
     }
     value = ::wcstol(System::Types::Text(fieldText), nullptr, 10);
     position += fieldLength + 1;
-    return FieldRead::Taken;
+    return true;
 }
 
 const wchar_t* CompareVersions(const CWideBuffer& versionA, const CWideBuffer& versionB)
@@ -62,13 +55,12 @@ const wchar_t* CompareVersions(const CWideBuffer& versionA, const CWideBuffer& v
         }
         long fieldA = 0;
         long fieldB = 0;
-        // Unreachable while the strings stay unchanged during the call, kept as a guard.
-        if (TakeField(textA, lengthA, positionA, fieldA) != FieldRead::Taken)
+        if (!TakeField(textA, lengthA, positionA, fieldA))
         {
             QC_LOG_WARNING(kLogSource) << L"Could not parse VersionA";
             return L"-50";
         }
-        if (TakeField(textB, lengthB, positionB, fieldB) != FieldRead::Taken)
+        if (!TakeField(textB, lengthB, positionB, fieldB))
         {
             QC_LOG_WARNING(kLogSource) << L"Could not parse VersionB";
             return L"-50";
@@ -93,8 +85,8 @@ UINT CompareVersionStringWorker(Host::CWorkbench* pWorkbench)
     const MSIHANDLE hInstall = pWorkbench->m_hInstall;
     CWideBuffer versionA;
     CWideBuffer versionB;
-    if (!Host::ReadPropertyOrLog(hInstall, L"VersionA", versionA, kLogSource, __LINE__) ||
-        !Host::ReadPropertyOrLog(hInstall, L"VersionB", versionB, kLogSource, __LINE__))
+    if (!QC_READ_PROPERTY_OR_LOG(hInstall, L"VersionA", versionA, kLogSource) ||
+        !QC_READ_PROPERTY_OR_LOG(hInstall, L"VersionB", versionB, kLogSource))
     {
         return ERROR_INSTALL_FAILURE;
     }
