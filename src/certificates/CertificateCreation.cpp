@@ -18,6 +18,7 @@
 #include "certificates/CertificateEnvironment.h"
 #include "certificates/CertificateHelpers.h"
 #include "certificates/QcCryptLog.h"
+#include "system/Registry.h"
 
 namespace Quillcast::Certificates {
 
@@ -123,7 +124,7 @@ bool GetCryptProvider(int32_t index, wchar_t* pszName, DWORD* pdwType) noexcept
         return false;
     }
     CRegistryKey providers;
-    LSTATUS status = ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kProviderListKey, 0, KEY_READ, providers.Put());
+    LSTATUS status = System::OpenKey(HKEY_LOCAL_MACHINE, kProviderListKey, KEY_READ, providers);
     if (status != ERROR_SUCCESS)
     {
         QC_CRYPT_LOG(L"GetCryptProvider() - ERROR: Can't open main regkey (Error=%d).", static_cast<int>(status));
@@ -138,7 +139,7 @@ bool GetCryptProvider(int32_t index, wchar_t* pszName, DWORD* pdwType) noexcept
         return false;
     }
     CRegistryKey provider;
-    status = ::RegOpenKeyExW(providers.Get(), pszName, 0, KEY_READ, provider.Put());
+    status = System::OpenKey(providers.Get(), pszName, KEY_READ, provider);
     if (status != ERROR_SUCCESS)
     {
         QC_CRYPT_LOG(L"GetCryptProvider() - ERROR: Open provider key failed (Error=%d).", static_cast<int>(status));

@@ -34,10 +34,15 @@ LSTATUS ReadRegistryString(HKEY hKey, const wchar_t* name, Types::CWideBuffer& v
     return ERROR_SUCCESS;
 }
 
+LSTATUS OpenKey(HKEY root, const wchar_t* subKey, REGSAM access, Types::CRegistryKey& key) noexcept
+{
+    return ::RegOpenKeyExW(root, subKey, 0, access, key.Put());
+}
+
 bool OpenKeyOrLog(HKEY root, const wchar_t* subKey, REGSAM access, Types::CRegistryKey& key, uint32_t level,
                   const Logging::CLogSource& source, uint32_t line, const wchar_t* text) noexcept
 {
-    if (::RegOpenKeyExW(root, subKey, 0, access, key.Put()) == ERROR_SUCCESS)
+    if (OpenKey(root, subKey, access, key) == ERROR_SUCCESS)
     {
         return true;
     }

@@ -36,7 +36,10 @@ enum class RegistrySizeQuery
                                          RegistrySizeQuery sizeQuery = RegistrySizeQuery::Decides) noexcept;
 
 // Opens `subKey` of `root` with `access` into `key` (which releases what it held
-// first). On failure logs "<text><the thread's last error>" at `level`, from the
+// first) and returns what RegOpenKeyExW answered. Logs nothing.
+[[nodiscard]] LSTATUS OpenKey(HKEY root, const wchar_t* subKey, REGSAM access, Types::CRegistryKey& key) noexcept;
+
+// OpenKey that logs its failure: logs "<text><the thread's last error>" at `level`, from the
 // caller's `source` and `line`, and returns false. Intentionally the last error,
 // not the status RegOpenKeyExW answered: the system's entries have always carried
 // that value, although a failed open does not set it (under Wine it stays as it
