@@ -2,13 +2,23 @@
 
 #include <cwchar>
 
-#include "logging/Log.h"
+#include "logging/LogHelpers.h"
+
+// These hand the caller's line to the helpers that log on its behalf, so that an
+// entry leads to the step that failed rather than to the helper.
+#define DAEMON_QUERY_STATUS(hService, status) QueryStatus(__LINE__, (hService), (status))
+#define DAEMON_QUERY_STATUS_OR_FAIL(hService, status) QueryStatusOrFail(__LINE__, (hService), (status))
+#define DAEMON_FAIL_WITH_LAST_ERROR(text) FailWithLastError(__LINE__, (text))
+#define DAEMON_LOG_TIMEOUT(level, name) LogTimeout(__LINE__, (level), (name))
+#define DAEMON_AWAIT_PENDING(warning, target, pending, status) \
+    AwaitPending(__LINE__, (warning), (target), (pending), (status))
+#define DAEMON_AWAIT_SERVICE_STATE(target, status) AwaitServiceState(__LINE__, (target), (status))
 
 namespace Quillcast::System {
 
 namespace {
 
-constexpr wchar_t kLogSource[] = L"Daemon";
+constexpr Logging::CLogSource kLogSource{L"Daemon", 0};
 
 constexpr DWORD kServiceAccess = SERVICE_QUERY_CONFIG | SERVICE_QUERY_STATUS | SERVICE_ENUMERATE_DEPENDENTS |
                                  SERVICE_START | SERVICE_STOP;
@@ -17,20 +27,14 @@ constexpr DWORD kStartDependentAccess = SERVICE_QUERY_CONFIG | SERVICE_QUERY_STA
 
 static_assert(kServiceAccess == 0x3D && kStopDependentAccess == 0x25 && kStartDependentAccess == 0x15);
 
-// Logs `pszText` followed by the thread's last-error value, as an error.
-void LogLastError(const wchar_t* pszText) noexcept
-{
-    const DWORD dwError = ::GetLastError();
-    QC_LOG_ERROR(kLogSource) << pszText << dwError;
-}
-
-bool QueryStatus(SC_HANDLE hService, SERVICE_STATUS& status) noexcept
+// QueryServiceStatus; a failure is logged at the caller's `line`.
+bool QueryStatus(uint32_t line, SC_HANDLE hService, SERVICE_STATUS& status) noexcept
 {
     if (::QueryServiceStatus(hService, &status))
     {
         return true;
     }
-    LogLastError(L"QueryServiceStatus failed with error ");
+    Logging::LogLastError(kLogSource, line, L"QueryServiceStatus failed with error ");
     return false;
 }
 
@@ -76,7 +80,7 @@ const wchar_t* CDaemon::Open(const wchar_t* pszServiceName) noexcept
 bool CDaemon::Start() noexcept
 {
     SERVICE_STATUS status{};
-    if (!QueryStatusOrFail(m_hService.Get(), status))
+    if (!DAEMON_QUERY_STATUS_OR_FAIL(m_hService.Get(), status))
     {
         return false;
     }
@@ -90,7 +94,7 @@ bool CDaemon::Start() noexcept
         bRunning = true;
         break;
     case SERVICE_START_PENDING:
-        switch (AwaitPending(L" pending start", SERVICE_RUNNING, SERVICE_START_PENDING, status))
+        switch (DAEMON_AWAIT_PENDING(L" pending start", SERVICE_RUNNING, SERVICE_START_PENDING, status))
         {
         case PendingOutcome::Reached:
             bRunning = true;
@@ -115,9 +119,9 @@ bool CDaemon::Start() noexcept
     {
         if (!::StartServiceW(m_hService.Get(), 0, nullptr))
         {
-            return FailWithLastError(L"StartService failed with error ");
+            return DAEMON_FAIL_WITH_LAST_ERROR(L"StartService failed with error ");
         }
-        if (!AwaitServiceState(SERVICE_RUNNING, status))
+        if (!DAEMON_AWAIT_SERVICE_STATE(SERVICE_RUNNING, status))
         {
             return false;
         }
@@ -134,7 +138,7 @@ bool CDaemon::Start() noexcept
 bool CDaemon::Stop() noexcept
 {
     SERVICE_STATUS status{};
-    if (!QueryStatusOrFail(m_hService.Get(), status))
+    if (!DAEMON_QUERY_STATUS_OR_FAIL(m_hService.Get(), status))
     {
         return false;
     }
@@ -147,7 +151,7 @@ bool CDaemon::Stop() noexcept
         ResetTick();
         return true;
     case SERVICE_STOP_PENDING:
-        switch (AwaitPending(L" pending stop", SERVICE_STOPPED, SERVICE_STOP_PENDING, status))
+        switch (DAEMON_AWAIT_PENDING(L" pending stop", SERVICE_STOPPED, SERVICE_STOP_PENDING, status))
         {
         case PendingOutcome::Reached:
             return true;
@@ -175,20 +179,20 @@ bool CDaemon::Stop() noexcept
 
     if (!::ControlService(m_hService.Get(), SERVICE_CONTROL_STOP, &status))
     {
-        return FailWithLastError(L"ControlService failed with error ");
+        return DAEMON_FAIL_WITH_LAST_ERROR(L"ControlService failed with error ");
     }
     if (status.dwCurrentState == SERVICE_STOPPED)
     {
         ResetTick();
         return true;
     }
-    return AwaitServiceState(SERVICE_STOPPED, status);
+    return DAEMON_AWAIT_SERVICE_STATE(SERVICE_STOPPED, status);
 }
 
-CDaemon::PendingOutcome CDaemon::AwaitPending(const wchar_t* pszWarning, DWORD dwTarget, DWORD dwPending,
-                                              SERVICE_STATUS& status) noexcept
+CDaemon::PendingOutcome CDaemon::AwaitPending(uint32_t line, const wchar_t* pszWarning, DWORD dwTarget,
+                                              DWORD dwPending, SERVICE_STATUS& status) noexcept
 {
-    QC_LOG_WARNING(kLogSource) << Name() << pszWarning;
+    QC_LOG_AT(Logging::LOG_LEVEL_WARNING, kLogSource, line) << Name() << pszWarning;
     ResetTick();
     switch (WaitFor(m_hService.Get(), status, dwTarget, dwPending))
     {
@@ -198,7 +202,7 @@ CDaemon::PendingOutcome CDaemon::AwaitPending(const wchar_t* pszWarning, DWORD d
     case WaitResult::LeftPending:
         return PendingOutcome::LeftPending;
     case WaitResult::TimedOut:
-        FailOnTimeout();
+        FailOnTimeout(line);
         return PendingOutcome::Failed;
     case WaitResult::QueryFailed:
         break;
@@ -207,21 +211,21 @@ CDaemon::PendingOutcome CDaemon::AwaitPending(const wchar_t* pszWarning, DWORD d
     return PendingOutcome::Failed;
 }
 
-bool CDaemon::AwaitServiceState(DWORD dwTarget, SERVICE_STATUS& status) noexcept
+bool CDaemon::AwaitServiceState(uint32_t line, DWORD dwTarget, SERVICE_STATUS& status) noexcept
 {
     const WaitResult result = WaitFor(m_hService.Get(), status, dwTarget, 0);
     if (result == WaitResult::TimedOut)
     {
-        FailOnTimeout();
+        FailOnTimeout(line);
         return false;
     }
     ResetTick();
     return result == WaitResult::Reached;
 }
 
-void CDaemon::FailOnTimeout() noexcept
+void CDaemon::FailOnTimeout(uint32_t line) noexcept
 {
-    LogTimeout(Logging::LOG_LEVEL_ERROR, Name());
+    LogTimeout(line, Logging::LOG_LEVEL_ERROR, Name());
     SetLastErrorCode(ERROR_TIMEOUT);
     ResetTick();
 }
@@ -248,7 +252,7 @@ bool CDaemon::EnumDependencies(uint32_t dwServiceState) noexcept
         SetLastErrorCode(ERROR_FILE_NOT_FOUND);
         return false;
     }
-    const DWORD dwError = ::GetLastError();
+    const uint32_t dwError = Logging::LastErrorCode();
     if (dwError != ERROR_MORE_DATA)
     {
         QC_LOG_ERROR(kLogSource) << L"!ERROR_MOREDATA with error " << dwError;
@@ -261,14 +265,14 @@ bool CDaemon::EnumDependencies(uint32_t dwServiceState) noexcept
         static_cast<ENUM_SERVICE_STATUSW*>(::HeapAlloc(::GetProcessHeap(), HEAP_ZERO_MEMORY, dwBytesNeeded)));
     if (!m_lpDependencies)
     {
-        LogLastError(L"!m_lpDependencies with error ");
+        QC_LOG_LAST_ERROR(kLogSource, L"!m_lpDependencies with error ");
         return false;
     }
 
     if (!::EnumDependentServicesW(m_hService.Get(), dwServiceState, m_lpDependencies.Get(), dwBytesNeeded,
                                   &dwBytesNeeded, &m_dwDependencyCount))
     {
-        LogLastError(L"EnumDependentServices failed with error ");
+        QC_LOG_LAST_ERROR(kLogSource, L"EnumDependentServices failed with error ");
         return false;
     }
     return true;
@@ -283,7 +287,7 @@ bool CDaemon::StopDependents() noexcept
         {
             return true;
         }
-        LogLastError(L"!m_lpDependencies with error ");
+        QC_LOG_LAST_ERROR(kLogSource, L"!m_lpDependencies with error ");
         SetLastErrorCode(ERROR_INVALID_PARAMETER);
         return false;
     }
@@ -318,7 +322,7 @@ CDaemon::WalkStep CDaemon::StopDependent(const wchar_t* pszDependent) noexcept
     }
     if (!::ControlService(m_hDependency.Get(), SERVICE_CONTROL_STOP, &status))
     {
-        (void)FailWithLastError(L"ControlService failed with error ");
+        (void)DAEMON_FAIL_WITH_LAST_ERROR(L"ControlService failed with error ");
         return WalkStep::Abort;
     }
     if (status.dwCurrentState != SERVICE_STOPPED)
@@ -330,7 +334,7 @@ CDaemon::WalkStep CDaemon::StopDependent(const wchar_t* pszDependent) noexcept
         case WaitResult::TimedOut:
             // Intentionally a warning here and an error everywhere else. The
             // next dependent's wait goes on from the same measure.
-            LogTimeout(Logging::LOG_LEVEL_WARNING, pszDependent);
+            DAEMON_LOG_TIMEOUT(Logging::LOG_LEVEL_WARNING, pszDependent);
             SetLastErrorCode(ERROR_TIMEOUT);
             return WalkStep::Next;
         case WaitResult::QueryFailed:
@@ -357,7 +361,7 @@ bool CDaemon::StartDependents() noexcept
         {
             return true;
         }
-        LogLastError(L"!m_lpDependencies with error ");
+        QC_LOG_LAST_ERROR(kLogSource, L"!m_lpDependencies with error ");
         SetLastErrorCode(ERROR_INVALID_PARAMETER);
         return false;
     }
@@ -402,8 +406,8 @@ CDaemon::WalkStep CDaemon::StartDependent(const wchar_t* pszDependent) noexcept
 
     if (!::StartServiceW(m_hDependency.Get(), 0, nullptr))
     {
-        const DWORD dwError = ::GetLastError();
-        (void)FailWithLastError(L"StartService failed with error ");
+        const uint32_t dwError = Logging::LastErrorCode();
+        (void)DAEMON_FAIL_WITH_LAST_ERROR(L"StartService failed with error ");
         // A disabled dependent is skipped; any other failure ends the walk.
         return dwError == ERROR_SERVICE_DISABLED ? WalkStep::Next : WalkStep::Abort;
     }
@@ -413,7 +417,7 @@ CDaemon::WalkStep CDaemon::StartDependent(const wchar_t* pszDependent) noexcept
         return WalkStep::Next;
     case WaitResult::TimedOut:
         // A dependent's time-out does not end the walk.
-        LogTimeout(Logging::LOG_LEVEL_ERROR, pszDependent);
+        DAEMON_LOG_TIMEOUT(Logging::LOG_LEVEL_ERROR, pszDependent);
         SetLastErrorCode(ERROR_TIMEOUT);
         ResetTick();
         return WalkStep::Next;
@@ -430,16 +434,16 @@ bool CDaemon::QueryDependentStartType(DWORD& dwStartType) noexcept
     if (!::QueryServiceConfigW(m_hDependency.Get(), nullptr, 0, &dwConfigSize) &&
         ::GetLastError() != ERROR_INSUFFICIENT_BUFFER)
     {
-        LogLastError(L"QueryServiceConfig failed with error ");
+        QC_LOG_LAST_ERROR(kLogSource, L"QueryServiceConfig failed with error ");
         return false;
     }
     // Intentionally never freed, one small buffer per dependent started: the
-    // controller's known behaviour, kept as it is.
+    // service controller's documented behaviour.
     auto* pConfig = static_cast<QUERY_SERVICE_CONFIGW*>(::LocalAlloc(LPTR, dwConfigSize));
     // A failed allocation (LocalAlloc sets the error) counts as a failed query.
     if (pConfig == nullptr || !::QueryServiceConfigW(m_hDependency.Get(), pConfig, dwConfigSize, &dwConfigSize))
     {
-        LogLastError(L"QueryServiceConfig failed with error ");
+        QC_LOG_LAST_ERROR(kLogSource, L"QueryServiceConfig failed with error ");
         return false;
     }
     dwStartType = pConfig->dwStartType;
@@ -454,7 +458,7 @@ CDaemon::WaitResult CDaemon::WaitFor(SC_HANDLE hService, SERVICE_STATUS& status,
     for (;;)
     {
         ::Sleep(m_dwPollInterval);
-        if (!QueryStatus(hService, status))
+        if (!DAEMON_QUERY_STATUS(hService, status))
         {
             return WaitResult::QueryFailed;
         }
@@ -484,10 +488,10 @@ bool CDaemon::HasTimedOut() const noexcept
     return dwElapsed > m_dwTimeout;
 }
 
-void CDaemon::LogTimeout(uint32_t dwLevel, const wchar_t* pszServiceName) const noexcept
+void CDaemon::LogTimeout(uint32_t line, uint32_t dwLevel, const wchar_t* pszServiceName) const noexcept
 {
     const uint32_t dwSeconds = m_dwTimeout / 1000;
-    QC_LOG(dwLevel, kLogSource) << pszServiceName << L" timeout, after " << dwSeconds << L" seconds";
+    QC_LOG_AT(dwLevel, kLogSource, line) << pszServiceName << L" timeout, after " << dwSeconds << L" seconds";
 }
 
 bool CDaemon::OpenDependent(const wchar_t* pszDependent, DWORD dwAccess, SERVICE_STATUS& status) noexcept
@@ -495,21 +499,21 @@ bool CDaemon::OpenDependent(const wchar_t* pszDependent, DWORD dwAccess, SERVICE
     TakeDependencyHandle(::OpenServiceW(m_hSCManager.Get(), pszDependent, dwAccess));
     if (!m_hDependency)
     {
-        return FailWithLastError(L"OpenService failed with error ");
+        return DAEMON_FAIL_WITH_LAST_ERROR(L"OpenService failed with error ");
     }
-    return QueryStatusOrFail(m_hDependency.Get(), status);
+    return DAEMON_QUERY_STATUS_OR_FAIL(m_hDependency.Get(), status);
 }
 
-bool CDaemon::FailWithLastError(const wchar_t* pszText) noexcept
+bool CDaemon::FailWithLastError(uint32_t line, const wchar_t* pszText) noexcept
 {
-    LogLastError(pszText);
+    Logging::LogLastError(kLogSource, line, pszText);
     ResetTick();
     return false;
 }
 
-bool CDaemon::QueryStatusOrFail(SC_HANDLE hService, SERVICE_STATUS& status) noexcept
+bool CDaemon::QueryStatusOrFail(uint32_t line, SC_HANDLE hService, SERVICE_STATUS& status) noexcept
 {
-    if (QueryStatus(hService, status))
+    if (QueryStatus(line, hService, status))
     {
         return true;
     }

@@ -92,20 +92,22 @@ private:
     // Polls `hService` until it reports `dwTarget`. With `dwPending` non-zero
     // the wait also ends when any state other than `dwPending` is read.
     [[nodiscard]] WaitResult WaitFor(SC_HANDLE hService, SERVICE_STATUS& status, DWORD dwTarget, DWORD dwPending) noexcept;
+    // The helpers that log on behalf of their caller take the caller's `line`
+    // (Daemon.cpp calls them through macros that pass it).
     // The service was found pending: warns "<name><pszWarning>", resets the tick
     // and waits for `dwTarget` while the state stays `dwPending`.
-    [[nodiscard]] PendingOutcome AwaitPending(const wchar_t* pszWarning, DWORD dwTarget, DWORD dwPending,
-                                SERVICE_STATUS& status) noexcept;
+    [[nodiscard]] PendingOutcome AwaitPending(uint32_t line, const wchar_t* pszWarning, DWORD dwTarget,
+                                              DWORD dwPending, SERVICE_STATUS& status) noexcept;
     // Waits for the service to reach `dwTarget` after a control; resets the
     // tick either way. False after a logged failure or time-out.
-    [[nodiscard]] bool AwaitServiceState(DWORD dwTarget, SERVICE_STATUS& status) noexcept;
+    [[nodiscard]] bool AwaitServiceState(uint32_t line, DWORD dwTarget, SERVICE_STATUS& status) noexcept;
     // A wait of the service itself timed out: error entry, last error 1460, tick reset.
-    void FailOnTimeout() noexcept;
+    void FailOnTimeout(uint32_t line) noexcept;
     // Logs `pszText` followed by the thread's last-error value as an error and
     // resets the tick. Always false, for `return FailWithLastError(...)`.
-    bool FailWithLastError(const wchar_t* pszText) noexcept;
+    bool FailWithLastError(uint32_t line, const wchar_t* pszText) noexcept;
     // QueryServiceStatus; a failure is logged and resets the tick.
-    [[nodiscard]] bool QueryStatusOrFail(SC_HANDLE hService, SERVICE_STATUS& status) noexcept;
+    [[nodiscard]] bool QueryStatusOrFail(uint32_t line, SC_HANDLE hService, SERVICE_STATUS& status) noexcept;
     [[nodiscard]] bool StopDependents() noexcept;
     [[nodiscard]] WalkStep StopDependent(const wchar_t* pszDependent) noexcept;
     [[nodiscard]] bool StartDependents() noexcept;
@@ -114,7 +116,7 @@ private:
     [[nodiscard]] bool QueryDependentStartType(DWORD& dwStartType) noexcept;
     void ResetTick() noexcept;
     [[nodiscard]] bool HasTimedOut() const noexcept;
-    void LogTimeout(uint32_t dwLevel, const wchar_t* pszServiceName) const noexcept;
+    void LogTimeout(uint32_t line, uint32_t dwLevel, const wchar_t* pszServiceName) const noexcept;
     // Opens a dependent into m_hDependency and reads its status; false after a
     // logged failure, with the tick reset.
     [[nodiscard]] bool OpenDependent(const wchar_t* pszDependent, DWORD dwAccess, SERVICE_STATUS& status) noexcept;

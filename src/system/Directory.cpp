@@ -1,13 +1,13 @@
 #include "system/Directory.h"
 
 #include "host/types/Handles.h"
-#include "logging/Log.h"
+#include "logging/LogHelpers.h"
 
 namespace Quillcast::System {
 
 namespace {
 
-constexpr wchar_t kLogSource[] = L"Directory";
+constexpr Logging::CLogSource kLogSource{L"Directory", 0};
 
 // Where to look: every domain scope, neither the target computer nor workgroups.
 constexpr ULONG kScopeTypes = DSOP_SCOPE_TYPE_UPLEVEL_JOINED_DOMAIN | DSOP_SCOPE_TYPE_DOWNLEVEL_JOINED_DOMAIN |
@@ -42,14 +42,10 @@ static_assert(kScopeTypes == 0x37E && kScopeFlags == 0x22);
 static_assert(kFilterChoices[0].flBothModes == 0x2A6 && kFilterChoices[0].flDownlevel == 0x80020007);
 static_assert(kFilterChoices[2].flBothModes == 0x2A0 && kFilterChoices[2].flDownlevel == 0x80000006);
 
-uint32_t Code(HRESULT hResult) noexcept
-{
-    return static_cast<uint32_t>(hResult);
-}
-
 } // namespace
 
-CDirectory::CDirectory(uint32_t dwUserFlag, bool bMultiSelect) noexcept : m_aScopeInit(), m_InitInfo()
+CDirectory::CDirectory(uint32_t dwUserFlag, bool bMultiSelect) noexcept
+    : m_aScopeInit(), m_InitInfo(), m_ComInitialization(COINIT_APARTMENTTHREADED, true)
 {
     SetLastErrorCode(ERROR_SUCCESS);
     const wchar_t* pszFailure = Prepare(dwUserFlag, bMultiSelect);
@@ -61,16 +57,11 @@ CDirectory::CDirectory(uint32_t dwUserFlag, bool bMultiSelect) noexcept : m_aSco
 
 const wchar_t* CDirectory::Prepare(uint32_t dwUserFlag, bool bMultiSelect) noexcept
 {
-    const HRESULT hInitialize = ::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
-    if (FAILED(hInitialize) && hInitialize != RPC_E_CHANGED_MODE)
+    if (!m_ComInitialization.Usable())
     {
-        SetLastErrorCode(Code(hInitialize));
-        m_bUninitialize = false;
+        SetLastErrorCode(Logging::Code(m_ComInitialization.Result()));
         return L"CoInitializeEx failed";
     }
-    // Also after RPC_E_CHANGED_MODE, which leaves the later CoUninitialize
-    // unbalanced: intentional.
-    m_bUninitialize = true;
 
     ::ZeroMemory(m_aScopeInit, sizeof(m_aScopeInit));
     if (dwUserFlag > 3)
@@ -97,16 +88,6 @@ const wchar_t* CDirectory::Prepare(uint32_t dwUserFlag, bool bMultiSelect) noexc
     return nullptr;
 }
 
-CDirectory::~CDirectory()
-{
-    m_pDataObject.Reset();
-    m_pDsObjectPicker.Reset();
-    if (m_bUninitialize)
-    {
-        ::CoUninitialize();
-    }
-}
-
 HRESULT CDirectory::InitObjectPicker() noexcept
 {
     if (!m_pDsObjectPicker)
@@ -123,19 +104,19 @@ bool CDirectory::InvokeDialog(HWND hwndParent, Types::CWideBuffer& result) noexc
                                          m_pDsObjectPicker.PutVoid());
     if (FAILED(hResult))
     {
-        SetLastErrorCode(Code(hResult));
+        SetLastErrorCode(Logging::Code(hResult));
     }
     else
     {
         hResult = InitObjectPicker();
         if (FAILED(hResult))
         {
-            SetLastErrorCode(Code(hResult));
-            QC_LOG_ERROR(kLogSource) << L"InitObjectPicker failed with error " << Code(hResult);
+            SetLastErrorCode(Logging::Code(hResult));
+            QC_LOG_ERROR(kLogSource) << L"InitObjectPicker failed with error " << Logging::Code(hResult);
             m_pDsObjectPicker.Reset();
             m_pDataObject.Reset();
-            // The flag stays set: the destructor calls CoUninitialize again. Intentional.
-            if (m_bUninitialize)
+            // Intentionally unbalanced: the destructor calls CoUninitialize again.
+            if (m_ComInitialization.UninitializesOnDestruction())
             {
                 ::CoUninitialize();
             }
@@ -158,16 +139,16 @@ bool CDirectory::InvokeDialog(HWND hwndParent, Types::CWideBuffer& result) noexc
             SetLastErrorCode(1);
             return true;
         }
-        SetLastErrorCode(Code(hResult));
-        QC_LOG_ERROR(kLogSource) << L"InvokeDialog failed with error " << Code(hResult);
+        SetLastErrorCode(Logging::Code(hResult));
+        QC_LOG_ERROR(kLogSource) << L"InvokeDialog failed with error " << Logging::Code(hResult);
         return false;
     }
 
     hResult = ProcessSelectedObjects(result);
     if (FAILED(hResult))
     {
-        SetLastErrorCode(Code(hResult));
-        QC_LOG_ERROR(kLogSource) << L"ProcessSelectedObjects failed with error " << Code(hResult);
+        SetLastErrorCode(Logging::Code(hResult));
+        QC_LOG_ERROR(kLogSource) << L"ProcessSelectedObjects failed with error " << Logging::Code(hResult);
         m_pDataObject.Reset(); // holds nothing after a cancel: no release then
         return false;
     }

@@ -26,7 +26,8 @@ public:
     CDirectory(uint32_t dwUserFlag, bool bMultiSelect) noexcept;
     CDirectory(const CDirectory&) = delete;
     CDirectory& operator=(const CDirectory&) = delete;
-    ~CDirectory() override;
+    // Releases the data object and the picker, then COM (declaration order).
+    ~CDirectory() override = default;
 
     // Creates and initialises a new picker, shows it modally over `hwndParent`
     // and appends the selection to `result`. False for a cancelled dialog
@@ -43,13 +44,12 @@ private:
 
     DSOP_SCOPE_INIT_INFO m_aScopeInit[2];
     DSOP_INIT_INFO m_InitInfo;
-    Types::CComPtr<IDataObject> m_pDataObject;
+    // Undone on destruction when it succeeded and, intentionally, also after
+    // RPC_E_CHANGED_MODE (an unbalanced CoUninitialize). Declared before the
+    // interfaces, so that COM outlives them.
+    Types::CComInitialization m_ComInitialization;
     Types::CComPtr<IDsObjectPicker> m_pDsObjectPicker;
-    // COM initialisation is owned through this flag rather than a
-    // CComInitialization: it is also set when the thread was already in the
-    // other model, and an initialisation failure of the picker uninitialises
-    // early without clearing it. Both unbalanced calls are intentional.
-    bool m_bUninitialize = false;
+    Types::CComPtr<IDataObject> m_pDataObject;
 };
 
 } // namespace Quillcast::System

@@ -3,13 +3,13 @@
 #include <winver.h>
 
 #include "host/types/WideString.h"
-#include "logging/Log.h"
+#include "logging/LogHelpers.h"
 
 namespace Quillcast::System {
 
 namespace {
 
-constexpr wchar_t kLogSource[] = L"FileVersion";
+constexpr Logging::CLogSource kLogSource{L"FileVersion", 0};
 
 } // namespace
 
@@ -24,7 +24,7 @@ CFileVersion::CFileVersion(const wchar_t* path)
     const DWORD dwSize = ::GetFileVersionInfoSizeW(path, &dwIgnored);
     if (dwSize == 0)
     {
-        m_dwError = ::GetLastError();
+        m_dwError = Logging::LastErrorCode();
         QC_LOG_ERROR(kLogSource) << L"GetFileVersionInfoSize failed with error " << m_dwError;
         return;
     }
@@ -36,7 +36,7 @@ CFileVersion::CFileVersion(const wchar_t* path)
     }
     if (!::GetFileVersionInfoW(path, 0, dwSize, m_Block.Data()))
     {
-        m_dwError = ::GetLastError();
+        m_dwError = Logging::LastErrorCode();
         QC_LOG_ERROR(kLogSource) << L"GetFileVersionInfo failed with error " << m_dwError;
         return;
     }
@@ -44,7 +44,7 @@ CFileVersion::CFileVersion(const wchar_t* path)
     UINT cbFixedInfo = 0;
     if (!::VerQueryValueW(m_Block.Data(), L"\\", &pFixedInfo, &cbFixedInfo))
     {
-        m_dwError = ::GetLastError();
+        m_dwError = Logging::LastErrorCode();
         QC_LOG_ERROR(kLogSource) << L"VerQueryValue failed with error " << m_dwError;
         m_pFixedInfo = nullptr;
         return;

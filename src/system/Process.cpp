@@ -3,23 +3,17 @@
 #include <cwchar>
 
 #include "host/types/WideString.h"
-#include "logging/Log.h"
+#include "logging/LogHelpers.h"
 
 namespace Quillcast::System {
 
 namespace {
 
-constexpr wchar_t kLogSource[] = L"Process";
+constexpr Logging::CLogSource kLogSource{L"Process", 0};
 
 // SYNCHRONIZE | PROCESS_TERMINATE; the same mask opens the "thread" below.
 constexpr DWORD kCloseAccess = 0x100001;
 static_assert(kCloseAccess == (SYNCHRONIZE | PROCESS_TERMINATE));
-
-void LogLastError(const wchar_t* pszText) noexcept
-{
-    const DWORD dwError = ::GetLastError();
-    QC_LOG_ERROR(kLogSource) << pszText << dwError;
-}
 
 // One walk over the top-level windows on behalf of one process.
 struct WindowWalk
@@ -35,7 +29,7 @@ bool QueryOwner(HWND hWindow, WindowWalk& walk, DWORD& dwOwner) noexcept
     {
         return true;
     }
-    LogLastError(L"GetWindowThreadProcessId failed with error ");
+    QC_LOG_LAST_ERROR(kLogSource, L"GetWindowThreadProcessId failed with error ");
     walk.bStopped = true;
     return false;
 }
@@ -51,7 +45,7 @@ BOOL CALLBACK PostCloseToWindow(HWND hWindow, LPARAM lParam) noexcept
     }
     if (dwOwner == walk.dwProcessId && !::PostMessageW(hWindow, WM_CLOSE, 0, 0))
     {
-        LogLastError(L"PostMessage failed with error ");
+        QC_LOG_LAST_ERROR(kLogSource, L"PostMessage failed with error ");
         walk.bStopped = true;
         return FALSE;
     }
@@ -83,22 +77,15 @@ CProcess::CProcess() noexcept : m_ProcessEntry()
     m_ProcessEntry.dwSize = sizeof(m_ProcessEntry);
 }
 
-CProcess::~CProcess()
-{
-    Release();
-}
-
 void CProcess::Release() noexcept
 {
     m_ProcessInfo.hProcess.Reset();
+    m_ProcessInfo.hThread.Reset();
     if (m_hSnapshot)
     {
-        m_ProcessInfo.hThread.Reset();
         m_hSnapshot.Reset();
         m_ProcessEntry = PROCESSENTRY32W();
     }
-    // The thread handle has its one owner too: closed also without a snapshot.
-    m_ProcessInfo.hThread.Reset();
     m_ProcessInfo.dwProcessId = 0;
     m_ProcessInfo.dwThreadId = 0;
 }
@@ -129,7 +116,7 @@ bool CProcess::Create(const wchar_t* pszCommandLine, const STARTUPINFOW* pStartu
     if (!::CreateProcessW(nullptr, commandLine.Data(), nullptr, nullptr, FALSE, CREATE_NEW_CONSOLE, nullptr, nullptr,
                           &startupInfo, &info))
     {
-        SetLastErrorCode(::GetLastError());
+        SetLastErrorCode(Logging::LastErrorCode());
         QC_LOG_ERROR(kLogSource) << L"CreateProcess failed with error " << LastError();
         return false;
     }
@@ -143,7 +130,7 @@ bool CProcess::Create(const wchar_t* pszCommandLine, const STARTUPINFOW* pStartu
 bool CProcess::Wait() noexcept
 {
     const DWORD dwResult = ::WaitForSingleObject(m_ProcessInfo.hProcess.Get(), INFINITE);
-    SetLastErrorCode(::GetLastError());
+    SetLastErrorCode(Logging::LastErrorCode());
     if (dwResult == WAIT_OBJECT_0)
     {
         return true;
@@ -157,7 +144,7 @@ bool CProcess::Snapshot() noexcept
     const HANDLE hSnapshot = ::CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
     if (hSnapshot == INVALID_HANDLE_VALUE)
     {
-        LogLastError(L"CreateToolhelp32Snapshot failed with error ");
+        QC_LOG_LAST_ERROR(kLogSource, L"CreateToolhelp32Snapshot failed with error ");
         return false;
     }
     m_hSnapshot.Reset(hSnapshot);
@@ -165,7 +152,7 @@ bool CProcess::Snapshot() noexcept
     m_ProcessEntry.dwSize = sizeof(m_ProcessEntry);
     if (!::Process32FirstW(m_hSnapshot.Get(), &m_ProcessEntry))
     {
-        SetLastErrorCode(::GetLastError());
+        SetLastErrorCode(Logging::LastErrorCode());
         QC_LOG_ERROR(kLogSource) << L"Process32First failed with error " << LastError();
         return false;
     }
@@ -227,7 +214,7 @@ bool CProcess::CloseProcess(uint32_t dwTimeoutMs) noexcept
     // Also when it ended during the wait. No blank before "failed": intentional.
     if (!::TerminateProcess(hProcess, 0))
     {
-        const DWORD dwError = ::GetLastError();
+        const uint32_t dwError = Logging::LastErrorCode();
         QC_LOG_ERROR(kLogSource) << L"TerminateProcess for " << dwProcessId << L"failed with error " << dwError;
         return false;
     }

@@ -22,7 +22,8 @@ public:
     CProcess() noexcept;
     CProcess(const CProcess&) = delete;
     CProcess& operator=(const CProcess&) = delete;
-    ~CProcess() override;
+    // Closes the process, its thread and the snapshot, in that order (see below).
+    ~CProcess() override = default;
 
     // CreateProcessW on a writable copy of `pszCommandLine`, without an
     // application name, handles not inherited, in a new console, with the
@@ -46,21 +47,24 @@ public:
     [[nodiscard]] bool CloseByName(const wchar_t* pszName, uint32_t dwTimeoutMs) noexcept;
 
 private:
-    // PROCESS_INFORMATION whose handles have one owner each.
+    // PROCESS_INFORMATION whose handles have one owner each; the thread is
+    // declared first so that the process is closed before it.
     struct ProcessInformation
     {
-        Types::CKernelHandle hProcess;
         Types::CKernelHandle hThread;
+        Types::CKernelHandle hProcess;
         DWORD dwProcessId = 0;
         DWORD dwThreadId = 0;
     };
 
+    // Closes the handles in the destructor's order and forgets the snapshot,
+    // for a new Create.
     void Release() noexcept;
-    bool CloseEntry(const wchar_t* pszName, uint32_t dwTimeoutMs) noexcept;
     bool CloseProcess(uint32_t dwTimeoutMs) noexcept;
 
-    ProcessInformation m_ProcessInfo;
+    // Declared in reverse of their release: the snapshot is closed last.
     Types::CKernelHandle m_hSnapshot;
+    ProcessInformation m_ProcessInfo;
     PROCESSENTRY32W m_ProcessEntry;
 };
 

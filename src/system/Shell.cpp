@@ -5,13 +5,13 @@
 #include <cstdint>
 #include <io.h>
 
-#include "logging/Log.h"
+#include "logging/LogHelpers.h"
 
 namespace Quillcast::System {
 
 namespace {
 
-constexpr wchar_t kLogSource[] = L"Shell";
+constexpr Logging::CLogSource kLogSource{L"Shell", 0};
 
 // ShellExecuteW's small return values as HRESULTs.
 uint32_t ShellResultToHresult(INT_PTR result) noexcept
@@ -49,7 +49,7 @@ CShell::CShell() noexcept : m_ComInitialization(COINIT_APARTMENTTHREADED, true)
     SetLastErrorCode(ERROR_SUCCESS);
     if (!m_ComInitialization.Usable())
     {
-        SetLastErrorCode(static_cast<uint32_t>(m_ComInitialization.Result()));
+        SetLastErrorCode(Logging::Code(m_ComInitialization.Result()));
         QC_LOG_ERROR(kLogSource) << L"CoInitializeEx failed";
     }
 }
@@ -66,14 +66,13 @@ bool CShell::Execute(const wchar_t* pszTarget, const wchar_t* pszDirectory) noex
     }
     if ((dwAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0)
     {
-        SetLastErrorCode(::GetLastError());
+        SetLastErrorCode(Logging::LastErrorCode());
         QC_LOG_ERROR(kLogSource) << L"Invalid Directory";
         return false;
     }
     if (::_waccess(pszTarget, 0) == -1)
     {
-        const DWORD dwError = ::GetLastError();
-        QC_LOG_ERROR(kLogSource) << L"Access failed with error " << dwError;
+        QC_LOG_LAST_ERROR(kLogSource, L"Access failed with error ");
         return false;
     }
 

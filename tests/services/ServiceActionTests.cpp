@@ -7,7 +7,9 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <cwctype>
+#include <fstream>
 #include <future>
 #include <iterator>
 #include <memory>
@@ -37,6 +39,31 @@ enum : DWORD
 std::wstring Warning(const std::wstring& text) { return L"[WARNING] Daemon (#) " + text + L"."; }
 std::wstring Error(const std::wstring& text) { return L"[ERROR] Daemon (#) " + text + L"."; }
 
+// Line `number` of the controller's source, read from QC_SOURCE_DIR (a Unix path: Wine maps the root to Z:); empty
+// when there is no such line.
+std::string DaemonSourceLine(unsigned long number)
+{
+    const char* root = std::getenv("QC_SOURCE_DIR");
+    std::ifstream file(std::string("Z:") + (root != nullptr ? root : "") + "/src/system/Daemon.cpp");
+    std::string text;
+    for (unsigned long i = 0; i < number; ++i)
+    {
+        if (!std::getline(file, text))
+        {
+            return {};
+        }
+    }
+    return text;
+}
+
+// The line number an entry of the source "Daemon" names; 0 for another entry.
+unsigned long DaemonLineNumber(const std::wstring& line)
+{
+    const std::wstring text = WithoutPrefixes(line);
+    const size_t source = text.find(L"Daemon (");
+    return source == std::wstring::npos ? 0 : std::wcstoul(text.c_str() + source + 8, nullptr, 10);
+}
+
 // One test service: registered, brought into `before` (in list order, pauses and stop requests after every start), and
 // expected in `after` at the end.
 struct ServiceSetup
@@ -61,6 +88,9 @@ struct Case
     std::vector<DWORD> enumerations = {}; // the state filter of each dependent enumeration
     int continueAfterQueries = 0;         // the first service's held state ends after that many status queries
     Lines opens = {};                     // checked when given
+    // When given, the entry holding this text names a line of the controller's source that holds it too: an entry a
+    // helper writes names its caller's line, not the helper's.
+    const wchar_t* atCallSite = nullptr;
 };
 
 // Far beyond any wait the cases expect (the longest is a few poll intervals).
@@ -170,6 +200,16 @@ TEST_P(ServiceAction, Case)
         }
     }
     EXPECT_EQ(lines, Expand(test.lines));
+    if (test.atCallSite != nullptr)
+    {
+        const std::wstring wanted = test.atCallSite;
+        const auto entry = std::find_if(logLines.begin(), logLines.end(), [&wanted](const std::wstring& line) {
+            return line.find(wanted) != std::wstring::npos;
+        });
+        const std::string source = entry != logLines.end() ? DaemonSourceLine(DaemonLineNumber(*entry)) : std::string();
+        EXPECT_NE(source.find(std::string(wanted.begin(), wanted.end())), std::string::npos)
+            << "the entry names source line: " << source;
+    }
 
     const ServiceCalls c = CServiceCallRecorder::Calls();
     EXPECT_TRUE(c.opens.empty() || c.opens[0] == L"manager 0xF003F") << ::testing::PrintToString(c.opens);
@@ -234,6 +274,10 @@ const Case kCases[] = {
     // A start would have warned " is already started".
     {"RestartWhoseStopIsRefusedTriesNoStart", {{L"S", Running, Running, L"--refuse-stop"}}, "ServiceRestart",
      L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=30", 1603, {Error(L"ControlService failed with error 1052")}, {}},
+    // Logged through a helper, yet under the line of the failed control itself.
+    {"RefusedStopIsLoggedAtTheLineOfItsControl", {{L"S", Running, Running, L"--refuse-stop"}}, "ServiceStop",
+     L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=30", 1603, {Error(L"ControlService failed with error 1052")}, {}, {}, 0,
+     {}, L"ControlService failed with error "},
     {"UnknownServiceOnStartFailsAtOpenAndAtTheFirstQuery", {}, "ServiceStart",
      L";SERVICENAME={Missing};DEPENDENCIES=1;TIMEOUT=30", 1603,
      {Error(L"OpenService failed"), Error(L"QueryServiceStatus failed with error 6")}, {}},

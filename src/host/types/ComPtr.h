@@ -118,13 +118,18 @@ public:
     CComInitialization& operator=(const CComInitialization&) = delete;
     ~CComInitialization()
     {
-        if (SUCCEEDED(m_hResult) || (m_bUninitializeAfterChangedMode && m_hResult == RPC_E_CHANGED_MODE))
+        if (UninitializesOnDestruction())
         {
             ::CoUninitialize();
         }
     }
 
     HRESULT Result() const noexcept { return m_hResult; }
+    // True when the destructor calls CoUninitialize.
+    bool UninitializesOnDestruction() const noexcept
+    {
+        return SUCCEEDED(m_hResult) || (m_bUninitializeAfterChangedMode && m_hResult == RPC_E_CHANGED_MODE);
+    }
     // True when COM can be used on this thread.
     bool Usable() const noexcept { return SUCCEEDED(m_hResult) || m_hResult == RPC_E_CHANGED_MODE; }
 

@@ -76,11 +76,8 @@ struct ProcessHeapTraits
 using CMsiHandle = CUniqueHandle<MSIHANDLE, CloseWith<MSIHANDLE, ::MsiCloseHandle>>;
 using CKernelHandle = CUniqueHandle<HANDLE, CloseWith<HANDLE, ::CloseHandle>>;
 using CRegistryKey = CUniqueHandle<HKEY, CloseWith<HKEY, ::RegCloseKey>>;
-using CLocalMemory = CUniqueHandle<HLOCAL, CloseWith<HLOCAL, ::LocalFree>>;
 // A module from LoadLibrary.
 using CModule = CUniqueHandle<HMODULE, CloseWith<HMODULE, ::FreeLibrary>>;
-// A Service Control Manager or service handle, released the documented way.
-using CServiceHandle = CUniqueHandle<SC_HANDLE, CloseWith<SC_HANDLE, ::CloseServiceHandle>>;
 // CloseHandle, not CloseServiceHandle, is intentional: the service controller
 // releases its handles this way (on Wine the call fails and the handle stays open).
 using CServiceHandleClosedByCloseHandle = CUniqueHandle<SC_HANDLE, CloseWith<SC_HANDLE, ::CloseHandle>>;
@@ -198,10 +195,32 @@ private:
     DWORD m_dwFlags = 0;
 };
 
-} // namespace Quillcast::System::Types
+// One use of Winsock: WSAStartup on construction, WSACleanup on destruction
+// only when the start succeeded (a failed start must not be balanced). The two
+// calls are declared by <windows.h>, or by <winsock2.h> included before it.
+class CWinsockInitialization
+{
+public:
+    explicit CWinsockInitialization(WORD wVersion) noexcept : m_iResult(::WSAStartup(wVersion, &m_Data)) {}
+    CWinsockInitialization(const CWinsockInitialization&) = delete;
+    CWinsockInitialization& operator=(const CWinsockInitialization&) = delete;
+    ~CWinsockInitialization()
+    {
+        if (m_iResult == 0)
+        {
+            const DWORD dwError = ::GetLastError();
+            (void)::WSACleanup(); // nothing is left to report to
+            ::SetLastError(dwError);
+        }
+    }
 
-// A lock on the memory of a selection handed over by COM.
-namespace Quillcast::System::Types {
+    // True when Winsock started.
+    explicit operator bool() const noexcept { return m_iResult == 0; }
+
+private:
+    WSADATA m_Data{};
+    int m_iResult;
+};
 
 // A lock on global memory (GlobalLock), undone with GlobalUnlock on destruction.
 class CGlobalLock

@@ -2,13 +2,13 @@
 
 #include <cstdint>
 
-#include "logging/Log.h"
+#include "logging/LogHelpers.h"
 
 namespace Quillcast::WMI {
 
 namespace {
 
-constexpr wchar_t kLogSource[] = L"WmiClassObject";
+constexpr Logging::CLogSource kLogSource{L"WmiClassObject", 0};
 
 // What the type variable holds before WMI answers: no CIM type at all.
 constexpr CIMTYPE kNoType = 4095;
@@ -32,7 +32,7 @@ bool CWmiClassObject::Get(const wchar_t* pszName, VARIANT* pValue, CIMTYPE expec
     const HRESULT hResult = m_pClassObject ? m_pClassObject->Get(pszName, 0, pValue, &type, nullptr) : E_POINTER;
     if (FAILED(hResult))
     {
-        SetLastErrorCode(static_cast<uint32_t>(hResult));
+        SetLastErrorCode(Logging::Code(hResult));
         QC_LOG_ERROR(kLogSource) << L"Get for property '" << pszName << L"' failed";
         (void)::VariantClear(pValue); // an empty VARIANT either way
         return false;

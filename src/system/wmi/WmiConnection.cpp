@@ -2,22 +2,17 @@
 
 #include <new>
 
-#include "logging/Log.h"
+#include "logging/LogHelpers.h"
 
 namespace Quillcast::WMI {
 
 namespace {
 
-constexpr wchar_t kLogSource[] = L"WmiConnection";
+constexpr Logging::CLogSource kLogSource{L"WmiConnection", 0};
 
 // The local machine only: no server name is ever put in front.
 constexpr wchar_t kNamespace[] = L"ROOT\\CIMV2";
 constexpr wchar_t kComputerSystemQuery[] = L"Select * from Win32_ComputerSystem";
-
-uint32_t Code(HRESULT hResult) noexcept
-{
-    return static_cast<uint32_t>(hResult);
-}
 
 } // namespace
 
@@ -28,20 +23,15 @@ CWmiConnection::CWmiConnection() noexcept : m_ComInitialization(COINIT_MULTITHRE
     if (FAILED(hInitialize))
     {
         // RPC_E_CHANGED_MODE lands here too; COM is still usable on the thread.
-        QC_LOG_ERROR(kLogSource) << L"CoInitializeEx failed with result " << Code(hInitialize);
+        QC_LOG_ERROR(kLogSource) << L"CoInitializeEx failed with result " << Logging::Code(hInitialize);
     }
     const HRESULT hSecurity = ::CoInitializeSecurity(nullptr, -1, nullptr, nullptr, RPC_C_AUTHN_LEVEL_DEFAULT,
                                                      RPC_C_IMP_LEVEL_IMPERSONATE, nullptr, EOAC_NONE, nullptr);
     // RPC_E_TOO_LATE: the process has set its security already.
     if (FAILED(hSecurity) && hSecurity != RPC_E_TOO_LATE)
     {
-        QC_LOG_ERROR(kLogSource) << L"CoInitializeSecurity failed with result " << Code(hSecurity);
+        QC_LOG_ERROR(kLogSource) << L"CoInitializeSecurity failed with result " << Logging::Code(hSecurity);
     }
-}
-
-CWmiConnection::~CWmiConnection()
-{
-    Disconnect();
 }
 
 void CWmiConnection::Disconnect() noexcept
@@ -57,7 +47,7 @@ bool CWmiConnection::Connect() noexcept
                                          m_pLocator.PutVoid());
     if (FAILED(hResult))
     {
-        SetLastErrorCode(Code(hResult));
+        SetLastErrorCode(Logging::Code(hResult));
         QC_LOG_ERROR(kLogSource) << L"Creating WbemLocator failed";
         return false;
     }
@@ -67,7 +57,7 @@ bool CWmiConnection::Connect() noexcept
                                         WBEM_FLAG_CONNECT_USE_MAX_WAIT, nullptr, nullptr, m_pServices.Put());
     if (FAILED(hResult))
     {
-        SetLastErrorCode(Code(hResult));
+        SetLastErrorCode(Logging::Code(hResult));
         QC_LOG_ERROR(kLogSource) << L"Connecting Wmi Services failed";
         Disconnect();
         return false;
@@ -93,7 +83,7 @@ bool CWmiConnection::SetProxySecurity(IUnknown* pProxy) noexcept
                                             &dwAuthnLevel, &dwImpLevel, &pAuthIdentity, &dwCapabilities);
     if (FAILED(hResult))
     {
-        SetLastErrorCode(Code(hResult));
+        SetLastErrorCode(Logging::Code(hResult));
         // The same text as for a failed set, on purpose.
         QC_LOG_ERROR(kLogSource) << L"CoSetProxyBlanket failed";
         return false;
@@ -108,7 +98,7 @@ bool CWmiConnection::SetProxySecurity(IUnknown* pProxy) noexcept
                                   RPC_C_IMP_LEVEL_IMPERSONATE, pAuthIdentity, dwCapabilities);
     if (FAILED(hResult))
     {
-        SetLastErrorCode(Code(hResult));
+        SetLastErrorCode(Logging::Code(hResult));
         QC_LOG_ERROR(kLogSource) << L"CoSetProxyBlanket failed";
         return false;
     }
@@ -131,7 +121,7 @@ bool CWmiConnection::QueryComputerSystem(System::Types::CPointerList<CWmiClassOb
                                              pEnumerator.Put());
     if (FAILED(hResult))
     {
-        SetLastErrorCode(Code(hResult));
+        SetLastErrorCode(Logging::Code(hResult));
         QC_LOG_ERROR(kLogSource) << L"Processing query failed";
         return false;
     }
@@ -146,8 +136,8 @@ bool CWmiConnection::QueryComputerSystem(System::Types::CPointerList<CWmiClassOb
         hResult = pEnumerator->Next(static_cast<LONG>(WBEM_INFINITE), 1, pClassObject.Put(), &uReturned);
         if (hResult != WBEM_S_NO_ERROR && hResult != WBEM_S_FALSE)
         {
-            SetLastErrorCode(Code(hResult));
-            QC_LOG_ERROR(kLogSource) << L"Enumerating class objects failed with error " << Code(hResult)
+            SetLastErrorCode(Logging::Code(hResult));
+            QC_LOG_ERROR(kLogSource) << L"Enumerating class objects failed with error " << Logging::Code(hResult)
                                      << L" returned = " << static_cast<uint32_t>(uReturned);
             return false;
         }

@@ -23,7 +23,8 @@ public:
     CWmiConnection() noexcept;
     CWmiConnection(const CWmiConnection&) = delete;
     CWmiConnection& operator=(const CWmiConnection&) = delete;
-    ~CWmiConnection() override;
+    // Releases the services and the locator, then COM (declaration order).
+    ~CWmiConnection() override = default;
 
     // Drops any earlier connection, then connects with the caller's identity
     // and impersonation allowed on the services proxy.
