@@ -51,7 +51,7 @@ UINT GetDomainWorker(Host::CWorkbench* pWorkbench)
         return ERROR_INSTALL_FAILURE;
     }
     System::Types::CPointerList<WMI::CWmiClassObject> computerSystems;
-    if (!connection.IsConnected() || !connection.QueryComputerSystem(computerSystems))
+    if (!connection.QueryComputerSystem(computerSystems))
     {
         QC_LOG_ERROR(kLogSource) << L"Query for Win32_ComputerSystem failed";
         return ERROR_INSTALL_FAILURE;

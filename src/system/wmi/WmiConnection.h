@@ -29,8 +29,6 @@ public:
     // Drops any earlier connection, then connects with the caller's identity
     // and impersonation allowed on the services proxy.
     [[nodiscard]] bool Connect() noexcept;
-    // True while a services object is held.
-    bool IsConnected() const noexcept { return static_cast<bool>(m_pServices); }
     // Runs "Select * from Win32_ComputerSystem" and replaces the list's
     // contents with one object per instance returned (none is success too).
     [[nodiscard]] bool QueryComputerSystem(System::Types::CPointerList<CWmiClassObject>& list) noexcept;
