@@ -1,64 +1,50 @@
 #!/usr/bin/env bash
 # Every package example (each ```xml block) of the given Markdown files builds
-# with wixl, wrapped in a minimal Product unless it is a whole <Wix> document,
-# with the include's folder on the include path and the DLL defined; and every
-# QC_ property an example sets is one the built package uses (a setter's value
-# or a condition), so a misspelt switch or input name fails here.
+# with wixl, inside a minimal Product unless it is a whole <Wix> document, with
+# the include's folder on the include path; and every QC_ property it sets is
+# used by the package (a setter's value or a condition): a misspelt switch or
+# input name fails. Exit 77 (skipped) when an example needs the missing include.
 #   package-examples.sh SOURCE_DIR DLL FILE.md...
-# Exit 77 (skipped) when an example needs the include and the tree has none.
 set -uo pipefail
-source_dir=$1 dll=$2
-shift 2
+source_dir=$1
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-cp "$dll" "$work/Quillcast.Common.System.dll"
-failures=0 built=0 skipped=0
-for doc in "$@"; do
-    # One file per example: example-<n>.xml, with the line it starts on.
-    awk -v out="$work/$(basename "$doc" .md)" '
-        /^```xml$/ { n++; file = out "-" n ".xml"; print FNR > (file ".line"); close(file ".line"); on = 1; next }
-        /^```$/ && on { on = 0; close(file); next }
-        on { print > file }' "$doc"
+cp "$2" "$work/Quillcast.Common.System.dll"
+shift 2
+failures=0 skipped=0
+for doc in "$@"; do # example files named <doc>:<line of the block>
+    awk -v out="$work/$(basename "$doc")" '/^```xml$/ { file = out ":" FNR + 1; next }
+        /^```$/ { file = "" } file != "" { print > file }' "$doc"
 done
-for example in "$work"/*.xml; do
+for example in "$work"/*.md:*; do
     [ -e "$example" ] || continue
-    where="$(basename "${example%-*}").md:$(cat "$example.line")"
+    where=$(basename "$example")
     if grep -q 'Quillcast.Common.System.wxi' "$example" && [ ! -f "$source_dir/authoring/Quillcast.Common.System.wxi" ]; then
         echo "skip  $where: needs authoring/Quillcast.Common.System.wxi"
         skipped=$((skipped + 1))
         continue
     fi
-    package=${example%.xml}
-    if grep -q '<Wix' "$example"; then
-        cp "$example" "$package.wxs"
-    else
-        { echo '<?xml version="1.0" encoding="utf-8"?>'
-          echo '<Wix xmlns="http://schemas.microsoft.com/wix/2006/wi">'
-          echo '<Product Id="*" Name="Example" Language="1033" Version="1.0.0.0" Manufacturer="Quillcast"'
-          echo '         UpgradeCode="6B0C2A7E-3D51-4C7A-9E55-0E2E000D0C00">'
-          echo '<Package InstallerVersion="500" Compressed="yes" InstallScope="perMachine"/>'
-          cat "$example"
-          echo '</Product></Wix>'; } >"$package.wxs"
-    fi
+    { grep -q '<Wix' "$example" || printf '%s\n' '<Wix xmlns="http://schemas.microsoft.com/wix/2006/wi">' \
+        '<Product Id="*" Name="Example" Language="1033" Version="1.0.0.0" Manufacturer="Quillcast"' \
+        '         UpgradeCode="6B0C2A7E-3D51-4C7A-9E55-0E2E000D0C00">' \
+        '<Package InstallerVersion="500" Compressed="yes" InstallScope="perMachine"/>'
+      cat "$example"
+      grep -q '<Wix' "$example" || echo '</Product></Wix>'; } >"$work/package.wxs"
     if ! output=$(cd "$work" && wixl -a x64 -I "$source_dir/authoring" -D QcCustomActionDll=Quillcast.Common.System.dll \
-            -o "$package.msi" "$package.wxs" 2>&1); then
+            -o package.msi package.wxs 2>&1); then
         printf 'FAIL  %s: wixl refuses it:\n%s\n' "$where" "$output"
         failures=$((failures + 1))
         continue
     fi
-    used=$(msiinfo export "$package.msi" CustomAction; msiinfo export "$package.msi" InstallExecuteSequence)
-    unused=""
-    for property in $(grep -o 'Property Id="QC_[A-Z0-9_]*"' "$example" | sed 's/.*"\(.*\)"/\1/'); do
-        grep -Eq "(^|[^A-Z0-9_])$property([^A-Z0-9_]|\$)" <<<"$used" || unused="$unused $property"
-    done
+    used=$(msiinfo export "$work/package.msi" CustomAction; msiinfo export "$work/package.msi" InstallExecuteSequence)
+    unused=$(grep -o 'Property Id="QC_[A-Z0-9_]*"' "$example" | cut -d'"' -f2 |
+        while read -r property; do grep -Eq "(^|[^A-Z0-9_])$property([^A-Z0-9_]|\$)" <<<"$used" || echo "$property"; done)
     if [ -n "$unused" ]; then
-        echo "FAIL  $where: the package uses no$unused"
+        echo "FAIL  $where: the package uses no" $unused
         failures=$((failures + 1))
-        continue
+    else
+        echo "ok    $where"
     fi
-    echo "ok    $where"
-    built=$((built + 1))
 done
-echo "$built built, $skipped skipped, $failures failed"
 [ $failures -eq 0 ] || exit 1
 [ $skipped -eq 0 ] || exit 77
