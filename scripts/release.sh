@@ -22,7 +22,12 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
 "$root/scripts/setup.sh"
-QC_BUILD_TESTS=OFF "$root/scripts/build.sh" "$build" QuillcastCommonSystem QcActionRunner >/dev/null
+if ! QC_BUILD_TESTS=OFF "$root/scripts/build.sh" "$build" QuillcastCommonSystem QcActionRunner >"$work/build.log" 2>&1
+then
+    cat "$work/build.log" >&2
+    echo "release: the build failed" >&2
+    exit 1
+fi
 dll=$build/bin/$name.dll
 
 # Exactly the thirty exports of the action table.
