@@ -68,6 +68,7 @@ if [ -n "${QC_SIGN_PFX:-}" ]; then
     fi
     ca_file=${QC_SIGN_CA_FILE:-/etc/ssl/certs/ca-certificates.crt}
     signer="the certificate in $pfx"
+    signed_by=$(basename "$pfx")
 else
     cat >&2 <<EOF
 ********************************************************************************
@@ -93,6 +94,7 @@ EOF
     ca_file=$root/dist/$name-$version.test-ca.pem
     cp "$work/ca.pem" "$ca_file"
     signer="a TEST certificate (CA: $ca_file)"
+    signed_by="a TEST certificate"
 fi
 timestamp=()
 [ -z "${QC_SIGN_TIMESTAMP_URL:-}" ] || timestamp=(-ts "$QC_SIGN_TIMESTAMP_URL")
@@ -105,11 +107,13 @@ osslsigncode verify -CAfile "$ca_file" -in "$bundle/$name.dll" >"$work/verify.tx
 }
 check_exports "$bundle/$name.dll"
 
+commit=$(git -C "$root" rev-parse HEAD 2>/dev/null || echo unknown)
+git -C "$root" diff --quiet HEAD 2>/dev/null || commit="$commit (with uncommitted changes)"
 {
     echo "version $version"
-    echo "commit $(git -C "$root" rev-parse HEAD 2>/dev/null || echo unknown)$(git -C "$root" diff --quiet HEAD 2>/dev/null || echo ' (with uncommitted changes)')"
+    echo "commit $commit"
     echo "unsigned $name.dll sha256 $(sha256sum "$dll" | cut -d' ' -f1)"
-    echo "signed by $(if [ -n "${QC_SIGN_PFX:-}" ]; then echo "$(basename "$QC_SIGN_PFX")"; else echo "a TEST certificate"; fi)"
+    echo "signed by $signed_by"
 } >"$bundle/BUILDINFO"
 (cd "$bundle" && sha256sum $(ls | grep -vx SHA256SUMS) >SHA256SUMS)
 

@@ -6,7 +6,7 @@
 # input name fails. Exit 77 (skipped) when an example needs the missing include.
 #   package-examples.sh SOURCE_DIR DLL FILE.md...
 set -uo pipefail
-source_dir=$1
+source_dir=$1 include=$1/authoring/Quillcast.Common.System.wxi
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 cp "$2" "$work/Quillcast.Common.System.dll"
@@ -19,7 +19,7 @@ done
 for example in "$work"/*.md:*; do
     [ -e "$example" ] || continue
     where=$(basename "$example")
-    if grep -q 'Quillcast.Common.System.wxi' "$example" && [ ! -f "$source_dir/authoring/Quillcast.Common.System.wxi" ]; then
+    if grep -q 'Quillcast.Common.System.wxi' "$example" && [ ! -f "$include" ]; then
         echo "skip  $where: needs authoring/Quillcast.Common.System.wxi"
         skipped=$((skipped + 1))
         continue
@@ -30,15 +30,15 @@ for example in "$work"/*.md:*; do
         '<Package InstallerVersion="500" Compressed="yes" InstallScope="perMachine"/>'
       cat "$example"
       grep -q '<Wix' "$example" || echo '</Product></Wix>'; } >"$work/package.wxs"
-    if ! output=$(cd "$work" && wixl -a x64 -I "$source_dir/authoring" -D QcCustomActionDll=Quillcast.Common.System.dll \
-            -o package.msi package.wxs 2>&1); then
+    if ! output=$(cd "$work" && wixl -a x64 -I "$source_dir/authoring" \
+            -D QcCustomActionDll=Quillcast.Common.System.dll -o package.msi package.wxs 2>&1); then
         printf 'FAIL  %s: wixl refuses it:\n%s\n' "$where" "$output"
         failures=$((failures + 1))
         continue
     fi
     used=$(msiinfo export "$work/package.msi" CustomAction; msiinfo export "$work/package.msi" InstallExecuteSequence)
     unused=$(grep -o 'Property Id="QC_[A-Z0-9_]*"' "$example" | cut -d'"' -f2 |
-        while read -r property; do grep -Eq "(^|[^A-Z0-9_])$property([^A-Z0-9_]|\$)" <<<"$used" || echo "$property"; done)
+        while read -r name; do grep -Eq "(^|[^A-Z0-9_])$name([^A-Z0-9_]|\$)" <<<"$used" || echo "$name"; done)
     if [ -n "$unused" ]; then
         echo "FAIL  $where: the package uses no" $unused
         failures=$((failures + 1))

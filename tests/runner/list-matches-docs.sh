@@ -32,7 +32,8 @@ if ! diff <(printf '%s\n' "$table") <(printf '%s\n' "$stated"); then
     exit 1
 fi
 if [ -f "$include" ]; then
-    kinds=$(sed -n 's/^## \([A-Za-z]*\)$/\1/p; s/^Kind: \([a-z]*\)\. .*/\1/p' "$reference" | paste -d' ' - - | grep -v ' any$')
+    kinds=$(sed -n 's/^## \([A-Za-z]*\)$/\1/p; s/^Kind: \([a-z]*\)\. .*/\1/p' "$reference" | paste -d' ' - - |
+        grep -v ' any$')
     rows=$(tr '\n' ' ' <"$include" | grep -o '<CustomAction Id="Qc[A-Za-z]*" [^>]*Execute="[a-z]*"' |
         sed 's/.*Id="Qc\([A-Za-z]*\)".*DllEntry="\([A-Za-z]*\)".*Execute="\([a-z]*\)"/\1 \2 \3/' |
         awk '$1 == $2 { print $1, $3 }')
