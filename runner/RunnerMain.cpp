@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "ActionHost.h"
+#include "host/ActionTable.h"
 
 namespace {
 
@@ -34,11 +35,12 @@ const wchar_t kUsage[] =
     L"  --answer N             answer the next user message with N (repeatable; 1 IDOK, 2 IDCANCEL, 6 IDYES, 7 IDNO)\n"
     L"  --show NAME            print this property after the call (repeatable)\n"
     L"  --null-handle          call the action with session handle 0\n"
+    L"  --list                 print the thirty actions with their kind and arguments, and run nothing\n"
     L"  --help                 print this text\n"
     L"Prints every log record raw ('log: '), every user message with its answer ('message: '),\n"
     L"the properties asked for ('property: NAME=VALUE') and 'result: CODE'.\n"
-    L"Exit code: 0 the action returned 0; 1 it returned another code (see 'result: ');\n"
-    L"2 usage error; 3 the DLL or the export cannot be loaded; 4 no installer session.";
+    L"Exit code: 0 the action returned 0 (also for --help and --list); 1 it returned another code\n"
+    L"(see 'result: '); 2 usage error; 3 the DLL or the export cannot be loaded; 4 no installer session.";
 
 std::string Utf8(const std::wstring& text)
 {
@@ -63,6 +65,34 @@ void PrintTo(FILE* stream, const std::wstring& text)
 void Print(const std::wstring& text)
 {
     PrintTo(stdout, text);
+}
+
+// One line per action, in the action table's order, read from the table the
+// DLL is built from: the name, the kind ("data": reads its arguments from
+// "CustomActionData", so it runs deferred; "session": takes nothing from it and
+// reads installer properties, if any) and the "CustomActionData" keys in the
+// order they are logged, the required ones marked with "*".
+void PrintActionList()
+{
+    using namespace Quillcast::Host;
+    Print(L"# ACTION KIND ARGUMENTS (in order; * required; docs/actions.md describes each action)");
+    for (uint32_t index = 0; index < ACTION_COUNT; ++index)
+    {
+        const CustomActionEntry& row = g_CustomActionTable[index];
+        std::wstring line = g_CustomActionNames[index];
+        line += row.dwArgumentCount != 0 ? L" data" : L" session";
+        for (uint32_t argument = 0; argument < row.dwArgumentCount; ++argument)
+        {
+            const wchar_t* name = row.ppszArguments[argument];
+            bool bRequired = false;
+            for (uint32_t required = 0; required < row.dwRequiredCount; ++required)
+            {
+                bRequired = bRequired || std::wcscmp(row.ppszRequired[required], name) == 0;
+            }
+            line += L" " + std::wstring(name) + (bRequired ? L"*" : L"");
+        }
+        Print(line);
+    }
 }
 
 int Fail(int exitCode, const std::wstring& message)
@@ -119,6 +149,7 @@ struct Options
     bool hasData = false;
     std::wstring data;
     bool nullHandle = false;
+    bool list = false;
 };
 
 bool ParseOptions(int argc, wchar_t** argv, Options& options, std::wstring& error)
@@ -136,6 +167,11 @@ bool ParseOptions(int argc, wchar_t** argv, Options& options, std::wstring& erro
         if (option == L"--help" || option == L"-h" || option == L"/?")
         {
             options.help = true;
+            return true;
+        }
+        if (option == L"--list")
+        {
+            options.list = true;
             return true;
         }
         if (option == L"--dll")
@@ -208,6 +244,11 @@ int wmain(int argc, wchar_t** argv)
     if (options.help)
     {
         Print(kUsage);
+        return EXIT_ACTION_SUCCEEDED;
+    }
+    if (options.list)
+    {
+        PrintActionList();
         return EXIT_ACTION_SUCCEEDED;
     }
     if (options.dll.empty())
