@@ -2,7 +2,7 @@
 # The main job: installs what is missing, builds the DLL, the action runner and
 # the sample's test programs (not the tests), creates a headless Wine prefix in the
 # build tree and runs the sample installer package through Wine's msiexec,
-# showing the lines each custom action wrote into the installer log.
+# printing one table of the custom actions that ran and the lines they logged.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${QC_BUILD_DIR:-$root/build}

@@ -1,12 +1,13 @@
 #!/usr/bin/env bash
-# Installs the sample installer package with Wine's msiexec (/qn /l*v) in a
-# headless prefix of its own, prints the lines the custom actions wrote into
-# the installer log (each under the action that wrote it) and the resulting
-# CompareResult, uninstalls it again, stops the prefix and says where the full
-# logs are.
+# Installs and removes the sample installer package with Wine's msiexec (/qn /l*v)
+# in a headless prefix of its own, prints one table (each custom action that ran,
+# msiexec's verdict, the lines it wrote into the installer log), stops the prefix
+# and says where the full logs are. The package is authored with the include
+# authoring/Quillcast.Common.System.wxi alone and switches on every action that
+# runs under Wine.
 #   scripts/sample.sh [BUILD_DIR] [PUBLIC_NAME=VALUE...]
 # BUILD_DIR defaults to build/ at the repository root and must hold a build.
-# The properties go to msiexec, e.g. SAMPLE_VERSIONA=2.0 SAMPLE_VERSIONB=2.0.1.
+# The properties go to the install, e.g. SAMPLE_VERSIONA=2.0 SAMPLE_VERSIONB=2.0.1.
 # The package is tests/e2e/packages/sample.wxs and the steps and checks are
 # tests/e2e/cases/Sample.sh, which CTest runs as e2e_Sample.
 set -euo pipefail
@@ -21,7 +22,7 @@ if [ ! -f "$build/bin/Quillcast.Common.System.dll" ]; then
     echo "  cmake -G Ninja -S $root -B $build -DCMAKE_TOOLCHAIN_FILE=$root/cmake/mingw-w64-x86_64.cmake && ninja -C $build" >&2
     exit 1
 fi
-for tool in wine wixl msiinfo; do
+for tool in wine wixl msiinfo msibuild; do
     if ! command -v "$tool" >/dev/null; then
         echo "sample: $tool is missing (apt-get install -y wine wine64 msitools wixl)" >&2
         exit 1
@@ -37,13 +38,14 @@ fi
 trap '"$root/scripts/wine-prefix.sh" stop "$wine_dir"' EXIT
 
 status=0
-QC_WINEPREFIX=$wine_dir/prefix QC_BIN_DIR=$build/bin QC_SOURCE_DIR=$root \
+QC_E2E_QUIET=1 QC_WINEPREFIX=$wine_dir/prefix QC_BIN_DIR=$build/bin QC_SOURCE_DIR=$root \
     "$root/tests/e2e/msi-case.sh" "$root/tests/e2e/cases/Sample.sh" "$build/sample" "$@" || status=$?
 echo
 echo "Full installer logs (msiexec /l*v), one per run:"
 ls "$build/sample/"*.log 2>/dev/null | sed 's/^/  /'
 echo "(Wine writes each line into its log file as a record template, so 'Argument[NAME] = x.' reads"
-echo " 'Argument = x.' there and '[ERROR] ' is left out; the runner below shows the raw lines.)"
-echo "The package: $root/tests/e2e/packages/sample.wxs; try an action alone with the runner, e.g."
-echo "  scripts/wine-run.sh $build/bin/QcActionRunner.exe --help"
+echo " 'Argument = x.' there and '[ERROR] ' and '[WARNING] ' are left out: such lines begin with a"
+echo " blank. Wine logs success for an action marked Return=\"ignore\" whatever it returned.)"
+echo "The package: $root/tests/e2e/packages/sample.wxs, the include: $root/authoring (docs/authoring.md)."
+echo "Try an action alone with the runner, e.g. scripts/wine-run.sh $build/bin/QcActionRunner.exe --help"
 exit $status

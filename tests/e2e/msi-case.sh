@@ -6,10 +6,12 @@
 # become its positional parameters. WORK_DIR receives the packages, the
 # msiexec command files and the verbose logs, and is emptied first.
 # Environment: QC_WINEPREFIX (the prefix), QC_BIN_DIR (holds the DLL),
-# QC_PROJECT_VERSION (default: the build's CMake cache beside QC_BIN_DIR).
+# QC_PROJECT_VERSION (default: the build's CMake cache beside QC_BIN_DIR),
+# QC_E2E_QUIET=1 (print failed checks only, not the passed ones).
 set -euo pipefail
 [ $# -ge 2 ] || { echo "usage: $0 CASE_FILE WORK_DIR [ARGS...]" >&2; exit 2; }
 e2e_dir=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+authoring_dir=$(cd "$e2e_dir/../../authoring" && pwd)
 case_file=$(realpath "$1") work_dir=$2
 shift 2
 : "${QC_WINEPREFIX:?QC_WINEPREFIX must name the Wine prefix}" "${QC_BIN_DIR:?QC_BIN_DIR must name the build folder}"
@@ -26,9 +28,11 @@ fi
 rm -rf "$work_dir" && mkdir -p "$work_dir" && work_dir=$(realpath "$work_dir") && touch "$work_dir/.msi-case"
 
 checks=0 failures=0 runs=0 current_msi="" current_log="" logs=() installed=() test_services=() test_firewall=""
+background=()
 wine_run() { timeout 120 wine "$@" </dev/null; }       # a Windows program in the prefix
 windows_path() { printf 'Z:%s' "${1//\//\\}"; }       # the prefix maps Z: to the Unix root
-pass() { checks=$((checks + 1)); echo "  ok    $*"; }
+say() { [ "${QC_E2E_QUIET:-0}" = 1 ] || echo "$@"; }
+pass() { checks=$((checks + 1)); say "  ok    $*"; }
 fail() { checks=$((checks + 1)); failures=$((failures + 1)); echo "  FAIL  $*"; }
 outcome() { if [ "$1" = 0 ]; then pass "$2"; else fail "$3"; fi; }  # STATUS OK_TEXT FAIL_TEXT
 product_code() { msiinfo export "$1" Property | tr -d '\r' | awk -F '\t' '$1 == "ProductCode" { print $2 }'; }
@@ -121,36 +125,55 @@ expect_property() {
     outcome "$([ "$value" = "$2" ]; echo $?)" "property $1 = $2" "property $1 = $value, expected $2"
 }
 show_property() { echo "$1 = $(property_value "$1" || echo '(not set)')"; }
-show_dll_lines() {
-    local entries
-    entries=$(msiinfo export "$current_msi" CustomAction 2>/dev/null | tr -d '\r' | tail -n +4 | cut -f1,4 | tr '\t\n' '= ')
-    echo "Custom action lines in $(basename "$current_log")${1:+ (action $1)}:"
-    log_lines "$@" | awk -v entries="$entries" '
-        BEGIN { n = split(entries, list, " "); for (i = 1; i <= n; i++) { split(list[i], kv, "="); entry[kv[1]] = kv[2] } }
-        function named(s,   name) { name = s; sub(/^Action (start|ended) [0-9:]+: /, "", name); sub(/\..*$/, "", name); return name }
-        /^Action start [0-9:]+: / { stack[++depth] = named($0); next }
-        /^Action ended [0-9:]+: / { if (depth > 0) depth--; next }
-        /^[0-9][0-9]\.[0-9][0-9]\.[0-9][0-9][0-9][0-9] [0-9:]+ PID\(0x[0-9A-F]+\) TID\(0x[0-9A-F]+\) / {
-            action = depth > 0 ? stack[depth] : "?"
-            if (action != shown) { print "  " action (action in entry ? " (" entry[action] ")" : "") ":"; shown = action }
-            print "    " $0
-        }'
+# show_action_table: one table over the case's runs so far: each custom action
+# that wrote lines of the DLL, in the order the actions ended, with msiexec's
+# verdict and the lines (without date, process and thread). Wine logs success for
+# an action marked Return="ignore" whatever it returned.
+show_action_table() {
+    local log
+    printf '%-10s %-30s %-8s %s\n' Run Action Result "Lines it logged"
+    for log in "${logs[@]}"; do
+        tr -d '\r' <"$log" | awk -v run="$(basename "$log" .log | cut -d- -f2)" '
+            function named(s) { sub(/^Action (start|ended) [0-9:]+: /, "", s); sub(/\. Return value .*$|\.$/, "", s); return s }
+            /^Action start [0-9:]+: / { stack[++depth] = named($0); count[depth] = 0; next }
+            /^Action ended [0-9:]+: / {
+                if (depth == 0) next
+                value = $0
+                sub(/.*Return value /, "", value)
+                sub(/\.$/, "", value)
+                result = value == "1" ? "success" : value == "0" ? "failure" : "value " value
+                for (i = 1; i <= count[depth]; i++)
+                    printf "%-10s %-30s %-8s %s\n", i == 1 ? run : "", i == 1 ? stack[depth] : "", i == 1 ? result : "", line[depth, i]
+                depth--
+                next
+            }
+            depth > 0 && match($0, /^[0-9][0-9]\.[0-9][0-9]\.[0-9][0-9][0-9][0-9] [0-9:]+ PID\(0x[0-9A-F]+\) TID\(0x[0-9A-F]+\) /) {
+                line[depth, ++count[depth]] = substr($0, RLENGTH + 1)
+            }'
+    done
 }
 
-# package NAME [-D VAR=VALUE]...: builds packages/NAME.wxs into WORK_DIR/NAME.msi
-# and makes it the current package; $(var.CustomActionDll) names the DLL.
+# package NAME [--as FILE] [-D VAR=VALUE]...: builds packages/NAME.wxs into
+# WORK_DIR/FILE.msi (FILE defaults to NAME) and makes it the current package.
+# $(var.QcCustomActionDll) (and the older $(var.CustomActionDll)) name the DLL,
+# the include authoring/Quillcast.Common.System.wxi is found by its bare name,
+# and the rollback actions get the type wixl leaves out (fix-rollback-types.sh).
 package() {
-    local name=$1
+    local name=$1 file=$1 relative
     shift
-    current_msi="$work_dir/$name.msi"
-    if ! (cd "$work_dir" && wixl -a x64 -D "CustomActionDll=$(realpath --relative-to="$work_dir" "$dll")" "$@" \
-        -o "$current_msi" "$e2e_dir/packages/$name.wxs") >"$work_dir/$name.wixl.txt" 2>&1; then
-        cat "$work_dir/$name.wixl.txt"
-        echo "msi-case: wixl could not build packages/$name.wxs" >&2
+    if [ "${1:-}" = --as ]; then file=$2 && shift 2; fi
+    current_msi="$work_dir/$file.msi"
+    relative=$(realpath --relative-to="$work_dir" "$dll")
+    if ! (cd "$work_dir" && wixl -a x64 -I "$authoring_dir" -D "QcCustomActionDll=$relative" \
+        -D "CustomActionDll=$relative" -I "$e2e_dir/packages" "$@" -o "$current_msi" "$e2e_dir/packages/$name.wxs" &&
+        "$authoring_dir/fix-rollback-types.sh" "$current_msi") >"$work_dir/$file.wixl.txt" 2>&1; then
+        cat "$work_dir/$file.wixl.txt"
+        echo "msi-case: could not build packages/$name.wxs" >&2
         exit 2
     fi
-    echo "package: $name.msi (product $(product_code "$current_msi"))"
+    say "package: $file.msi (product $(product_code "$current_msi"))"
 }
+use_package() { current_msi="$work_dir/$1.msi"; }   # FILE: an earlier package becomes the current one
 
 # msiexec_run /i|/x LABEL [--exit CODE] [PUBLIC_NAME=VALUE]...: runs msiexec through
 # cmd, whose %ERRORLEVEL% holds the full result code (wine's exit status keeps its low byte).
@@ -171,9 +194,12 @@ msiexec_run() {
         line+=" ${property%%=*}=\"${value//%/%%}\""
     done
     printf '@echo off\r\n%s\r\necho QC_E2E_EXIT=%%ERRORLEVEL%%\r\n' "$line" >"$base.cmd"
-    output=$(wine_run cmd /c "$(windows_path "$base.cmd")" 2>&1 || true)
+    # Into a file, not a pipe: a program the install started and left running (the shell's
+    # actions) inherits the output and would hold a pipe open.
+    wine_run cmd /c "$(windows_path "$base.cmd")" >"$base.out" 2>&1 || true
+    output=$(cat "$base.out")
     code=$(tr -d '\r' <<<"$output" | sed -n 's/^QC_E2E_EXIT=\(-\{0,1\}[0-9]\{1,\}\)$/\1/p' | tail -n 1)
-    echo "$label: msiexec $mode $(basename "$current_msi")${*:+ $*} -> ${code:-no result}"
+    say "$label: msiexec $mode $(basename "$current_msi")${*:+ $*} -> ${code:-no result}"
     outcome "$([ "$code" = "$expected" ]; echo $?)" "$label exited with $code" \
         "$label exited with '${code:-no result (timed out?)}', expected $expected: $output"
     [ -f "$current_log" ] || { fail "msiexec wrote no log $current_log"; current_log=/dev/null; }
@@ -186,6 +212,78 @@ msiexec_run() {
 }
 install() { msiexec_run /i install "$@"; }
 uninstall() { msiexec_run /x uninstall "$@"; }
+# repair: the installed product again, every file and value rewritten (Installed is set).
+repair() { msiexec_run /i repair REINSTALL=ALL REINSTALLMODE=omus "$@"; }
+
+# expect_arguments ACTION VALUE...: the "Argument[...]" lines of ACTION's last
+# run, in order: the values of the action's row as its CustomActionData gave
+# them, NOT DEFINED where the include padded a pair that was left out.
+expect_arguments() {
+    local action=$1
+    shift
+    expect_lines "arguments of $action" \
+        "$(dll_bodies "$action" | sed -n -E 's/^ ?Workbench \(#\) Argument = (.*)\.$/\1/p')" "$@"
+}
+
+# expect_include_authoring: the current package's rows of the include keep its
+# rules. A setter QcSet<X> (type 51) sets the property Qc<X> (the action's CustomActionData)
+# one sequence number before Qc<X>, under the same condition, and pads every
+# optional pair {|KEY=[P]} with [QcPadPair[P]]; an undo QcUndo<X> is a rollback
+# action (in-script and rollback bits), calls the counterpart of <X>, runs under
+# <X>'s condition and is sequenced before it; every deferred action sits
+# between InstallInitialize and InstallFinalize and has its setter unless its
+# row takes no CustomActionData.
+expect_include_authoring() {
+    local problems
+    problems=$(awk -F'\t' '
+        FNR == 1 { file++ }
+        FNR <= 3 { next }
+        file == 1 { type[$1] = $2; source[$1] = $3; target[$1] = $4 }
+        file == 2 { condition[$1] = $2; sequence[$1] = $3 }
+        function bit(t, b) { return int(t / b) % 2 }
+        END {
+            counterpart["AddIcaClient"] = "RemoveIcaClient"; counterpart["ServiceStop"] = "ServiceStart"
+            counterpart["AddPortException"] = "RemovePortException"
+            counterpart["AddProgramException"] = "RemoveProgramException"
+            counterpart["CreateAndInstallRootCertificate"] = "UninstallRootCertificate"
+            counterpart["CreateAndInstallSignedServerCertificate"] = "UninstallSignedCertificate"
+            split("QcAddIcaClient QcRemoveIcaClient QcCloseAutoConnect QcUndoAddIcaClient", list, " ")
+            for (i in list) noData[list[i]] = 1
+            for (a in type) {
+                if (a !~ /^Qc/) continue
+                if (type[a] % 64 == 51) {
+                    x = "Qc" substr(a, 6)
+                    if (source[a] != x) print a " sets " source[a] ", not " x
+                    if (!(a in sequence) || !(x in sequence) || sequence[a] != sequence[x] - 1 || condition[a] != condition[x])
+                        print a " is not sequenced right before " x " under its condition"
+                    rest = target[a]
+                    while (match(rest, /\{\|[A-Z]+=\[[A-Z_]+\]\}/)) {
+                        pair = substr(rest, RSTART, RLENGTH)
+                        rest = substr(rest, RSTART + RLENGTH)
+                        property = substr(pair, index(pair, "[") + 1)
+                        property = substr(property, 1, index(property, "]") - 1)
+                        if (index(rest, "[QcPadPair[" property "]]") != 1) print a " does not pad the pair of " property
+                    }
+                    continue
+                }
+                if (a ~ /^QcUndo/) {
+                    x = "Qc" substr(a, 7)
+                    if (!bit(type[a], 256) || !bit(type[a], 1024)) print a " has type " type[a] ", not a rollback type"
+                    if (target[a] != counterpart[substr(a, 7)]) print a " calls " target[a]
+                    if (!(a in sequence) || !(x in sequence) || sequence[a] >= sequence[x] || condition[a] != condition[x])
+                        print a " is not sequenced before " x " under its condition"
+                } else if (source[a] == "QuillcastCommonSystem" && target[a] != substr(a, 3)) {
+                    print a " calls " target[a]
+                }
+                if (bit(type[a], 1024) && (!(a in sequence) || sequence[a] <= 1500 || sequence[a] >= 6600))
+                    print a " is deferred but sequenced at " sequence[a]
+                if (bit(type[a], 1024) && !(a in noData) && !(("QcSet" substr(a, 3)) in type)) print a " has no setter"
+            }
+        }' <(msiinfo export "$current_msi" CustomAction | tr -d '\r') \
+           <(msiinfo export "$current_msi" InstallExecuteSequence | tr -d '\r') | sort)
+    outcome "$([ -z "$problems" ]; echo $?)" "the include's rows keep its rules" \
+        "the include's rows break its rules: $(paste -sd';' - <<<"$problems")"
+}
 
 # add_test_service NAME [SERVICE ARGUMENTS...]: the project's test service
 # (tests/services/QcTestService.cpp), demand-start, started, deleted at the end.
@@ -224,9 +322,51 @@ use_test_firewall() {
     for switch in "$@"; do wine_run reg add "$test_firewall_key" /v "$switch" /t REG_DWORD /d 1 /f >/dev/null; done
 }
 
+# end_each_start PROGRAM [COUNT]: in the background, ends PROGRAM (a copy of the
+# project's test program, which notes each start in PROGRAM.record) each time it
+# starts, COUNT times (default 1): it stands in for a program that ends once its
+# work is done, where an action waits for its end.
+end_each_start() {
+    local program=$1 count=${2:-1}
+    (
+        starts() { if [ -f "$program.record" ]; then wc -l <"$program.record"; else echo 0; fi; }
+        seen=$(starts)
+        for _ in $(seq 1200); do
+            [ "$count" -gt 0 ] || exit 0
+            if [ "$(starts)" -gt "$seen" ]; then
+                # The action checks that the program runs right after starting it, before the record.
+                sleep 0.3
+                wine_run taskkill /f /im "$(basename "$program")" >/dev/null 2>&1 || true
+                seen=$((seen + 1)) count=$((count - 1))
+            fi
+            sleep 0.1
+        done
+    ) &
+    background+=($!)
+}
+
+# Certificates made by OpenSSL (DER files FILE.der, with FILE.pem and FILE.key), placed in
+# the machine's stores with the test tool: make_root NAME FILE, make_leaf SUBJECT ISSUER_FILE FILE,
+# place_certificate STORE FILE; expect_store STORE ERE LINE...: exactly these "subject|issuer"
+# lines (sorted) of the store match ERE.
+certificate_tool=$(windows_path "$QC_BIN_DIR/QcCertStoreTool.exe")
+make_root() {
+    openssl req -x509 -newkey rsa:2048 -nodes -keyout "$2.key" -subj "/CN=$1" -days 30 -out "$2.pem" 2>/dev/null
+    openssl x509 -in "$2.pem" -outform DER -out "$2.der"
+}
+make_leaf() {
+    openssl req -newkey rsa:2048 -nodes -keyout "$3.key" -subj "/CN=$1" -out "$3.csr" 2>/dev/null
+    openssl x509 -req -in "$3.csr" -CA "$2.pem" -CAkey "$2.key" -CAcreateserial -days 30 -outform DER -out "$3.der" 2>/dev/null
+}
+place_certificate() { wine_run "$certificate_tool" add "$1" "$(windows_path "$2.der")"; }
+expect_store() {
+    expect_lines "$1 holds" "$(wine_run "$certificate_tool" list "$1" | tr -d '\r' | { grep -E "$2" || true; } | sort)" "${@:3}"
+}
+
 finish() {
-    local status=$? msi name log
+    local status=$? msi name log job
     trap - EXIT
+    for job in "${background[@]}"; do kill "$job" 2>/dev/null || true; done
     # A case that stopped early must still leave the prefix as it found it.
     for msi in "${installed[@]}"; do
         echo "cleanup: msiexec /x $(basename "$msi")"
@@ -254,6 +394,6 @@ finish() {
 }
 trap finish EXIT
 
-echo "case: $(basename "$case_file" .sh)"
+say "case: $(basename "$case_file" .sh)"
 # shellcheck source=/dev/null
 source "$case_file"

@@ -5,7 +5,7 @@ package compare
 for run in '1.10 1.9 1' '1.2 1.2.5 0'; do
     read -r a b result <<<"$run"
     install E2E_VERSIONA="$a" E2E_VERSIONB="$b"
-    expect_dll_line --in CompareVersions "Workbench (#) Processing custom action: CompareVersionString."
+    expect_dll_line --in QcCompareVersionString "Workbench (#) Processing custom action: CompareVersionString."
     expect_property CompareResult "$result"
     expect_reg 'HKLM\Software\Quillcast\E2E\Compare' CompareResult "$result"
     if [ "$result" = 1 ]; then

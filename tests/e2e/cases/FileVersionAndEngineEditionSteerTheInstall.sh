@@ -7,9 +7,10 @@ wine_run reg add "$engine" /v DisplayVersion /d 7.6 /reg:64 /f >/dev/null
 wine_run reg add "$client" /reg:64 /f >/dev/null
 
 package utility
-install E2E_FILEPATH="$(windows_path "$QC_BIN_DIR")" E2E_FILENAME=QcVersion_1_2_3_4.exe E2E_RMTCONF='host1;host2'
-expect_dll_line --in ReadFileVersion "Workbench (#) Processing custom action: GetFileVersion."
-expect_dll_line --in ReadEngineVersion "Workbench (#) Processing custom action: GetEngineVersion."
+install E2E_FILEPATH="$(windows_path "$QC_BIN_DIR")" E2E_FILENAME=QcVersion_1_2_3_4.exe \
+    QC_SET_REMOTE_CONFIG_DEFERRED_REMOTECONFIG='host1;host2'
+expect_dll_line --in QcGetFileVersion "Workbench (#) Processing custom action: GetFileVersion."
+expect_dll_line --in QcGetEngineVersion "Workbench (#) Processing custom action: GetEngineVersion."
 expect_property GFV_Result 1.2.3.4
 expect_property SERVERKIT76 1
 expect_reg 'HKLM\Software\Quillcast\E2E\Utility' FileVersion 'version 1.2.3.4'
@@ -25,7 +26,8 @@ expect_no_reg 'HKLM\Software\Quillcast\E2E\Utility'
 expect_product_absent
 
 # Another version of the file: the condition fails and "Matched" stays out.
-install E2E_FILEPATH="$(windows_path "$QC_BIN_DIR")" E2E_FILENAME=QcVersion_7_1_0_0.exe E2E_RMTCONF=host3
+install E2E_FILEPATH="$(windows_path "$QC_BIN_DIR")" E2E_FILENAME=QcVersion_7_1_0_0.exe \
+    QC_SET_REMOTE_CONFIG_DEFERRED_REMOTECONFIG=host3
 expect_property GFV_Result 7.1.0.0
 expect_reg 'HKLM\Software\Quillcast\E2E\Utility' FileVersion 'version 7.1.0.0'
 expect_no_reg 'HKLM\Software\Quillcast\E2E\Utility' Matched

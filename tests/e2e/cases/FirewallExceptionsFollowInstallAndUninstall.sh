@@ -4,10 +4,13 @@
 use_test_firewall
 firewall=$test_firewall_key
 
-package firewall
+package include -D Name=Firewall -D Switches=firewall
 install
-expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: AddPortException."
-expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: AddProgramException."
+expect_dll_line --in QcAddPortException "Workbench (#) Processing custom action: AddPortException."
+expect_arguments QcAddPortException "QC E2E Port" "Quillcast print server" 3 8080,8081 "*" "*" LocalSubnet "*"
+expect_dll_line --in QcAddProgramException "Workbench (#) Processing custom action: AddProgramException."
+expect_arguments QcAddProgramException "QC E2E Program" "Quillcast client" 2147483647 'C:\Program Files\Quillcast\qc.exe' \
+    "NOT DEFINED" "*" "NOT DEFINED" "*" "*"
 expect_no_dll_line "*Firewall (*"
 expect_reg "$firewall\\Rules\\1" Name 'QC E2E Port'
 expect_reg "$firewall\\Rules\\1" LocalPorts '8080,8081'
@@ -18,8 +21,8 @@ expect_reg "$firewall\\Rules\\2" ApplicationName 'C:\Program Files\Quillcast\qc.
 expect_reg "$firewall\\Rules\\2" Protocol 0x100
 
 uninstall
-expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: RemovePortException."
-expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: RemoveProgramException."
+expect_dll_line --in QcRemovePortException "Workbench (#) Processing custom action: RemovePortException."
+expect_dll_line --in QcRemoveProgramException "Workbench (#) Processing custom action: RemoveProgramException."
 expect_no_dll_line "*Firewall (*"
 expect_no_reg "$firewall\\Rules\\1"
 expect_no_reg "$firewall\\Rules\\2"

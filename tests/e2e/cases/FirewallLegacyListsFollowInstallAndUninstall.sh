@@ -4,7 +4,7 @@
 use_test_firewall NoPolicy2
 firewall=$test_firewall_key
 
-package firewall
+package include -D Name=Firewall -D Switches=firewall
 install
 # Wine's log formats "[WARNING] " away (see README.md).
 expect_dll_line --in InstallFinalize "*Firewall (#) Failed to get firewall exceptions object with error 2147746132."

@@ -3,11 +3,11 @@
 # installs the feature "Workgroup". Uninstalling removes both values.
 package domain
 install
-expect_dll_line --in GetDomain "Workbench (#) Processing custom action: GetDomain."
-expect_dll_line --in GetDomain "WmiConnection (#) Connecting to namespace ROOT\\CIMV2."
-expect_dll_line --in GetDomain "WmiConnection (#) Processing query Select * from Win32_ComputerSystem."
+expect_dll_line --in QcGetDomain "Workbench (#) Processing custom action: GetDomain."
+expect_dll_line --in QcGetDomain "WmiConnection (#) Connecting to namespace ROOT\\CIMV2."
+expect_dll_line --in QcGetDomain "WmiConnection (#) Processing query Select * from Win32_ComputerSystem."
 # Wine's log leaves "[ERROR] " out.
-expect_dll_line --in GetDomain " WmiClassObject (#) Get for property 'PartOfDomain' failed."
+expect_dll_line --in QcGetDomain " WmiClassObject (#) Get for property 'PartOfDomain' failed."
 expect_reg 'HKLM\Software\Quillcast\E2E\Domain' MachineDomain WORKGROUP
 expect_reg 'HKLM\Software\Quillcast\E2E\Domain' Workgroup 'WORKGROUP member'
 expect_product_installed

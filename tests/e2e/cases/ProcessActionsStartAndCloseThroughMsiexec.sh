@@ -15,9 +15,10 @@ for _ in $(seq 100); do [ -s "$record" ] && break; sleep 0.1; done
 : >"$record"
 
 package process
-install E2E_CLOSENAME=QcE2eProgram.exe E2E_CLOSETIMEOUT=5 E2E_PROGRAM="$(windows_path "$program")"
-expect_dll_line --in CloseRunning "Workbench (#) Processing custom action: CloseProcessImmediately."
-expect_no_dll_line --in CloseRunning "*Process (*"
+install E2E_CLOSENAME=QcE2eProgram.exe E2E_CLOSETIMEOUT=5 \
+    QC_CREATE_PROCESS_DEFERRED_CMDLINE="$(windows_path "$program") --run-ms=1500 --exit-code=3"
+expect_dll_line --in QcCloseProcessImmediately "Workbench (#) Processing custom action: CloseProcessImmediately."
+expect_no_dll_line --in QcCloseProcessImmediately "*Process (*"
 expect_dll_line --in InstallFinalize "Various (#) Exit code of process is 3."
 
 # A running instance left open ends at the launcher's time-out (124).

@@ -1,37 +1,71 @@
-# The sample of scripts/sample.sh: the arguments (PUBLIC_NAME=VALUE, such as
-# SAMPLE_VERSIONA=2.0) go to msiexec; the package's defaults compare 1.10 with
-# 1.9, read the machine's domain (Wine: the workgroup WORKGROUP), restart the
-# sample service on install and stop it on removal, run the helper program
-# (the project's test program) on install and close any running copy of it on
-# removal.
-service=QuillcastSampleService
-add_test_service "$service"
-# Wine's firewall is a stub: the firewall actions meet the project's test firewall.
+# The sample of scripts/sample.sh: the package authored with the include alone,
+# every action that runs under Wine switched on, installed and removed. Its
+# arguments (PUBLIC_NAME=VALUE, such as SAMPLE_VERSIONA=2.0) go to the install.
+# The machine gets what the actions work on: the sample service (the project's
+# test service), the test firewall (Wine's is a stub), the ICA client's list, the
+# client's configuration key, the 7.6 print engine's entry and the auto-connect
+# service's image path; QcSampleApp.exe and QCAutoConnect.exe are copies of the
+# project's test program, which holds until it is closed.
+service=QuillcastSampleService journal="$work_dir/service-journal.txt"
+add_test_service "$service" "--journal=$(windows_path "$journal")"
+: >"$journal"
 use_test_firewall
-
-# SetRemoteConfigDeferred writes into the client's key; it never creates it.
+app="$work_dir/app" helper=$(windows_path "$QC_BIN_DIR/QcTestProgram.exe")
+mkdir -p "$app"
+for copy in QcSampleApp.exe QCAutoConnect.exe; do cp "$QC_BIN_DIR/QcTestProgram.exe" "$app/$copy"; done
+# CloseAutoConnect waits for each of its two runs to end, on install and on removal.
+end_each_start "$app/QCAutoConnect.exe" 4
 client='HKLM\SOFTWARE\Quillcast\Client'
+engine='HKLM\SOFTWARE\Microsoft\Windows\CurrentVersion\Uninstall\.lumen Engine'
+ica='HKLM\SOFTWARE\Citrix\ICA Client\Engine\Configuration\Advanced\Modules\ICA 3.0'
+ica32='HKLM\SOFTWARE\Wow6432Node\Citrix\ICA Client\Engine\Configuration\Advanced\Modules\ICA 3.0'
+autoconnect='HKLM\SYSTEM\CurrentControlSet\Services\QCAutoConnSvc'
 wine_run reg add "$client" /reg:64 /f >/dev/null
+wine_run reg add "$engine" /v DisplayVersion /d 7.6 /reg:64 /f >/dev/null
+wine_run reg add "$ica" /v VirtualDriver /d DrvA /reg:32 /f >/dev/null
+wine_run reg add "$autoconnect" /v ImagePath /d "\"$(windows_path "$app")\\QCAutoConnSvc.exe\"" /reg:32 /f >/dev/null
 
-package sample -D HelperProgram="$(windows_path "$QC_BIN_DIR/QcTestProgram.exe")"
+package sample -D HelperProgram="$helper" -D SampleApp="$(windows_path "$app")"
+expect_include_authoring
 install "$@"
-show_dll_lines
-show_property VersionA
-show_property VersionB
-show_property CompareResult
-show_property GFV_Result
-show_property MACHINEDOMAIN
-
-expect_dll_line --in CompareVersions "Workbench (#) Processing custom action: CompareVersionString."
-expect_dll_line --in GetDomain "Workbench (#) Processing custom action: GetDomain."
-expect_dll_line --in InstallFinalize "Workbench (#) Custom Action Dll '*' has version '$QC_PROJECT_VERSION'."
-expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: ServiceRestart."
-expect_dll_line --in InstallFinalize "Various (#) Exit code of process is 0."
-expect_service_state "$service" RUNNING
-expect_dll_line --in ReadFileVersion "Workbench (#) Processing custom action: GetFileVersion."
-expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: SetRemoteConfigDeferred."
-expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: AddPortException."
+# Action | the values of its "Argument[...]" lines (NOT DEFINED: an input the package left out).
+while IFS='|' read -r action values; do
+    IFS='|' read -r -a list <<<"$values"
+    expect_arguments "$action" "${list[@]}"
+done <<EOF
+QcShowMessageDeferred|Quillcast Sample is configuring the machine.|NOT DEFINED
+QcCloseProcessDeferred|QcSampleApp.exe|5
+QcServiceStop|$service|NOT DEFINED|30
+QcSetRemoteConfigDeferred|host1;host2
+QcAddPortException|Quillcast Sample|Quillcast sample ports|2147483647|8080,8081|NOT DEFINED|NOT DEFINED|LocalSubnet|NOT DEFINED
+QcAddProgramException|Quillcast Sample App|NOT DEFINED|3|$(windows_path "$app")\\QcSampleApp.exe|NOT DEFINED|NOT DEFINED|NOT DEFINED|NOT DEFINED|NOT DEFINED
+QcServiceStart|$service|0|30
+QcServiceRestart|$service|1|30
+QcCreateProcessDeferred|$helper --run-ms=300 --exit-code=0
+QcShellExecuteDeferred|$(windows_path "$app")\\QcSampleApp.exe|$(windows_path "$app")
+EOF
+for action in ShowMessageImmediately CloseProcessImmediately CreateProcessImmediately SetRemoteConfigImmediately \
+    GetFileVersion GetEngineVersion CompareVersionString GetDomain ShellExecuteImmediately CloseAutoConnect AddIcaClient; do
+    expect_dll_line --in "Qc$action" "Workbench (#) Processing custom action: $action."
+done
+expect_dll_line --in QcGetCustomActionVersion "Workbench (#) Custom Action Dll '*' has version '$QC_PROJECT_VERSION'."
+expect_no_dll_line "*Got less arguments than expected*"
+expect_no_dll_line "*] is invalid*"
+# A rollback action runs only when the install fails.
+for action in AddIcaClient AddPortException AddProgramException ServiceStop; do
+    expect_no_dll_line --in "QcUndo$action" "*(#)*"
+done
 expect_reg "$test_firewall_key\\Rules\\1" Name 'Quillcast Sample'
+expect_reg "$test_firewall_key\\Rules\\2" Name 'Quillcast Sample App'
+expect_reg "$ica32" VirtualDriver 'DrvA,QCClnIca'
+expect_lines "service journal" "$(cat "$journal")" "$service stopped" "$service running" "$service stopped" "$service running"
+expect_dll_line --in QcCreateProcessImmediately "Various (#) Exit code of process is 0."
+expect_dll_line --in QcCreateProcessDeferred "Various (#) Exit code of process is 0."
+expect_lines "starts of QCAutoConnect.exe" "$(cut -f1 "$app/QCAutoConnect.exe.record" | tr -d '\r')" \
+    "$(windows_path "$app")\\QCAutoConnect.exe -d all -q" "$(windows_path "$app")\\QCAutoConnect.exe -r -q"
+expect_lines "starts of QcSampleApp.exe" "$(wc -l <"$app/QcSampleApp.exe.record")" 2
+expect_property SERVERKIT76 1
+expect_log '^Property\(S\): GFV_Result = [0-9]+\.[0-9]+\.[0-9]+\.[0-9]+$'
 if [ $# -eq 0 ]; then
     expect_property CompareResult 1
     expect_reg 'HKLM\Software\Quillcast\Sample' CompareResult 1
@@ -41,14 +75,31 @@ if [ $# -eq 0 ]; then
 fi
 
 uninstall
-show_dll_lines
-expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: ServiceStop."
-expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: CloseProcessDeferred."
+while IFS='|' read -r action values; do
+    IFS='|' read -r -a list <<<"$values"
+    expect_arguments "$action" "${list[@]}"
+done <<EOF
+QcCloseProcessDeferred|QcSampleApp.exe|5
+QcServiceStop|$service|NOT DEFINED|30
+QcUninstallSignedCertificate|Quillcast Sample Root
+QcUninstallRootCertificate|Quillcast Sample Root
+QcRemoveProgramException|Quillcast Sample App|$(windows_path "$app")\\QcSampleApp.exe
+QcRemovePortException|Quillcast Sample|8080,8081
+EOF
+expect_dll_line --in QcCloseProcessImmediately "Workbench (#) Processing custom action: CloseProcessImmediately."
+expect_dll_line --in QcRemoveIcaClient "Workbench (#) Processing custom action: RemoveIcaClient."
+expect_no_dll_line "*Got less arguments than expected*"
 expect_service_state "$service" STOPPED
-expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: RemovePortException."
 expect_no_reg "$test_firewall_key\\Rules\\1"
-expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: UninstallSignedCertificate."
-expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: UninstallRootCertificate."
+expect_no_reg "$test_firewall_key\\Rules\\2"
+expect_reg "$ica32" VirtualDriver DrvA
+expect_lines "starts of QCAutoConnect.exe" "$(wc -l <"$app/QCAutoConnect.exe.record")" 4
+# The removal's close actions ended both copies of the app that the shell actions opened.
+outcome "$(! wine_run taskkill /f /im QcSampleApp.exe >/dev/null 2>&1; echo $?)" "no QcSampleApp.exe runs" \
+    "a QcSampleApp.exe still ran"
 expect_no_reg 'HKLM\Software\Quillcast\Sample'
 expect_product_absent
-wine_run reg delete "$client" /reg:64 /f >/dev/null
+for key in "$client" "$engine" "$ica"; do wine_run reg delete "$key" /reg:64 /f >/dev/null 2>&1 || true; done
+wine_run reg delete "$ica" /reg:32 /f >/dev/null
+wine_run reg delete "$autoconnect" /reg:32 /f >/dev/null
+show_action_table

@@ -1,4 +1,4 @@
-# A deferred ServiceRestart (";SERVICENAME=<name>;DEPENDENCIES=1;TIMEOUT=30")
+# A deferred ServiceRestart ("|SERVICENAME=<name>|DEPENDENCIES=1|TIMEOUT=30")
 # run by the install script stops a running service and starts it again. The
 # test service (tests/services/QcTestService.cpp) notes each transition in a
 # journal; it is registered for this case only.
@@ -9,9 +9,10 @@ add_test_service "$service" "--journal=$(windows_path "$journal")"
 expect_service_state "$service" RUNNING
 : >"$journal"
 
-package service-restart
-install E2E_SERVICENAME="$service"
-expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: ServiceRestart."
+package include -D Name=ServiceRestart -D Switches=service-restart
+install QC_SERVICE_RESTART_SERVICENAME="$service"
+expect_dll_line --in QcServiceRestart "Workbench (#) Processing custom action: ServiceRestart."
+expect_arguments QcServiceRestart "$service" 1 30
 # No warning or error of the service controller (see the stop case for how
 # Wine shows them).
 expect_no_dll_line "*Daemon (*"
