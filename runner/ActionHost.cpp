@@ -35,9 +35,8 @@ std::wstring ReadString(TQuery&& query)
 
 std::wstring RecordString(MSIHANDLE hRecord, UINT field)
 {
-    return ReadString([hRecord, field](wchar_t* pszText, DWORD* pcch) {
-        return MsiRecordGetStringW(hRecord, field, pszText, pcch);
-    });
+    return ReadString(
+        [hRecord, field](wchar_t* pszText, DWORD* pcch) { return MsiRecordGetStringW(hRecord, field, pszText, pcch); });
 }
 
 std::wstring NewGuid()
@@ -80,11 +79,8 @@ std::wstring CreatePackage(const std::wstring& path)
         }
     }
     const std::wstring properties[][2] = {
-        {L"ProductCode", NewGuid()},
-        {L"ProductLanguage", L"1033"},
-        {L"ProductName", L"Quillcast Action Runner"},
-        {L"ProductVersion", L"1.0.0"},
-        {L"Manufacturer", L"Quillcast"},
+        {L"ProductCode", NewGuid()},   {L"ProductLanguage", L"1033"},   {L"ProductName", L"Quillcast Action Runner"},
+        {L"ProductVersion", L"1.0.0"}, {L"Manufacturer", L"Quillcast"},
     };
     for (const auto& property : properties)
     {

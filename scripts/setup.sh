@@ -3,7 +3,7 @@
 # machine lacks (Debian 12). Safe to run again: installs nothing twice.
 set -euo pipefail
 
-packages=(cmake ninja-build mingw-w64 g++-mingw-w64-x86-64-posix wine wine64 msitools wixl googletest openssl clang-tidy osslsigncode)
+packages=(cmake ninja-build mingw-w64 g++-mingw-w64-x86-64-posix wine wine64 msitools wixl googletest openssl clang-tidy clang-format osslsigncode)
 missing=()
 for package in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' || missing+=("$package")

@@ -85,8 +85,8 @@ UINT Uninstall(const wchar_t* pszStoreName, Removal removal, const wchar_t* pszN
     {
         return ERROR_INSTALL_FAILURE;
     }
-    const bool bRemoved = removal == Removal::BySubject ? store.DeleteBySubject(pszName)
-                                                         : store.DeleteByIssuer(pszName);
+    const bool bRemoved =
+        removal == Removal::BySubject ? store.DeleteBySubject(pszName) : store.DeleteByIssuer(pszName);
     return bRemoved ? ERROR_SUCCESS : ERROR_INSTALL_FAILURE;
 }
 
@@ -105,8 +105,7 @@ UINT CreateAndInstallRootCertificateWorker(Host::CWorkbench* pWorkbench)
 UINT CreateAndInstallSignedServerCertificateWorker(Host::CWorkbench* pWorkbench)
 {
     const System::Types::CWideBuffer computerName = System::QueryComputerName();
-    return CreateAndInstall(
-        {System::Types::Text(computerName), AT_KEYEXCHANGE, false, RootName(pWorkbench), L"MY"});
+    return CreateAndInstall({System::Types::Text(computerName), AT_KEYEXCHANGE, false, RootName(pWorkbench), L"MY"});
 }
 
 UINT UninstallRootCertificateWorker(Host::CWorkbench* pWorkbench)

@@ -81,8 +81,8 @@ UINT AddIcaClientWorker(Host::CWorkbench* /*pWorkbench*/)
     }
     wchar_t* pText = drivers.Data();
     const size_t capacity = drivers.Size();
-    const bool bAppended = (pText[0] == L'\0' || ::wcscat_s(pText, capacity, kSeparator) == 0) &&
-                           ::wcscat_s(pText, capacity, kEntry) == 0;
+    const bool bAppended =
+        (pText[0] == L'\0' || ::wcscat_s(pText, capacity, kSeparator) == 0) && ::wcscat_s(pText, capacity, kEntry) == 0;
     if (!bAppended)
     {
         QC_LOG_LAST_ERROR(kLogSource, L"wcscat_s failed with error ");

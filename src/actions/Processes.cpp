@@ -45,10 +45,10 @@ uint32_t CloseTimeoutMs(const wchar_t* pszSeconds) noexcept
 
 enum class StartOutcome
 {
-    Ended,         // ran and ended; the process is still held for its exit code
-    CreateFailed,  // logged by CProcess
-    NotRunning,    // the exit code could not be read or was not STILL_ACTIVE
-    WaitFailed,    // logged by CProcess
+    Ended,        // ran and ended; the process is still held for its exit code
+    CreateFailed, // logged by CProcess
+    NotRunning,   // the exit code could not be read or was not STILL_ACTIVE
+    WaitFailed,   // logged by CProcess
 };
 
 // Starts the command line hidden and waits for the process to end.

@@ -131,8 +131,8 @@ bool GetCryptProvider(int32_t index, wchar_t* pszName, DWORD* pdwType) noexcept
         return false;
     }
     DWORD cchName = kProviderNameLength;
-    status = ::RegEnumKeyExW(providers.Get(), static_cast<DWORD>(index), pszName, &cchName, nullptr, nullptr,
-                             nullptr, nullptr);
+    status = ::RegEnumKeyExW(providers.Get(), static_cast<DWORD>(index), pszName, &cchName, nullptr, nullptr, nullptr,
+                             nullptr);
     if (status != ERROR_SUCCESS)
     {
         QC_CRYPT_LOG(L"GetCryptProvider() - ERROR: RegEnumKeyEx failed (Error=%d).", static_cast<int>(status));
@@ -162,8 +162,8 @@ bool ConvertCertNameToBlob(CertificateEnvironment& environment) noexcept
 {
     QC_CRYPT_LOG(L"ConvertCertNameToBlob()");
     DWORD cbName = 0;
-    if (!::CertStrToNameW(X509_ASN_ENCODING, environment.subject.Get(), CERT_X500_NAME_STR, nullptr, nullptr,
-                          &cbName, nullptr))
+    if (!::CertStrToNameW(X509_ASN_ENCODING, environment.subject.Get(), CERT_X500_NAME_STR, nullptr, nullptr, &cbName,
+                          nullptr))
     {
         QC_CRYPT_LOG(L"ConvertCertNameToBlob() - ERROR: CertStrToName1 failed (%d).", LastError());
         return false;

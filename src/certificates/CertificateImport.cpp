@@ -41,8 +41,8 @@ public:
             }
             CProcessHeapPtr<CRYPT_KEY_PROV_INFO> info(
                 static_cast<CRYPT_KEY_PROV_INFO*>(::HeapAlloc(::GetProcessHeap(), HEAP_ZERO_MEMORY, cbInfo)));
-            if (info && ::CertGetCertificateContextProperty(pCertificate, CERT_KEY_PROV_INFO_PROP_ID, info.Get(),
-                                                            &cbInfo))
+            if (info &&
+                ::CertGetCertificateContextProperty(pCertificate, CERT_KEY_PROV_INFO_PROP_ID, info.Get(), &cbInfo))
             {
                 HCRYPTPROV hDeleted = 0;
                 (void)::CryptAcquireContextW(&hDeleted, info.Get()->pwszContainerName, info.Get()->pwszProvName,
@@ -128,8 +128,7 @@ int32_t InternalImportCertificate(ImportCertificateParams* pParam) noexcept
         QC_CRYPT_LOG(L"InternalImportCertificate() - ERROR: CertOpenStore failed (%d).", LastError());
         return -2;
     }
-    if (!::CertAddCertificateContextToStore(target.Get(), certificate.Get(), CERT_STORE_ADD_REPLACE_EXISTING,
-                                            nullptr))
+    if (!::CertAddCertificateContextToStore(target.Get(), certificate.Get(), CERT_STORE_ADD_REPLACE_EXISTING, nullptr))
     {
         QC_CRYPT_LOG(L"InternalImportCertificate() - ERROR: CertAddCertificateContextToStore failed (%d).",
                      LastError());

@@ -222,9 +222,9 @@ bool PrepareCertificateExtensions(CertificateEnvironment& environment, const Cre
     }
     else
     {
-        environment.issuerCertificate = FindCertificate(param.pszIssuerName, param.pszIssuerStore, dwLocationFlags,
-                                                        &environment.issuerKeyIdentifier,
-                                                        &environment.issuerProvider, &environment.issuerKeySpec);
+        environment.issuerCertificate =
+            FindCertificate(param.pszIssuerName, param.pszIssuerStore, dwLocationFlags,
+                            &environment.issuerKeyIdentifier, &environment.issuerProvider, &environment.issuerKeySpec);
         if (!environment.issuerCertificate)
         {
             QC_CRYPT_LOG(L"PrepareCertificateExtensions() - ERROR: FindCertificate failed.");
@@ -340,8 +340,7 @@ bool CreateCertAndConvertToPFX(CertificateEnvironment& environment, const Create
     }
     environment.cbEncodedCertificate = cbEncoded;
 
-    environment.memoryStore.Reset(
-        ::CertOpenStore(CERT_STORE_PROV_MEMORY, 0, 0, CERT_STORE_CREATE_NEW_FLAG, nullptr));
+    environment.memoryStore.Reset(::CertOpenStore(CERT_STORE_PROV_MEMORY, 0, 0, CERT_STORE_CREATE_NEW_FLAG, nullptr));
     if (!environment.memoryStore)
     {
         QC_CRYPT_LOG(L"CreateCertAndConvertToPFX() - ERROR: CertOpenStore failed (%d).", LastError());
@@ -410,8 +409,7 @@ CCertContext FindCertificate(const wchar_t* pszName, const wchar_t* pszStoreName
     pKeyIdentifier->Reset();
     pIssuerProvider->Reset();
 
-    CCertStoreHandle store(
-        ::CertOpenStore(CERT_STORE_PROV_SYSTEM_W, kStoreEncoding, 0, dwLocationFlags, pszStoreName));
+    CCertStoreHandle store(::CertOpenStore(CERT_STORE_PROV_SYSTEM_W, kStoreEncoding, 0, dwLocationFlags, pszStoreName));
     if (!store)
     {
         QC_CRYPT_LOG(L"FindCertificate() - ERROR: CertOpenStore failed (%d).", LastError());
@@ -446,17 +444,16 @@ CCertContext FindCertificate(const wchar_t* pszName, const wchar_t* pszStoreName
         QC_CRYPT_LOG(L"FindCertificate() - ERROR: QcAlloc failed (%d).", LastError());
         return CCertContext();
     }
-    if (!::CertGetCertificateContextProperty(certificate.Get(), CERT_KEY_PROV_INFO_PROP_ID, keyProvInfo.Get(),
-                                             &cbInfo))
+    if (!::CertGetCertificateContextProperty(certificate.Get(), CERT_KEY_PROV_INFO_PROP_ID, keyProvInfo.Get(), &cbInfo))
     {
         QC_CRYPT_LOG(L"FindCertificate() - ERROR: CertGetCertificateContextProperty2 failed (Error=%d).", LastError());
         return CCertContext();
     }
     const CRYPT_KEY_PROV_INFO& info = *keyProvInfo.Get();
-    const DWORD dwFlags = (dwLocationFlags == CERT_SYSTEM_STORE_LOCAL_MACHINE ||
-                           dwLocationFlags == CERT_SYSTEM_STORE_SERVICES)
-                              ? CRYPT_MACHINE_KEYSET
-                              : 0;
+    const DWORD dwFlags =
+        (dwLocationFlags == CERT_SYSTEM_STORE_LOCAL_MACHINE || dwLocationFlags == CERT_SYSTEM_STORE_SERVICES)
+            ? CRYPT_MACHINE_KEYSET
+            : 0;
     if (!::CryptAcquireContextW(pIssuerProvider->Put(), info.pwszContainerName, info.pwszProvName, info.dwProvType,
                                 dwFlags))
     {
@@ -470,14 +467,12 @@ CCertContext FindCertificate(const wchar_t* pszName, const wchar_t* pszStoreName
     const CERT_EXTENSION* pExtension =
         ::CertFindExtension(szOID_SUBJECT_KEY_IDENTIFIER, certInfo.cExtension, certInfo.rgExtension);
     DWORD cbKeyIdentifier = 0;
-    if (pExtension != nullptr &&
-        ::CryptDecodeObject(kStoreEncoding, X509_OCTET_STRING, pExtension->Value.pbData, pExtension->Value.cbData, 0,
-                            nullptr, &cbKeyIdentifier))
+    if (pExtension != nullptr && ::CryptDecodeObject(kStoreEncoding, X509_OCTET_STRING, pExtension->Value.pbData,
+                                                     pExtension->Value.cbData, 0, nullptr, &cbKeyIdentifier))
     {
         CProcessHeapPtr<CRYPT_DATA_BLOB> keyIdentifier(QcAllocAs<CRYPT_DATA_BLOB>(cbKeyIdentifier));
-        if (keyIdentifier &&
-            ::CryptDecodeObject(kStoreEncoding, X509_OCTET_STRING, pExtension->Value.pbData,
-                                pExtension->Value.cbData, 0, keyIdentifier.Get(), &cbKeyIdentifier))
+        if (keyIdentifier && ::CryptDecodeObject(kStoreEncoding, X509_OCTET_STRING, pExtension->Value.pbData,
+                                                 pExtension->Value.cbData, 0, keyIdentifier.Get(), &cbKeyIdentifier))
         {
             *pKeyIdentifier = std::move(keyIdentifier);
         }

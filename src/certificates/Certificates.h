@@ -77,8 +77,7 @@ void FreeCertificateMemory(void* pCertMem) noexcept;
 // valid now; with it a context on its private key and the key's kind (AT_KEYEXCHANGE or AT_SIGNATURE),
 // and its decoded subject key identifier (null when it has none). Null after a
 // logged failure; the out-parameters are cleared first.
-System::Types::CCertContext FindCertificate(const wchar_t* pszName, const wchar_t* pszStoreName,
-                                            DWORD dwLocationFlags,
+System::Types::CCertContext FindCertificate(const wchar_t* pszName, const wchar_t* pszStoreName, DWORD dwLocationFlags,
                                             System::Types::CProcessHeapPtr<CRYPT_DATA_BLOB>* pKeyIdentifier,
                                             System::Types::CCryptProvider* pIssuerProvider,
                                             DWORD* pdwIssuerKeySpec) noexcept;

@@ -44,8 +44,7 @@ void QcCryptLog(const Logging::CLogSource& source, uint32_t line, const wchar_t*
         }
     }
     const wchar_t* pszText = text ? text.Get() : L"";
-    const uint32_t level =
-        ::wcsstr(pszText, L"ERROR") != nullptr ? Logging::LOG_LEVEL_ERROR : Logging::LOG_LEVEL_INFO;
+    const uint32_t level = ::wcsstr(pszText, L"ERROR") != nullptr ? Logging::LOG_LEVEL_ERROR : Logging::LOG_LEVEL_INFO;
     QC_LOG_AT(level, source, line) << pszText;
 }
 

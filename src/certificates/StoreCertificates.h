@@ -38,7 +38,7 @@ public:
     {
     public:
         CIterator(CStoreCertificates* pWalk, PCCERT_CONTEXT pCertificate) noexcept
-            : m_pWalk(pWalk), m_pCertificate(pCertificate)
+                : m_pWalk(pWalk), m_pCertificate(pCertificate)
         {
         }
         PCCERT_CONTEXT operator*() const noexcept { return m_pCertificate; }

@@ -21,9 +21,14 @@ constexpr CustomActionEntry Row(std::nullptr_t, std::nullptr_t)
 }
 
 constexpr std::nullptr_t kNone = nullptr;
-constexpr const wchar_t* kAddPortArguments[] = {Argument::kRuleName, Argument::kRuleDescription, Argument::kProfile, Argument::kLocalPorts, Argument::kLocalAddresses, Argument::kRemotePorts, Argument::kRemoteAddresses, Argument::kServiceName};
+constexpr const wchar_t* kAddPortArguments[] = {
+    Argument::kRuleName,       Argument::kRuleDescription, Argument::kProfile,         Argument::kLocalPorts,
+    Argument::kLocalAddresses, Argument::kRemotePorts,     Argument::kRemoteAddresses, Argument::kServiceName};
 constexpr const wchar_t* kAddPortRequired[] = {Argument::kRuleName, Argument::kLocalPorts};
-constexpr const wchar_t* kAddProgramArguments[] = {Argument::kRuleName, Argument::kRuleDescription, Argument::kProfile, Argument::kProgramName, Argument::kLocalPorts, Argument::kLocalAddresses, Argument::kRemotePorts, Argument::kRemoteAddresses, Argument::kServiceName};
+constexpr const wchar_t* kAddProgramArguments[] = {
+    Argument::kRuleName,    Argument::kRuleDescription, Argument::kProfile,
+    Argument::kProgramName, Argument::kLocalPorts,      Argument::kLocalAddresses,
+    Argument::kRemotePorts, Argument::kRemoteAddresses, Argument::kServiceName};
 constexpr const wchar_t* kAddProgramRequired[] = {Argument::kRuleName, Argument::kProgramName};
 constexpr const wchar_t* kCloseProcessArguments[] = {Argument::kProcessName, Argument::kTimeout};
 constexpr const wchar_t* kCloseProcessRequired[] = {Argument::kProcessName};

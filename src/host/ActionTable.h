@@ -24,36 +24,36 @@ struct CustomActionEntry
 // The position is the row index each export passes to the validation, and the
 // list stays in alphabetical order of export names (ActionTable.cpp checks it);
 // packages name entry points, never indices.
-#define QC_CUSTOM_ACTIONS(X)                                                          \
-    X(AddIcaClient, None, None, Worker)                                                       \
-    X(AddPortException, AddPortArguments, AddPortRequired, Worker)                            \
-    X(AddProgramException, AddProgramArguments, AddProgramRequired, Worker)                   \
-    X(CloseAutoConnect, None, None, Worker)                                                   \
-    X(CloseProcessDeferred, CloseProcessArguments, CloseProcessRequired, Worker)              \
-    X(CloseProcessImmediately, None, None, Worker)                                            \
-    X(CompareVersionString, None, None, Worker)                                               \
-    X(CreateAndInstallRootCertificate, RootCertificate, RootCertificate, Worker)              \
-    X(CreateAndInstallSignedServerCertificate, RootCertificate, RootCertificate, Worker)      \
-    X(CreateProcessDeferred, CommandLine, CommandLine, Worker)                                \
-    X(CreateProcessImmediately, None, None, Worker)                                           \
-    X(DirectoryObjectPick, None, None, Worker)                                                \
-    X(GetCustomActionVersion, None, None, VersionOnly)                                             \
-    X(GetDomain, None, None, Worker)                                                          \
-    X(GetEngineVersion, None, None, Worker)                                                   \
-    X(GetFileVersion, None, None, Worker)                                                     \
-    X(RemoveIcaClient, None, None, Worker)                                                    \
-    X(RemovePortException, RemovePort, RemovePort, Worker)                                    \
-    X(RemoveProgramException, RemoveProgram, RemoveProgram, Worker)                           \
-    X(ServiceRestart, ServiceArguments, ServiceRequired, Worker)                              \
-    X(ServiceStart, ServiceArguments, ServiceRequired, Worker)                                \
-    X(ServiceStop, ServiceArguments, ServiceRequired, Worker)                                 \
-    X(SetRemoteConfigDeferred, RemoteConfig, RemoteConfig, Worker)                            \
-    X(SetRemoteConfigImmediately, None, None, Worker)                                         \
-    X(ShellExecuteDeferred, ShellExecute, ShellExecute, Worker)                               \
-    X(ShellExecuteImmediately, None, None, Worker)                                            \
-    X(ShowMessageDeferred, ShowMessageArguments, ShowMessageRequired, Worker)                 \
-    X(ShowMessageImmediately, None, None, Worker)                                             \
-    X(UninstallRootCertificate, RootCertificate, RootCertificate, Worker)                     \
+#define QC_CUSTOM_ACTIONS(X)                                                                                           \
+    X(AddIcaClient, None, None, Worker)                                                                                \
+    X(AddPortException, AddPortArguments, AddPortRequired, Worker)                                                     \
+    X(AddProgramException, AddProgramArguments, AddProgramRequired, Worker)                                            \
+    X(CloseAutoConnect, None, None, Worker)                                                                            \
+    X(CloseProcessDeferred, CloseProcessArguments, CloseProcessRequired, Worker)                                       \
+    X(CloseProcessImmediately, None, None, Worker)                                                                     \
+    X(CompareVersionString, None, None, Worker)                                                                        \
+    X(CreateAndInstallRootCertificate, RootCertificate, RootCertificate, Worker)                                       \
+    X(CreateAndInstallSignedServerCertificate, RootCertificate, RootCertificate, Worker)                               \
+    X(CreateProcessDeferred, CommandLine, CommandLine, Worker)                                                         \
+    X(CreateProcessImmediately, None, None, Worker)                                                                    \
+    X(DirectoryObjectPick, None, None, Worker)                                                                         \
+    X(GetCustomActionVersion, None, None, VersionOnly)                                                                 \
+    X(GetDomain, None, None, Worker)                                                                                   \
+    X(GetEngineVersion, None, None, Worker)                                                                            \
+    X(GetFileVersion, None, None, Worker)                                                                              \
+    X(RemoveIcaClient, None, None, Worker)                                                                             \
+    X(RemovePortException, RemovePort, RemovePort, Worker)                                                             \
+    X(RemoveProgramException, RemoveProgram, RemoveProgram, Worker)                                                    \
+    X(ServiceRestart, ServiceArguments, ServiceRequired, Worker)                                                       \
+    X(ServiceStart, ServiceArguments, ServiceRequired, Worker)                                                         \
+    X(ServiceStop, ServiceArguments, ServiceRequired, Worker)                                                          \
+    X(SetRemoteConfigDeferred, RemoteConfig, RemoteConfig, Worker)                                                     \
+    X(SetRemoteConfigImmediately, None, None, Worker)                                                                  \
+    X(ShellExecuteDeferred, ShellExecute, ShellExecute, Worker)                                                        \
+    X(ShellExecuteImmediately, None, None, Worker)                                                                     \
+    X(ShowMessageDeferred, ShowMessageArguments, ShowMessageRequired, Worker)                                          \
+    X(ShowMessageImmediately, None, None, Worker)                                                                      \
+    X(UninstallRootCertificate, RootCertificate, RootCertificate, Worker)                                              \
     X(UninstallSignedCertificate, RootCertificate, RootCertificate, Worker)
 
 // Row indices: ACTION_<export name>.

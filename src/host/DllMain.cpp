@@ -8,7 +8,6 @@
 #include "logging/LogPostfixPoint.h"
 #include "logging/msi/LogStreamMsi.h"
 
-
 namespace {
 
 void OnProcessAttach(HMODULE hModule) noexcept

@@ -12,9 +12,9 @@ using namespace Quillcast;
 
 #define QC_FRAME_Worker(name) Host::Dispatch(hInstall, Host::ACTION_##name, Actions::name##Worker)
 #define QC_FRAME_VersionOnly(name) Host::DispatchVersionOnly(hInstall)
-#define QC_DEFINE_EXPORT(name, arguments, required, frame)                        \
-    extern "C" __declspec(dllexport) UINT __stdcall name(MSIHANDLE hInstall)      \
-    {                                                                             \
-        return QC_FRAME_##frame(name);                                            \
+#define QC_DEFINE_EXPORT(name, arguments, required, frame)                                                             \
+    extern "C" __declspec(dllexport) UINT __stdcall name(MSIHANDLE hInstall)                                           \
+    {                                                                                                                  \
+        return QC_FRAME_##frame(name);                                                                                 \
     }
 QC_CUSTOM_ACTIONS(QC_DEFINE_EXPORT)

@@ -35,9 +35,9 @@ void LogPropertyReadFailure(uint32_t level, const wchar_t* name, const Logging::
 } // namespace Quillcast::Host
 
 // if (!QC_READ_PROPERTY_OR_LOG(hInstall, L"VersionA", versionA, kLogSource)) ...
-#define QC_READ_PROPERTY_OR_LOG(hInstall, name, value, source) \
+#define QC_READ_PROPERTY_OR_LOG(hInstall, name, value, source)                                                         \
     ::Quillcast::Host::ReadPropertyOrLog((hInstall), (name), (value), (source), __LINE__)
 
 // QC_LOG_PROPERTY_READ_FAILURE(Logging::LOG_LEVEL_WARNING, kLogSource, L"CloseProcessTimeout");
-#define QC_LOG_PROPERTY_READ_FAILURE(level, source, name) \
+#define QC_LOG_PROPERTY_READ_FAILURE(level, source, name)                                                              \
     ::Quillcast::Host::LogPropertyReadFailure((level), (name), (source), __LINE__)

@@ -9,7 +9,6 @@
 #include "logging/msi/LogStreamMsi.h"
 #include "system/FileVersion.h"
 
-
 namespace Quillcast::Host {
 
 namespace {

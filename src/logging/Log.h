@@ -44,7 +44,7 @@ public:
         }
     }
     CLogEntry(uint32_t level, const CLogSource& source, uint32_t line) noexcept
-        : CLogEntry(level, source.pszName, source.dwLineBase + line)
+            : CLogEntry(level, source.pszName, source.dwLineBase + line)
     {
     }
     CLogEntry(const CLogEntry&) = delete;

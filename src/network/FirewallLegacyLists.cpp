@@ -64,9 +64,8 @@ bool CFirewall::AddLegacyPorts(const wchar_t* pszPorts) noexcept
         return false;
     }
     // Each piece converts as _wtoi converts: "" is port 0, "8080-8090" is 8080.
-    return ForEachPort(pszPorts, [this](const wchar_t* piece, size_t) {
-        return AddLegacyPort(static_cast<LONG>(::_wtoi(piece)));
-    });
+    return ForEachPort(
+        pszPorts, [this](const wchar_t* piece, size_t) { return AddLegacyPort(static_cast<LONG>(::_wtoi(piece))); });
 }
 
 bool CFirewall::AddLegacyPort(LONG lPort) noexcept
@@ -212,16 +211,15 @@ bool CFirewall::AddLegacyApplication(const wchar_t* /*pszPath: see m_bstrApplica
 
 bool CFirewall::CheckLegacyPort(const wchar_t* /*pszPort: see m_bstrLocalPorts*/) noexcept
 {
-    return CheckLegacyEntry(
-        [](CFirewall& f) { return f.m_pProfile->get_GloballyOpenPorts(f.m_pOpenPorts.Put()); },
-        L"Failed to get list of open ports with error ",
-        [](CFirewall& f, VARIANT_BOOL& bEnabled) {
-            const LONG lPort = static_cast<LONG>(::_wtoi(f.m_bstrLocalPorts.Get()));
-            const HRESULT hr =
-                f.m_pOpenPorts->Item(lPort, static_cast<NET_FW_IP_PROTOCOL>(f.m_lProtocol), f.m_pOpenPort.Put());
-            return SUCCEEDED(hr) ? f.m_pOpenPort->get_Enabled(&bEnabled) : hr;
-        },
-        L"Failed to retrieve open port with error ");
+    return CheckLegacyEntry([](CFirewall& f) { return f.m_pProfile->get_GloballyOpenPorts(f.m_pOpenPorts.Put()); },
+                            L"Failed to get list of open ports with error ",
+                            [](CFirewall& f, VARIANT_BOOL& bEnabled) {
+                                const LONG lPort = static_cast<LONG>(::_wtoi(f.m_bstrLocalPorts.Get()));
+                                const HRESULT hr = f.m_pOpenPorts->Item(
+                                    lPort, static_cast<NET_FW_IP_PROTOCOL>(f.m_lProtocol), f.m_pOpenPort.Put());
+                                return SUCCEEDED(hr) ? f.m_pOpenPort->get_Enabled(&bEnabled) : hr;
+                            },
+                            L"Failed to retrieve open port with error ");
 }
 
 bool CFirewall::CheckLegacyApplication(const wchar_t* /*pszPath: see m_bstrApplication*/) noexcept
@@ -311,8 +309,7 @@ bool CFirewall::RemoveLegacyApplication(const wchar_t* /*pszPath: see m_bstrAppl
     {
         SetLastErrorCode(Code(hr));
         // The two blanks before "with" are intentional.
-        QC_LOG_ERROR(kLogSource) << L"Failed to remove app " << m_bstrApplication.Get() << L"  with error "
-                                 << Code(hr);
+        QC_LOG_ERROR(kLogSource) << L"Failed to remove app " << m_bstrApplication.Get() << L"  with error " << Code(hr);
         return false;
     }
     return true;

@@ -10,7 +10,7 @@
 #define DAEMON_QUERY_STATUS_OR_FAIL(hService, status) QueryStatusOrFail(__LINE__, (hService), (status))
 #define DAEMON_FAIL_WITH_LAST_ERROR(text) FailWithLastError(__LINE__, (text))
 #define DAEMON_LOG_TIMEOUT(level, name) LogTimeout(__LINE__, (level), (name))
-#define DAEMON_AWAIT_PENDING(warning, target, pending, status) \
+#define DAEMON_AWAIT_PENDING(warning, target, pending, status)                                                         \
     AwaitPending(__LINE__, (warning), (target), (pending), (status))
 #define DAEMON_AWAIT_SERVICE_STATE(target, status) AwaitServiceState(__LINE__, (target), (status))
 
@@ -20,8 +20,8 @@ namespace {
 
 constexpr Logging::CLogSource kLogSource{L"Daemon", 0};
 
-constexpr DWORD kServiceAccess = SERVICE_QUERY_CONFIG | SERVICE_QUERY_STATUS | SERVICE_ENUMERATE_DEPENDENTS |
-                                 SERVICE_START | SERVICE_STOP;
+constexpr DWORD kServiceAccess =
+    SERVICE_QUERY_CONFIG | SERVICE_QUERY_STATUS | SERVICE_ENUMERATE_DEPENDENTS | SERVICE_START | SERVICE_STOP;
 constexpr DWORD kStopDependentAccess = SERVICE_QUERY_CONFIG | SERVICE_QUERY_STATUS | SERVICE_STOP;
 constexpr DWORD kStartDependentAccess = SERVICE_QUERY_CONFIG | SERVICE_QUERY_STATUS | SERVICE_START;
 
@@ -189,8 +189,8 @@ bool CDaemon::Stop() noexcept
     return DAEMON_AWAIT_SERVICE_STATE(SERVICE_STOPPED, status);
 }
 
-CDaemon::PendingOutcome CDaemon::AwaitPending(uint32_t line, const wchar_t* pszWarning, DWORD dwTarget,
-                                              DWORD dwPending, SERVICE_STATUS& status) noexcept
+CDaemon::PendingOutcome CDaemon::AwaitPending(uint32_t line, const wchar_t* pszWarning, DWORD dwTarget, DWORD dwPending,
+                                              SERVICE_STATUS& status) noexcept
 {
     QC_LOG_AT(Logging::LOG_LEVEL_WARNING, kLogSource, line) << Name() << pszWarning;
     ResetTick();

@@ -91,13 +91,14 @@ private:
     [[nodiscard]] const wchar_t* Open(const wchar_t* pszServiceName) noexcept;
     // Polls `hService` until it reports `dwTarget`. With `dwPending` non-zero
     // the wait also ends when any state other than `dwPending` is read.
-    [[nodiscard]] WaitResult WaitFor(SC_HANDLE hService, SERVICE_STATUS& status, DWORD dwTarget, DWORD dwPending) noexcept;
+    [[nodiscard]] WaitResult WaitFor(SC_HANDLE hService, SERVICE_STATUS& status, DWORD dwTarget,
+                                     DWORD dwPending) noexcept;
     // The helpers that log on behalf of their caller take the caller's `line`
     // (Daemon.cpp calls them through macros that pass it).
     // The service was found pending: warns "<name><pszWarning>", resets the tick
     // and waits for `dwTarget` while the state stays `dwPending`.
-    [[nodiscard]] PendingOutcome AwaitPending(uint32_t line, const wchar_t* pszWarning, DWORD dwTarget,
-                                              DWORD dwPending, SERVICE_STATUS& status) noexcept;
+    [[nodiscard]] PendingOutcome AwaitPending(uint32_t line, const wchar_t* pszWarning, DWORD dwTarget, DWORD dwPending,
+                                              SERVICE_STATUS& status) noexcept;
     // Waits for the service to reach `dwTarget` after a control; resets the
     // tick either way. False after a logged failure or time-out.
     [[nodiscard]] bool AwaitServiceState(uint32_t line, DWORD dwTarget, SERVICE_STATUS& status) noexcept;

@@ -13,8 +13,7 @@ constexpr Logging::CLogSource kLogSource{L"Directory", 0};
 constexpr ULONG kScopeTypes = DSOP_SCOPE_TYPE_UPLEVEL_JOINED_DOMAIN | DSOP_SCOPE_TYPE_DOWNLEVEL_JOINED_DOMAIN |
                               DSOP_SCOPE_TYPE_ENTERPRISE_DOMAIN | DSOP_SCOPE_TYPE_GLOBAL_CATALOG |
                               DSOP_SCOPE_TYPE_EXTERNAL_UPLEVEL_DOMAIN | DSOP_SCOPE_TYPE_EXTERNAL_DOWNLEVEL_DOMAIN |
-                              DSOP_SCOPE_TYPE_USER_ENTERED_UPLEVEL_SCOPE |
-                              DSOP_SCOPE_TYPE_USER_ENTERED_DOWNLEVEL_SCOPE;
+                              DSOP_SCOPE_TYPE_USER_ENTERED_UPLEVEL_SCOPE | DSOP_SCOPE_TYPE_USER_ENTERED_DOWNLEVEL_SCOPE;
 // WinNT paths ("WinNT://DOMAIN/name") are what the selection is turned into names from.
 constexpr ULONG kScopeFlags = DSOP_SCOPE_FLAG_WANT_PROVIDER_WINNT | DSOP_SCOPE_FLAG_WANT_DOWNLEVEL_BUILTIN_PATH;
 constexpr ULONG kSecurityGroups =
@@ -45,7 +44,7 @@ static_assert(kFilterChoices[2].flBothModes == 0x2A0 && kFilterChoices[2].flDown
 } // namespace
 
 CDirectory::CDirectory(uint32_t dwUserFlag, bool bMultiSelect) noexcept
-    : m_aScopeInit(), m_InitInfo(), m_ComInitialization(COINIT_APARTMENTTHREADED, true)
+        : m_aScopeInit(), m_InitInfo(), m_ComInitialization(COINIT_APARTMENTTHREADED, true)
 {
     SetLastErrorCode(ERROR_SUCCESS);
     const wchar_t* pszFailure = Prepare(dwUserFlag, bMultiSelect);

@@ -52,8 +52,9 @@ CFileVersion::CFileVersion(const wchar_t* path)
     m_pFixedInfo = static_cast<VS_FIXEDFILEINFO*>(pFixedInfo);
     const DWORD dwMS = m_pFixedInfo != nullptr ? m_pFixedInfo->dwFileVersionMS : 0;
     const DWORD dwLS = m_pFixedInfo != nullptr ? m_pFixedInfo->dwFileVersionLS : 0;
-    (void)Types::Format(m_Text, L"%u.%u.%u.%u", static_cast<unsigned>(HIWORD(dwMS)), static_cast<unsigned>(LOWORD(dwMS)),
-                        static_cast<unsigned>(HIWORD(dwLS)), static_cast<unsigned>(LOWORD(dwLS)));
+    (void)Types::Format(m_Text, L"%u.%u.%u.%u", static_cast<unsigned>(HIWORD(dwMS)),
+                        static_cast<unsigned>(LOWORD(dwMS)), static_cast<unsigned>(HIWORD(dwLS)),
+                        static_cast<unsigned>(LOWORD(dwLS)));
 }
 
 const wchar_t* CFileVersion::Text() const noexcept

@@ -52,5 +52,5 @@ enum class RegistrySizeQuery
 
 // if (!QC_OPEN_KEY_OR_LOG(HKEY_LOCAL_MACHINE, kKey, KEY_READ, key, Logging::LOG_LEVEL_ERROR, kLogSource,
 //                         L"Open registry key failed with error "))
-#define QC_OPEN_KEY_OR_LOG(root, subKey, access, key, level, source, text) \
+#define QC_OPEN_KEY_OR_LOG(root, subKey, access, key, level, source, text)                                             \
     ::Quillcast::System::OpenKeyOrLog((root), (subKey), (access), (key), (level), (source), __LINE__, (text))

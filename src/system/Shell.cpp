@@ -76,8 +76,8 @@ bool CShell::Execute(const wchar_t* pszTarget, const wchar_t* pszDirectory) noex
         return false;
     }
 
-    const auto result = reinterpret_cast<INT_PTR>(
-        ::ShellExecuteW(nullptr, nullptr, pszTarget, nullptr, pszDirectory, SW_SHOWDEFAULT));
+    const auto result =
+        reinterpret_cast<INT_PTR>(::ShellExecuteW(nullptr, nullptr, pszTarget, nullptr, pszDirectory, SW_SHOWDEFAULT));
     if (result > 32)
     {
         return true;

@@ -29,7 +29,10 @@ UINT RecordingWorker(CWorkbench* pWorkbench)
     return g_MsiLogStream.BoundSession() == pWorkbench->m_hInstall ? g_WorkerResult : ERROR_INVALID_HANDLE;
 }
 
-UINT ThrowingWorker(CWorkbench*) { throw std::runtime_error("worker failed"); }
+UINT ThrowingWorker(CWorkbench*)
+{
+    throw std::runtime_error("worker failed");
+}
 
 UINT TimeoutDefinedWorker(CWorkbench* pWorkbench)
 {
@@ -41,11 +44,20 @@ uint32_t g_ActionIndex = 0;
 ActionWorker g_Worker = RecordingWorker;
 
 // Stands for any export: the row and worker come from the two globals above.
-UINT __stdcall AnyExport(MSIHANDLE hInstall) { return Dispatch(hInstall, g_ActionIndex, g_Worker); }
+UINT __stdcall AnyExport(MSIHANDLE hInstall)
+{
+    return Dispatch(hInstall, g_ActionIndex, g_Worker);
+}
 
 // The frame's entries, as Body() renders them.
-std::wstring Info(const std::wstring& text) { return L"Workbench (#) " + text + L"."; }
-std::wstring Error(const std::wstring& text) { return L"[ERROR] Workbench (#) " + text + L"."; }
+std::wstring Info(const std::wstring& text)
+{
+    return L"Workbench (#) " + text + L".";
+}
+std::wstring Error(const std::wstring& text)
+{
+    return L"[ERROR] Workbench (#) " + text + L".";
+}
 
 } // namespace
 
@@ -87,23 +99,40 @@ TEST_P(FrameValidation, LogsTheArgumentsAndRunsTheWorkerOnlyWhenTheyPass)
 const ValidationCase kValidationCases[] = {
     {"WorkerResultIsReturnedUnchanged", ACTION_CompareVersionString, nullptr, 42, {}},
     {"ExceptionFromTheWorkerFailsTheAction", ACTION_GetDomain, nullptr, 1603, {}, ThrowingWorker},
-    {"AbsentCustomActionDataFailsOnTheCountAlone", ACTION_ShowMessageDeferred, nullptr, 1603,
+    {"AbsentCustomActionDataFailsOnTheCountAlone",
+     ACTION_ShowMessageDeferred,
+     nullptr,
+     1603,
      {Error(L"Argument[MESSAGE] = NOT DEFINED"), Error(L"Argument[TYPE] = NOT DEFINED"),
       Error(L"Got less arguments than expected -> expected=2 received=0")}},
     // The pair count must reach the number of known names, required or not.
-    {"TooFewPairsFailsThoughTheRequiredNameIsPresent", ACTION_ServiceStart, L";SERVICENAME=Spooler", 1603,
+    {"TooFewPairsFailsThoughTheRequiredNameIsPresent",
+     ACTION_ServiceStart,
+     L";SERVICENAME=Spooler",
+     1603,
      {Info(L"Argument[SERVICENAME] = Spooler"), Error(L"Argument[DEPENDENCIES] = NOT DEFINED"),
       Error(L"Argument[TIMEOUT] = NOT DEFINED"), Error(L"Got less arguments than expected -> expected=3 received=1")}},
     // Only the number of pairs counts, not their names.
-    {"UnknownAndDuplicatedNamesCountAsPairs", ACTION_ServiceStop, L"|SERVICENAME=Spooler|OTHER=1|OTHER=2", 0,
+    {"UnknownAndDuplicatedNamesCountAsPairs",
+     ACTION_ServiceStop,
+     L"|SERVICENAME=Spooler|OTHER=1|OTHER=2",
+     0,
      {Info(L"Argument[SERVICENAME] = Spooler"), Error(L"Argument[DEPENDENCIES] = NOT DEFINED"),
       Error(L"Argument[TIMEOUT] = NOT DEFINED")}},
-    {"RequiredArgumentPresentButEmptyIsInvalid", ACTION_CreateProcessDeferred, L";CMDLINE=", 1603,
+    {"RequiredArgumentPresentButEmptyIsInvalid",
+     ACTION_CreateProcessDeferred,
+     L";CMDLINE=",
+     1603,
      {Info(L"Argument[CMDLINE] = "), Error(L"Argument[CMDLINE] is invalid")}},
-    {"RequiredChecksStopAtTheFirstInvalidName", ACTION_RemovePortException, L";RULENAME=;LOCALPORTS=", 1603,
+    {"RequiredChecksStopAtTheFirstInvalidName",
+     ACTION_RemovePortException,
+     L";RULENAME=;LOCALPORTS=",
+     1603,
      {Info(L"Argument[RULENAME] = "), Info(L"Argument[LOCALPORTS] = "), Error(L"Argument[RULENAME] is invalid")}},
-    {"OptionalArgumentWithEmptyValueIsListedButNotDefinedForTheWorker", ACTION_ServiceRestart,
-     L";SERVICENAME=a;DEPENDENCIES=1;TIMEOUT=", 1,
+    {"OptionalArgumentWithEmptyValueIsListedButNotDefinedForTheWorker",
+     ACTION_ServiceRestart,
+     L";SERVICENAME=a;DEPENDENCIES=1;TIMEOUT=",
+     1,
      {Info(L"Argument[SERVICENAME] = a"), Info(L"Argument[DEPENDENCIES] = 1"), Info(L"Argument[TIMEOUT] = "),
       L"[WARNING] Workbench (#) Argument[TIMEOUT] = NOT DEFINED."},
      TimeoutDefinedWorker},

@@ -24,13 +24,35 @@ namespace {
 
 // All thirty custom actions, and nothing else.
 const std::set<std::string> kExpectedExports = {
-    "AddIcaClient", "AddPortException", "AddProgramException", "CloseAutoConnect", "CloseProcessDeferred",
-    "CloseProcessImmediately", "CompareVersionString", "CreateAndInstallRootCertificate",
-    "CreateAndInstallSignedServerCertificate", "CreateProcessDeferred", "CreateProcessImmediately",
-    "DirectoryObjectPick", "GetCustomActionVersion", "GetDomain", "GetEngineVersion", "GetFileVersion",
-    "RemoveIcaClient", "RemovePortException", "RemoveProgramException", "ServiceRestart", "ServiceStart",
-    "ServiceStop", "SetRemoteConfigDeferred", "SetRemoteConfigImmediately", "ShellExecuteDeferred",
-    "ShellExecuteImmediately", "ShowMessageDeferred", "ShowMessageImmediately", "UninstallRootCertificate",
+    "AddIcaClient",
+    "AddPortException",
+    "AddProgramException",
+    "CloseAutoConnect",
+    "CloseProcessDeferred",
+    "CloseProcessImmediately",
+    "CompareVersionString",
+    "CreateAndInstallRootCertificate",
+    "CreateAndInstallSignedServerCertificate",
+    "CreateProcessDeferred",
+    "CreateProcessImmediately",
+    "DirectoryObjectPick",
+    "GetCustomActionVersion",
+    "GetDomain",
+    "GetEngineVersion",
+    "GetFileVersion",
+    "RemoveIcaClient",
+    "RemovePortException",
+    "RemoveProgramException",
+    "ServiceRestart",
+    "ServiceStart",
+    "ServiceStop",
+    "SetRemoteConfigDeferred",
+    "SetRemoteConfigImmediately",
+    "ShellExecuteDeferred",
+    "ShellExecuteImmediately",
+    "ShowMessageDeferred",
+    "ShowMessageImmediately",
+    "UninstallRootCertificate",
     "UninstallSignedCertificate",
 };
 
@@ -69,9 +91,9 @@ TEST_F(ShippedDll, ImageExportsTheActionsByPlainNameImportsOnlySystemLibrariesAn
     }
     EXPECT_EQ(found, kExpectedExports);
 
-    const std::set<std::string> allowed = {"KERNEL32.DLL", "MSI.DLL",     "MSVCRT.DLL",  "ADVAPI32.DLL", "OLE32.DLL",
-                                           "OLEAUT32.DLL", "CRYPT32.DLL", "RPCRT4.DLL",  "WS2_32.DLL",   "VERSION.DLL",
-                                           "SHELL32.DLL",  "USER32.DLL"};
+    const std::set<std::string> allowed = {"KERNEL32.DLL", "MSI.DLL",      "MSVCRT.DLL",  "ADVAPI32.DLL",
+                                           "OLE32.DLL",    "OLEAUT32.DLL", "CRYPT32.DLL", "RPCRT4.DLL",
+                                           "WS2_32.DLL",   "VERSION.DLL",  "SHELL32.DLL", "USER32.DLL"};
     for (const auto* entry = AtRva<IMAGE_IMPORT_DESCRIPTOR>(directories[IMAGE_DIRECTORY_ENTRY_IMPORT].VirtualAddress);
          entry->Name != 0; ++entry)
     {
@@ -103,15 +125,15 @@ TEST_F(ShippedDll, GetCustomActionVersionWritesOnlyTheVersionLineAndSucceeds)
 TEST_F(ShippedDll, CompareVersionStringWritesTheOutcomeOfTheFieldsBothVersionsHave)
 {
     const std::tuple<const wchar_t*, const wchar_t*, const wchar_t*> cases[] = {
-        {L"01.2", L"1.2", L"0"},       // fields compare as numbers, not text
-        {L"1.2", L"1.2.3", L"0"},      // only the fields both have
-        {L"1.a", L"1.0", L"0"},        // no digits converts to 0
-        {L"1.2b", L"1.3", L"-1"},      // conversion stops at the first non-digit
-        {L"1.", L"1.0.5", L"0"},       // a trailing point leaves no second field
+        {L"01.2", L"1.2", L"0"},  // fields compare as numbers, not text
+        {L"1.2", L"1.2.3", L"0"}, // only the fields both have
+        {L"1.a", L"1.0", L"0"},   // no digits converts to 0
+        {L"1.2b", L"1.3", L"-1"}, // conversion stops at the first non-digit
+        {L"1.", L"1.0.5", L"0"},  // a trailing point leaves no second field
         {L"", L"3.0", L"0"},
-        {L"1.-1", L"1.0", L"-1"},      // a sign inside a field
-        {L"1..2", L"1.0.3", L"-1"},    // an empty field is 0
-        {L" 7.1", L"+7.0", L"1"},      // blanks and a plus sign before the digits
+        {L"1.-1", L"1.0", L"-1"},                   // a sign inside a field
+        {L"1..2", L"1.0.3", L"-1"},                 // an empty field is 0
+        {L" 7.1", L"+7.0", L"1"},                   // blanks and a plus sign before the digits
         {L"99999999999.0", L"2147483647.1", L"-1"}, // clamped to the 32-bit range, then equal
     };
     for (const auto& [versionA, versionB, expected] : cases)

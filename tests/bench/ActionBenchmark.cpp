@@ -75,8 +75,8 @@ void CompareWithBaseline(const char* name, QcRunner::CustomActionFunction action
         host.ClearCaptured();
     });
     const double bareRate = Rate([&] { BareInstallerCalls(host.Session(), records); });
-    std::printf("%-24s %10.0f calls/s   bare installer calls %10.0f calls/s   ratio %.2f\n", name, actionRate,
-                bareRate, bareRate / actionRate);
+    std::printf("%-24s %10.0f calls/s   bare installer calls %10.0f calls/s   ratio %.2f\n", name, actionRate, bareRate,
+                bareRate / actionRate);
 }
 
 // The logger's line keeps the capacity of the longest line it ever built; one
@@ -99,8 +99,8 @@ void AfterOneLongLine(const QcRunner::CActionLibrary& library)
     host.ClearCaptured();
     host.SetCustomActionData(L"");
     const double after = rate();
-    std::printf("GetCustomActionVersion   %10.0f calls/s before a line of 1,000,000 characters, %10.0f after\n",
-                before, after);
+    std::printf("GetCustomActionVersion   %10.0f calls/s before a line of 1,000,000 characters, %10.0f after\n", before,
+                after);
 }
 
 constexpr int kLinesPerCall = 200;

@@ -152,10 +152,11 @@ void RemoveMachineCertificates(const wchar_t* store, const std::set<std::wstring
 bool AddMachineCertificate(const wchar_t* store, const std::vector<BYTE>& der)
 {
     HCERTSTORE hStore = OpenMachineStore(store);
-    const bool added = hStore != nullptr &&
-                       ::CertAddEncodedCertificateToStore(hStore, X509_ASN_ENCODING, der.data(),
-                                                          static_cast<DWORD>(der.size()), CERT_STORE_ADD_NEW, nullptr) &&
-                       ::CertControlStore(hStore, 0, CERT_STORE_CTRL_COMMIT, nullptr);
+    const bool added =
+        hStore != nullptr &&
+        ::CertAddEncodedCertificateToStore(hStore, X509_ASN_ENCODING, der.data(), static_cast<DWORD>(der.size()),
+                                           CERT_STORE_ADD_NEW, nullptr) &&
+        ::CertControlStore(hStore, 0, CERT_STORE_CTRL_COMMIT, nullptr);
     if (hStore != nullptr)
     {
         ::CertCloseStore(hStore, 0);
@@ -163,16 +164,15 @@ bool AddMachineCertificate(const wchar_t* store, const std::vector<BYTE>& der)
     return added;
 }
 
-std::vector<BYTE> MakeSelfSigned(const std::wstring& commonName, const std::wstring& container,
-                                 const SYSTEMTIME& from, const SYSTEMTIME& to)
+std::vector<BYTE> MakeSelfSigned(const std::wstring& commonName, const std::wstring& container, const SYSTEMTIME& from,
+                                 const SYSTEMTIME& to)
 {
     std::vector<BYTE> der;
     const std::wstring x500 = L"CN=" + commonName;
     DWORD cbName = 0;
     ::CertStrToNameW(X509_ASN_ENCODING, x500.c_str(), CERT_X500_NAME_STR, nullptr, nullptr, &cbName, nullptr);
     std::vector<BYTE> name(cbName);
-    if (!::CertStrToNameW(X509_ASN_ENCODING, x500.c_str(), CERT_X500_NAME_STR, nullptr, name.data(), &cbName,
-                          nullptr))
+    if (!::CertStrToNameW(X509_ASN_ENCODING, x500.c_str(), CERT_X500_NAME_STR, nullptr, name.data(), &cbName, nullptr))
     {
         return der;
     }
@@ -186,8 +186,13 @@ std::vector<BYTE> MakeSelfSigned(const std::wstring& commonName, const std::wstr
     {
         ::CryptDestroyKey(hKey);
         CERT_NAME_BLOB subject{cbName, name.data()};
-        CRYPT_KEY_PROV_INFO info{const_cast<LPWSTR>(container.c_str()), const_cast<LPWSTR>(MS_DEF_PROV_W),
-                                 PROV_RSA_FULL, 0, 0, nullptr, AT_SIGNATURE};
+        CRYPT_KEY_PROV_INFO info{const_cast<LPWSTR>(container.c_str()),
+                                 const_cast<LPWSTR>(MS_DEF_PROV_W),
+                                 PROV_RSA_FULL,
+                                 0,
+                                 0,
+                                 nullptr,
+                                 AT_SIGNATURE};
         SYSTEMTIME start = from;
         SYSTEMTIME end = to;
         PCCERT_CONTEXT pCert =

@@ -38,8 +38,8 @@ bool AddMachineCertificate(const wchar_t* store, const std::vector<BYTE>& der);
 // A self-signed certificate with a new key in the user's key set (container
 // `container`, Base provider, signature key), valid from `from` to `to`, with
 // no extensions; CertCreateSelfSignCertificate as Windows documents it.
-std::vector<BYTE> MakeSelfSigned(const std::wstring& commonName, const std::wstring& container,
-                                 const SYSTEMTIME& from, const SYSTEMTIME& to);
+std::vector<BYTE> MakeSelfSigned(const std::wstring& commonName, const std::wstring& container, const SYSTEMTIME& from,
+                                 const SYSTEMTIME& to);
 
 // The build's folder for certificate files the OpenSSL check reads.
 std::wstring OutputFolder();

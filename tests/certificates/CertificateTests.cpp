@@ -64,9 +64,14 @@ std::vector<T> Then(std::vector<T> items, const std::vector<T>& more)
 // the steps before the certificate's fields, in the order it logs them, then `more`.
 Lines Creation(size_t steps, const Lines& more)
 {
-    const Lines all = {L"CreateCertificate(pParam = #)", L"CreateCertificate(pParam->dwSize = 80 | Expected = 80)",
-                       L"InternalCreateCertificate()", L"InitializeCreateEnvironment()", L"CheckParameters(pParam = #)",
-                       L"ConvertCertNameToBlob()", L"PreparePurposes()", L"CreateTemporaryCryptContainer()",
+    const Lines all = {L"CreateCertificate(pParam = #)",
+                       L"CreateCertificate(pParam->dwSize = 80 | Expected = 80)",
+                       L"InternalCreateCertificate()",
+                       L"InitializeCreateEnvironment()",
+                       L"CheckParameters(pParam = #)",
+                       L"ConvertCertNameToBlob()",
+                       L"PreparePurposes()",
+                       L"CreateTemporaryCryptContainer()",
                        L"PrepareCertificateParams()"};
     return CryptLines(Then(Lines(all.begin(), all.begin() + static_cast<std::ptrdiff_t>(3 + steps)), more));
 }
@@ -161,8 +166,8 @@ protected:
     std::unique_ptr<CPfxSeam> m_pSeam;
     std::set<std::string> m_UserContainers;
     std::set<std::string> m_MachineContainers;
-    std::set<std::wstring> m_Before;   // thumbprints of the machine's "Root" and "MY"
-    std::vector<std::string> m_Owned;  // the user's key containers deleted when the test ends
+    std::set<std::wstring> m_Before;  // thumbprints of the machine's "Root" and "MY"
+    std::vector<std::string> m_Owned; // the user's key containers deleted when the test ends
 };
 
 // ================================================================ the engine of this program
@@ -177,7 +182,13 @@ struct Created
 };
 
 // An issuer in the issuer store: none; one naming its key; one without a key-provider property; one naming a lost key.
-enum class Issuer { None, Keyed, Keyless, KeyLost };
+enum class Issuer
+{
+    None,
+    Keyed,
+    Keyless,
+    KeyLost
+};
 
 class Engine : public CertificateTest
 {
@@ -185,7 +196,8 @@ protected:
     HMODULE SeamModule() const override { return ::GetModuleHandleW(nullptr); }
 
     // The defaults changed by `change`.
-    static Created Create(const wchar_t* subject, const Change& change = [](Cert::CreateCertificateParams&) {})
+    static Created Create(
+        const wchar_t* subject, const Change& change = [](Cert::CreateCertificateParams&) {})
     {
         Cert::CreateCertificateParams params{};
         params.dwSize = 80;
@@ -225,8 +237,13 @@ protected:
         EXPECT_TRUE(::CertAddEncodedCertificateToStore(hStore, X509_ASN_ENCODING, der.data(),
                                                        static_cast<DWORD>(der.size()), CERT_STORE_ADD_NEW, &pCert));
         const std::wstring named = kind == Issuer::KeyLost ? container + L".lost" : container;
-        CRYPT_KEY_PROV_INFO info{const_cast<LPWSTR>(named.c_str()), const_cast<LPWSTR>(MS_DEF_PROV_W), PROV_RSA_FULL,
-                                 0, 0, nullptr, AT_SIGNATURE};
+        CRYPT_KEY_PROV_INFO info{const_cast<LPWSTR>(named.c_str()),
+                                 const_cast<LPWSTR>(MS_DEF_PROV_W),
+                                 PROV_RSA_FULL,
+                                 0,
+                                 0,
+                                 nullptr,
+                                 AT_SIGNATURE};
         if (kind != Issuer::Keyless && pCert != nullptr)
         {
             EXPECT_TRUE(::CertSetCertificateContextProperty(pCert, CERT_KEY_PROV_INFO_PROP_ID, 0, &info));
@@ -246,8 +263,11 @@ Lines Invalid(const std::wstring& what)
 // The look-up of an issuer that has one namesake in the store, failing with `error`.
 Lines IssuerFailure(const std::wstring& error)
 {
-    return {L"PrepareCertificateExtensions()", L"FindCertificate()", L"IsCertNameEqualTo()",
-            L"FindCertificate() - ERROR: " + error, L"PrepareCertificateExtensions() - ERROR: FindCertificate failed.",
+    return {L"PrepareCertificateExtensions()",
+            L"FindCertificate()",
+            L"IsCertNameEqualTo()",
+            L"FindCertificate() - ERROR: " + error,
+            L"PrepareCertificateExtensions() - ERROR: FindCertificate failed.",
             L"InternalCreateCertificate() - ERROR: PrepareCertificateExtensions failed."};
 }
 
@@ -272,20 +292,27 @@ const FailureCase kFailures[] = {
     {"IssuerStoreEmpty", [](auto& p) { p.bSelfSigned = 0, p.pszIssuerName = L"X", p.pszIssuerStore = L""; },
      Invalid(L"issuer certificate store")},
     // ERROR_NO_MORE_ITEMS from the provider list.
-    {"ProviderIndexBeyondTheLast", [](auto& p) { p.nProviderIndex = 999; },
+    {"ProviderIndexBeyondTheLast",
+     [](auto& p) { p.nProviderIndex = 999; },
      {L"GetCryptProvider(dwIndex == 999)", L"GetCryptProvider() - ERROR: RegEnumKeyEx failed (Error=259).",
       L"InternalCreateCertificate() - ERROR: Invalid provider index specified (999)."}},
     {"NoSubject", [](auto& p) { p.pszSubjectName = nullptr; }, {kNoEnvironment}, -3, 1},
     {"EmptySubject", [](auto& p) { p.pszSubjectName = L""; }, {kNoEnvironment}, -3, 1},
     // An unknown attribute makes it no X.500 name: CRYPT_E_INVALID_X500_STRING.
-    {"SubjectThatIsNoX500Name", [](auto& p) { p.pszSubjectName = L"Quillcast, Bogus=1"; },
+    {"SubjectThatIsNoX500Name",
+     [](auto& p) { p.pszSubjectName = L"Quillcast, Bogus=1"; },
      {L"ConvertCertNameToBlob() - ERROR: CertStrToName1 failed (-2146885597).",
-      L"InternalCreateCertificate() - ERROR: ConvertCertNameToBlob failed."}, -5, 3},
+      L"InternalCreateCertificate() - ERROR: ConvertCertNameToBlob failed."},
+     -5,
+     3},
     // Wine 8 takes 29 February 2027 for 1 March where Windows refuses it, so a date no
     // calendar has stands in: ERROR_INVALID_PARAMETER, after the key was made.
-    {"EndOfValidityThatIsNoDate", [](auto& p) { p.stValidTo = {2027, 2, 0, 32, 12, 0, 0, 0}; },
+    {"EndOfValidityThatIsNoDate",
+     [](auto& p) { p.stValidTo = {2027, 2, 0, 32, 12, 0, 0, 0}; },
      {L"PrepareCertificateParams() - ERROR: SystemTimeToFileTime2 failed (87).",
-      L"InternalCreateCertificate() - ERROR: PrepareCertificateParams failed."}, -3, 6},
+      L"InternalCreateCertificate() - ERROR: PrepareCertificateParams failed."},
+     -3,
+     6},
     // CRYPT_E_NOT_FOUND, then NTE_BAD_KEYSET: the issuer's private key is out of reach.
     {"IssuerWithoutKeyProperty", IssuedBy(L"Quillcast Engine Keyless"),
      IssuerFailure(L"CertGetCertificateContextProperty1 failed (Error=-2146885628)."), -6, 6, Issuer::Keyless},
@@ -329,11 +356,11 @@ TEST_F(Engine, DefaultsAndARecordSmallerThanItsDeclaredSizeLeftUntouched)
     Cert::InitializeCreateCertificateParams(&params);
     EXPECT_EQ(Cert::CreateCertificate(&params), -1);
     EXPECT_EQ(params.dwKeyType, 7u);
-    EXPECT_EQ(Masked(capture.Bodies()),
-              CryptLines({L"InitializeCreateCertificateParams ERROR(pParam = #)",
-                          L"InitializeCreateCertificateParams(pParam->dwSize = 79 | Expected = 80)",
-                          L"CreateCertificate(pParam = #)",
-                          L"CreateCertificate(pParam->dwSize = 79 | Expected = 80)"}));
+    EXPECT_EQ(
+        Masked(capture.Bodies()),
+        CryptLines({L"InitializeCreateCertificateParams ERROR(pParam = #)",
+                    L"InitializeCreateCertificateParams(pParam->dwSize = 79 | Expected = 80)",
+                    L"CreateCertificate(pParam = #)", L"CreateCertificate(pParam->dwSize = 79 | Expected = 80)"}));
 }
 
 TEST_F(Engine, SelfSignedCertificateOfAProviderChosenByIndexSharingAnExistingScratchContainer)
@@ -341,8 +368,8 @@ TEST_F(Engine, SelfSignedCertificateOfAProviderChosenByIndexSharingAnExistingScr
     // The index of Microsoft's Enhanced provider, which allows 2048-bit exchange keys, in the provider list.
     wchar_t name[256] = {};
     DWORD index = 0;
-    for (DWORD type = 0, size = sizeof(name); ::CryptEnumProvidersW(index, nullptr, 0, &type, name, &size) &&
-                                              std::wstring(name) != MS_ENHANCED_PROV_W;
+    for (DWORD type = 0, size = sizeof(name);
+         ::CryptEnumProvidersW(index, nullptr, 0, &type, name, &size) && std::wstring(name) != MS_ENHANCED_PROV_W;
          size = sizeof(name))
     {
         ++index;
@@ -410,8 +437,8 @@ TEST_F(Engine, ImportRefusesBadInputAndExpiredCertificatesAndReplacesTheSameCert
 {
     // The import of `pfx` into the user's `store`: its result and the last entry it logged.
     const auto importPfx = [](const std::vector<BYTE>& pfx, const wchar_t* store, DWORD exportable) {
-        Cert::ImportCertificateParams params{32, const_cast<BYTE*>(pfx.data()), static_cast<DWORD>(pfx.size()), 0,
-                                             store, exportable};
+        Cert::ImportCertificateParams params{
+            32, const_cast<BYTE*>(pfx.data()), static_cast<DWORD>(pfx.size()), 0, store, exportable};
         CLogCapture capture;
         const int32_t result = Cert::ImportCertificate(&params);
         return std::make_pair(result, capture.Bodies().back());

@@ -21,8 +21,7 @@ using AcquireFunction = BOOL(WINAPI*)(HCRYPTPROV*, LPCWSTR, LPCWSTR, DWORD, DWOR
 // The real function: a patched module's own calls would come back here.
 AcquireFunction g_RealAcquire = nullptr;
 
-BOOL WINAPI AcquireWatcher(HCRYPTPROV* phProv, LPCWSTR szContainer, LPCWSTR szProvider, DWORD dwProvType,
-                           DWORD dwFlags)
+BOOL WINAPI AcquireWatcher(HCRYPTPROV* phProv, LPCWSTR szContainer, LPCWSTR szProvider, DWORD dwProvType, DWORD dwFlags)
 {
     const BOOL acquired = g_RealAcquire(phProv, szContainer, szProvider, dwProvType, dwFlags);
     if (acquired && szContainer != nullptr && (dwFlags & CRYPT_NEWKEYSET) != 0)
@@ -107,8 +106,8 @@ bool ExportPrivateKey(PCCERT_CONTEXT pCert, std::vector<BYTE>& key, DWORD& keySp
     }
     HCRYPTPROV hProv = CreatorOf(info->pwszContainerName);
     const bool borrowed = hProv != 0;
-    if (!borrowed && !::CryptAcquireContextW(&hProv, info->pwszContainerName, info->pwszProvName,
-                                             info->dwProvType, info->dwFlags & CRYPT_MACHINE_KEYSET))
+    if (!borrowed && !::CryptAcquireContextW(&hProv, info->pwszContainerName, info->pwszProvName, info->dwProvType,
+                                             info->dwFlags & CRYPT_MACHINE_KEYSET))
     {
         return false;
     }
@@ -240,9 +239,9 @@ HCERTSTORE WINAPI ImportStandIn(CRYPT_DATA_BLOB* pPFX, LPCWSTR /*szPassword*/, D
 } // namespace
 
 CPfxSeam::CPfxSeam(HMODULE hModule)
-    : m_Acquire(hModule, "advapi32.dll", "CryptAcquireContextW", reinterpret_cast<const void*>(&AcquireWatcher)),
-      m_Export(hModule, "crypt32.dll", "PFXExportCertStoreEx", reinterpret_cast<const void*>(&ExportStandIn)),
-      m_Import(hModule, "crypt32.dll", "PFXImportCertStore", reinterpret_cast<const void*>(&ImportStandIn))
+        : m_Acquire(hModule, "advapi32.dll", "CryptAcquireContextW", reinterpret_cast<const void*>(&AcquireWatcher)),
+          m_Export(hModule, "crypt32.dll", "PFXExportCertStoreEx", reinterpret_cast<const void*>(&ExportStandIn)),
+          m_Import(hModule, "crypt32.dll", "PFXImportCertStore", reinterpret_cast<const void*>(&ImportStandIn))
 {
     if (m_Acquire.IsApplied() && g_RealAcquire == nullptr)
     {

@@ -66,8 +66,8 @@ TEST_P(DirectoryAction, Case)
         }
         CDirectoryDouble::Set(answer.first.c_str(), answer.second);
     }
-    const WNDCLASSW wizard = {0, DefWindowProcW, 0, 0, nullptr, nullptr, nullptr, nullptr, nullptr,
-                              L"MsiDialogCloseClass"};
+    const WNDCLASSW wizard = {0,       DefWindowProcW, 0,       0,       nullptr,
+                              nullptr, nullptr,        nullptr, nullptr, L"MsiDialogCloseClass"};
     RegisterClassW(&wizard); // fails harmlessly once registered
     // The wizard carrying the product's title is found although a newer standard dialog carries it too.
     const auto window = [](const wchar_t* className, const wchar_t* title) {
@@ -80,8 +80,10 @@ TEST_P(DirectoryAction, Case)
                        reinterpret_cast<const void*>(&FailingGetProperty));
     ASSERT_TRUE(patch.IsApplied());
     g_FailingReads = test.failingReads;
-    Properties properties = {{L"ProductName", kTitle}, {L"PickResult", L"earlier"},
-                             {L"MACHINEDOMAIN", L"earlier.example"}, {L"PARTOFDOMAIN", L"earlier"}};
+    Properties properties = {{L"ProductName", kTitle},
+                             {L"PickResult", L"earlier"},
+                             {L"MACHINEDOMAIN", L"earlier.example"},
+                             {L"PARTOFDOMAIN", L"earlier"}};
     properties.insert(properties.end(), test.properties.begin(), test.properties.end());
 
     const ActionOutcome outcome =
@@ -138,34 +140,55 @@ Lines FullRun(size_t instances, bool bBlankets = true)
 
 const Case kDomainCases[] = {
     // Wine answers like a workgroup machine: without "PartOfDomain" the flag counts as false.
-    {"WineWorkgroupMachineSetsTheWorkgroupAndKeepsPartOfDomain", {},
+    {"WineWorkgroupMachineSetsTheWorkgroupAndKeepsPartOfDomain",
+     {},
      {kConnecting, kQuerying, L"[ERROR] WmiClassObject (#) Get for property 'PartOfDomain' failed."},
-     {L"WORKGROUP", L"earlier"}, {}},
+     {L"WORKGROUP", L"earlier"},
+     {}},
     // RPC_E_CHANGED_MODE (0x80010106) is logged and the query still runs; only the first computer system is read.
     // A CIM_STRING without a value (VT_NULL) is the empty text; a machine outside a domain keeps an earlier flag.
-    {"FirstOfTwoWorkgroupMembersCountsForAnApartmentThreadedCaller", {{L"PartOfDomain", L"0"}, {L"Instances", L"2"}},
+    {"FirstOfTwoWorkgroupMembersCountsForAnApartmentThreadedCaller",
+     {{L"PartOfDomain", L"0"}, {L"Instances", L"2"}},
      {Error(L"WmiConnection", L"CoInitializeEx failed with result 2147549446"), kConnecting, kQuerying},
-     {L"", L"earlier"}, FullRun(2), {}, COINIT_APARTMENTTHREADED},
+     {L"", L"earlier"},
+     FullRun(2),
+     {},
+     COINIT_APARTMENTTHREADED},
     // "MACHINEDOMAIN" is set also to the empty text, which removes it. A proxy already impersonating keeps its blanket.
     {"DomainOfAnotherCimTypeEmptiesMachineDomainThroughAnImpersonatingProxy",
      {{L"PartOfDomain", L"1"}, {L"DomainCimType", L"3"}, {L"ImpersonationLevel", L"3"}},
      {kConnecting, kQuerying, L"[ERROR] WmiClassObject (#) Got type mismatch for property 'Domain' Expected=8 Is=3."},
-     {L"", L"1"}, FullRun(1, false)},
-    {"EmptyQueryResultFindsNoComputerSystem", {{L"Instances", L"0"}},
-     {kConnecting, kQuerying, Error(L"Various", L"No Win32_ComputerSystem found")}, {}, Calls(4, kNoneLeft)},
-    {"FailedConnectFailsWithTheThreadsLastError", {{L"FailAt", L"ConnectServer"}},
-     {kConnecting, Error(L"WmiConnection", L"Connecting Wmi Services failed"), kConnectFailed + L"5."}, {},
+     {L"", L"1"},
+     FullRun(1, false)},
+    {"EmptyQueryResultFindsNoComputerSystem",
+     {{L"Instances", L"0"}},
+     {kConnecting, kQuerying, Error(L"Various", L"No Win32_ComputerSystem found")},
+     {},
+     Calls(4, kNoneLeft)},
+    {"FailedConnectFailsWithTheThreadsLastError",
+     {{L"FailAt", L"ConnectServer"}},
+     {kConnecting, Error(L"WmiConnection", L"Connecting Wmi Services failed"), kConnectFailed + L"5."},
+     {},
      {kConnect, L"Locator released"}},
     {"FailedServicesBlanketFailsTheConnect", {{L"FailAt", L"SetBlanket"}}, kBlanketFailed, {}, Calls(2)},
     // The query's failure takes the "set" text too, on purpose.
     {"FailedBlanketQueryFailsTheConnectWithTheSetText", {{L"FailAt", L"QueryBlanket"}}, kBlanketFailed, {}, Calls(1)},
-    {"MissingLocatorFailsTheConnect", {{L"MissingServer", L""}},
-     {Error(L"WmiConnection", L"Creating WbemLocator failed"), kConnectFailed + L"126."}, {}, {}},
-    {"FailedQueryFails", {{L"FailAt", L"ExecQuery"}},
-     {kConnecting, kQuerying, Error(L"WmiConnection", L"Processing query failed"), kQueryFailed}, {}, Calls(3)},
-    {"FailedEnumerationFails", {{L"FailAt", L"Next"}}, {kConnecting, kQuerying,
+    {"MissingLocatorFailsTheConnect",
+     {{L"MissingServer", L""}},
+     {Error(L"WmiConnection", L"Creating WbemLocator failed"), kConnectFailed + L"126."},
+     {},
+     {}},
+    {"FailedQueryFails",
+     {{L"FailAt", L"ExecQuery"}},
+     {kConnecting, kQuerying, Error(L"WmiConnection", L"Processing query failed"), kQueryFailed},
+     {},
+     Calls(3)},
+    {"FailedEnumerationFails",
+     {{L"FailAt", L"Next"}},
+     {kConnecting, kQuerying,
       Error(L"WmiConnection", L"Enumerating class objects failed with error 2147749891 returned = 0"), kQueryFailed},
-     {}, Calls(4, kNoneLeft)},
+     {},
+     Calls(4, kNoneLeft)},
 };
 
 const std::wstring kUsersAndGroups = L"scope size=ok type=0x37E scope=0xE2 both=0x2A7 downlevel=0x80020007";
@@ -176,9 +199,13 @@ const std::wstring kGroups = L"scope size=ok type=0x37E scope=0xA2 both=0x2A1 do
 Lines Picked(const wchar_t* options, const std::wstring& scope, bool bSelection = true,
              const std::wstring& parent = L"MsiDialogCloseClass")
 {
-    Lines journal = {std::wstring(L"Initialize scopes=2 target=null options=") + options + L" attributes=0", scope,
-                     L"scope size=0 type=0x0 scope=0x0 both=0x0 downlevel=0x0", L"InvokeDialog parent=" + parent,
-                     L"Selection medium released", L"Selection released", L"Picker released"};
+    Lines journal = {std::wstring(L"Initialize scopes=2 target=null options=") + options + L" attributes=0",
+                     scope,
+                     L"scope size=0 type=0x0 scope=0x0 both=0x0 downlevel=0x0",
+                     L"InvokeDialog parent=" + parent,
+                     L"Selection medium released",
+                     L"Selection released",
+                     L"Picker released"};
     return bSelection ? journal : Lines{journal[0], journal[1], journal[2], journal[3], journal[6]};
 }
 Properties Options(const wchar_t* userFlag, const wchar_t* multiSelect)
@@ -194,35 +221,77 @@ const Case kPickCases[] = {
     {"UnreadableOptionsOfferUsersAndGroupsOverTheWizardAndJoinTheSelection",
      {{L"Selection", L"WinNT://CORP/alice;(null);WinNT://CORP/Print Operators"}},
      {L"[WARNING] Various (#) MsiGetProperty PickUserFlagProperty failed with error 1627."},
-     {L"CORP\\alice;;CORP\\Print Operators"}, Picked(L"0x0", kUsersAndGroups), Options(L"2", L"1"), -1,
+     {L"CORP\\alice;;CORP\\Print Operators"},
+     Picked(L"0x0", kUsersAndGroups),
+     Options(L"2", L"1"),
+     -1,
      {L"PickUserFlagProperty", L"PickMultiSelectProperty:size"}},
     // A multithreaded caller: the picker is created there all the same, and the destructor's CoUninitialize,
     // unbalanced on purpose, ends the caller's own initialisation (a balanced object would leave it, S_FALSE).
     // User flag 3 is like 0, and any number but 0 turns multi-selection on.
-    {"UserFlag3WithMultiSelectInAMultithreadedCaller", kOneUser, {}, kAlice, Picked(L"0x1", kUsersAndGroups),
-     Options(L"3", L" 7 apples"), COINIT_MULTITHREADED},
-    {"UserFlag1OffersUsersUnderTheStandardDialogWithoutTheWizard", kOneUser, {}, kAlice,
-     Picked(L"0x0", kUsers, true, L"#32770"), {{L"ProductName", kDialogTitle}, {L"PickUserFlagProperty", L"1"}}},
+    {"UserFlag3WithMultiSelectInAMultithreadedCaller",
+     kOneUser,
+     {},
+     kAlice,
+     Picked(L"0x1", kUsersAndGroups),
+     Options(L"3", L" 7 apples"),
+     COINIT_MULTITHREADED},
+    {"UserFlag1OffersUsersUnderTheStandardDialogWithoutTheWizard",
+     kOneUser,
+     {},
+     kAlice,
+     Picked(L"0x0", kUsers, true, L"#32770"),
+     {{L"ProductName", kDialogTitle}, {L"PickUserFlagProperty", L"1"}}},
     // The records stay unprepared; the picker refuses them and no dialog is shown. COM is uninitialised at once
     // and again by the destructor, both on purpose: the caller's own initialisation ends with the action.
-    {"UserFlag4IsRefusedAndNoDialogShown", kOneUser, {Error(L"Directory", L"dwUserFlag not valid"),
+    {"UserFlag4IsRefusedAndNoDialogShown",
+     kOneUser,
+     {Error(L"Directory", L"dwUserFlag not valid"),
       Error(L"Directory", L"InitObjectPicker failed with error 2147942487"), kShowFailed},
-     {}, {L"Initialize refused", L"Picker released"}, Options(L"4", L"1"), COINIT_APARTMENTTHREADED},
+     {},
+     {L"Initialize refused", L"Picker released"},
+     Options(L"4", L"1"),
+     COINIT_APARTMENTTHREADED},
     // Wine's picker answers S_FALSE without a selection, like a cancel, which is a failure.
-    {"WinesOwnPickerEndsLikeACancel", {},
-     {Error(L"Directory", L"ProcessSelectedObjects failed with error 2147942487"), kShowFailed}, {}, {}},
-    {"FailingPickerOfGroupsWithMultiSelectFails", {{L"FailAt", L"InvokeDialog"}},
-     {Error(L"Directory", L"InvokeDialog failed with error 2147942405"), kShowFailed}, {},
-     Picked(L"0x1", kGroups, false), Options(L"2", L"1")},
-    {"PickerThatCannotBeCreatedIsNotUsed", {{L"MissingServer", L""}},
-     {Error(L"Various", L"ShowObjectPicker failed with error 126")}, {}, {}},
-    {"NoWindowWithTheProductTitleFails", kOneUser, {Error(L"Various", L"FindWindow failed with error 0")}, {},
-     {}, {{L"ProductName", L"Quillcast Silent"}}},
-    {"ProductNameWhoseSizeCannotBeAskedFails", kOneUser,
-     {Error(L"Various", L"MsiGetProperty ProductName failed with error 1627")}, {}, {}, {}, -1, {L"ProductName:size"}},
+    {"WinesOwnPickerEndsLikeACancel",
+     {},
+     {Error(L"Directory", L"ProcessSelectedObjects failed with error 2147942487"), kShowFailed},
+     {},
+     {}},
+    {"FailingPickerOfGroupsWithMultiSelectFails",
+     {{L"FailAt", L"InvokeDialog"}},
+     {Error(L"Directory", L"InvokeDialog failed with error 2147942405"), kShowFailed},
+     {},
+     Picked(L"0x1", kGroups, false),
+     Options(L"2", L"1")},
+    {"PickerThatCannotBeCreatedIsNotUsed",
+     {{L"MissingServer", L""}},
+     {Error(L"Various", L"ShowObjectPicker failed with error 126")},
+     {},
+     {}},
+    {"NoWindowWithTheProductTitleFails",
+     kOneUser,
+     {Error(L"Various", L"FindWindow failed with error 0")},
+     {},
+     {},
+     {{L"ProductName", L"Quillcast Silent"}}},
+    {"ProductNameWhoseSizeCannotBeAskedFails",
+     kOneUser,
+     {Error(L"Various", L"MsiGetProperty ProductName failed with error 1627")},
+     {},
+     {},
+     {},
+     -1,
+     {L"ProductName:size"}},
     // Another text than for the size query, on purpose.
-    {"UnreadableProductNameFailsWithItsOwnText", kOneUser,
-     {Error(L"Various", L"MsiGetProperty strProductName failed with error 1627")}, {}, {}, {}, -1, {L"ProductName"}},
+    {"UnreadableProductNameFailsWithItsOwnText",
+     kOneUser,
+     {Error(L"Various", L"MsiGetProperty strProductName failed with error 1627")},
+     {},
+     {},
+     {},
+     -1,
+     {L"ProductName"}},
 };
 
 const auto kName = [](const auto& paramInfo) { return std::string(paramInfo.param.name); };

@@ -62,8 +62,8 @@ CDirectoryDouble::CDirectoryDouble()
         saved.bHadPath = ReadText(key, nullptr, saved.path);
         saved.bHadModel = ReadText(key, L"ThreadingModel", saved.model);
         m_Saved.push_back(saved);
-        m_bRegistered = WriteText(key, nullptr, DoublePath()) && WriteText(key, L"ThreadingModel", L"Both") &&
-                        m_bRegistered;
+        m_bRegistered =
+            WriteText(key, nullptr, DoublePath()) && WriteText(key, L"ThreadingModel", L"Both") && m_bRegistered;
     }
 }
 

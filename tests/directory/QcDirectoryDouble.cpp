@@ -140,17 +140,24 @@ public:
         DWORD dwImpLevel = RPC_C_IMP_LEVEL_IDENTIFY;
         ReadDword(L"ImpersonationLevel", dwImpLevel);
         // Every out-parameter is optional; the principal name is the caller's to free.
-        if (pAuthnSvc) *pAuthnSvc = RPC_C_AUTHN_WINNT;
-        if (pAuthzSvc) *pAuthzSvc = RPC_C_AUTHZ_NONE;
+        if (pAuthnSvc)
+            *pAuthnSvc = RPC_C_AUTHN_WINNT;
+        if (pAuthzSvc)
+            *pAuthzSvc = RPC_C_AUTHZ_NONE;
         if (pServerPrincName)
         {
             *pServerPrincName = static_cast<OLECHAR*>(CoTaskMemAlloc(sizeof(L"QcDouble")));
-            if (*pServerPrincName) wcscpy(*pServerPrincName, L"QcDouble");
+            if (*pServerPrincName)
+                wcscpy(*pServerPrincName, L"QcDouble");
         }
-        if (pAuthnLevel) *pAuthnLevel = RPC_C_AUTHN_LEVEL_CONNECT;
-        if (pImpLevel) *pImpLevel = dwImpLevel;
-        if (pAuthInfo) *pAuthInfo = nullptr;
-        if (pCapabilities) *pCapabilities = EOAC_NONE;
+        if (pAuthnLevel)
+            *pAuthnLevel = RPC_C_AUTHN_LEVEL_CONNECT;
+        if (pImpLevel)
+            *pImpLevel = dwImpLevel;
+        if (pAuthInfo)
+            *pAuthInfo = nullptr;
+        if (pCapabilities)
+            *pCapabilities = EOAC_NONE;
         return S_OK;
     }
     STDMETHODIMP SetBlanket(IUnknown*, DWORD AuthnSvc, DWORD AuthzSvc, OLECHAR* pServerPrincName, DWORD AuthnLevel,
@@ -158,8 +165,8 @@ public:
     {
         Record(L"SetBlanket " + m_BlanketName + L" authn=" + std::to_wstring(AuthnSvc) + L" authz=" +
                std::to_wstring(AuthzSvc) + L" principal=" + TextOrNull(pServerPrincName) + L" level=" +
-               std::to_wstring(AuthnLevel) + L" imp=" + std::to_wstring(ImpLevel) +
-               L" identity=" + (pAuthInfo ? L"set" : L"null") + L" capabilities=" + std::to_wstring(Capabilities));
+               std::to_wstring(AuthnLevel) + L" imp=" + std::to_wstring(ImpLevel) + L" identity=" +
+               (pAuthInfo ? L"set" : L"null") + L" capabilities=" + std::to_wstring(Capabilities));
         return FailsAt(L"SetBlanket") ? static_cast<HRESULT>(WBEM_E_ACCESS_DENIED) : S_OK;
     }
     STDMETHODIMP CopyProxy(IUnknown*, IUnknown**) override { return E_NOTIMPL; }
@@ -184,7 +191,8 @@ public:
         {
             return WBEM_E_INVALID_PARAMETER;
         }
-        if (plFlavor) *plFlavor = WBEM_FLAVOR_ORIGIN_PROPAGATED;
+        if (plFlavor)
+            *plFlavor = WBEM_FLAVOR_ORIGIN_PROPAGATED;
         VARIANT value;
         VariantInit(&value);
         CIMTYPE type = CIM_EMPTY;
@@ -224,9 +232,12 @@ public:
         {
             return WBEM_E_NOT_FOUND;
         }
-        if (pType) *pType = type;
-        if (pVal) *pVal = value;
-        else VariantClear(&value);
+        if (pType)
+            *pType = type;
+        if (pVal)
+            *pVal = value;
+        else
+            VariantClear(&value);
         return WBEM_S_NO_ERROR;
     }
 
@@ -245,11 +256,20 @@ public:
     STDMETHODIMP CompareTo(LONG, IWbemClassObject*) override { return WBEM_E_NOT_SUPPORTED; }
     STDMETHODIMP GetPropertyOrigin(LPCWSTR, BSTR*) override { return WBEM_E_NOT_SUPPORTED; }
     STDMETHODIMP InheritsFrom(LPCWSTR) override { return WBEM_E_NOT_SUPPORTED; }
-    STDMETHODIMP GetMethod(LPCWSTR, LONG, IWbemClassObject**, IWbemClassObject**) override { return WBEM_E_NOT_SUPPORTED; }
-    STDMETHODIMP PutMethod(LPCWSTR, LONG, IWbemClassObject*, IWbemClassObject*) override { return WBEM_E_NOT_SUPPORTED; }
+    STDMETHODIMP GetMethod(LPCWSTR, LONG, IWbemClassObject**, IWbemClassObject**) override
+    {
+        return WBEM_E_NOT_SUPPORTED;
+    }
+    STDMETHODIMP PutMethod(LPCWSTR, LONG, IWbemClassObject*, IWbemClassObject*) override
+    {
+        return WBEM_E_NOT_SUPPORTED;
+    }
     STDMETHODIMP DeleteMethod(LPCWSTR) override { return WBEM_E_NOT_SUPPORTED; }
     STDMETHODIMP BeginMethodEnumeration(LONG) override { return WBEM_E_NOT_SUPPORTED; }
-    STDMETHODIMP NextMethod(LONG, BSTR*, IWbemClassObject**, IWbemClassObject**) override { return WBEM_E_NOT_SUPPORTED; }
+    STDMETHODIMP NextMethod(LONG, BSTR*, IWbemClassObject**, IWbemClassObject**) override
+    {
+        return WBEM_E_NOT_SUPPORTED;
+    }
     STDMETHODIMP EndMethodEnumeration() override { return WBEM_E_NOT_SUPPORTED; }
     STDMETHODIMP GetMethodQualifierSet(LPCWSTR, IWbemQualifierSet**) override { return WBEM_E_NOT_SUPPORTED; }
     STDMETHODIMP GetMethodOrigin(LPCWSTR, BSTR*) override { return WBEM_E_NOT_SUPPORTED; }
@@ -270,8 +290,10 @@ public:
     }
     void* Find(REFIID riid)
     {
-        if (riid == IID_IUnknown || riid == IID_IEnumWbemClassObject) return static_cast<IEnumWbemClassObject*>(this);
-        if (riid == IID_IClientSecurity) return static_cast<IClientSecurity*>(this);
+        if (riid == IID_IUnknown || riid == IID_IEnumWbemClassObject)
+            return static_cast<IEnumWbemClassObject*>(this);
+        if (riid == IID_IClientSecurity)
+            return static_cast<IClientSecurity*>(this);
         return nullptr;
     }
 
@@ -306,7 +328,10 @@ private:
     ULONG m_Index = 0;
 };
 
-#define QC_NOT_SUPPORTED { return WBEM_E_NOT_SUPPORTED; }
+#define QC_NOT_SUPPORTED                                                                                               \
+    {                                                                                                                  \
+        return WBEM_E_NOT_SUPPORTED;                                                                                   \
+    }
 
 class CServices : public CObject<CServices, IWbemServices, CBlanket>
 {
@@ -314,8 +339,10 @@ public:
     CServices() : CObject(L"Services") { m_BlanketName = L"Services"; }
     void* Find(REFIID riid)
     {
-        if (riid == IID_IUnknown || riid == IID_IWbemServices) return static_cast<IWbemServices*>(this);
-        if (riid == IID_IClientSecurity) return static_cast<IClientSecurity*>(this);
+        if (riid == IID_IUnknown || riid == IID_IWbemServices)
+            return static_cast<IWbemServices*>(this);
+        if (riid == IID_IClientSecurity)
+            return static_cast<IClientSecurity*>(this);
         return nullptr;
     }
 
@@ -341,28 +368,38 @@ public:
         return WBEM_S_NO_ERROR;
     }
 
-    STDMETHODIMP OpenNamespace(const BSTR, LONG, IWbemContext*, IWbemServices**, IWbemCallResult**) override QC_NOT_SUPPORTED
-    STDMETHODIMP CancelAsyncCall(IWbemObjectSink*) override QC_NOT_SUPPORTED
-    STDMETHODIMP QueryObjectSink(LONG, IWbemObjectSink**) override QC_NOT_SUPPORTED
-    STDMETHODIMP GetObject(const BSTR, LONG, IWbemContext*, IWbemClassObject**, IWbemCallResult**) override QC_NOT_SUPPORTED
-    STDMETHODIMP GetObjectAsync(const BSTR, LONG, IWbemContext*, IWbemObjectSink*) override QC_NOT_SUPPORTED
-    STDMETHODIMP PutClass(IWbemClassObject*, LONG, IWbemContext*, IWbemCallResult**) override QC_NOT_SUPPORTED
-    STDMETHODIMP PutClassAsync(IWbemClassObject*, LONG, IWbemContext*, IWbemObjectSink*) override QC_NOT_SUPPORTED
-    STDMETHODIMP DeleteClass(const BSTR, LONG, IWbemContext*, IWbemCallResult**) override QC_NOT_SUPPORTED
-    STDMETHODIMP DeleteClassAsync(const BSTR, LONG, IWbemContext*, IWbemObjectSink*) override QC_NOT_SUPPORTED
-    STDMETHODIMP CreateClassEnum(const BSTR, LONG, IWbemContext*, IEnumWbemClassObject**) override QC_NOT_SUPPORTED
-    STDMETHODIMP CreateClassEnumAsync(const BSTR, LONG, IWbemContext*, IWbemObjectSink*) override QC_NOT_SUPPORTED
-    STDMETHODIMP PutInstance(IWbemClassObject*, LONG, IWbemContext*, IWbemCallResult**) override QC_NOT_SUPPORTED
-    STDMETHODIMP PutInstanceAsync(IWbemClassObject*, LONG, IWbemContext*, IWbemObjectSink*) override QC_NOT_SUPPORTED
-    STDMETHODIMP DeleteInstance(const BSTR, LONG, IWbemContext*, IWbemCallResult**) override QC_NOT_SUPPORTED
-    STDMETHODIMP DeleteInstanceAsync(const BSTR, LONG, IWbemContext*, IWbemObjectSink*) override QC_NOT_SUPPORTED
-    STDMETHODIMP CreateInstanceEnum(const BSTR, LONG, IWbemContext*, IEnumWbemClassObject**) override QC_NOT_SUPPORTED
-    STDMETHODIMP CreateInstanceEnumAsync(const BSTR, LONG, IWbemContext*, IWbemObjectSink*) override QC_NOT_SUPPORTED
-    STDMETHODIMP ExecQueryAsync(const BSTR, const BSTR, LONG, IWbemContext*, IWbemObjectSink*) override QC_NOT_SUPPORTED
-    STDMETHODIMP ExecNotificationQuery(const BSTR, const BSTR, LONG, IWbemContext*, IEnumWbemClassObject**) override QC_NOT_SUPPORTED
-    STDMETHODIMP ExecNotificationQueryAsync(const BSTR, const BSTR, LONG, IWbemContext*, IWbemObjectSink*) override QC_NOT_SUPPORTED
-    STDMETHODIMP ExecMethod(const BSTR, const BSTR, LONG, IWbemContext*, IWbemClassObject*, IWbemClassObject**, IWbemCallResult**) override QC_NOT_SUPPORTED
-    STDMETHODIMP ExecMethodAsync(const BSTR, const BSTR, LONG, IWbemContext*, IWbemClassObject*, IWbemObjectSink*) override QC_NOT_SUPPORTED
+    STDMETHODIMP OpenNamespace(const BSTR, LONG, IWbemContext*, IWbemServices**,
+                               IWbemCallResult**) override QC_NOT_SUPPORTED STDMETHODIMP
+        CancelAsyncCall(IWbemObjectSink*) override QC_NOT_SUPPORTED STDMETHODIMP
+        QueryObjectSink(LONG, IWbemObjectSink**) override QC_NOT_SUPPORTED STDMETHODIMP
+        GetObject(const BSTR, LONG, IWbemContext*, IWbemClassObject**,
+                  IWbemCallResult**) override QC_NOT_SUPPORTED STDMETHODIMP
+        GetObjectAsync(const BSTR, LONG, IWbemContext*, IWbemObjectSink*) override QC_NOT_SUPPORTED STDMETHODIMP
+        PutClass(IWbemClassObject*, LONG, IWbemContext*, IWbemCallResult**) override QC_NOT_SUPPORTED STDMETHODIMP
+        PutClassAsync(IWbemClassObject*, LONG, IWbemContext*, IWbemObjectSink*) override QC_NOT_SUPPORTED STDMETHODIMP
+        DeleteClass(const BSTR, LONG, IWbemContext*, IWbemCallResult**) override QC_NOT_SUPPORTED STDMETHODIMP
+        DeleteClassAsync(const BSTR, LONG, IWbemContext*, IWbemObjectSink*) override QC_NOT_SUPPORTED STDMETHODIMP
+        CreateClassEnum(const BSTR, LONG, IWbemContext*, IEnumWbemClassObject**) override QC_NOT_SUPPORTED STDMETHODIMP
+        CreateClassEnumAsync(const BSTR, LONG, IWbemContext*, IWbemObjectSink*) override QC_NOT_SUPPORTED STDMETHODIMP
+        PutInstance(IWbemClassObject*, LONG, IWbemContext*, IWbemCallResult**) override QC_NOT_SUPPORTED STDMETHODIMP
+        PutInstanceAsync(IWbemClassObject*, LONG, IWbemContext*,
+                         IWbemObjectSink*) override QC_NOT_SUPPORTED STDMETHODIMP
+        DeleteInstance(const BSTR, LONG, IWbemContext*, IWbemCallResult**) override QC_NOT_SUPPORTED STDMETHODIMP
+        DeleteInstanceAsync(const BSTR, LONG, IWbemContext*, IWbemObjectSink*) override QC_NOT_SUPPORTED STDMETHODIMP
+        CreateInstanceEnum(const BSTR, LONG, IWbemContext*,
+                           IEnumWbemClassObject**) override QC_NOT_SUPPORTED STDMETHODIMP
+        CreateInstanceEnumAsync(const BSTR, LONG, IWbemContext*,
+                                IWbemObjectSink*) override QC_NOT_SUPPORTED STDMETHODIMP
+        ExecQueryAsync(const BSTR, const BSTR, LONG, IWbemContext*,
+                       IWbemObjectSink*) override QC_NOT_SUPPORTED STDMETHODIMP
+        ExecNotificationQuery(const BSTR, const BSTR, LONG, IWbemContext*,
+                              IEnumWbemClassObject**) override QC_NOT_SUPPORTED STDMETHODIMP
+        ExecNotificationQueryAsync(const BSTR, const BSTR, LONG, IWbemContext*,
+                                   IWbemObjectSink*) override QC_NOT_SUPPORTED STDMETHODIMP
+        ExecMethod(const BSTR, const BSTR, LONG, IWbemContext*, IWbemClassObject*, IWbemClassObject**,
+                   IWbemCallResult**) override QC_NOT_SUPPORTED STDMETHODIMP
+        ExecMethodAsync(const BSTR, const BSTR, LONG, IWbemContext*, IWbemClassObject*,
+                        IWbemObjectSink*) override QC_NOT_SUPPORTED
 };
 
 class CLocator : public CObject<CLocator, IWbemLocator>
@@ -378,8 +415,8 @@ public:
                                const BSTR strLocale, LONG lSecurityFlags, const BSTR strAuthority, IWbemContext* pCtx,
                                IWbemServices** ppNamespace) override
     {
-        Record(L"ConnectServer " + TextOrNull(strNetworkResource) + L" user=" + TextOrNull(strUser) +
-               L" password=" + TextOrNull(strPassword) + L" locale=" + TextOrNull(strLocale) + L" flags=" +
+        Record(L"ConnectServer " + TextOrNull(strNetworkResource) + L" user=" + TextOrNull(strUser) + L" password=" +
+               TextOrNull(strPassword) + L" locale=" + TextOrNull(strLocale) + L" flags=" +
                std::to_wstring(lSecurityFlags) + L" authority=" + TextOrNull(strAuthority) + L" context=" +
                (pCtx ? L"set" : L"null"));
         if (ppNamespace == nullptr || strNetworkResource == nullptr)
@@ -512,8 +549,8 @@ public:
             return E_INVALIDARG;
         }
         Record(L"Initialize scopes=" + std::to_wstring(pInitInfo->cDsScopeInfos) + L" target=" +
-               TextOrNull(pInitInfo->pwzTargetComputer) + L" options=" + Hex(pInitInfo->flOptions) +
-               L" attributes=" + std::to_wstring(pInitInfo->cAttributesToFetch));
+               TextOrNull(pInitInfo->pwzTargetComputer) + L" options=" + Hex(pInitInfo->flOptions) + L" attributes=" +
+               std::to_wstring(pInitInfo->cAttributesToFetch));
         for (ULONG i = 0; i < pInitInfo->cDsScopeInfos; ++i)
         {
             Record(DescribeScope(pInitInfo->aDsScopeInfos[i]));
@@ -574,7 +611,8 @@ public:
 
     STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override
     {
-        if (ppv == nullptr) return E_POINTER;
+        if (ppv == nullptr)
+            return E_POINTER;
         *ppv = (riid == IID_IUnknown || riid == IID_IClassFactory) ? static_cast<IClassFactory*>(this) : nullptr;
         return *ppv != nullptr ? S_OK : E_NOINTERFACE;
     }
@@ -582,9 +620,11 @@ public:
     STDMETHODIMP_(ULONG) Release() override { return 1; }
     STDMETHODIMP CreateInstance(IUnknown* pOuter, REFIID riid, void** ppv) override
     {
-        if (ppv == nullptr) return E_POINTER;
+        if (ppv == nullptr)
+            return E_POINTER;
         *ppv = nullptr;
-        if (pOuter != nullptr) return CLASS_E_NOAGGREGATION;
+        if (pOuter != nullptr)
+            return CLASS_E_NOAGGREGATION;
         IUnknown* pObject = m_bPicker ? static_cast<IUnknown*>(static_cast<IDsObjectPicker*>(new CPicker()))
                                       : static_cast<IUnknown*>(static_cast<IWbemLocator*>(new CLocator()));
         const HRESULT hResult = pObject->QueryInterface(riid, ppv);
@@ -604,8 +644,10 @@ CFactory g_PickerFactory(true);
 
 extern "C" HRESULT __stdcall DllGetClassObject(REFCLSID rclsid, REFIID riid, void** ppv)
 {
-    if (rclsid == CLSID_WbemLocator) return g_LocatorFactory.QueryInterface(riid, ppv);
-    if (rclsid == CLSID_DsObjectPicker) return g_PickerFactory.QueryInterface(riid, ppv);
+    if (rclsid == CLSID_WbemLocator)
+        return g_LocatorFactory.QueryInterface(riid, ppv);
+    if (rclsid == CLSID_DsObjectPicker)
+        return g_PickerFactory.QueryInterface(riid, ppv);
     return CLASS_E_CLASSNOTAVAILABLE;
 }
 

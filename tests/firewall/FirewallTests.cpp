@@ -34,7 +34,10 @@ std::wstring Failed(const std::wstring& text, const wchar_t* code = kAccessDenie
     return L"[ERROR] Firewall (#) " + text + L" with error " + code + L".";
 }
 // The switch that makes `method` of the test firewall fail with E_ACCESSDENIED.
-std::wstring Fails(const std::wstring& method) { return L"Fail\\" + method + L"=" + kAccessDenied; }
+std::wstring Fails(const std::wstring& method)
+{
+    return L"Fail\\" + method + L"=" + kAccessDenied;
+}
 std::wstring Unavailable(const std::wstring& code)
 {
     return L"[WARNING] Firewall (#) Failed to get firewall exceptions object with error " + code + L".";
@@ -60,16 +63,28 @@ std::wstring Data(const std::wstring& pairs, size_t count)
     }
     return data;
 }
-Call AddPort(const std::wstring& pairs) { return {"AddPortException", Data(pairs, 8)}; }
-Call AddProgram(const std::wstring& pairs) { return {"AddProgramException", Data(pairs, 9)}; }
-Call RemovePort(const std::wstring& pairs) { return {"RemovePortException", L";" + pairs}; }
-Call RemoveProgram(const std::wstring& pairs) { return {"RemoveProgramException", L";" + pairs}; }
+Call AddPort(const std::wstring& pairs)
+{
+    return {"AddPortException", Data(pairs, 8)};
+}
+Call AddProgram(const std::wstring& pairs)
+{
+    return {"AddProgramException", Data(pairs, 9)};
+}
+Call RemovePort(const std::wstring& pairs)
+{
+    return {"RemovePortException", L";" + pairs};
+}
+Call RemoveProgram(const std::wstring& pairs)
+{
+    return {"RemoveProgramException", L";" + pairs};
+}
 
 // The rules and list entries an add makes with no optional argument.
 std::wstring PortRule(const std::wstring& name, const std::wstring& ports)
 {
-    return L"Rules\\1: Action=1; Direction=1; EdgeTraversal=0; EdgeTraversalOptions=2; Enabled=1; LocalPorts=" +
-           ports + L"; Name=" + name + L"; Profiles=2147483647; Protocol=6";
+    return L"Rules\\1: Action=1; Direction=1; EdgeTraversal=0; EdgeTraversalOptions=2; Enabled=1; LocalPorts=" + ports +
+           L"; Name=" + name + L"; Profiles=2147483647; Protocol=6";
 }
 std::wstring OpenPort(int port, const std::wstring& name)
 {
@@ -131,35 +146,73 @@ FirewallCase Switch(const Call& call, const std::wstring& method, const Lines& t
 
 const FirewallCase kCases[] = {
     // ------------------------------------------------------------ rule path
-    {"PortRuleIsBuiltInTheFixedOrderWithEverySetting", {}, {},
+    {"PortRuleIsBuiltInTheFixedOrderWithEverySetting",
+     {},
+     {},
      AddPort(L"RULENAME=Full;RULEDESCRIPTION=Print server;PROFILE=3;LOCALPORTS=8080-8090,9100;"
-             L"LOCALADDRESSES=192.168.1.10;REMOTEPORTS=1024-65535;REMOTEADDRESSES=LocalSubnet"), 0, {},
+             L"LOCALADDRESSES=192.168.1.10;REMOTEPORTS=1024-65535;REMOTEADDRESSES=LocalSubnet"),
+     0,
+     {},
      {L"Rules\\1: Action=1; Description=Print server; Direction=1; EdgeTraversal=0; EdgeTraversalOptions=2; "
       L"Enabled=1; LocalAddresses=192.168.1.10; LocalPorts=8080-8090,9100; Name=Full; Profiles=3; Protocol=6; "
       L"RemoteAddresses=LocalSubnet; RemotePorts=1024-65535"},
      {L"Create.NetFwPolicy2", L"Policy2.Rules", L"Policy2.CurrentProfileTypes", L"Rules.Item", L"Create.NetFwRule",
-      L"Rule.Name", L"Rule.Profiles", L"Rule.Description", L"Rule.Direction", L"Rule.Protocol",
-      L"Rule.RemoteAddresses", L"Rule.LocalAddresses", L"Rule.RemotePorts", L"Rule.LocalPorts",
-      L"Rule.EdgeTraversalOptions", L"Rule.Enabled", L"Rules.Add"}},
+      L"Rule.Name", L"Rule.Profiles", L"Rule.Description", L"Rule.Direction", L"Rule.Protocol", L"Rule.RemoteAddresses",
+      L"Rule.LocalAddresses", L"Rule.RemotePorts", L"Rule.LocalPorts", L"Rule.EdgeTraversalOptions", L"Rule.Enabled",
+      L"Rules.Add"}},
     // The connection read the current profiles (domain and public); the rule still gets all profiles.
-    {"ProgramRuleTakesAnyProtocolAndAllProfiles", {}, {L"CurrentProfileTypes=5"}, AddProgram(kP), 0, {},
-     {L"Rules\\1: Action=1; ApplicationName=" + kApp + L"; Direction=1; EdgeTraversal=0; EdgeTraversalOptions=2; "
+    {"ProgramRuleTakesAnyProtocolAndAllProfiles",
+     {},
+     {L"CurrentProfileTypes=5"},
+     AddProgram(kP),
+     0,
+     {},
+     {L"Rules\\1: Action=1; ApplicationName=" + kApp +
+      L"; Direction=1; EdgeTraversal=0; EdgeTraversalOptions=2; "
       L"Enabled=1; Name=P; Profiles=2147483647; Protocol=256"}},
-    {"SecondAddOnlyEnablesTheRuleFoundByNameInAnyCase", {AddPort(L"RULENAME=Rule A;LOCALPORTS=80")},
-     {L"Rules\\1\\Enabled=0"}, AddPort(L"RULENAME=RULE a;LOCALPORTS=443;RULEDESCRIPTION=new"), 0, {},
+    {"SecondAddOnlyEnablesTheRuleFoundByNameInAnyCase",
+     {AddPort(L"RULENAME=Rule A;LOCALPORTS=80")},
+     {L"Rules\\1\\Enabled=0"},
+     AddPort(L"RULENAME=RULE a;LOCALPORTS=443;RULEDESCRIPTION=new"),
+     0,
+     {},
      {PortRule(L"Rule A", L"80")},
      {L"Create.NetFwPolicy2", L"Policy2.Rules", L"Policy2.CurrentProfileTypes", L"Rules.Item", L"Rule.Enabled"}},
-    {"HexadecimalProfileConvertsToZeroWhichTheFirewallRefuses", {}, {}, AddPort(kR80 + L";PROFILE=0x7FFFFFFF"), 1603,
-     {Failed(L"Failed to set exception profile", kInvalidArg), Failed(kAddPortFailed, kInvalidArg)}, {}},
-    {"ServiceNameReplacesTheLocalAddresses", {}, {}, AddPort(kR80 + L";LOCALADDRESSES=10.0.0.1;SERVICENAME="), 0, {},
+    {"HexadecimalProfileConvertsToZeroWhichTheFirewallRefuses",
+     {},
+     {},
+     AddPort(kR80 + L";PROFILE=0x7FFFFFFF"),
+     1603,
+     {Failed(L"Failed to set exception profile", kInvalidArg), Failed(kAddPortFailed, kInvalidArg)},
+     {}},
+    {"ServiceNameReplacesTheLocalAddresses",
+     {},
+     {},
+     AddPort(kR80 + L";LOCALADDRESSES=10.0.0.1;SERVICENAME="),
+     0,
+     {},
      {L"Rules\\1: Action=1; Direction=1; EdgeTraversal=0; EdgeTraversalOptions=2; Enabled=1; LocalAddresses=; "
       L"LocalPorts=80; Name=R; Profiles=2147483647; Protocol=6"}},
-    {"ProgramRuleWithLocalPortsFailsAtTheLocalPorts", {}, {}, AddProgram(kP + L";LOCALPORTS=80"), 1603,
+    {"ProgramRuleWithLocalPortsFailsAtTheLocalPorts",
+     {},
+     {},
+     AddProgram(kP + L";LOCALPORTS=80"),
+     1603,
      {Failed(L"Failed to set authorized local ports", kInvalidArg), Failed(L"Failed to add exception", kInvalidArg)},
      {}},
-    {"LongNonAsciiRuleNameMakesItsRule", {}, {}, AddPort(L"RULENAME=" + kLongName + L";LOCALPORTS=80"), 0, {},
+    {"LongNonAsciiRuleNameMakesItsRule",
+     {},
+     {},
+     AddPort(L"RULENAME=" + kLongName + L";LOCALPORTS=80"),
+     0,
+     {},
      {PortRule(kLongName, L"80")}},
-    {"WithoutRule2EdgeTraversalIsTheOlderFlag", {}, {L"NoRule2=1"}, AddPort(kR80), 0, {},
+    {"WithoutRule2EdgeTraversalIsTheOlderFlag",
+     {},
+     {L"NoRule2=1"},
+     AddPort(kR80),
+     0,
+     {},
      {L"Rules\\1: Action=1; Direction=1; EdgeTraversal=1; EdgeTraversalOptions=0; Enabled=1; LocalPorts=80; "
       L"Name=R; Profiles=2147483647; Protocol=6"}},
     {"RemovePortRemovesTheRuleByItsNameAlone", {AddPort(kR80)}, {}, RemovePort(L"RULENAME=r;LOCALPORTS=1"), 0, {}, {}},
@@ -167,68 +220,165 @@ const FirewallCase kCases[] = {
     {"MissingRuleNameFailsValidation", {}, {}, RemovePort(L"LOCALPORTS=80;PAD=1"), 1603, {}, {}},
     {"MissingProgramNameFailsValidation", {}, {}, AddProgram(L"RULENAME=P"), 1603, {}, {}},
     // ------------------------------------------------------------ rule path failures
-    {"UnavailablePolicyIsAWarningAndTheListsAreUsed", {}, {Fails(L"Create.NetFwPolicy2")}, AddPort(kR80), 0,
-     {Unavailable(kAccessDenied)}, {OpenPort(80, L"R")}},
-    {"UnreadableCurrentProfileIsAnErrorAndTheListsAreUsed", {}, {Fails(L"Policy2.CurrentProfileTypes")},
-     AddPort(kR80), 0, {Failed(L"Failed to get firewall current profile")}, {OpenPort(80, L"R")}},
-    {"FailedSearchIsLoggedTwiceBeforeTheSummary", {}, {Fails(L"Rules.Item")}, AddPort(kR80), 1603,
+    {"UnavailablePolicyIsAWarningAndTheListsAreUsed",
+     {},
+     {Fails(L"Create.NetFwPolicy2")},
+     AddPort(kR80),
+     0,
+     {Unavailable(kAccessDenied)},
+     {OpenPort(80, L"R")}},
+    {"UnreadableCurrentProfileIsAnErrorAndTheListsAreUsed",
+     {},
+     {Fails(L"Policy2.CurrentProfileTypes")},
+     AddPort(kR80),
+     0,
+     {Failed(L"Failed to get firewall current profile")},
+     {OpenPort(80, L"R")}},
+    {"FailedSearchIsLoggedTwiceBeforeTheSummary",
+     {},
+     {Fails(L"Rules.Item")},
+     AddPort(kR80),
+     1603,
      {Failed(L"Failed trying to find existing exception"), Failed(L"Failed trying to find existing exception"),
-      Failed(kAddPortFailed)}, {}},
-    {"FailedSearchFailsTheRemoval", {}, {Fails(L"Rules.Item")}, RemovePort(kR80), 1603,
+      Failed(kAddPortFailed)},
+     {}},
+    {"FailedSearchFailsTheRemoval",
+     {},
+     {Fails(L"Rules.Item")},
+     RemovePort(kR80),
+     1603,
      {Failed(L"Failed trying to find existing exception"), Failed(L"Failed to check exception"),
-      Failed(L"Failed to remove exception")}, {}},
-    {"FailedRemovalIsLoggedWithTheSummary", {AddPort(kR80)}, {Fails(L"Rules.Remove")},
-     RemoveProgram(L"RULENAME=R;PROGRAMNAME=C:\\a.exe"), 1603,
-     {Failed(L"Failed to remove exception"), Failed(L"Failed to remove exception")}, {PortRule(L"R", L"80")}},
+      Failed(L"Failed to remove exception")},
+     {}},
+    {"FailedRemovalIsLoggedWithTheSummary",
+     {AddPort(kR80)},
+     {Fails(L"Rules.Remove")},
+     RemoveProgram(L"RULENAME=R;PROGRAMNAME=C:\\a.exe"),
+     1603,
+     {Failed(L"Failed to remove exception"), Failed(L"Failed to remove exception")},
+     {PortRule(L"R", L"80")}},
     // ------------------------------------------------------------ legacy lists
-    {"LegacyPortListOpensEachPortForTcp", {}, {kLegacy}, AddPort(L"RULENAME=R;LOCALPORTS=80,443"), 0,
-     {kLegacyWarning}, {OpenPort(443, L"R"), OpenPort(80, L"R")}},
-    {"LegacyRangeOpensItsFirstPortAndATrailingCommaNothing", {}, {kLegacy},
-     AddPort(L"RULENAME=R;LOCALPORTS=8080-8090,"), 0, {kLegacyWarning}, {OpenPort(8080, L"R")}},
-    {"LegacyLeadingCommaTriesPortZeroFirst", {}, {kLegacy}, AddPort(L"RULENAME=R;LOCALPORTS=,80"), 1603,
-     {kLegacyWarning, Failed(L"Failed to set port number", kInvalidArg)}, {}},
-    {"LegacyOpenPortIsOnlyEnabledAndTheNextOneOpened", {AddPort(L"RULENAME=Old;LOCALPORTS=80")},
-     {kLegacy, L"OpenPorts\\80-6\\Enabled=0"}, AddPort(L"RULENAME=R;LOCALPORTS=80,443"), 0, {kLegacyWarning},
+    {"LegacyPortListOpensEachPortForTcp",
+     {},
+     {kLegacy},
+     AddPort(L"RULENAME=R;LOCALPORTS=80,443"),
+     0,
+     {kLegacyWarning},
+     {OpenPort(443, L"R"), OpenPort(80, L"R")}},
+    {"LegacyRangeOpensItsFirstPortAndATrailingCommaNothing",
+     {},
+     {kLegacy},
+     AddPort(L"RULENAME=R;LOCALPORTS=8080-8090,"),
+     0,
+     {kLegacyWarning},
+     {OpenPort(8080, L"R")}},
+    {"LegacyLeadingCommaTriesPortZeroFirst",
+     {},
+     {kLegacy},
+     AddPort(L"RULENAME=R;LOCALPORTS=,80"),
+     1603,
+     {kLegacyWarning, Failed(L"Failed to set port number", kInvalidArg)},
+     {}},
+    {"LegacyOpenPortIsOnlyEnabledAndTheNextOneOpened",
+     {AddPort(L"RULENAME=Old;LOCALPORTS=80")},
+     {kLegacy, L"OpenPorts\\80-6\\Enabled=0"},
+     AddPort(L"RULENAME=R;LOCALPORTS=80,443"),
+     0,
+     {kLegacyWarning},
      {OpenPort(443, L"R"), OpenPort(80, L"Old")}},
-    {"LegacyProgramGetsItsRemoteAddressesTwice", {}, {kLegacy}, AddProgram(kP + L";REMOTEADDRESSES=10.1.0.0/16"), 0,
-     {kLegacyWarning}, {App(L"P", kApp, L"; RemoteAddresses=10.1.0.0/16")},
+    {"LegacyProgramGetsItsRemoteAddressesTwice",
+     {},
+     {kLegacy},
+     AddProgram(kP + L";REMOTEADDRESSES=10.1.0.0/16"),
+     0,
+     {kLegacyWarning},
+     {App(L"P", kApp, L"; RemoteAddresses=10.1.0.0/16")},
      {L"Create.NetFwMgr", L"Mgr.LocalPolicy", L"Policy.CurrentProfile", L"Profile.AuthorizedApplications",
       L"AuthorizedApps.Item", L"Create.NetFwAuthorizedApplication", L"AuthorizedApp.Name",
       L"AuthorizedApp.ProcessImageFileName", L"AuthorizedApp.RemoteAddresses", L"AuthorizedApp.RemoteAddresses",
       L"AuthorizedApp.Enabled", L"AuthorizedApps.Add"}},
-    {"LegacyAuthorizedProgramIsOnlyEnabled", {AddProgram(kP)}, {kLegacy, L"AuthorizedApplications\\1\\Enabled=0"},
-     AddProgram(L"RULENAME=Q;PROGRAMNAME=" + kApp + L";REMOTEADDRESSES=10.0.0.1"), 0, {kLegacyWarning},
+    {"LegacyAuthorizedProgramIsOnlyEnabled",
+     {AddProgram(kP)},
+     {kLegacy, L"AuthorizedApplications\\1\\Enabled=0"},
+     AddProgram(L"RULENAME=Q;PROGRAMNAME=" + kApp + L";REMOTEADDRESSES=10.0.0.1"),
+     0,
+     {kLegacyWarning},
      {App(L"P", kApp)},
      {L"Create.NetFwMgr", L"Mgr.LocalPolicy", L"Policy.CurrentProfile", L"Profile.AuthorizedApplications",
       L"AuthorizedApps.Item", L"AuthorizedApp.Enabled"}},
-    {"LegacyRemovalOfAPortNotOpenFails", {}, {kLegacy}, RemovePort(kR80), 1603,
-     {kLegacyWarning, Failed(L"Failed to retrieve open port", kNotFound), Failed(kCheckPortFailed, kNotFound)}, {}},
-    {"LegacyRemovalClosesEachPort", {AddPort(L"RULENAME=R;LOCALPORTS=80,443,8080")}, {kLegacy},
-     RemovePort(L"RULENAME=R;LOCALPORTS=80,443"), 0, {kLegacyWarning}, {OpenPort(8080, L"R")}},
+    {"LegacyRemovalOfAPortNotOpenFails",
+     {},
+     {kLegacy},
+     RemovePort(kR80),
+     1603,
+     {kLegacyWarning, Failed(L"Failed to retrieve open port", kNotFound), Failed(kCheckPortFailed, kNotFound)},
+     {}},
+    {"LegacyRemovalClosesEachPort",
+     {AddPort(L"RULENAME=R;LOCALPORTS=80,443,8080")},
+     {kLegacy},
+     RemovePort(L"RULENAME=R;LOCALPORTS=80,443"),
+     0,
+     {kLegacyWarning},
+     {OpenPort(8080, L"R")}},
     // The check answers "disabled" without a code of its own: the code
     // logged is the last one kept, the connection's REGDB_E_CLASSNOTREG.
-    {"LegacyRemovalOfADisabledPortFailsWithTheLastCodeKept", {}, {kLegacy, L"OpenPorts\\80-6\\Enabled=0"},
-     RemovePort(kR80), 1603, {kLegacyWarning, Failed(kCheckPortFailed, kClassNotReg)},
+    {"LegacyRemovalOfADisabledPortFailsWithTheLastCodeKept",
+     {},
+     {kLegacy, L"OpenPorts\\80-6\\Enabled=0"},
+     RemovePort(kR80),
+     1603,
+     {kLegacyWarning, Failed(kCheckPortFailed, kClassNotReg)},
      {L"OpenPorts\\80-6: Enabled=0"}},
-    {"LegacyRemovalOfAMissingProgramFails", {}, {kLegacy}, RemoveProgram(kP), 1603,
+    {"LegacyRemovalOfAMissingProgramFails",
+     {},
+     {kLegacy},
+     RemoveProgram(kP),
+     1603,
      {kLegacyWarning, Failed(L"Failed to retrieve authorized app", kNotFound), Failed(kCheckAppFailed, kNotFound)},
      {}},
-    {"LegacyRemovalRemovesTheProgramByItsPath", {AddProgram(kP)}, {kLegacy},
-     RemoveProgram(L"RULENAME=Other;PROGRAMNAME=c:\\program files\\quillcast\\QC.EXE"), 0, {kLegacyWarning}, {}},
+    {"LegacyRemovalRemovesTheProgramByItsPath",
+     {AddProgram(kP)},
+     {kLegacy},
+     RemoveProgram(L"RULENAME=Other;PROGRAMNAME=c:\\program files\\quillcast\\QC.EXE"),
+     0,
+     {kLegacyWarning},
+     {}},
     // ------------------------------------------------------------ legacy failures
-    {"LegacyProfileUnavailableOnRemoval", {}, {kLegacy, Fails(L"Policy.CurrentProfile")}, RemoveProgram(kP), 1603,
-     {kLegacyWarning, Failed(kNoManager[0]), Failed(kNoManager[1]), Failed(kCheckAppFailed)}, {}},
-    {"LegacyNotAllowedExceptionsFailTheCheckOnlyWhenTheReadFails", {AddPort(kR80)},
-     {kLegacy, L"ExceptionsNotAllowed=1", Fails(L"Profile.ExceptionsNotAllowed")}, RemovePort(kR80), 1603,
+    {"LegacyProfileUnavailableOnRemoval",
+     {},
+     {kLegacy, Fails(L"Policy.CurrentProfile")},
+     RemoveProgram(kP),
+     1603,
+     {kLegacyWarning, Failed(kNoManager[0]), Failed(kNoManager[1]), Failed(kCheckAppFailed)},
+     {}},
+    {"LegacyNotAllowedExceptionsFailTheCheckOnlyWhenTheReadFails",
+     {AddPort(kR80)},
+     {kLegacy, L"ExceptionsNotAllowed=1", Fails(L"Profile.ExceptionsNotAllowed")},
+     RemovePort(kR80),
+     1603,
      {kLegacyWarning, Failed(L"Failed to get list of not allowed exceptions"), Failed(kCheckPortFailed)},
      {OpenPort(80, L"R")}},
-    {"LegacyNotAllowedExceptionsReadWellDoNotStopTheRemoval", {AddPort(kR80)}, {kLegacy, L"ExceptionsNotAllowed=1"},
-     RemovePort(kR80), 0, {kLegacyWarning}, {}},
-    {"LegacyFailedPortRemovalNamesThePortAsWritten", {AddPort(kR80)}, {kLegacy, Fails(L"OpenPorts.Remove")},
-     RemovePort(L"RULENAME=R;LOCALPORTS=80x"), 1603,
-     {kLegacyWarning, Failed(L"Failed to remove open port 80x, protocol 6")}, {OpenPort(80, L"R")}},
-    {"LegacyFailedProgramRemovalKeepsItsTwoBlanks", {AddProgram(kP)}, {kLegacy, Fails(L"AuthorizedApps.Remove")},
-     RemoveProgram(kP), 1603, {kLegacyWarning, Failed(L"Failed to remove app " + kApp + L" ")}, {App(L"P", kApp)}},
+    {"LegacyNotAllowedExceptionsReadWellDoNotStopTheRemoval",
+     {AddPort(kR80)},
+     {kLegacy, L"ExceptionsNotAllowed=1"},
+     RemovePort(kR80),
+     0,
+     {kLegacyWarning},
+     {}},
+    {"LegacyFailedPortRemovalNamesThePortAsWritten",
+     {AddPort(kR80)},
+     {kLegacy, Fails(L"OpenPorts.Remove")},
+     RemovePort(L"RULENAME=R;LOCALPORTS=80x"),
+     1603,
+     {kLegacyWarning, Failed(L"Failed to remove open port 80x, protocol 6")},
+     {OpenPort(80, L"R")}},
+    {"LegacyFailedProgramRemovalKeepsItsTwoBlanks",
+     {AddProgram(kP)},
+     {kLegacy, Fails(L"AuthorizedApps.Remove")},
+     RemoveProgram(kP),
+     1603,
+     {kLegacyWarning, Failed(L"Failed to remove app " + kApp + L" ")},
+     {App(L"P", kApp)}},
     // ------------------------------------------------------------ one failure switch per message
     Switch(kPort, L"Create.NetFwRule", {L"Failed to create NetFwRule object", kAddPortFailed}),
     Switch(kPort, L"Rule.Name", {L"Failed to set exception friendly name", kAddPortFailed}),
@@ -401,9 +551,13 @@ TEST_F(FirewallTest, FailureEntriesCarryTheLineOfTheirCallInTheirFile)
         Lines setup;
         std::string text;
     } rows[] = {
-        {"Firewall.cpp", 1000, {Fails(L"Policy2.CurrentProfileTypes")},
+        {"Firewall.cpp",
+         1000,
+         {Fails(L"Policy2.CurrentProfileTypes")},
          "Failed to get firewall current profile with error "},
-        {"FirewallLegacyLists.cpp", 2000, {kLegacy, Fails(L"Create.NetFwMgr")},
+        {"FirewallLegacyLists.cpp",
+         2000,
+         {kLegacy, Fails(L"Create.NetFwMgr")},
          "Failed to connect to Windows Firewall with error "},
     };
     for (const auto& row : rows)
@@ -421,8 +575,8 @@ TEST_F(FirewallTest, FailureEntriesCarryTheLineOfTheirCallInTheirFile)
             (void)firewall.AddPort(L"80"); // the lists' failure comes from here, the other from the constructor
         }
         const std::wstring text(row.text.begin(), row.text.end());
-        const std::wstring expected = L"[ERROR] Firewall (" + std::to_wstring(row.lineBase + callLine) + L") " + text +
-                                      kAccessDenied + L".";
+        const std::wstring expected =
+            L"[ERROR] Firewall (" + std::to_wstring(row.lineBase + callLine) + L") " + text + kAccessDenied + L".";
         Lines entries;
         for (const std::wstring& line : capture.Lines())
         {

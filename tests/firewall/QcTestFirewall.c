@@ -90,12 +90,12 @@ static HRESULT Call(const WCHAR* method)
     return S_OK;
 }
 
-#define CALL(method)                  \
-    do                                \
-    {                                 \
-        HRESULT hrCall = Call(method); \
-        if (FAILED(hrCall))           \
-            return hrCall;            \
+#define CALL(method)                                                                                                   \
+    do                                                                                                                 \
+    {                                                                                                                  \
+        HRESULT hrCall = Call(method);                                                                                 \
+        if (FAILED(hrCall))                                                                                            \
+            return hrCall;                                                                                             \
     } while (0)
 
 static BOOL SameText(const WCHAR* a, const WCHAR* b)
@@ -107,8 +107,16 @@ static BOOL SameText(const WCHAR* a, const WCHAR* b)
 
 /* A rule, an open port or an authorized program: its properties in memory
  * and, once it is in a list, in its registry key (`key`, under ROOT). */
-enum Kind { KIND_RULE, KIND_PORT, KIND_APP };
-enum { MAX_PROPS = 16 };
+enum Kind
+{
+    KIND_RULE,
+    KIND_PORT,
+    KIND_APP
+};
+enum
+{
+    MAX_PROPS = 16
+};
 typedef struct
 {
     const WCHAR* name;
@@ -117,25 +125,72 @@ typedef struct
 } PropDef;
 
 /* Rule properties */
-enum { R_NAME, R_DESCRIPTION, R_APPLICATION, R_SERVICE, R_PROTOCOL, R_LOCALPORTS, R_REMOTEPORTS, R_LOCALADDRESSES,
-       R_REMOTEADDRESSES, R_DIRECTION, R_ENABLED, R_PROFILES, R_EDGE, R_EDGEOPTIONS, R_ACTION, R_COUNT };
-static const PropDef kRuleProps[R_COUNT] = {
-    {L"Name", TRUE, 0}, {L"Description", TRUE, 0}, {L"ApplicationName", TRUE, 0}, {L"ServiceName", TRUE, 0},
-    {L"Protocol", FALSE, 256}, {L"LocalPorts", TRUE, 0}, {L"RemotePorts", TRUE, 0}, {L"LocalAddresses", TRUE, 0},
-    {L"RemoteAddresses", TRUE, 0}, {L"Direction", FALSE, 1}, {L"Enabled", FALSE, 0},
-    {L"Profiles", FALSE, 0x7FFFFFFF}, {L"EdgeTraversal", FALSE, 0}, {L"EdgeTraversalOptions", FALSE, 0},
-    {L"Action", FALSE, 1}};
+enum
+{
+    R_NAME,
+    R_DESCRIPTION,
+    R_APPLICATION,
+    R_SERVICE,
+    R_PROTOCOL,
+    R_LOCALPORTS,
+    R_REMOTEPORTS,
+    R_LOCALADDRESSES,
+    R_REMOTEADDRESSES,
+    R_DIRECTION,
+    R_ENABLED,
+    R_PROFILES,
+    R_EDGE,
+    R_EDGEOPTIONS,
+    R_ACTION,
+    R_COUNT
+};
+static const PropDef kRuleProps[R_COUNT] = {{L"Name", TRUE, 0},
+                                            {L"Description", TRUE, 0},
+                                            {L"ApplicationName", TRUE, 0},
+                                            {L"ServiceName", TRUE, 0},
+                                            {L"Protocol", FALSE, 256},
+                                            {L"LocalPorts", TRUE, 0},
+                                            {L"RemotePorts", TRUE, 0},
+                                            {L"LocalAddresses", TRUE, 0},
+                                            {L"RemoteAddresses", TRUE, 0},
+                                            {L"Direction", FALSE, 1},
+                                            {L"Enabled", FALSE, 0},
+                                            {L"Profiles", FALSE, 0x7FFFFFFF},
+                                            {L"EdgeTraversal", FALSE, 0},
+                                            {L"EdgeTraversalOptions", FALSE, 0},
+                                            {L"Action", FALSE, 1}};
 /* Open-port properties */
-enum { P_NAME, P_PORT, P_PROTOCOL, P_REMOTEADDRESSES, P_ENABLED, P_SCOPE, P_IPVERSION, P_COUNT };
-static const PropDef kPortProps[P_COUNT] = {{L"Name", TRUE, 0},     {L"Port", FALSE, 0},
-                                            {L"Protocol", FALSE, 6}, {L"RemoteAddresses", TRUE, 0},
-                                            {L"Enabled", FALSE, 1},  {L"Scope", FALSE, 0},
-                                            {L"IpVersion", FALSE, 2}};
+enum
+{
+    P_NAME,
+    P_PORT,
+    P_PROTOCOL,
+    P_REMOTEADDRESSES,
+    P_ENABLED,
+    P_SCOPE,
+    P_IPVERSION,
+    P_COUNT
+};
+static const PropDef kPortProps[P_COUNT] = {
+    {L"Name", TRUE, 0},     {L"Port", FALSE, 0},  {L"Protocol", FALSE, 6}, {L"RemoteAddresses", TRUE, 0},
+    {L"Enabled", FALSE, 1}, {L"Scope", FALSE, 0}, {L"IpVersion", FALSE, 2}};
 /* Authorized-program properties */
-enum { A_NAME, A_IMAGE, A_REMOTEADDRESSES, A_ENABLED, A_SCOPE, A_IPVERSION, A_COUNT };
-static const PropDef kAppProps[A_COUNT] = {{L"Name", TRUE, 0},   {L"ProcessImageFileName", TRUE, 0},
-                                           {L"RemoteAddresses", TRUE, 0}, {L"Enabled", FALSE, 1},
-                                           {L"Scope", FALSE, 0}, {L"IpVersion", FALSE, 2}};
+enum
+{
+    A_NAME,
+    A_IMAGE,
+    A_REMOTEADDRESSES,
+    A_ENABLED,
+    A_SCOPE,
+    A_IPVERSION,
+    A_COUNT
+};
+static const PropDef kAppProps[A_COUNT] = {{L"Name", TRUE, 0},
+                                           {L"ProcessImageFileName", TRUE, 0},
+                                           {L"RemoteAddresses", TRUE, 0},
+                                           {L"Enabled", FALSE, 1},
+                                           {L"Scope", FALSE, 0},
+                                           {L"IpVersion", FALSE, 2}};
 
 typedef struct
 {
@@ -476,12 +531,12 @@ static void FillVtbl(void* vtbl, size_t size)
 /* One setter or getter per property: it journals the call as "Object.Method"
  * (and answers what the call's Fail switch asks for), then checks and stores
  * or reads the value `v` of the item `This`. */
-#define ACCESSOR(function, Interface, Type, method, body)               \
-    static HRESULT STDMETHODCALLTYPE function(Interface* This, Type v) \
-    {                                                                  \
-        Item* item = (Item*)This;                                      \
-        CALL(method);                                                  \
-        body;                                                          \
+#define ACCESSOR(function, Interface, Type, method, body)                                                              \
+    static HRESULT STDMETHODCALLTYPE function(Interface* This, Type v)                                                 \
+    {                                                                                                                  \
+        Item* item = (Item*)This;                                                                                      \
+        CALL(method);                                                                                                  \
+        body;                                                                                                          \
     }
 #define BOOL_OF(v) ((v) ? 1 : 0)
 #define ENABLED_OF(item, index) ((item)->number[index] ? VARIANT_TRUE : VARIANT_FALSE)
@@ -489,8 +544,7 @@ static void FillVtbl(void* vtbl, size_t size)
 ACCESSOR(Rule_put_Name, INetFwRule2, BSTR, L"Rule.Name",
          return !v || !v[0] || wcschr(v, L'|') ? E_INVALIDARG : PutText(item, R_NAME, v))
 ACCESSOR(Rule_put_Description, INetFwRule2, BSTR, L"Rule.Description", return PutText(item, R_DESCRIPTION, v))
-ACCESSOR(Rule_put_ApplicationName, INetFwRule2, BSTR, L"Rule.ApplicationName",
-         return PutText(item, R_APPLICATION, v))
+ACCESSOR(Rule_put_ApplicationName, INetFwRule2, BSTR, L"Rule.ApplicationName", return PutText(item, R_APPLICATION, v))
 ACCESSOR(Rule_put_ServiceName, INetFwRule2, BSTR, L"Rule.ServiceName", return PutText(item, R_SERVICE, v))
 ACCESSOR(Rule_put_Protocol, INetFwRule2, LONG, L"Rule.Protocol",
          return v < 0 || v > 256 ? E_INVALIDARG : PutNumber(item, R_PROTOCOL, v))
@@ -520,8 +574,8 @@ ACCESSOR(Port_put_RemoteAddresses, INetFwOpenPort, BSTR, L"OpenPort.RemoteAddres
          return PutAddresses(item, P_REMOTEADDRESSES, v))
 ACCESSOR(Port_put_Enabled, INetFwOpenPort, VARIANT_BOOL, L"OpenPort.Enabled",
          return PutNumber(item, P_ENABLED, BOOL_OF(v)))
-ACCESSOR(Port_get_Enabled, INetFwOpenPort, VARIANT_BOOL*, L"OpenPort.GetEnabled",
-         *v = ENABLED_OF(item, P_ENABLED); return S_OK)
+ACCESSOR(Port_get_Enabled, INetFwOpenPort, VARIANT_BOOL*, L"OpenPort.GetEnabled", *v = ENABLED_OF(item, P_ENABLED);
+         return S_OK)
 ACCESSOR(App_put_Name, INetFwAuthorizedApplication, BSTR, L"AuthorizedApp.Name",
          return !v || !v[0] ? E_INVALIDARG : PutText(item, A_NAME, v))
 ACCESSOR(App_put_Image, INetFwAuthorizedApplication, BSTR, L"AuthorizedApp.ProcessImageFileName",
@@ -531,7 +585,8 @@ ACCESSOR(App_put_RemoteAddresses, INetFwAuthorizedApplication, BSTR, L"Authorize
 ACCESSOR(App_put_Enabled, INetFwAuthorizedApplication, VARIANT_BOOL, L"AuthorizedApp.Enabled",
          return PutNumber(item, A_ENABLED, BOOL_OF(v)))
 ACCESSOR(App_get_Enabled, INetFwAuthorizedApplication, VARIANT_BOOL*, L"AuthorizedApp.GetEnabled",
-         *v = ENABLED_OF(item, A_ENABLED); return S_OK)
+         *v = ENABLED_OF(item, A_ENABLED);
+         return S_OK)
 
 static INetFwRule2Vtbl g_RuleVtbl;
 static INetFwOpenPortVtbl g_PortVtbl;
@@ -539,14 +594,25 @@ static INetFwAuthorizedApplicationVtbl g_AppVtbl;
 
 static const void* ItemVtbl(enum Kind kind)
 {
-    return kind == KIND_RULE ? (const void*)&g_RuleVtbl : kind == KIND_PORT ? (const void*)&g_PortVtbl
-                                                                             : (const void*)&g_AppVtbl;
+    return kind == KIND_RULE   ? (const void*)&g_RuleVtbl
+           : kind == KIND_PORT ? (const void*)&g_PortVtbl
+                               : (const void*)&g_AppVtbl;
 }
 
 /* ------------------------------------------------------------------ lists and policies */
 
 /* The objects without state of their own: they only route to the registry. */
-enum ListKind { LIST_POLICY2, LIST_RULES, LIST_MGR, LIST_POLICY, LIST_PROFILE, LIST_PORTS, LIST_APPS, LIST_COUNT };
+enum ListKind
+{
+    LIST_POLICY2,
+    LIST_RULES,
+    LIST_MGR,
+    LIST_POLICY,
+    LIST_PROFILE,
+    LIST_PORTS,
+    LIST_APPS,
+    LIST_COUNT
+};
 typedef struct
 {
     const void* lpVtbl;
@@ -560,8 +626,12 @@ static INetFwPolicyVtbl g_PolicyVtbl;
 static INetFwProfileVtbl g_ProfileVtbl;
 static INetFwOpenPortsVtbl g_PortsVtbl;
 static INetFwAuthorizedApplicationsVtbl g_AppsVtbl;
-static const IID* const kListIids[LIST_COUNT] = {&IID_INetFwPolicy2, &IID_INetFwRules, &IID_INetFwMgr,
-                                                 &IID_INetFwPolicy,  &IID_INetFwProfile, &IID_INetFwOpenPorts,
+static const IID* const kListIids[LIST_COUNT] = {&IID_INetFwPolicy2,
+                                                 &IID_INetFwRules,
+                                                 &IID_INetFwMgr,
+                                                 &IID_INetFwPolicy,
+                                                 &IID_INetFwProfile,
+                                                 &IID_INetFwOpenPorts,
                                                  &IID_INetFwAuthorizedApplications};
 static const void* const kListVtbls[LIST_COUNT] = {&g_Policy2Vtbl, &g_RulesVtbl, &g_MgrVtbl, &g_PolicyVtbl,
                                                    &g_ProfileVtbl, &g_PortsVtbl, &g_AppsVtbl};
@@ -862,7 +932,10 @@ static const CLSID kClsids[] = {
 };
 static const WCHAR* const kClassNames[] = {L"NetFwPolicy2", L"NetFwRule", L"NetFwMgr", L"NetFwOpenPort",
                                            L"NetFwAuthorizedApplication"};
-enum { CLASS_COUNT = 5 };
+enum
+{
+    CLASS_COUNT = 5
+};
 
 typedef struct
 {
@@ -928,10 +1001,10 @@ static HRESULT STDMETHODCALLTYPE FactoryCreateInstance(IClassFactory* This, IUnk
     return hr;
 }
 
-static IClassFactoryVtbl g_FactoryVtbl = {FactoryQueryInterface, FactoryAddRef, FactoryRelease,
-                                          FactoryCreateInstance, FactoryLockServer};
-static Factory g_Factories[CLASS_COUNT] = {{&g_FactoryVtbl, 0}, {&g_FactoryVtbl, 1}, {&g_FactoryVtbl, 2},
-                                           {&g_FactoryVtbl, 3}, {&g_FactoryVtbl, 4}};
+static IClassFactoryVtbl g_FactoryVtbl = {FactoryQueryInterface, FactoryAddRef, FactoryRelease, FactoryCreateInstance,
+                                          FactoryLockServer};
+static Factory g_Factories[CLASS_COUNT] = {
+    {&g_FactoryVtbl, 0}, {&g_FactoryVtbl, 1}, {&g_FactoryVtbl, 2}, {&g_FactoryVtbl, 3}, {&g_FactoryVtbl, 4}};
 
 BOOL WINAPI DllMain(HINSTANCE hInstance, DWORD reason, LPVOID reserved)
 {

@@ -48,7 +48,8 @@ public:
         const size_t equals = assignment.find(L'=');
         const std::wstring path = assignment.substr(0, equals);
         const size_t slash = path.find_last_of(L'\\');
-        const std::wstring key = std::wstring(kRoot) + (slash == std::wstring::npos ? L"" : L"\\" + path.substr(0, slash));
+        const std::wstring key =
+            std::wstring(kRoot) + (slash == std::wstring::npos ? L"" : L"\\" + path.substr(0, slash));
         const std::wstring name = slash == std::wstring::npos ? path : path.substr(slash + 1);
         const DWORD value = std::wcstoul(assignment.c_str() + equals + 1, nullptr, 0);
         ::RegSetKeyValueW(HKEY_LOCAL_MACHINE, key.c_str(), name.c_str(), REG_DWORD, &value, sizeof(value));
@@ -141,9 +142,8 @@ private:
             {
                 break;
             }
-            const std::wstring text = type == REG_DWORD
-                                          ? std::to_wstring(*reinterpret_cast<const DWORD*>(data.data()))
-                                          : std::wstring(reinterpret_cast<const wchar_t*>(data.data()));
+            const std::wstring text = type == REG_DWORD ? std::to_wstring(*reinterpret_cast<const DWORD*>(data.data()))
+                                                        : std::wstring(reinterpret_cast<const wchar_t*>(data.data()));
             values.push_back(std::wstring(name, length) + L"=" + text);
         }
         ::RegCloseKey(key);

@@ -139,8 +139,8 @@ TEST_P(ProcessAction, Case)
     // {pid} the id of the first launched program.
     const auto expand = [&](std::wstring text) {
         const std::wstring pid = launched.empty() ? L"" : std::to_wstring(::GetProcessId(launched[0].Get()));
-        for (const auto& key : Properties{{L"{exe}", L"{dir}\\" + file}, {L"{dir}", directory}, {L"{name}", name},
-                                          {L"{pid}", pid}})
+        for (const auto& key :
+             Properties{{L"{exe}", L"{dir}\\" + file}, {L"{dir}", directory}, {L"{name}", name}, {L"{pid}", pid}})
         {
             for (size_t at = text.find(key.first); at != std::wstring::npos; at = text.find(key.first, at))
             {
@@ -196,7 +196,7 @@ TEST_P(ProcessAction, Case)
     EXPECT_EQ(g_ImagePathQueries, bKeyMade ? 2 : 0);
     // Handled in snapshot order, which is the order the test started them in.
     EXPECT_TRUE(launched.size() < 2 || g_OpenedIds == (std::vector<DWORD>{::GetProcessId(launched[0].Get()),
-                                                                            ::GetProcessId(launched[1].Get())}));
+                                                                          ::GetProcessId(launched[1].Get())}));
     const std::wstring logged = std::accumulate(outcome.lines.begin(), outcome.lines.end(), std::wstring(),
                                                 [](const auto& all, const auto& line) { return all + line + L"\n"; });
     // A program the shell started records a moment after the action.
@@ -229,42 +229,108 @@ const wchar_t kFirstAutoConnectRun[] = L"{dir}\\QCAutoConnect.exe -d all -q\t{di
 
 const Case kCases[] = {
     // Started hidden (show command 0) in the current directory; the program's own result is logged, not judged.
-    {"ExitCodeIsLoggedNotJudged", "CreateProcessDeferred", Data(L"|CMDLINE=\"{exe}\" --hold --exit-code=5"), 0,
-     L"Various (#) Exit code of process is 5.\n\"{exe}\" --hold --exit-code=5\t{dir}\t0\n", {INFINITE}},
+    {"ExitCodeIsLoggedNotJudged",
+     "CreateProcessDeferred",
+     Data(L"|CMDLINE=\"{exe}\" --hold --exit-code=5"),
+     0,
+     L"Various (#) Exit code of process is 5.\n\"{exe}\" --hold --exit-code=5\t{dir}\t0\n",
+     {INFINITE}},
     // Intentional: the exit code is read right after the start and must still be STILL_ACTIVE; a program that
     // has already ended, even with 0, fails.
-    {"EndedBeforeTheCheckFailsAlthoughItRan", "CreateProcessImmediately", {{L"CreateProcessProperty", L"\"{exe}\""}},
-     1603, L"\"{exe}\"\t{dir}\t0\n", {}, {}, {}, kEndFirst},
+    {"EndedBeforeTheCheckFailsAlthoughItRan",
+     "CreateProcessImmediately",
+     {{L"CreateProcessProperty", L"\"{exe}\""}},
+     1603,
+     L"\"{exe}\"\t{dir}\t0\n",
+     {},
+     {},
+     {},
+     kEndFirst},
     {"MissingProgramFailsWithTheCreateError", "CreateProcessDeferred", Data(L"|CMDLINE={dir}\\Missing.exe"), 1603,
      Error(L"Process", L"CreateProcess failed with error 2")},
 
     // Closing by name. Exit codes: 0 terminated by the action, 7 ended by its own WM_CLOSE handling. The
     // deferred action needs two pairs: without TIMEOUT another pair takes its place.
-    {"NoTimeoutArgumentWaitsTheDefaultMinute", "CloseProcessDeferred", Data(L";PROCESSNAME=Qc{name}.exe;UNUSED=1"),
-     0, Error(L"Process", L"Timeout reached after 60 seconds"), {0, 60000}, {L"--window=ignore"}, {0}},
-    {"TimeoutWithoutDigitsIsZeroNotTheDefault", "CloseProcessDeferred", Data(L";PROCESSNAME=Qc{name}.exe;TIMEOUT=abc"),
-     0, Error(L"Process", L"Timeout reached after 0 seconds"), {0, 0}, {L"--window=ignore"}, {0}},
-    {"NoTimeoutPropertyWaitsTheDefaultMinute", "CloseProcessImmediately", {{L"CloseProcessProperty", L"Qc{name}.exe"}},
-     0, Error(L"Process", L"Timeout reached after 60 seconds"), {0, 60000}, {L"--window=ignore"}, {0}},
-    {"TimeoutPropertyInSeconds", "CloseProcessImmediately",
-     {{L"CloseProcessProperty", L"Qc{name}.exe"}, {L"CloseProcessTimeout", L" 7x"}}, 0,
-     Error(L"Process", L"Timeout reached after 7 seconds"), {0, 7000}, {L"--window=ignore"}, {0}},
+    {"NoTimeoutArgumentWaitsTheDefaultMinute",
+     "CloseProcessDeferred",
+     Data(L";PROCESSNAME=Qc{name}.exe;UNUSED=1"),
+     0,
+     Error(L"Process", L"Timeout reached after 60 seconds"),
+     {0, 60000},
+     {L"--window=ignore"},
+     {0}},
+    {"TimeoutWithoutDigitsIsZeroNotTheDefault",
+     "CloseProcessDeferred",
+     Data(L";PROCESSNAME=Qc{name}.exe;TIMEOUT=abc"),
+     0,
+     Error(L"Process", L"Timeout reached after 0 seconds"),
+     {0, 0},
+     {L"--window=ignore"},
+     {0}},
+    {"NoTimeoutPropertyWaitsTheDefaultMinute",
+     "CloseProcessImmediately",
+     {{L"CloseProcessProperty", L"Qc{name}.exe"}},
+     0,
+     Error(L"Process", L"Timeout reached after 60 seconds"),
+     {0, 60000},
+     {L"--window=ignore"},
+     {0}},
+    {"TimeoutPropertyInSeconds",
+     "CloseProcessImmediately",
+     {{L"CloseProcessProperty", L"Qc{name}.exe"}, {L"CloseProcessTimeout", L" 7x"}},
+     0,
+     Error(L"Process", L"Timeout reached after 7 seconds"),
+     {0, 7000},
+     {L"--window=ignore"},
+     {0}},
     {"WindowlessIsTerminatedWithoutWaiting", "CloseProcessDeferred", kCloseTen, 0, L"", {0}, {L"--hold"}, {0}},
-    {"ClosedWindowButRunningIsTerminatedAtOnce", "CloseProcessDeferred", kCloseTen, 0, L"", {0}, {L"--window=stay"},
-     {0}, kGateClosed},
+    {"ClosedWindowButRunningIsTerminatedAtOnce",
+     "CloseProcessDeferred",
+     kCloseTen,
+     0,
+     L"",
+     {0},
+     {L"--window=stay"},
+     {0},
+     kGateClosed},
     {"EndingOnCloseIsLeftAlone", "CloseProcessDeferred", kCloseTen, 0, L"", {0}, {L"--window=exit"}, {7}, kGateEnd},
     // The wait is real here: the program ends about 300 ms after its close message, and is still passed to
     // TerminateProcess, which Windows refuses. No blank before "failed": intentional.
-    {"EndingWithinTheTimeoutIsStillTerminated", "CloseProcessDeferred", kCloseTen, 1603,
-     Error(L"Process", L"TerminateProcess for {pid}failed with error 5"), {0, 10000},
-     {L"--window=exit --close-delay=300"}, {7}, kRealWaits},
-    {"TwoInstancesAreBothClosedInSnapshotOrder", "CloseProcessDeferred", kCloseTen, 0, L"", {0, 0},
-     {L"--hold", L"--hold"}, {0, 0}},
-    {"NameInOtherLetterCaseClosesNothing", "CloseProcessDeferred", Data(L";PROCESSNAME=qc{name}.exe;TIMEOUT=10"), 0,
-     L"", {}, {L"--hold"}, {STILL_ACTIVE}},
+    {"EndingWithinTheTimeoutIsStillTerminated",
+     "CloseProcessDeferred",
+     kCloseTen,
+     1603,
+     Error(L"Process", L"TerminateProcess for {pid}failed with error 5"),
+     {0, 10000},
+     {L"--window=exit --close-delay=300"},
+     {7},
+     kRealWaits},
+    {"TwoInstancesAreBothClosedInSnapshotOrder",
+     "CloseProcessDeferred",
+     kCloseTen,
+     0,
+     L"",
+     {0, 0},
+     {L"--hold", L"--hold"},
+     {0, 0}},
+    {"NameInOtherLetterCaseClosesNothing",
+     "CloseProcessDeferred",
+     Data(L";PROCESSNAME=qc{name}.exe;TIMEOUT=10"),
+     0,
+     L"",
+     {},
+     {L"--hold"},
+     {STILL_ACTIVE}},
     // Intentional: the entry shows the object's stored value (0), not the failure's code.
-    {"FailedOpenLogsTheStoredValueNotTheError", "CloseProcessDeferred", kCloseTen, 1603,
-     Error(L"Process", L"OpenProcess failed with error 0"), {}, {L"--hold"}, {STILL_ACTIVE}, kFailOpen},
+    {"FailedOpenLogsTheStoredValueNotTheError",
+     "CloseProcessDeferred",
+     kCloseTen,
+     1603,
+     Error(L"Process", L"OpenProcess failed with error 0"),
+     {},
+     {L"--hold"},
+     {STILL_ACTIVE},
+     kFailOpen},
     {"EmptyNameFailsSilently", "CloseProcessImmediately", {}, 1603},
 
     // Through the shell (show command SW_SHOWDEFAULT), in the working directory, not the test's.
@@ -277,25 +343,50 @@ const Case kCases[] = {
     {"MissingTargetFailsWithoutCallingTheShell", "ShellExecuteDeferred",
      Data(L"|TARGET={dir}\\Missing.exe|WORKINGDIR={dir}"), 1603, Error(L"Shell", L"Access failed with error 2")},
     // Intentional: no blank between the text and the number.
-    {"NoAssociationFailsWithReturnCode31", "ShellExecuteImmediately", {{L"ShellExecuteTarget", L"Plain.qcnoassoc"},
-     {L"ShellExecuteWorkDir", L"{dir}"}}, 1603, Error(L"Shell", L"ShellExec failed with return code31")},
+    {"NoAssociationFailsWithReturnCode31",
+     "ShellExecuteImmediately",
+     {{L"ShellExecuteTarget", L"Plain.qcnoassoc"}, {L"ShellExecuteWorkDir", L"{dir}"}},
+     1603,
+     Error(L"Shell", L"ShellExec failed with return code31")},
 
     // The auto-connect program beside the service's, run twice. RegOpenKeyExW and RegQueryValueExW report their
     // error as their result and leave the thread's last-error value alone; the entries show that value (0 here).
-    {"QuotedImagePathGivesTheBarePathWithSwitches", "CloseAutoConnect",
-     {{L"ImagePath", L"\"{dir}\\QCAutoConnSvc.exe\""}}, 0,
-     kFirstAutoConnectRun + std::wstring(L"{dir}\\QCAutoConnect.exe -r -q\t{dir}\t0\n"), {INFINITE, INFINITE}},
-    {"MissingServiceKeyFailsAndStartsNothing", "CloseAutoConnect", {}, 1603,
+    {"QuotedImagePathGivesTheBarePathWithSwitches",
+     "CloseAutoConnect",
+     {{L"ImagePath", L"\"{dir}\\QCAutoConnSvc.exe\""}},
+     0,
+     kFirstAutoConnectRun + std::wstring(L"{dir}\\QCAutoConnect.exe -r -q\t{dir}\t0\n"),
+     {INFINITE, INFINITE}},
+    {"MissingServiceKeyFailsAndStartsNothing",
+     "CloseAutoConnect",
+     {},
+     1603,
      Error(L"Various", L"Open registry key failed with error 0")},
-    {"MissingImagePathFails", "CloseAutoConnect", {{L"ImagePath", L""}}, 1603,
+    {"MissingImagePathFails",
+     "CloseAutoConnect",
+     {{L"ImagePath", L""}},
+     1603,
      Error(L"Various", L"Query registry value failed with error 0")},
-    {"MissingProgramFailsTheAccessCheck", "CloseAutoConnect", {{L"ImagePath", L"{dir}\\Missing.exe"}}, 1603,
+    {"MissingProgramFailsTheAccessCheck",
+     "CloseAutoConnect",
+     {{L"ImagePath", L"{dir}\\Missing.exe"}},
+     1603,
      Error(L"Various", L"Access failed with error 2")},
-    {"ProgramThatCannotStartFailsTheStart", "CloseAutoConnect", {{L"ImagePath", L"{dir}\\Plain.qcnoassoc"}}, 1603,
+    {"ProgramThatCannotStartFailsTheStart",
+     "CloseAutoConnect",
+     {{L"ImagePath", L"{dir}\\Plain.qcnoassoc"}},
+     1603,
      Error(L"Process", L"CreateProcess failed with error 193") + Error(L"Various", L"Start failed with error 193")},
     // Intentional, as for the create-process actions: ended before the check fails.
-    {"ProgramEndedBeforeTheCheckFailsTheWait", "CloseAutoConnect", {{L"ImagePath", L"{dir}\\QCAutoConnSvc.exe"}},
-     1603, Error(L"Various", L"Wait failed with error 0") + kFirstAutoConnectRun, {}, {}, {}, kEndFirst},
+    {"ProgramEndedBeforeTheCheckFailsTheWait",
+     "CloseAutoConnect",
+     {{L"ImagePath", L"{dir}\\QCAutoConnSvc.exe"}},
+     1603,
+     Error(L"Various", L"Wait failed with error 0") + kFirstAutoConnectRun,
+     {},
+     {},
+     {},
+     kEndFirst},
 };
 
 INSTANTIATE_TEST_SUITE_P(Runs, ProcessAction, ::testing::ValuesIn(kCases),
@@ -355,9 +446,9 @@ TEST(ProcessAndShellCode, HelperEntriesCarryTheCallersSourceAndLine)
     const bool bRead = QC_READ_PROPERTY_OR_LOG(0, L"CloseProcessProperty", value, kCaller);
     ::SetLastError(4243);
     const uint32_t openLine = __LINE__ + 1;
-    const bool bOpened = QC_OPEN_KEY_OR_LOG(HKEY_LOCAL_MACHINE, L"SYSTEM\\QcNoSuchKey", KEY_READ, key,
-                                            Quillcast::Logging::LOG_LEVEL_WARNING, kCaller,
-                                            L"Open registry key failed with error ");
+    const bool bOpened =
+        QC_OPEN_KEY_OR_LOG(HKEY_LOCAL_MACHINE, L"SYSTEM\\QcNoSuchKey", KEY_READ, key,
+                           Quillcast::Logging::LOG_LEVEL_WARNING, kCaller, L"Open registry key failed with error ");
     EXPECT_FALSE(bRead);
     EXPECT_FALSE(bOpened);
     Lines lines;

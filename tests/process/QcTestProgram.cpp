@@ -122,9 +122,8 @@ int RunWindow()
     windowClass.hInstance = GetModuleHandleW(nullptr);
     windowClass.lpszClassName = L"QcTestProgramWindow";
     RegisterClassW(&windowClass);
-    HWND hWindow = CreateWindowExW(0, windowClass.lpszClassName, L"QcTestProgram", WS_OVERLAPPEDWINDOW,
-                                   CW_USEDEFAULT, CW_USEDEFAULT, 200, 100, nullptr, nullptr, windowClass.hInstance,
-                                   nullptr);
+    HWND hWindow = CreateWindowExW(0, windowClass.lpszClassName, L"QcTestProgram", WS_OVERLAPPEDWINDOW, CW_USEDEFAULT,
+                                   CW_USEDEFAULT, 200, 100, nullptr, nullptr, windowClass.hInstance, nullptr);
     if (hWindow == nullptr)
     {
         return 3;

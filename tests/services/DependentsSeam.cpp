@@ -69,8 +69,8 @@ BOOL WINAPI EnumDependentServicesFromGraph(SC_HANDLE hService, DWORD dwServiceSt
         const CServiceHandle dependent(::OpenServiceW(manager.Get(), name.c_str(), SERVICE_QUERY_STATUS));
         ENUM_SERVICE_STATUSW entry{name.data(), name.data(), {}};
         if (dependent && ::QueryServiceStatus(dependent.Get(), &entry.ServiceStatus) &&
-            (dwServiceState & (entry.ServiceStatus.dwCurrentState == SERVICE_STOPPED ? SERVICE_INACTIVE
-                                                                                      : SERVICE_ACTIVE)) != 0)
+            (dwServiceState &
+             (entry.ServiceStatus.dwCurrentState == SERVICE_STOPPED ? SERVICE_INACTIVE : SERVICE_ACTIVE)) != 0)
         {
             needed += static_cast<DWORD>(sizeof(entry) + 2 * (name.size() + 1) * sizeof(wchar_t));
             found.push_back(entry);
@@ -101,8 +101,8 @@ BOOL WINAPI EnumDependentServicesFromGraph(SC_HANDLE hService, DWORD dwServiceSt
 } // namespace
 
 CDependentsSeam::CDependentsSeam(HMODULE hModule)
-    : m_Patch(hModule, "ADVAPI32.dll", "EnumDependentServicesW",
-              reinterpret_cast<const void*>(&EnumDependentServicesFromGraph))
+        : m_Patch(hModule, "ADVAPI32.dll", "EnumDependentServicesW",
+                  reinterpret_cast<const void*>(&EnumDependentServicesFromGraph))
 {
     ClearCalls();
 }

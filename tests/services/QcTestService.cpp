@@ -215,8 +215,8 @@ void WINAPI ServiceMain(DWORD /*argc*/, LPWSTR* /*argv*/)
         return;
     }
     const bool held = g_Options.startDelay != 0 && ::WaitForSingleObject(g_hContinue, 0) != WAIT_OBJECT_0;
-    if (g_Options.startDelay != 0 && (!Pending(SERVICE_START_PENDING, g_Options.startDelay) ||
-                                      (held && g_Options.abortHeldStart)))
+    if (g_Options.startDelay != 0 &&
+        (!Pending(SERVICE_START_PENDING, g_Options.startDelay) || (held && g_Options.abortHeldStart)))
     {
         Report(SERVICE_STOPPED);
         return;

@@ -30,14 +30,27 @@ namespace {
 // Short names for the states, start types and enumeration filters the cases use.
 enum : DWORD
 {
-    Stopped = SERVICE_STOPPED, StartPending = SERVICE_START_PENDING, StopPending = SERVICE_STOP_PENDING,
-    Running = SERVICE_RUNNING, Paused = SERVICE_PAUSED, Auto = SERVICE_AUTO_START, Demand = SERVICE_DEMAND_START,
-    Disabled = SERVICE_DISABLED, Active = SERVICE_ACTIVE, Inactive = SERVICE_INACTIVE
+    Stopped = SERVICE_STOPPED,
+    StartPending = SERVICE_START_PENDING,
+    StopPending = SERVICE_STOP_PENDING,
+    Running = SERVICE_RUNNING,
+    Paused = SERVICE_PAUSED,
+    Auto = SERVICE_AUTO_START,
+    Demand = SERVICE_DEMAND_START,
+    Disabled = SERVICE_DISABLED,
+    Active = SERVICE_ACTIVE,
+    Inactive = SERVICE_INACTIVE
 };
 
 // The controller's entries, as Body() renders them.
-std::wstring Warning(const std::wstring& text) { return L"[WARNING] Daemon (#) " + text + L"."; }
-std::wstring Error(const std::wstring& text) { return L"[ERROR] Daemon (#) " + text + L"."; }
+std::wstring Warning(const std::wstring& text)
+{
+    return L"[WARNING] Daemon (#) " + text + L".";
+}
+std::wstring Error(const std::wstring& text)
+{
+    return L"[ERROR] Daemon (#) " + text + L".";
+}
 
 // Line `number` of the controller's source, read from QC_SOURCE_DIR (a Unix path: Wine maps the root to Z:); empty
 // when there is no such line.
@@ -83,8 +96,8 @@ struct Case
     const char* action;
     const wchar_t* data; // CustomActionData
     UINT result;
-    Lines lines;   // the controller's, without the frame's
-    Lines journal; // the services' transitions during the action, in order
+    Lines lines;                          // the controller's, without the frame's
+    Lines journal;                        // the services' transitions during the action, in order
     std::vector<DWORD> enumerations = {}; // the state filter of each dependent enumeration
     int continueAfterQueries = 0;         // the first service's held state ends after that many status queries
     Lines opens = {};                     // checked when given
@@ -99,10 +112,7 @@ constexpr auto kWatchdog = std::chrono::minutes(3);
 class ServiceAction : public ::testing::TestWithParam<Case>
 {
 protected:
-    static void SetUpTestSuite()
-    {
-        s_pSeam = std::make_unique<CDependentsSeam>(ShippedLibrary().Module());
-    }
+    static void SetUpTestSuite() { s_pSeam = std::make_unique<CDependentsSeam>(ShippedLibrary().Module()); }
 
     // "QcSvc_<test>_<role>", unique per case.
     static std::wstring Name(const std::wstring& role)
@@ -134,7 +144,8 @@ protected:
 TEST_P(ServiceAction, Case)
 {
     const Case& test = GetParam();
-    ASSERT_TRUE(ShippedLibrary().IsLoaded() && s_pSeam->IsInstalled()) << "no DLL, or it imports no EnumDependentServicesW";
+    ASSERT_TRUE(ShippedLibrary().IsLoaded() && s_pSeam->IsInstalled())
+        << "no DLL, or it imports no EnumDependentServicesW";
     std::vector<CTestService*> services;
     for (const ServiceSetup& setup : test.services)
     {
@@ -238,71 +249,157 @@ TEST_P(ServiceAction, Case)
 
 const Case kCases[] = {
     // Running by the first poll, yet 1.5 s are more than a limit of 0.
-    {"TimeoutZeroWinsOverTheStateReadOnTheSamePoll", {{L"S", Stopped, Running}}, "ServiceStart",
-     L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=0", 1603, {Error(L"{S} timeout, after 0 seconds")}, {L"{S} running"}},
+    {"TimeoutZeroWinsOverTheStateReadOnTheSamePoll",
+     {{L"S", Stopped, Running}},
+     "ServiceStart",
+     L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=0",
+     1603,
+     {Error(L"{S} timeout, after 0 seconds")},
+     {L"{S} running"}},
     // 4294969 s are 4294969000 ms, 1704 ms in 32 bits: the poll at 1.5 s passes, the next times out. Without the wrap
     // it would never time out.
-    {"TimeoutInMillisecondsWrapsIn32Bits", {{L"S", Stopped, StartPending, L"--start-delay=hold"}}, "ServiceStart",
-     L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=4294969", 1603, {Error(L"{S} timeout, after 1 seconds")}, {}},
+    {"TimeoutInMillisecondsWrapsIn32Bits",
+     {{L"S", Stopped, StartPending, L"--start-delay=hold"}},
+     "ServiceStart",
+     L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=4294969",
+     1603,
+     {Error(L"{S} timeout, after 1 seconds")},
+     {}},
     // 4294966296 ms; read as 0 it would fail the first poll.
-    {"TimeoutOfMinusOneIsInEffectNoLimit", {{L"S", Stopped, Running, L"--start-delay=2000"}}, "ServiceStart",
-     L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=-1", 0, {}, {L"{S} running"}},
+    {"TimeoutOfMinusOneIsInEffectNoLimit",
+     {{L"S", Stopped, Running, L"--start-delay=2000"}},
+     "ServiceStart",
+     L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=-1",
+     0,
+     {},
+     {L"{S} running"}},
     // Three pairs are required, so a stand-in takes TIMEOUT's place: no limit, and four polls find the service pending
     // before it is let run.
-    {"WithoutTimeoutStartPollsUntilTheServiceRuns", {{L"S", Stopped, Running, L"--start-delay=hold"}},
-     "ServiceStart", L";SERVICENAME={S};DEPENDENCIES=0;UNUSED=1", 0, {}, {L"{S} running"}, {}, 5},
+    {"WithoutTimeoutStartPollsUntilTheServiceRuns",
+     {{L"S", Stopped, Running, L"--start-delay=hold"}},
+     "ServiceStart",
+     L";SERVICENAME={S};DEPENDENCIES=0;UNUSED=1",
+     0,
+     {},
+     {L"{S} running"},
+     {},
+     5},
     // Still pending at the first poll, done by the second: a second start or stop control would fail and say so.
-    {"StartPendingServiceIsAwaitedWithoutASecondStart", {{L"S", StartPending, Running, L"--start-delay=hold"}},
-     "ServiceStart", L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=30", 0, {Warning(L"{S} pending start")},
-     {L"{S} running"}, {}, 2},
+    {"StartPendingServiceIsAwaitedWithoutASecondStart",
+     {{L"S", StartPending, Running, L"--start-delay=hold"}},
+     "ServiceStart",
+     L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=30",
+     0,
+     {Warning(L"{S} pending start")},
+     {L"{S} running"},
+     {},
+     2},
     {"StartPendingThatEndsStoppedIsStartedByTheAction",
-     {{L"S", StartPending, Running, L"--start-delay=hold --abort-held-start"}}, "ServiceStart",
-     L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=30", 0, {Warning(L"{S} pending start")},
-     {L"{S} stopped", L"{S} running"}, {}, 2},
-    {"StopPendingServiceIsAwaitedWithoutASecondControl", {{L"S", StopPending, Stopped, L"--stop-delay=hold"}},
-     "ServiceStop", L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=30", 0, {Warning(L"{S} pending stop")},
-     {L"{S} stopped"}, {}, 2},
-    {"PausedServiceOnStartWarnsUnknownStatusAndItsStartFails", {{L"S", Paused, Paused, L"--pausable"}},
-     "ServiceStart", L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=30", 1603,
-     {Warning(L"{S} status, unknown #7"), Error(L"StartService failed with error 1056")}, {}},
-    {"PausedServiceOnStopWarnsUnknownStatusAndIsStopped", {{L"S", Paused, Stopped, L"--pausable"}}, "ServiceStop",
-     L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=30", 0, {Warning(L"{S} status, unknown #7")}, {L"{S} stopped"}},
-    {"RestartOfAStoppedServiceWarnsAlreadyStoppedAndStartsIt", {{L"S", Stopped, Running}}, "ServiceRestart",
-     L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=30", 0, {Warning(L"{S} is already stopped")}, {L"{S} running"}},
-    {"RestartAwaitsTheStopThenStartsTheService", {{L"S", Running, Running, L"--stop-delay=2000"}}, "ServiceRestart",
-     L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=30", 0, {}, {L"{S} stopped", L"{S} running"}},
+     {{L"S", StartPending, Running, L"--start-delay=hold --abort-held-start"}},
+     "ServiceStart",
+     L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=30",
+     0,
+     {Warning(L"{S} pending start")},
+     {L"{S} stopped", L"{S} running"},
+     {},
+     2},
+    {"StopPendingServiceIsAwaitedWithoutASecondControl",
+     {{L"S", StopPending, Stopped, L"--stop-delay=hold"}},
+     "ServiceStop",
+     L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=30",
+     0,
+     {Warning(L"{S} pending stop")},
+     {L"{S} stopped"},
+     {},
+     2},
+    {"PausedServiceOnStartWarnsUnknownStatusAndItsStartFails",
+     {{L"S", Paused, Paused, L"--pausable"}},
+     "ServiceStart",
+     L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=30",
+     1603,
+     {Warning(L"{S} status, unknown #7"), Error(L"StartService failed with error 1056")},
+     {}},
+    {"PausedServiceOnStopWarnsUnknownStatusAndIsStopped",
+     {{L"S", Paused, Stopped, L"--pausable"}},
+     "ServiceStop",
+     L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=30",
+     0,
+     {Warning(L"{S} status, unknown #7")},
+     {L"{S} stopped"}},
+    {"RestartOfAStoppedServiceWarnsAlreadyStoppedAndStartsIt",
+     {{L"S", Stopped, Running}},
+     "ServiceRestart",
+     L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=30",
+     0,
+     {Warning(L"{S} is already stopped")},
+     {L"{S} running"}},
+    {"RestartAwaitsTheStopThenStartsTheService",
+     {{L"S", Running, Running, L"--stop-delay=2000"}},
+     "ServiceRestart",
+     L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=30",
+     0,
+     {},
+     {L"{S} stopped", L"{S} running"}},
     // A start would have warned " is already started".
-    {"RestartWhoseStopIsRefusedTriesNoStart", {{L"S", Running, Running, L"--refuse-stop"}}, "ServiceRestart",
-     L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=30", 1603, {Error(L"ControlService failed with error 1052")}, {}},
+    {"RestartWhoseStopIsRefusedTriesNoStart",
+     {{L"S", Running, Running, L"--refuse-stop"}},
+     "ServiceRestart",
+     L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=30",
+     1603,
+     {Error(L"ControlService failed with error 1052")},
+     {}},
     // Logged through a helper, yet under the line of the failed control itself.
-    {"RefusedStopIsLoggedAtTheLineOfItsControl", {{L"S", Running, Running, L"--refuse-stop"}}, "ServiceStop",
-     L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=30", 1603, {Error(L"ControlService failed with error 1052")}, {}, {}, 0,
-     {}, L"ControlService failed with error "},
-    {"UnknownServiceOnStartFailsAtOpenAndAtTheFirstQuery", {}, "ServiceStart",
-     L";SERVICENAME={Missing};DEPENDENCIES=1;TIMEOUT=30", 1603,
-     {Error(L"OpenService failed"), Error(L"QueryServiceStatus failed with error 6")}, {}},
+    {"RefusedStopIsLoggedAtTheLineOfItsControl",
+     {{L"S", Running, Running, L"--refuse-stop"}},
+     "ServiceStop",
+     L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=30",
+     1603,
+     {Error(L"ControlService failed with error 1052")},
+     {},
+     {},
+     0,
+     {},
+     L"ControlService failed with error "},
+    {"UnknownServiceOnStartFailsAtOpenAndAtTheFirstQuery",
+     {},
+     "ServiceStart",
+     L";SERVICENAME={Missing};DEPENDENCIES=1;TIMEOUT=30",
+     1603,
+     {Error(L"OpenService failed"), Error(L"QueryServiceStatus failed with error 6")},
+     {}},
     // The frame rejects it before any service call.
     {"EmptyServiceNameIsRejected", {}, "ServiceStart", L";SERVICENAME=;DEPENDENCIES=1;TIMEOUT=30", 1603, {}, {}},
 
     // Only the inactive dependents are enumerated (D3 is not met at all) and started in start order.
     {"StartOfARunningServiceStartsItsInactiveDependentsInStartOrder",
-     {{L"S", Running, Running}, {L"D1", Stopped, Running, L"", Auto, {L"S"}},
-      {L"D2", Stopped, Running, L"", Auto, {L"D1"}}, {L"D3", Running, Running, L"", Auto, {L"S"}}},
-     "ServiceStart", L";SERVICENAME={S};DEPENDENCIES=1;TIMEOUT=30", 0, {Warning(L"{S} is already started")},
-     {L"{D1} running", L"{D2} running"}, {Inactive, Inactive}},
+     {{L"S", Running, Running},
+      {L"D1", Stopped, Running, L"", Auto, {L"S"}},
+      {L"D2", Stopped, Running, L"", Auto, {L"D1"}},
+      {L"D3", Running, Running, L"", Auto, {L"S"}}},
+     "ServiceStart",
+     L";SERVICENAME={S};DEPENDENCIES=1;TIMEOUT=30",
+     0,
+     {Warning(L"{S} is already started")},
+     {L"{D1} running", L"{D2} running"},
+     {Inactive, Inactive}},
     // Active dependents in reverse start order: D3, D4 (needs D1), D1. They stop in that order before the service and
     // start again in the reverse order after it, from the list the stop enumerated (one size query and one read); D3
     // only starts on demand and D2 did not run. The service is opened for everything, each dependent with only what its
     // walk needs.
     {"RestartWithDependentsRestartsExactlyThoseThatRanSkippingDemandStart",
-     {{L"S", Running, Running}, {L"D1", Running, Running, L"", Auto, {L"S"}},
-      {L"D2", Stopped, Stopped, L"", Auto, {L"S"}}, {L"D3", Running, Stopped, L"", Demand, {L"S"}},
+     {{L"S", Running, Running},
+      {L"D1", Running, Running, L"", Auto, {L"S"}},
+      {L"D2", Stopped, Stopped, L"", Auto, {L"S"}},
+      {L"D3", Running, Stopped, L"", Demand, {L"S"}},
       {L"D4", Running, Running, L"", Auto, {L"D1"}}},
-     "ServiceRestart", L";SERVICENAME={S};DEPENDENCIES=1;TIMEOUT=30", 0,
+     "ServiceRestart",
+     L";SERVICENAME={S};DEPENDENCIES=1;TIMEOUT=30",
+     0,
      {Warning(L"{D3} only starts on demand, will skip")},
      {L"{D3} stopped", L"{D4} stopped", L"{D1} stopped", L"{S} stopped", L"{S} running", L"{D1} running",
       L"{D4} running"},
-     {Active, Active}, 0,
+     {Active, Active},
+     0,
      {L"manager 0xF003F", L"{S} 0x3D", L"{D3} 0x25", L"{D4} 0x25", L"{D1} 0x25", L"{D1} 0x15", L"{D4} 0x15",
       L"{D3} 0x15"}},
     // Walked C, B, A. C times out (a warning) and the walk goes on; B stops at its control; A times out as well, and as
@@ -310,62 +407,105 @@ const Case kCases[] = {
     // although the service stops a millisecond after its control. Held states and a stop that needs no poll keep the
     // outcome the same on a busy machine.
     {"DependentStopTimeoutLeavesTheMeasureRunningForTheService",
-     {{L"S", Running, Stopped, L"--stop-delay=1"}, {L"A", Running, StopPending, L"--stop-delay=hold", Auto, {L"S"}},
-      {L"B", Running, Stopped, L"", Auto, {L"A"}}, {L"C", Running, StopPending, L"--stop-delay=hold", Auto, {L"B"}}},
-     "ServiceStop", L";SERVICENAME={S};DEPENDENCIES=1;TIMEOUT=2", 1603,
+     {{L"S", Running, Stopped, L"--stop-delay=1"},
+      {L"A", Running, StopPending, L"--stop-delay=hold", Auto, {L"S"}},
+      {L"B", Running, Stopped, L"", Auto, {L"A"}},
+      {L"C", Running, StopPending, L"--stop-delay=hold", Auto, {L"B"}}},
+     "ServiceStop",
+     L";SERVICENAME={S};DEPENDENCIES=1;TIMEOUT=2",
+     1603,
      {Warning(L"{C} timeout, after 2 seconds"), Warning(L"{A} timeout, after 2 seconds"),
       Error(L"{S} timeout, after 2 seconds")},
-     {L"{B} stopped", L"{S} stopped"}, {Active, Active}},
+     {L"{B} stopped", L"{S} stopped"},
+     {Active, Active}},
     // C times out after three polls; paused B refuses the stop, which ends the walk and starts the measure afresh: the
     // service's wait has its full limit.
     {"DependentStopFailureEndsTheWalkAndResetsTheMeasure",
-     {{L"S", Running, Stopped, L"--stop-delay=1"}, {L"A", Running, Running, L"", Auto, {L"S"}},
+     {{L"S", Running, Stopped, L"--stop-delay=1"},
+      {L"A", Running, Running, L"", Auto, {L"S"}},
       {L"B", Paused, Paused, L"--pausable --refuse-stop", Auto, {L"A"}},
       {L"C", Running, StopPending, L"--stop-delay=hold", Auto, {L"B"}}},
-     "ServiceStop", L";SERVICENAME={S};DEPENDENCIES=1;TIMEOUT=4", 0,
-     {Warning(L"{C} timeout, after 4 seconds"), Error(L"ControlService failed with error 1052")}, {L"{S} stopped"},
+     "ServiceStop",
+     L";SERVICENAME={S};DEPENDENCIES=1;TIMEOUT=4",
+     0,
+     {Warning(L"{C} timeout, after 4 seconds"), Error(L"ControlService failed with error 1052")},
+     {L"{S} stopped"},
      {Active, Active}},
     // Enumerated while stopping (active), stopped by the time the walk reaches it after D2's longer stop.
     {"DependentThatStoppedMeanwhileWarnsAlreadyStopped",
-     {{L"S", Running, Stopped}, {L"D1", StopPending, Stopped, L"--stop-delay=3000", Auto, {L"S"}},
+     {{L"S", Running, Stopped},
+      {L"D1", StopPending, Stopped, L"--stop-delay=3000", Auto, {L"S"}},
       {L"D2", Running, Stopped, L"--stop-delay=6000", Auto, {L"D1"}}},
-     "ServiceStop", L";SERVICENAME={S};DEPENDENCIES=1;TIMEOUT=60", 0, {Warning(L"{D1} is already stopped")},
-     {L"{D1} stopped", L"{D2} stopped", L"{S} stopped"}, {Active, Active}},
+     "ServiceStop",
+     L";SERVICENAME={S};DEPENDENCIES=1;TIMEOUT=60",
+     0,
+     {Warning(L"{D1} is already stopped")},
+     {L"{D1} stopped", L"{D2} stopped", L"{S} stopped"},
+     {Active, Active}},
     // D1 is started before D2: a disabled one is skipped, another failure ends the walk (Wine's manager answers 1053
     // when ServiceMain reports SERVICE_STOPPED with an error), a time-out does not; none fails the action.
     {"DisabledDependentIsSkippedAndTheWalkGoesOn",
-     {{L"S", Running, Running}, {L"D1", Stopped, Stopped, L"", Disabled, {L"S"}},
+     {{L"S", Running, Running},
+      {L"D1", Stopped, Stopped, L"", Disabled, {L"S"}},
       {L"D2", Stopped, Running, L"", Auto, {L"S"}}},
-     "ServiceStart", L";SERVICENAME={S};DEPENDENCIES=1;TIMEOUT=30", 0,
-     {Warning(L"{S} is already started"), Error(L"StartService failed with error 1058")}, {L"{D2} running"},
+     "ServiceStart",
+     L";SERVICENAME={S};DEPENDENCIES=1;TIMEOUT=30",
+     0,
+     {Warning(L"{S} is already started"), Error(L"StartService failed with error 1058")},
+     {L"{D2} running"},
      {Inactive, Inactive}},
     {"OtherStartFailureEndsTheWalkButNotTheAction",
-     {{L"S", Running, Running}, {L"D1", Stopped, Stopped, L"--fail-start", Auto, {L"S"}},
+     {{L"S", Running, Running},
+      {L"D1", Stopped, Stopped, L"--fail-start", Auto, {L"S"}},
       {L"D2", Stopped, Stopped, L"", Auto, {L"S"}}},
-     "ServiceStart", L";SERVICENAME={S};DEPENDENCIES=1;TIMEOUT=30", 0,
-     {Warning(L"{S} is already started"), Error(L"StartService failed with error 1053")}, {L"{D1} stopped"},
+     "ServiceStart",
+     L";SERVICENAME={S};DEPENDENCIES=1;TIMEOUT=30",
+     0,
+     {Warning(L"{S} is already started"), Error(L"StartService failed with error 1053")},
+     {L"{D1} stopped"},
      {Inactive, Inactive}},
     // 4 s leave D2's first poll (at 1.5 s) well inside the limit.
     {"DependentStartTimeoutIsAnErrorAndTheWalkGoesOn",
-     {{L"S", Running, Running}, {L"D1", Stopped, StartPending, L"--start-delay=hold", Auto, {L"S"}},
+     {{L"S", Running, Running},
+      {L"D1", Stopped, StartPending, L"--start-delay=hold", Auto, {L"S"}},
       {L"D2", Stopped, Running, L"", Auto, {L"S"}}},
-     "ServiceStart", L";SERVICENAME={S};DEPENDENCIES=1;TIMEOUT=4", 0,
-     {Warning(L"{S} is already started"), Error(L"{D1} timeout, after 4 seconds")}, {L"{D2} running"},
+     "ServiceStart",
+     L";SERVICENAME={S};DEPENDENCIES=1;TIMEOUT=4",
+     0,
+     {Warning(L"{S} is already started"), Error(L"{D1} timeout, after 4 seconds")},
+     {L"{D2} running"},
      {Inactive, Inactive}},
     // Dependents are left alone when the service was already stopped, and unless DEPENDENCIES is exactly "1". A stop
     // the control reports done needs no poll, so a limit of 0 is no failure; a held stop fails its first poll, as an
     // empty or junk limit converts to 0.
     {"StopWhenAlreadyStoppedLeavesDependentsAlone",
-     {{L"S", Stopped, Stopped}, {L"D", Running, Running, L"", Auto, {L"S"}}}, "ServiceStop",
-     L";SERVICENAME={S};DEPENDENCIES=1;TIMEOUT=30", 0, {Warning(L"{S} is already stopped")}, {}},
-    {"Dependencies0", {{L"S", Running, Stopped}, {L"D", Running, Running, L"", Auto, {L"S"}}}, "ServiceStop",
-     L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=0", 0, {}, {L"{S} stopped"}},
+     {{L"S", Stopped, Stopped}, {L"D", Running, Running, L"", Auto, {L"S"}}},
+     "ServiceStop",
+     L";SERVICENAME={S};DEPENDENCIES=1;TIMEOUT=30",
+     0,
+     {Warning(L"{S} is already stopped")},
+     {}},
+    {"Dependencies0",
+     {{L"S", Running, Stopped}, {L"D", Running, Running, L"", Auto, {L"S"}}},
+     "ServiceStop",
+     L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=0",
+     0,
+     {},
+     {L"{S} stopped"}},
     {"Dependencies01AndJunkTimeout",
-     {{L"S", Running, StopPending, L"--stop-delay=hold"}, {L"D", Running, Running, L"", Auto, {L"S"}}}, "ServiceStop",
-     L";SERVICENAME={S};DEPENDENCIES=01;TIMEOUT=junk", 1603, {Error(L"{S} timeout, after 0 seconds")}, {}},
+     {{L"S", Running, StopPending, L"--stop-delay=hold"}, {L"D", Running, Running, L"", Auto, {L"S"}}},
+     "ServiceStop",
+     L";SERVICENAME={S};DEPENDENCIES=01;TIMEOUT=junk",
+     1603,
+     {Error(L"{S} timeout, after 0 seconds")},
+     {}},
     {"EmptyDependenciesAndTimeout",
-     {{L"S", Running, StopPending, L"--stop-delay=hold"}, {L"D", Running, Running, L"", Auto, {L"S"}}}, "ServiceStop",
-     L";SERVICENAME={S};DEPENDENCIES=;TIMEOUT=", 1603, {Error(L"{S} timeout, after 0 seconds")}, {}},
+     {{L"S", Running, StopPending, L"--stop-delay=hold"}, {L"D", Running, Running, L"", Auto, {L"S"}}},
+     "ServiceStop",
+     L";SERVICENAME={S};DEPENDENCIES=;TIMEOUT=",
+     1603,
+     {Error(L"{S} timeout, after 0 seconds")},
+     {}},
 };
 
 INSTANTIATE_TEST_SUITE_P(Cases, ServiceAction, ::testing::ValuesIn(kCases),

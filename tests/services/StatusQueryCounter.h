@@ -16,9 +16,9 @@ namespace QcTest {
 // What one loaded module asked of the service manager while a recorder lived.
 struct ServiceCalls
 {
-    std::vector<DWORD> sleeps;            // every Sleep's argument
-    std::vector<std::wstring> opens;      // "manager 0xACCESS" / "<service> 0xACCESS", in order
-    std::vector<SC_HANDLE> opened;        // every handle those calls returned
+    std::vector<DWORD> sleeps;       // every Sleep's argument
+    std::vector<std::wstring> opens; // "manager 0xACCESS" / "<service> 0xACCESS", in order
+    std::vector<SC_HANDLE> opened;   // every handle those calls returned
     std::vector<HANDLE> closedByCloseHandle;
     int closeServiceHandleCalls = 0;
 };
@@ -31,12 +31,13 @@ class CServiceCallRecorder
 {
 public:
     explicit CServiceCallRecorder(HMODULE hModule)
-        : m_Query(hModule, "ADVAPI32.dll", "QueryServiceStatus", reinterpret_cast<const void*>(&Query)),
-          m_Manager(hModule, "ADVAPI32.dll", "OpenSCManagerW", reinterpret_cast<const void*>(&OpenManager)),
-          m_Service(hModule, "ADVAPI32.dll", "OpenServiceW", reinterpret_cast<const void*>(&OpenServiceHook)),
-          m_Close(hModule, "KERNEL32.dll", "CloseHandle", reinterpret_cast<const void*>(&Close)),
-          m_CloseService(hModule, "ADVAPI32.dll", "CloseServiceHandle", reinterpret_cast<const void*>(&CloseService)),
-          m_Sleep(hModule, "KERNEL32.dll", "Sleep", reinterpret_cast<const void*>(&Sleeping))
+            : m_Query(hModule, "ADVAPI32.dll", "QueryServiceStatus", reinterpret_cast<const void*>(&Query)),
+              m_Manager(hModule, "ADVAPI32.dll", "OpenSCManagerW", reinterpret_cast<const void*>(&OpenManager)),
+              m_Service(hModule, "ADVAPI32.dll", "OpenServiceW", reinterpret_cast<const void*>(&OpenServiceHook)),
+              m_Close(hModule, "KERNEL32.dll", "CloseHandle", reinterpret_cast<const void*>(&Close)),
+              m_CloseService(hModule, "ADVAPI32.dll", "CloseServiceHandle",
+                             reinterpret_cast<const void*>(&CloseService)),
+              m_Sleep(hModule, "KERNEL32.dll", "Sleep", reinterpret_cast<const void*>(&Sleeping))
     {
         s_pQuery = m_Query.Original<decltype(&Query)>();
         s_pOpenManager = m_Manager.Original<decltype(&OpenManager)>();

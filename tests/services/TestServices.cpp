@@ -39,13 +39,13 @@ const wchar_t* StateName(DWORD state)
 }
 
 CTestService::CTestService(const ServiceDefinition& definition, const std::wstring& journalPath)
-    : m_Name(definition.name), m_hManager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS)),
-      m_hContinue(Event(m_Name, L"Continue")), m_hExit(Event(m_Name, L"Exit"))
+        : m_Name(definition.name), m_hManager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS)),
+          m_hContinue(Event(m_Name, L"Continue")), m_hExit(Event(m_Name, L"Exit"))
 {
     ::ResetEvent(m_hContinue.Get());
     ::ResetEvent(m_hExit.Get());
-    std::wstring commandLine = L"\"" + BinFolder() + L"QcTestService.exe\" " + m_Name +
-                               L" " + definition.options + L" \"--journal=" + journalPath + L"\"";
+    std::wstring commandLine = L"\"" + BinFolder() + L"QcTestService.exe\" " + m_Name + L" " + definition.options +
+                               L" \"--journal=" + journalPath + L"\"";
     std::wstring dependencies;
     for (const std::wstring& dependency : definition.dependsOn)
     {

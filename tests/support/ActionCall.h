@@ -22,8 +22,8 @@ using Properties = std::vector<std::pair<std::wstring, std::wstring>>;
 struct ActionOutcome
 {
     UINT result = 0xFFFFFFFF;
-    Lines lines;           // bodies of the lines the frame did not write
-    Lines values;          // the values of the names asked for ("" when unset)
+    Lines lines;               // bodies of the lines the frame did not write
+    Lines values;              // the values of the names asked for ("" when unset)
     HRESULT comAfter = E_FAIL; // CoInitializeEx(apartment) on the thread after the call
     Lines messages;            // the user messages with the installer's answers
 };
@@ -40,50 +40,51 @@ inline ActionOutcome RunAction(const char* exportName, const Properties& propert
                                int apartmentBefore = -1, int answer = IDOK)
 {
     const QcRunner::CustomActionFunction action = ShippedLibrary().Find(exportName);
-    return std::async(std::launch::async, [&]() {
-               ActionOutcome outcome;
-               if (apartmentBefore != -1)
-               {
-                   (void)CoInitializeEx(nullptr, static_cast<DWORD>(apartmentBefore));
-               }
-               {
-                   QcRunner::CActionHost host;
-                   for (const auto& property : properties)
-                   {
-                       host.SetProperty(property.first, property.second);
-                   }
-                   if (action == nullptr || !host.IsOpen())
-                   {
-                       outcome.lines.push_back(L"(no action or no session) " + host.Error());
-                       return outcome;
-                   }
-                   host.SetFallbackAnswer(answer);
-                   outcome.result = host.Call(action);
-                   outcome.messages = host.Messages();
-                   for (const std::wstring& line : host.LogLines())
-                   {
-                       const std::wstring body = Body(line);
-                       if (body.find(L"Workbench (#) ") == std::wstring::npos)
-                       {
-                           outcome.lines.push_back(body);
-                       }
-                   }
-                   for (const std::wstring& name : show)
-                   {
-                       outcome.values.push_back(host.GetProperty(name));
-                   }
-               }
-               // S_OK when the action left COM as it found it on a fresh thread.
-               outcome.comAfter =
-                   CoInitializeEx(nullptr, apartmentBefore != -1 ? static_cast<DWORD>(apartmentBefore)
-                                                                 : static_cast<DWORD>(COINIT_MULTITHREADED));
-               CoUninitialize();
-               if (apartmentBefore != -1)
-               {
-                   CoUninitialize();
-               }
-               return outcome;
-           })
+    return std::async(std::launch::async,
+                      [&]() {
+                          ActionOutcome outcome;
+                          if (apartmentBefore != -1)
+                          {
+                              (void)CoInitializeEx(nullptr, static_cast<DWORD>(apartmentBefore));
+                          }
+                          {
+                              QcRunner::CActionHost host;
+                              for (const auto& property : properties)
+                              {
+                                  host.SetProperty(property.first, property.second);
+                              }
+                              if (action == nullptr || !host.IsOpen())
+                              {
+                                  outcome.lines.push_back(L"(no action or no session) " + host.Error());
+                                  return outcome;
+                              }
+                              host.SetFallbackAnswer(answer);
+                              outcome.result = host.Call(action);
+                              outcome.messages = host.Messages();
+                              for (const std::wstring& line : host.LogLines())
+                              {
+                                  const std::wstring body = Body(line);
+                                  if (body.find(L"Workbench (#) ") == std::wstring::npos)
+                                  {
+                                      outcome.lines.push_back(body);
+                                  }
+                              }
+                              for (const std::wstring& name : show)
+                              {
+                                  outcome.values.push_back(host.GetProperty(name));
+                              }
+                          }
+                          // S_OK when the action left COM as it found it on a fresh thread.
+                          outcome.comAfter =
+                              CoInitializeEx(nullptr, apartmentBefore != -1 ? static_cast<DWORD>(apartmentBefore)
+                                                                            : static_cast<DWORD>(COINIT_MULTITHREADED));
+                          CoUninitialize();
+                          if (apartmentBefore != -1)
+                          {
+                              CoUninitialize();
+                          }
+                          return outcome;
+                      })
         .get();
 }
 

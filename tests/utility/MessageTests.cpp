@@ -23,8 +23,8 @@ std::tuple<UINT, Lines, Lines> Show(const char* exportName, const Properties& pr
 TEST(ShowMessage, DeferredResultFollowsTheAnswerAndTheTypeIsDecimal)
 {
     // 0 is no answer at all, as in a silent installation.
-    const std::pair<int, UINT> answers[] = {{0, 0},        {IDOK, 0},         {IDRETRY, 0},    {IDIGNORE, 0},
-                                            {IDYES, 0},    {IDCONTINUE, 0},   {IDCANCEL, 1602}, {IDABORT, 1602},
+    const std::pair<int, UINT> answers[] = {{0, 0},       {IDOK, 0},          {IDRETRY, 0},     {IDIGNORE, 0},
+                                            {IDYES, 0},   {IDCONTINUE, 0},    {IDCANCEL, 1602}, {IDABORT, 1602},
                                             {IDNO, 1602}, {IDTRYAGAIN, 1602}, {-1, 1602}};
     for (const auto& [answer, result] : answers)
     {
@@ -44,7 +44,7 @@ struct ImmediateCase
     const wchar_t* quietMode;
     int answer; // the installer's
     Lines lines;
-    std::wstring box = L"";           // the box shown, "caption|text|type"; empty: none
+    std::wstring box = L""; // the box shown, "caption|text|type"; empty: none
     UINT result = 0;
     const wchar_t* failingRead = L""; // a property whose read fails
 };
@@ -72,7 +72,8 @@ TEST_P(ShowMessageImmediately, ShowsTheMessage)
 {
     const ImmediateCase& test = GetParam();
     g_Imports.failingRead = test.failingRead;
-    const Properties properties = {{L"ShowMessageTextProperty", kText}, {L"ShowMessageTypeProperty", L"4"},
+    const Properties properties = {{L"ShowMessageTextProperty", kText},
+                                   {L"ShowMessageTypeProperty", L"4"},
                                    {L"ShowMessageCaptionProperty", kCaption},
                                    {L"ShowMessageQuietModeProperty", test.quietMode}};
     EXPECT_EQ(Show("ShowMessageImmediately", properties, test.answer),
@@ -98,12 +99,21 @@ const ImmediateCase kCases[] = {
     {"UnreadableQuietModeIsLoggedAndZero", L"1", IDOK,
      With(Details(kCaption, L""), 3, Error(kGetFailed + L"QuietModeProperty failed with error 4242")), L"", 0,
      L"ShowMessageQuietModeProperty"},
-    {"UnreadableTextFails", L"1", IDOK, {Error(kGetFailed + L"TextProperty failed with error 4242")}, L"", 1603,
+    {"UnreadableTextFails",
+     L"1",
+     IDOK,
+     {Error(kGetFailed + L"TextProperty failed with error 4242")},
+     L"",
+     1603,
      L"ShowMessageTextProperty"},
-    {"UnreadableTypeFails", L"1", IDOK,
+    {"UnreadableTypeFails",
+     L"1",
+     IDOK,
      {Detail(L"ShowMessageTextProperty = " + std::wstring(kText)),
       Error(kGetFailed + L"TypeProperty failed with error 4242")},
-     L"", 1603, L"ShowMessageTypeProperty"},
+     L"",
+     1603,
+     L"ShowMessageTypeProperty"},
 };
 
 INSTANTIATE_TEST_SUITE_P(Cases, ShowMessageImmediately, ::testing::ValuesIn(kCases), kByBehaviour);

@@ -60,7 +60,12 @@ const IcaCase kIcaCases[] = {
     {"AddCountsALongerNameContainingTheEntry", kAdd, REG_SZ, L"DrvA,QCClnIca64\0"s, kKept, 0, {kFound}},
     {"AddExtendsAListOfTenThousandCharacters", kAdd, REG_SZ, kLong + L'\0', kLong + L",QCClnIca"},
     {"AddFailsWithoutTheValue", kAdd, REG_NONE, L"", kNone, 1603, {kNoValue}},
-    {"AddFailsWithoutTheKeyInThe32BitView", kAdd, kNoKey, L"", kNone, 1603,
+    {"AddFailsWithoutTheKeyInThe32BitView",
+     kAdd,
+     kNoKey,
+     L"",
+     kNone,
+     1603,
      {Error(L"Open registry key failed with error 4242")}},
     {"RemoveLeavesAListWithoutTheEntry", kRemove, REG_EXPAND_SZ, L"DrvA,DrvB\0"s, kKept},
     {"RemoveDeletesTheValueHoldingOnlyTheEntry", kRemove, REG_SZ, L"QCClnIca\0"s, kNone},
@@ -99,9 +104,8 @@ TEST_P(RemoteConfig, WritesTheListAsStrings)
     g_Imports.failingRead = test.failingRead;
     g_Imports.bRefuseWrites = test.refused;
     // Not ";" as the separator: the list itself holds semicolons.
-    const ActionOutcome outcome =
-        RunAction(test.action, {{L"CustomActionData", L"|REMOTECONFIG=" + std::wstring(test.list)},
-                                {L"RMTCONF", test.list}}, {});
+    const ActionOutcome outcome = RunAction(
+        test.action, {{L"CustomActionData", L"|REMOTECONFIG=" + std::wstring(test.list)}, {L"RMTCONF", test.list}}, {});
     EXPECT_EQ(std::make_pair(outcome.result, outcome.lines), std::make_pair(test.result, test.lines));
     EXPECT_EQ(ReadValue(test.keyView, kClient, L"RmtConf"),
               std::make_pair(test.bytes.empty() ? DWORD{REG_NONE} : DWORD{REG_MULTI_SZ}, test.bytes));
@@ -111,10 +115,21 @@ const RemoteConfigCase kRemoteConfigCases[] = {
     // One terminator only: the count leaves out the list's second zero.
     {"DeferredWritesEachHostAsAString", kDeferred, L"host1;host2", L"host1\0host2\0"s},
     {"TrailingSemicolonGivesAnEmptyLastString", kImmediate, L"a;b;", L"a\0b\0\0"s},
-    {"KeyIn32BitViewOnlyIsNoKey", kDeferred, L"host1", L"", KEY_WOW64_32KEY, 1603,
+    {"KeyIn32BitViewOnlyIsNoKey",
+     kDeferred,
+     L"host1",
+     L"",
+     KEY_WOW64_32KEY,
+     1603,
      {Error(L"Open registry key failed with error 4242")}},
-    {"UnreadablePropertyFailsAndWritesNothing", kImmediate, L"host1", L"", KEY_WOW64_64KEY, 1603,
-     {Error(L"MsiGetProperty RMTCONF failed with error 4242")}, L"RMTCONF"},
+    {"UnreadablePropertyFailsAndWritesNothing",
+     kImmediate,
+     L"host1",
+     L"",
+     KEY_WOW64_64KEY,
+     1603,
+     {Error(L"MsiGetProperty RMTCONF failed with error 4242")},
+     L"RMTCONF"},
     {"RefusedWriteFails", kDeferred, L"host1", L"", KEY_WOW64_64KEY, 1603, {kRefused}, L"", true},
 };
 

@@ -13,9 +13,18 @@ std::vector<std::wstring> g_Files;
 
 Imports g_Imports;
 
-std::wstring Error(const std::wstring& text) { return L"[ERROR] Various (#) " + text + L"."; }
-std::wstring Warning(const std::wstring& text) { return L"[WARNING] Various (#) " + text + L"."; }
-std::wstring Detail(const std::wstring& text) { return L"Various (#) " + text + L"."; }
+std::wstring Error(const std::wstring& text)
+{
+    return L"[ERROR] Various (#) " + text + L".";
+}
+std::wstring Warning(const std::wstring& text)
+{
+    return L"[WARNING] Various (#) " + text + L".";
+}
+std::wstring Detail(const std::wstring& text)
+{
+    return L"Various (#) " + text + L".";
+}
 
 void UtilityTest::SetUp()
 {
@@ -75,8 +84,8 @@ bool SetValue(REGSAM view, const std::wstring& key, const wchar_t* name, DWORD t
 {
     HKEY hKey = nullptr;
     g_Keys.emplace_back(view, key);
-    bool bDone = RegCreateKeyExW(HKEY_LOCAL_MACHINE, key.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS | view, nullptr,
-                                 &hKey, nullptr) == ERROR_SUCCESS;
+    bool bDone = RegCreateKeyExW(HKEY_LOCAL_MACHINE, key.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS | view, nullptr, &hKey,
+                                 nullptr) == ERROR_SUCCESS;
     if (bDone && name != nullptr)
     {
         bDone = RegSetValueExW(hKey, name, 0, type, reinterpret_cast<const BYTE*>(bytes.c_str()),

@@ -29,10 +29,10 @@ std::wstring Detail(const std::wstring& text);
 // What the DLL's redirected imports do in a case; the rest calls the real functions.
 struct Imports
 {
-    std::wstring failingRead;   // reads of it answer ERROR_INVALID_HANDLE, as if the session went away
-    bool bRefuseWrites = false; // registry writes answer ERROR_ACCESS_DENIED, the last error untouched
+    std::wstring failingRead;              // reads of it answer ERROR_INVALID_HANDLE, as if the session went away
+    bool bRefuseWrites = false;            // registry writes answer ERROR_ACCESS_DENIED, the last error untouched
     BYTE productType = VER_NT_WORKSTATION; // what GetVersionEx reports
-    Lines boxes; // message boxes, not shown but noted as "caption|text|type" and cancelled
+    Lines boxes;                           // message boxes, not shown but noted as "caption|text|type" and cancelled
 };
 extern Imports g_Imports;
 

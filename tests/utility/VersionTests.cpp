@@ -12,7 +12,13 @@ const Lines kEditions = {L"SERVERKIT70", L"RDPKIT70",    L"DESKTOPKIT70", L"DESK
 constexpr BYTE Ws = VER_NT_WORKSTATION, Server = VER_NT_SERVER, Dc = VER_NT_DOMAIN_CONTROLLER;
 // Which uninstall entries exist: the engine's, the RDP engine's, both, or the
 // engine's only where a 32-bit product would register.
-enum Keys { kEngine, kRdp, kBoth, kEngine32 };
+enum Keys
+{
+    kEngine,
+    kRdp,
+    kBoth,
+    kEngine32
+};
 
 struct EngineCase
 {
@@ -64,17 +70,37 @@ const EngineCase kEngineCases[] = {
     {"Version70WithMarkerSetsDesktopKit70", kEngine, L"7.0", L"DESKTOPKIT70", L"_0_1_2_3", true},
     {"Version70WithSecondAt0_1SetsDesktopKit702", kEngine, L"7.0", L"DESKTOPKIT702", L"_0_1_2_3"},
     {"Version70WithSecondAt0_0SetsRdpKitXp70", kEngine, L"7.0", L"RDPKITXP70", L"_0_0_5_6"},
-    {"Version70WithoutSecondSetsRdpKitXp70", kRdp, L"7.0", L"RDPKITXP70", nullptr, false, Ws,
+    {"Version70WithoutSecondSetsRdpKitXp70",
+     kRdp,
+     L"7.0",
+     L"RDPKITXP70",
+     nullptr,
+     false,
+     Ws,
      {kNoEngineKey, L"[ERROR] FileVersion (#) GetFileVersionInfoSize failed with error 2."}},
     // The whole high word of the file version is compared: neither minor 1 nor minor 0 alone decides.
     {"Version70WithSecondAt1_1SetsNothing", kEngine, L"7.0", nullptr, L"_1_1_0_0"},
     {"Version70WithSecondAt1_0SetsNothing", kEngine, L"7.0", nullptr, L"_1_0_0_0"},
     {"Version701IsNot70", kEngine, L"7.0.1", nullptr, nullptr, true},
     {"EmptyVersionSetsNothing", kEngine, L"", nullptr, nullptr, true},
-    {"KeyIn32BitViewOnlyIsNoKey", kEngine32, L"7.6", nullptr, nullptr, false, Ws,
-     {kNoEngineKey, Error(L"Open registry key .lumen RDP engine failed with error 4242")}, 1603},
-    {"WithoutDisplayVersionFails", kEngine, nullptr, nullptr, nullptr, false, Ws,
-     {Error(L"Query registry value failed with error 4242")}, 1603},
+    {"KeyIn32BitViewOnlyIsNoKey",
+     kEngine32,
+     L"7.6",
+     nullptr,
+     nullptr,
+     false,
+     Ws,
+     {kNoEngineKey, Error(L"Open registry key .lumen RDP engine failed with error 4242")},
+     1603},
+    {"WithoutDisplayVersionFails",
+     kEngine,
+     nullptr,
+     nullptr,
+     nullptr,
+     false,
+     Ws,
+     {Error(L"Query registry value failed with error 4242")},
+     1603},
 };
 
 INSTANTIATE_TEST_SUITE_P(Cases, EngineVersion, ::testing::ValuesIn(kEngineCases), kByBehaviour);
@@ -110,15 +136,32 @@ const FileVersionCase kFileCases[] = {
     {"FileVersionOfAVersionResource", L"", L"QcVersion_65535_0_0_65535.exe", L"65535.0.0.65535"},
     // The folder's own backslash and the joining one make two; the file is still found.
     {"FolderEndingInBackslash", L"\\", k1234, L"1.2.3.4"},
-    {"FileWithoutVersionResourceGivesEmptyResult", L"", L"QcVersionNone.exe", L"",
+    {"FileWithoutVersionResourceGivesEmptyResult",
+     L"",
+     L"QcVersionNone.exe",
+     L"",
      {L"[ERROR] FileVersion (#) GetFileVersionInfoSize failed with error 1812."}}, // Wine: no resource data
     {"MissingFileGivesMinusOneAndFails", L"", L"QcMissing.exe", L"-1", {Error(L"Access failed with error 2")}, 1603},
-    {"MissingFolderGivesMinusOneAndFails", L"\\QcMissingFolder", k1234, L"-1", {Error(L"Access failed with error 3")},
+    {"MissingFolderGivesMinusOneAndFails",
+     L"\\QcMissingFolder",
+     k1234,
+     L"-1",
+     {Error(L"Access failed with error 3")},
      1603},
-    {"UnreadableFolderFailsAndWritesNothing", L"", k1234, L"untouched",
-     {Error(L"MsiGetProperty GFV_FILEPATH failed with error 4242")}, 1603, L"GFV_FILEPATH"},
-    {"UnreadableNameFailsAndWritesNothing", L"", k1234, L"untouched",
-     {Error(L"MsiGetProperty GFV_FILENAME failed with error 4242")}, 1603, L"GFV_FILENAME"},
+    {"UnreadableFolderFailsAndWritesNothing",
+     L"",
+     k1234,
+     L"untouched",
+     {Error(L"MsiGetProperty GFV_FILEPATH failed with error 4242")},
+     1603,
+     L"GFV_FILEPATH"},
+    {"UnreadableNameFailsAndWritesNothing",
+     L"",
+     k1234,
+     L"untouched",
+     {Error(L"MsiGetProperty GFV_FILENAME failed with error 4242")},
+     1603,
+     L"GFV_FILENAME"},
 };
 
 INSTANTIATE_TEST_SUITE_P(Cases, GetFileVersion, ::testing::ValuesIn(kFileCases), kByBehaviour);

@@ -27,8 +27,8 @@ class CBuffer
 public:
     CBuffer() noexcept = default;
     CBuffer(const CBuffer& other) noexcept
-        : m_Array(other.m_Array), m_dwSize(other.m_dwSize), m_dwCapacity(other.m_dwCapacity),
-          m_dwWrittenEnd(other.m_dwCapacity)
+            : m_Array(other.m_Array), m_dwSize(other.m_dwSize), m_dwCapacity(other.m_dwCapacity),
+              m_dwWrittenEnd(other.m_dwCapacity)
     {
         other.m_dwWrittenEnd = other.m_dwCapacity;
     }

@@ -111,7 +111,8 @@ public:
     // For the wrappers whose documented behaviour also balances an
     // RPC_E_CHANGED_MODE with CoUninitialize (kept on purpose, see their headers).
     CComInitialization(DWORD dwCoInit, bool bUninitializeAfterChangedMode) noexcept
-        : m_hResult(::CoInitializeEx(nullptr, dwCoInit)), m_bUninitializeAfterChangedMode(bUninitializeAfterChangedMode)
+            : m_hResult(::CoInitializeEx(nullptr, dwCoInit)),
+              m_bUninitializeAfterChangedMode(bUninitializeAfterChangedMode)
     {
     }
     CComInitialization(const CComInitialization&) = delete;

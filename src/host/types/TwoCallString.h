@@ -20,8 +20,8 @@ enum class TwoCallStep
 struct TwoCallResult
 {
     TwoCallStep failedStep;
-    UINT result;    // what the query answered at that step (0 after an allocation failure)
-    DWORD cch = 0;  // characters asked for at that step (length + 1 from the allocation on)
+    UINT result;   // what the query answered at that step (0 after an allocation failure)
+    DWORD cch = 0; // characters asked for at that step (length + 1 from the allocation on)
 };
 
 // The installer's "ask the size, allocate, ask again" read of a string:

@@ -174,8 +174,7 @@ bool Replace(CWideBuffer& buffer, const wchar_t* find, const wchar_t* replacemen
     const int64_t replacementLength = static_cast<int64_t>(::wcslen(replacement));
     const int64_t newLength = TextLength(original) + occurrences * (replacementLength - findLength);
     // Intentionally twice the room it needs: harmless, and part of the helper's known behaviour.
-    if (newLength < 0 || newLength * 2 + 2 > UINT32_MAX ||
-        !buffer.Allocate(static_cast<uint32_t>(newLength * 2 + 2)))
+    if (newLength < 0 || newLength * 2 + 2 > UINT32_MAX || !buffer.Allocate(static_cast<uint32_t>(newLength * 2 + 2)))
     {
         return false;
     }

@@ -41,9 +41,8 @@ bool CWmiClassObject::Get(const wchar_t* pszName, VARIANT* pValue, CIMTYPE expec
     if (type != expected)
     {
         SetLastErrorCode(ERROR_INVALID_DATATYPE);
-        QC_LOG_ERROR(kLogSource) << L"Got type mismatch for property '" << pszName
-                                 << L"' Expected=" << static_cast<uint32_t>(expected)
-                                 << L" Is=" << static_cast<uint32_t>(type);
+        QC_LOG_ERROR(kLogSource) << L"Got type mismatch for property '" << pszName << L"' Expected="
+                                 << static_cast<uint32_t>(expected) << L" Is=" << static_cast<uint32_t>(type);
         (void)::VariantClear(pValue); // an empty VARIANT either way
         return false;
     }

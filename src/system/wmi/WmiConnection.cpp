@@ -43,8 +43,8 @@ void CWmiConnection::Disconnect() noexcept
 bool CWmiConnection::Connect() noexcept
 {
     Disconnect();
-    HRESULT hResult = ::CoCreateInstance(CLSID_WbemLocator, nullptr, CLSCTX_INPROC_SERVER, IID_IWbemLocator,
-                                         m_pLocator.PutVoid());
+    HRESULT hResult =
+        ::CoCreateInstance(CLSID_WbemLocator, nullptr, CLSCTX_INPROC_SERVER, IID_IWbemLocator, m_pLocator.PutVoid());
     if (FAILED(hResult))
     {
         SetLastErrorCode(Logging::Code(hResult));
@@ -53,8 +53,8 @@ bool CWmiConnection::Connect() noexcept
     }
     QC_LOG_INFO(kLogSource) << L"Connecting to namespace " << kNamespace;
     const System::Types::CBstr strNamespace(kNamespace);
-    hResult = m_pLocator->ConnectServer(strNamespace.Get(), nullptr, nullptr, nullptr,
-                                        WBEM_FLAG_CONNECT_USE_MAX_WAIT, nullptr, nullptr, m_pServices.Put());
+    hResult = m_pLocator->ConnectServer(strNamespace.Get(), nullptr, nullptr, nullptr, WBEM_FLAG_CONNECT_USE_MAX_WAIT,
+                                        nullptr, nullptr, m_pServices.Put());
     if (FAILED(hResult))
     {
         SetLastErrorCode(Logging::Code(hResult));
@@ -116,9 +116,9 @@ bool CWmiConnection::QueryComputerSystem(System::Types::CPointerList<CWmiClassOb
     const System::Types::CBstr strLanguage(L"WQL");
     const System::Types::CBstr strQuery(kComputerSystemQuery);
     System::Types::CComPtr<IEnumWbemClassObject> pEnumerator;
-    HRESULT hResult = m_pServices->ExecQuery(strLanguage.Get(), strQuery.Get(),
-                                             WBEM_FLAG_FORWARD_ONLY | WBEM_FLAG_RETURN_IMMEDIATELY, nullptr,
-                                             pEnumerator.Put());
+    HRESULT hResult =
+        m_pServices->ExecQuery(strLanguage.Get(), strQuery.Get(), WBEM_FLAG_FORWARD_ONLY | WBEM_FLAG_RETURN_IMMEDIATELY,
+                               nullptr, pEnumerator.Put());
     if (FAILED(hResult))
     {
         SetLastErrorCode(Logging::Code(hResult));

@@ -119,10 +119,18 @@ TEST(MsiArgumentsLookup, FoldsOnlyAsciiLettersTheFirstDuplicateWinsAndAnEmptyNam
     arguments.Parse(L";SERVICENAME=Spooler;servicename=Other;TIMEOUT=;\u00C4X=umlaut;A[=bracket;@B=at;\u0130D=dotted;"
                     L"=empty; =blank");
     const std::pair<const wchar_t*, const wchar_t*> cases[] = {
-        {L"servicename", L"Spooler"}, {L"ServiceName", L"Spooler"}, {L"timeout", L""},
-        {L"SERVICE", nullptr},        {L"SERVICENAMES", nullptr},   {L"\u00C4x", L"umlaut"},
-        {L"\u00E4x", nullptr},        {L"a[", L"bracket"},          {L"a{", nullptr},
-        {L"`b", nullptr},             {L"id", nullptr},             {L"", nullptr},
+        {L"servicename", L"Spooler"},
+        {L"ServiceName", L"Spooler"},
+        {L"timeout", L""},
+        {L"SERVICE", nullptr},
+        {L"SERVICENAMES", nullptr},
+        {L"\u00C4x", L"umlaut"},
+        {L"\u00E4x", nullptr},
+        {L"a[", L"bracket"},
+        {L"a{", nullptr},
+        {L"`b", nullptr},
+        {L"id", nullptr},
+        {L"", nullptr},
         {nullptr, nullptr},
     };
     for (const auto& [name, expected] : cases)

@@ -100,7 +100,8 @@ TEST(LoggerLayout, EveryAppendWritesItsFormatBetweenCopiesOfThePrefixesAndPostfi
         EXPECT_EQ(stream.m_Lines.size() == 1 ? QcTest::WithoutPrefixes(stream.m_Lines[0]) : L"?",
                   L"<one> <two> [WARNING] " + expected + L"|tail.");
     }
-    LogEntry(logger, 4, [](CLogger& log) { log.Append(L"bare"); }, true);
+    LogEntry(
+        logger, 4, [](CLogger& log) { log.Append(L"bare"); }, true);
     EXPECT_EQ(QcTest::WithoutPrefixes(stream.m_Lines.back()), L"<one> <two> bare");
 }
 
@@ -125,9 +126,9 @@ TEST(LogMacros, EntryCarriesDateThreadLevelSourceAndStreamedValuesKeepsTheLastEr
     QC_LOG_ERROR(L"Daemon") << L"dropped " << 1u;
     EXPECT_EQ(::GetLastError(), 1603u);
     g_pLogger = pInstalled;
-    EXPECT_EQ(log.Bodies(), (Lines{L"[ERROR] Daemon (#) OpenService failed with error 5 / 1060.",
-                                   L"[WARNING] Shell (#) narrow -3 True.", L"Various (#) 12 65535.",
-                                   L"Various (#) detail.."}));
+    EXPECT_EQ(log.Bodies(),
+              (Lines{L"[ERROR] Daemon (#) OpenService failed with error 5 / 1060.",
+                     L"[WARNING] Shell (#) narrow -3 True.", L"Various (#) 12 65535.", L"Various (#) detail.."}));
     // Day first, then month, year and the 24-hour clock, then this process and thread.
     const std::wstring& line = log.Lines()[0];
     EXPECT_TRUE(QcTest::IsWholeLine(line, ::GetCurrentThreadId())) << line;

@@ -46,7 +46,10 @@ CWideBuffer Make(const wchar_t* text, uint32_t size = 0)
 }
 
 // Every element up to the count, terminators and zero padding included.
-std::wstring Whole(const CWideBuffer& b) { return b.IsEmpty() ? L"" : std::wstring(b.Data(), b.Size()); }
+std::wstring Whole(const CWideBuffer& b)
+{
+    return b.IsEmpty() ? L"" : std::wstring(b.Data(), b.Size());
+}
 
 } // namespace
 
@@ -112,8 +115,12 @@ TEST(WideString, AppendGrowsToTheNewLengthPlus1025OnlyWhenFull)
 TEST(WideString, TrimRemovesTheCharacterAndTabsInFrontButOnlyTheCharacterAtTheBackZeroingTheFreedTail)
 {
     const std::tuple<const wchar_t*, wchar_t, std::wstring> cases[] = {
-        {L"  \t x \t  ", L' ', L"x \t\0"s}, {L"name\t\t", L' ', L"name\t\t\0"s}, {L"  ab", L' ', L"ab\0\0\0"s},
-        {L"\t \t", L' ', L"\0"s},           {L"", L' ', L"\0"s},                 {L"xx\ta x\txx", L'x', L"a x\t\0"s},
+        {L"  \t x \t  ", L' ', L"x \t\0"s},
+        {L"name\t\t", L' ', L"name\t\t\0"s},
+        {L"  ab", L' ', L"ab\0\0\0"s},
+        {L"\t \t", L' ', L"\0"s},
+        {L"", L' ', L"\0"s},
+        {L"xx\ta x\txx", L'x', L"a x\t\0"s},
     };
     for (const auto& [text, ch, expected] : cases)
     {
@@ -132,10 +139,8 @@ TEST(WideString, ReplaceAndCountOccurrencesTakeNonOverlappingMatchesLeftToRightA
         const wchar_t* expected;
         uint32_t size; // twice the new length plus two: deliberate, callers have it
     } cases[] = {
-        {L"aaa", L"aa", L"b", 1, L"ba", 6},
-        {L"aaaa", L"aa", L"b", 2, L"bb", 6},
-        {L"bab", L"a", L"xyz", 1, L"bxyzb", 12},
-        {L"a-b-c-", L"-", L"", 3, L"abc", 8},
+        {L"aaa", L"aa", L"b", 1, L"ba", 6},      {L"aaaa", L"aa", L"b", 2, L"bb", 6},
+        {L"bab", L"a", L"xyz", 1, L"bxyzb", 12}, {L"a-b-c-", L"-", L"", 3, L"abc", 8},
         {L"abc", L"x", L"y", 0, L"abc", 4}, // nothing found: the buffer stays
     };
     for (const auto& c : cases)
