@@ -445,7 +445,7 @@ TEST(ProcessAndShellCode, HelperEntriesCarryTheCallersSourceAndLine)
     const uint32_t readLine = __LINE__ + 1;
     const bool bRead = QC_READ_PROPERTY_OR_LOG(0, L"CloseProcessProperty", value, kCaller);
     ::SetLastError(4243);
-    const uint32_t openLine = __LINE__ + 1;
+    const uint32_t openLine = __LINE__ + 2; // the line of the macro's name
     const bool bOpened =
         QC_OPEN_KEY_OR_LOG(HKEY_LOCAL_MACHINE, L"SYSTEM\\QcNoSuchKey", KEY_READ, key,
                            Quillcast::Logging::LOG_LEVEL_WARNING, kCaller, L"Open registry key failed with error ");
