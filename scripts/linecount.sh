@@ -3,7 +3,7 @@
 # ratios of the last two to the first. Counts the files git tracks (plus new,
 # not yet ignored ones), so build output never counts.
 #
-#   production  src/ and runner/
+#   production  src/, runner/ and checker/ (the shipped DLL and tools)
 #   tests       test cases, their fixtures and data, e2e case files:
 #               tests/**/*Test.cpp, *Tests.cpp, *Fixture.h, *Fixture.cpp,
 #               tests/**/data/*, tests/e2e/cases/*, and the CMakeLists.txt
@@ -23,7 +23,7 @@ classify() {
     local path=$1
     case $path in
     *.md) ;;
-    src/* | runner/*) echo production ;;
+    src/* | runner/* | checker/*) echo production ;;
     tests/bench/* | tests/CMakeLists.txt) echo kit ;;
     *Test.cpp | *Tests.cpp | *Fixture.h | *Fixture.cpp | tests/*/data/* | tests/*/*/data/* | tests/e2e/cases/* | \
         */CMakeLists.txt) echo tests ;;
@@ -40,6 +40,6 @@ while IFS= read -r path; do
 done < <(files src runner tests)
 
 ratio() { awk -v a="$1" -v b="${lines[production]}" 'BEGIN { printf "%.2f", b ? a / b : 0 }'; }
-printf 'production (src/, runner/)  %6d\n' "${lines[production]}"
+printf 'production (src/ runner/ checker/) %6d\n' "${lines[production]}"
 printf 'tests                       %6d  %sx production\n' "${lines[tests]}" "$(ratio "${lines[tests]}")"
 printf 'test kit                    %6d  %sx production\n' "${lines[kit]}" "$(ratio "${lines[kit]}")"
