@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Prints the lines of production code, of tests and of test kit, and the
 # ratios of the last two to the first; then the benchmarks, which are neither.
-# Counts the files git tracks (plus new,
-# not yet ignored ones), so build output never counts.
+# Counts the files git tracks (plus new, not yet ignored ones), so build output
+# never counts.
 #
 #   production  src/, runner/ and checker/ (the shipped DLL and tools)
 #   tests       test cases, their fixtures and data, e2e case files:
