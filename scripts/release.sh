@@ -49,6 +49,9 @@ rm -rf "$bundle"
 mkdir -p "$bundle"
 cp "$dll.debug" "$build/bin/QcActionRunner.exe" "$build/bin/QcPackageCheck.exe" "$build/bin/QcLogRead.exe" \
     "$root/docs/actions.md" "$bundle/"
+# The tools ship without their symbols, as the DLL does (same time-stamp rule).
+SOURCE_DATE_EPOCH=0 x86_64-w64-mingw32-strip --strip-all "$bundle/QcActionRunner.exe" "$bundle/QcPackageCheck.exe" \
+    "$bundle/QcLogRead.exe"
 for file in authoring/$name.wxi authoring/$name.Fragment.wxs authoring/fix-rollback-types.sh docs/authoring.md \
     docs/tools.md; do
     if [ -f "$root/$file" ]; then
