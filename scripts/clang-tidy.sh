@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Runs clang-tidy (checks in .clang-tidy: bugprone-*, clang-analyzer-*) over
-# every .cpp under src/ and runner/, as the mingw-w64 build sees them. Any
+# every .cpp under src/, runner/ and checker/, as the mingw-w64 build sees them. Any
 # finding fails. Used by CTest (test clang_tidy) and by hand:
 #   scripts/clang-tidy.sh [FILE...]
 set -euo pipefail
@@ -26,7 +26,7 @@ done
 if [ $# -gt 0 ]; then
     files=("$@")
 else
-    mapfile -t files < <(find src runner -name '*.cpp' | sort)
+    mapfile -t files < <(find src runner checker -name '*.cpp' | sort)
 fi
 printf '%s\n' "${files[@]}" | xargs -P "${QC_TIDY_JOBS:-2}" -I{} \
     "$tidy" --quiet {} -- "${args[@]}"

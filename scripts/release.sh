@@ -22,7 +22,7 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
 "$root/scripts/setup.sh"
-if ! QC_BUILD_TESTS=OFF "$root/scripts/build.sh" "$build" QuillcastCommonSystem QcActionRunner >"$work/build.log" 2>&1
+if ! QC_BUILD_TESTS=OFF "$root/scripts/build.sh" "$build" QuillcastCommonSystem QcActionRunner QcPackageCheck QcLogRead >"$work/build.log" 2>&1
 then
     cat "$work/build.log" >&2
     echo "release: the build failed" >&2
@@ -47,8 +47,13 @@ check_exports "$dll"
 
 rm -rf "$bundle"
 mkdir -p "$bundle"
-cp "$dll.debug" "$build/bin/QcActionRunner.exe" "$root/docs/actions.md" "$bundle/"
-for file in authoring/$name.wxi authoring/$name.Fragment.wxs docs/authoring.md; do
+cp "$dll.debug" "$build/bin/QcActionRunner.exe" "$build/bin/QcPackageCheck.exe" "$build/bin/QcLogRead.exe" \
+    "$root/docs/actions.md" "$bundle/"
+# The tools ship without their symbols, as the DLL does (same time-stamp rule).
+SOURCE_DATE_EPOCH=0 x86_64-w64-mingw32-strip --strip-all "$bundle/QcActionRunner.exe" "$bundle/QcPackageCheck.exe" \
+    "$bundle/QcLogRead.exe"
+for file in authoring/$name.wxi authoring/$name.Fragment.wxs authoring/fix-rollback-types.sh docs/authoring.md \
+    docs/tools.md; do
     if [ -f "$root/$file" ]; then
         cp "$root/$file" "$bundle/"
     else

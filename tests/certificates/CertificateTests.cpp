@@ -172,6 +172,21 @@ protected:
 
 // ================================================================ the engine of this program
 
+// The bytes of the engine's last public key export, as CryptExportPublicKeyInfo filled them.
+std::vector<BYTE> g_ExportedKeyInfo;
+decltype(&::CryptExportPublicKeyInfo) g_pExportPublicKeyInfo = nullptr; // the patched import's original
+
+BOOL WINAPI RecordingExportPublicKeyInfo(HCRYPTPROV_OR_NCRYPT_KEY_HANDLE hProv, DWORD dwKeySpec, DWORD dwEncoding,
+                                         PCERT_PUBLIC_KEY_INFO pInfo, DWORD* pcbInfo)
+{
+    const BOOL bExported = g_pExportPublicKeyInfo(hProv, dwKeySpec, dwEncoding, pInfo, pcbInfo);
+    if (bExported && pInfo != nullptr)
+    {
+        g_ExportedKeyInfo.assign(reinterpret_cast<const BYTE*>(pInfo), reinterpret_cast<const BYTE*>(pInfo) + *pcbInfo);
+    }
+    return bExported;
+}
+
 struct Created
 {
     int32_t result = 0;
@@ -379,6 +394,10 @@ TEST_F(Engine, SelfSignedCertificateOfAProviderChosenByIndexSharingAnExistingScr
     HCRYPTPROV hProv = 0;
     ASSERT_TRUE(::CryptAcquireContextW(&hProv, L"QcTeMp", MS_DEF_PROV_W, PROV_RSA_FULL, CRYPT_NEWKEYSET));
     ::CryptReleaseContext(hProv, 0);
+    const CImportPatch exportPatch(::GetModuleHandleW(nullptr), "CRYPT32.dll", "CryptExportPublicKeyInfo",
+                                   reinterpret_cast<const void*>(&RecordingExportPublicKeyInfo));
+    ASSERT_TRUE(exportPatch.IsApplied());
+    g_pExportPublicKeyInfo = exportPatch.Original<decltype(&::CryptExportPublicKeyInfo)>();
     const Created created = Create(L"Quillcast Engine Purposes", [index](auto& p) {
         p.nProviderIndex = static_cast<int32_t>(index), p.dwPurposes = 0x11, p.dwHashAlgorithm = 2;
     });
@@ -391,15 +410,16 @@ TEST_F(Engine, SelfSignedCertificateOfAProviderChosenByIndexSharingAnExistingScr
     EXPECT_EQ(info.SerialNumber.cbData, 16u);
     EXPECT_TRUE(::CryptVerifyCertificateSignature(0, X509_ASN_ENCODING, created.der.data(),
                                                   static_cast<DWORD>(created.der.size()), &info.SubjectPublicKeyInfo));
-    // Deliberately not the SHA-1 of the public key's bits (RFC 5280's usual
-    // identifier): the engine hashes its exported key structure.
+    // Deliberately not the SHA-1 of the public key's bits (RFC 5280's usual identifier): the SHA-1 of the whole
+    // buffer the export filled, the structure with its trailing data, exactly as many bytes as it reported.
     const CERT_EXTENSION* ski = ::CertFindExtension(szOID_SUBJECT_KEY_IDENTIFIER, info.cExtension, info.rgExtension);
-    ASSERT_TRUE(ski != nullptr && ski->Value.cbData == 22u);
+    ASSERT_TRUE(ski != nullptr && ski->Value.cbData == 22u && g_ExportedKeyInfo.size() > sizeof(CERT_PUBLIC_KEY_INFO));
     BYTE keyHash[20] = {};
     DWORD cbKeyHash = sizeof(keyHash);
-    ASSERT_TRUE(::CryptHashCertificate(0, CALG_SHA1, 0, info.SubjectPublicKeyInfo.PublicKey.pbData,
-                                       info.SubjectPublicKeyInfo.PublicKey.cbData, keyHash, &cbKeyHash));
-    EXPECT_NE(std::memcmp(keyHash, ski->Value.pbData + 2, 20), 0);
+    ASSERT_TRUE(::CryptHashCertificate(0, CALG_SHA1, 0, g_ExportedKeyInfo.data(),
+                                       static_cast<DWORD>(g_ExportedKeyInfo.size()), keyHash, &cbKeyHash));
+    EXPECT_EQ(std::vector<BYTE>(keyHash, keyHash + 20),
+              std::vector<BYTE>(ski->Value.pbData + 2, ski->Value.pbData + 22));
     // OpenSSL judges sha1RSA, the usages of purposes 0x11 and the extensions' order.
     EXPECT_TRUE(WriteFile(OutputFolder() + L"\\purposes.der", created.der));
 }

@@ -115,10 +115,13 @@ const Lines kBlanketFailed = {kConnecting, Error(L"WmiConnection", L"CoSetProxyB
 // The first `steps` calls of a run up to the enumeration, then `rest` and the releases of the connection.
 Lines Calls(size_t steps, const Lines& rest = {})
 {
-    const std::wstring blanket = L" authn=10 authz=0 principal=QcDouble level=2 imp=3 identity=null capabilities=0";
-    Lines calls = {kConnect, L"SetBlanket Services" + blanket,
-                   L"ExecQuery WQL 'Select * from Win32_ComputerSystem' flags=48 context=null",
-                   L"SetBlanket Enumerator" + blanket};
+    // The queried blanket handed back, only the impersonation level raised to 3.
+    const auto blanket = [](const std::wstring& proxy) {
+        return L"SetBlanket " + proxy + L" authn=9 authz=1 principal=QcDouble/" + proxy +
+               L" level=6 imp=3 identity=queried capabilities=32";
+    };
+    Lines calls = {kConnect, blanket(L"Services"),
+                   L"ExecQuery WQL 'Select * from Win32_ComputerSystem' flags=48 context=null", blanket(L"Enumerator")};
     calls.resize(steps);
     calls.insert(calls.end(), rest.begin(), rest.end());
     calls.insert(calls.end(), {L"Services released", L"Locator released"});
@@ -154,10 +157,17 @@ const Case kDomainCases[] = {
      FullRun(2),
      {},
      COINIT_APARTMENTTHREADED},
+    // A proxy impersonating at level 4 (delegate) is set to 3 all the same.
+    {"DomainMemberSetsItsDomainAndPartOfDomain",
+     {{L"PartOfDomain", L"1"}, {L"Domain", L"corp.example"}, {L"ImpersonationLevel", L"4"}},
+     {kConnecting, kQuerying},
+     {L"corp.example", L"1"},
+     FullRun(1)},
     // "MACHINEDOMAIN" is set also to the empty text, which removes it. A proxy already impersonating keeps its blanket.
+    // The CIM types differ although both values are VT_BSTR.
     {"DomainOfAnotherCimTypeEmptiesMachineDomainThroughAnImpersonatingProxy",
-     {{L"PartOfDomain", L"1"}, {L"DomainCimType", L"3"}, {L"ImpersonationLevel", L"3"}},
-     {kConnecting, kQuerying, L"[ERROR] WmiClassObject (#) Got type mismatch for property 'Domain' Expected=8 Is=3."},
+     {{L"PartOfDomain", L"1"}, {L"Domain", L"corp.example"}, {L"DomainCimType", L"101"}, {L"ImpersonationLevel", L"3"}},
+     {kConnecting, kQuerying, L"[ERROR] WmiClassObject (#) Got type mismatch for property 'Domain' Expected=8 Is=101."},
      {L"", L"1"},
      FullRun(1, false)},
     {"EmptyQueryResultFindsNoComputerSystem",
@@ -183,10 +193,11 @@ const Case kDomainCases[] = {
      {kConnecting, kQuerying, Error(L"WmiConnection", L"Processing query failed"), kQueryFailed},
      {},
      Calls(3)},
-    {"FailedEnumerationFails",
+    // Any answer but S_OK and S_FALSE ends the walk, a success code (WBEM_S_TIMEDOUT) too.
+    {"EnumerationAnsweringNeitherOkNorFalseFails",
      {{L"FailAt", L"Next"}},
      {kConnecting, kQuerying,
-      Error(L"WmiConnection", L"Enumerating class objects failed with error 2147749891 returned = 0"), kQueryFailed},
+      Error(L"WmiConnection", L"Enumerating class objects failed with error 262148 returned = 0"), kQueryFailed},
      {},
      Calls(4, kNoneLeft)},
 };
@@ -228,13 +239,13 @@ const Case kPickCases[] = {
      {L"PickUserFlagProperty", L"PickMultiSelectProperty:size"}},
     // A multithreaded caller: the picker is created there all the same, and the destructor's CoUninitialize,
     // unbalanced on purpose, ends the caller's own initialisation (a balanced object would leave it, S_FALSE).
-    // User flag 3 is like 0, and any number but 0 turns multi-selection on.
+    // User flag 3 is like 0, and any number but 0 turns multi-selection on, a negative one too.
     {"UserFlag3WithMultiSelectInAMultithreadedCaller",
      kOneUser,
      {},
      kAlice,
      Picked(L"0x1", kUsersAndGroups),
-     Options(L"3", L" 7 apples"),
+     Options(L"3", L" -7 apples"),
      COINIT_MULTITHREADED},
     {"UserFlag1OffersUsersUnderTheStandardDialogWithoutTheWizard",
      kOneUser,

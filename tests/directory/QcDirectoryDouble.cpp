@@ -139,25 +139,27 @@ public:
         }
         DWORD dwImpLevel = RPC_C_IMP_LEVEL_IDENTIFY;
         ReadDword(L"ImpersonationLevel", dwImpLevel);
-        // Every out-parameter is optional; the principal name is the caller's to free.
+        // Values no fixed blanket would pass: only handing the queried ones back matches them. Every
+        // out-parameter is optional; the principal name is the caller's to free.
+        const std::wstring principal = L"QcDouble/" + m_BlanketName;
         if (pAuthnSvc)
-            *pAuthnSvc = RPC_C_AUTHN_WINNT;
+            *pAuthnSvc = RPC_C_AUTHN_GSS_NEGOTIATE;
         if (pAuthzSvc)
-            *pAuthzSvc = RPC_C_AUTHZ_NONE;
+            *pAuthzSvc = RPC_C_AUTHZ_NAME;
         if (pServerPrincName)
         {
-            *pServerPrincName = static_cast<OLECHAR*>(CoTaskMemAlloc(sizeof(L"QcDouble")));
+            *pServerPrincName = static_cast<OLECHAR*>(CoTaskMemAlloc((principal.size() + 1) * sizeof(wchar_t)));
             if (*pServerPrincName)
-                wcscpy(*pServerPrincName, L"QcDouble");
+                wcscpy(*pServerPrincName, principal.c_str());
         }
         if (pAuthnLevel)
-            *pAuthnLevel = RPC_C_AUTHN_LEVEL_CONNECT;
+            *pAuthnLevel = RPC_C_AUTHN_LEVEL_PKT_PRIVACY;
         if (pImpLevel)
             *pImpLevel = dwImpLevel;
         if (pAuthInfo)
-            *pAuthInfo = nullptr;
+            *pAuthInfo = &m_Identity;
         if (pCapabilities)
-            *pCapabilities = EOAC_NONE;
+            *pCapabilities = EOAC_STATIC_CLOAKING;
         return S_OK;
     }
     STDMETHODIMP SetBlanket(IUnknown*, DWORD AuthnSvc, DWORD AuthzSvc, OLECHAR* pServerPrincName, DWORD AuthnLevel,
@@ -166,13 +168,19 @@ public:
         Record(L"SetBlanket " + m_BlanketName + L" authn=" + std::to_wstring(AuthnSvc) + L" authz=" +
                std::to_wstring(AuthzSvc) + L" principal=" + TextOrNull(pServerPrincName) + L" level=" +
                std::to_wstring(AuthnLevel) + L" imp=" + std::to_wstring(ImpLevel) + L" identity=" +
-               (pAuthInfo ? L"set" : L"null") + L" capabilities=" + std::to_wstring(Capabilities));
+               (pAuthInfo == &m_Identity ? L"queried"
+                : pAuthInfo              ? L"other"
+                                         : L"null") +
+               L" capabilities=" + std::to_wstring(Capabilities));
         return FailsAt(L"SetBlanket") ? static_cast<HRESULT>(WBEM_E_ACCESS_DENIED) : S_OK;
     }
     STDMETHODIMP CopyProxy(IUnknown*, IUnknown**) override { return E_NOTIMPL; }
 
 protected:
     std::wstring m_BlanketName;
+
+private:
+    SEC_WINNT_AUTH_IDENTITY_W m_Identity = {};
 };
 
 class CComputerSystem : public CObject<CComputerSystem, IWbemClassObject>
@@ -203,9 +211,12 @@ public:
             type = CIM_STRING;
             if (ReadDword(L"DomainCimType", dwNumber))
             {
+                // WMI hands a CIM_DATETIME over as a VT_BSTR, like a CIM_STRING; the other types here as a VT_I4.
                 type = static_cast<CIMTYPE>(dwNumber);
-                V_VT(&value) = VT_I4;
+                V_VT(&value) = type == CIM_DATETIME ? VT_BSTR : VT_I4;
                 V_I4(&value) = 0;
+                if (type == CIM_DATETIME)
+                    V_BSTR(&value) = SysAllocString(ReadString(L"Domain", text) ? text.c_str() : L"");
             }
             else if (m_Index > 0)
             {
@@ -307,7 +318,7 @@ public:
         *puReturned = 0;
         if (FailsAt(L"Next"))
         {
-            return WBEM_E_ACCESS_DENIED;
+            return WBEM_S_TIMEDOUT; // a success code that is neither S_OK nor S_FALSE
         }
         if (m_Remaining == 0)
         {

@@ -41,6 +41,7 @@ enum Flags
 std::vector<DWORD> g_Waits;      // every time-out passed to WaitForSingleObject
 std::vector<DWORD> g_OpenedIds;  // every process id passed to OpenProcess
 std::vector<REGSAM> g_KeyAccess; // every access mask passed to RegOpenKeyExW (REGSAM is a DWORD)
+std::vector<DWORD> g_Creations;  // the creation flags of every CreateProcessW call
 int g_ImagePathQueries = 0;      // RegQueryValueExW calls for "ImagePath"
 int g_Flags = 0;
 // The holding programs' release, set after every exit-code read of the action, and the event a windowed program
@@ -103,6 +104,15 @@ LSTATUS WINAPI CountingRegQueryValueExW(HKEY hKey, LPCWSTR pszName, LPDWORD pdwR
     return ::RegQueryValueExW(hKey, pszName, pdwReserved, pdwType, pData, pcbData);
 }
 
+BOOL WINAPI RecordingCreateProcessW(LPCWSTR pszApplication, LPWSTR pszCommandLine, LPSECURITY_ATTRIBUTES pProcess,
+                                    LPSECURITY_ATTRIBUTES pThread, BOOL bInherit, DWORD dwFlags, LPVOID pEnvironment,
+                                    LPCWSTR pszDirectory, LPSTARTUPINFOW pStartup, LPPROCESS_INFORMATION pInformation)
+{
+    g_Creations.push_back(dwFlags);
+    return ::CreateProcessW(pszApplication, pszCommandLine, pProcess, pThread, bInherit, dwFlags, pEnvironment,
+                            pszDirectory, pStartup, pInformation);
+}
+
 std::wstring Error(const std::wstring& source, const std::wstring& text)
 {
     return L"[ERROR] " + source + L" (#) " + text + L".\n";
@@ -126,7 +136,7 @@ using ProcessAction = ::testing::TestWithParam<Case>;
 TEST_P(ProcessAction, Case)
 {
     const Case& test = GetParam();
-    g_Waits = g_OpenedIds = g_KeyAccess = {};
+    g_Waits = g_OpenedIds = g_KeyAccess = g_Creations = {};
     g_ImagePathQueries = 0;
     ::ResetEvent(g_hRelease);
     ::ResetEvent(g_hClosed);
@@ -183,6 +193,7 @@ TEST_P(ProcessAction, Case)
         {hModule, "KERNEL32.dll", "TerminateProcess", reinterpret_cast<const void*>(&WindowsTerminateProcess)},
         {hModule, "ADVAPI32.dll", "RegOpenKeyExW", reinterpret_cast<const void*>(&RecordingRegOpenKeyExW)},
         {hModule, "ADVAPI32.dll", "RegQueryValueExW", reinterpret_cast<const void*>(&CountingRegQueryValueExW)},
+        {hModule, "KERNEL32.dll", "CreateProcessW", reinterpret_cast<const void*>(&RecordingCreateProcessW)},
     };
 
     const ActionOutcome outcome = RunAction(test.action, properties, {});
@@ -194,6 +205,8 @@ TEST_P(ProcessAction, Case)
     // The size query, then the read, also when the value is missing and the size query fails.
     const bool bKeyMade = !test.properties.empty() && test.properties[0].first == L"ImagePath";
     EXPECT_EQ(g_ImagePathQueries, bKeyMade ? 2 : 0);
+    // Every program the DLL starts gets a console of its own, and nothing else.
+    EXPECT_EQ(g_Creations, std::vector<DWORD>(g_Creations.size(), CREATE_NEW_CONSOLE));
     // Handled in snapshot order, which is the order the test started them in.
     EXPECT_TRUE(launched.size() < 2 || g_OpenedIds == (std::vector<DWORD>{::GetProcessId(launched[0].Get()),
                                                                           ::GetProcessId(launched[1].Get())}));
@@ -445,7 +458,7 @@ TEST(ProcessAndShellCode, HelperEntriesCarryTheCallersSourceAndLine)
     const uint32_t readLine = __LINE__ + 1;
     const bool bRead = QC_READ_PROPERTY_OR_LOG(0, L"CloseProcessProperty", value, kCaller);
     ::SetLastError(4243);
-    const uint32_t openLine = __LINE__ + 1;
+    const uint32_t openLine = __LINE__ + 2; // the line of the macro's name
     const bool bOpened =
         QC_OPEN_KEY_OR_LOG(HKEY_LOCAL_MACHINE, L"SYSTEM\\QcNoSuchKey", KEY_READ, key,
                            Quillcast::Logging::LOG_LEVEL_WARNING, kCaller, L"Open registry key failed with error ");

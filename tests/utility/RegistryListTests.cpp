@@ -70,6 +70,9 @@ const IcaCase kIcaCases[] = {
     {"RemoveLeavesAListWithoutTheEntry", kRemove, REG_EXPAND_SZ, L"DrvA,DrvB\0"s, kKept},
     {"RemoveDeletesTheValueHoldingOnlyTheEntry", kRemove, REG_SZ, L"QCClnIca\0"s, kNone},
     {"RemoveTakesEveryOccurrence", kRemove, REG_SZ, L"QCClnIca,DrvA,QCClnIca\0"s, L"DrvA"},
+    // Removing ",QCClnIca" first joins a new "QCClnIca," at the front, which the second removal takes: only this
+    // order of the first two leaves DrvA.
+    {"RemoveTakesCommaAndEntryBeforeEntryAndComma", kRemove, REG_SZ, L"QCCl,QCClnIcanIca,DrvA\0"s, L"DrvA"},
     // The order of the removals leaves an empty text for the next one, which fails: kept as it is.
     {"RemoveFailsOnCommaAndEntry", kRemove, REG_SZ, L",QCClnIca\0"s, kKept, 1603, {kReplace}},
     {"RemoveFailsOnEntryAndComma", kRemove, REG_SZ, L"QCClnIca,\0"s, kKept, 1603, {kReplace}},

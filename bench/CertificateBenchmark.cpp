@@ -2,7 +2,7 @@
 // and a server certificate; it measures, it asserts nothing. The PKCS #12
 // export, which Wine lacks, is answered by the tests' stand-in.
 //   QcCertificateBenchmark.exe [rounds, default 5]
-// scripts: tests/bench/certificate-benchmark.sh prints these figures beside
+// scripts: bench/certificate-benchmark.sh prints these figures beside
 // OpenSSL's for a comparable certificate.
 #include <windows.h>
 

@@ -7,10 +7,10 @@
 # (QcBareAction.dll: the same property reads and log record, nothing else),
 # alternating, and prints each run and the ratio of the medians. It measures;
 # it asserts nothing.
-#   tests/bench/msiexec-benchmark.sh [BUILD_DIR] [ROUNDS]   (defaults: build/, 7)
+#   bench/msiexec-benchmark.sh [BUILD_DIR] [ROUNDS]   (defaults: build/, 7)
 # QC_BENCH_DLL=<path> measures another build of the DLL in place of the shipped one.
 set -euo pipefail
-root=$(cd "$(dirname "$0")/../.." && pwd)
+root=$(cd "$(dirname "$0")/.." && pwd)
 build=$(cd "${1:-$root/build}" && pwd)
 rounds=${2:-7}
 bin=$build/bin

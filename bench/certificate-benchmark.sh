@@ -3,9 +3,9 @@
 # create and install a root and a server certificate under Wine, beside the
 # time `openssl req -x509 -newkey rsa:2048` takes for a comparable self-signed
 # certificate. Measures only, asserts nothing.
-#   tests/bench/certificate-benchmark.sh [BUILD_DIR] [ROUNDS]
+#   bench/certificate-benchmark.sh [BUILD_DIR] [ROUNDS]
 set -euo pipefail
-root=$(cd "$(dirname "$0")/../.." && pwd)
+root=$(cd "$(dirname "$0")/.." && pwd)
 build=${1:-$root/build}
 rounds=${2:-5}
 "$root/scripts/wine-prefix.sh" create "$build/wine" >/dev/null

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <windows.h>
+
+#include <cstdio>
+#include <string>
+
+// Console output of the authoring tools: UTF-8, one line per call, flushed, so
+// that a pipe or a log file sees every line as it is written, in order.
+namespace QcTools {
+
+inline void PrintLine(FILE* stream, const std::wstring& text)
+{
+    const std::wstring line = text + L'\n';
+    const int bytes =
+        ::WideCharToMultiByte(CP_UTF8, 0, line.c_str(), static_cast<int>(line.size()), nullptr, 0, nullptr, nullptr);
+    std::string utf8(static_cast<size_t>(bytes > 0 ? bytes : 0), '\0');
+    if (bytes > 0)
+    {
+        (void)::WideCharToMultiByte(CP_UTF8, 0, line.c_str(), static_cast<int>(line.size()), &utf8[0], bytes, nullptr,
+                                    nullptr);
+    }
+    (void)fwrite(utf8.data(), 1, utf8.size(), stream);
+    (void)fflush(stream);
+}
+
+inline void Print(const std::wstring& text)
+{
+    PrintLine(stdout, text);
+}
+
+} // namespace QcTools
