@@ -159,6 +159,31 @@ CustomActionFunction CActionLibrary::Find(const std::string& exportName) const
         reinterpret_cast<void*>(GetProcAddress(m_hModule.Get(), exportName.c_str())));
 }
 
+std::vector<std::string> CActionLibrary::ExportNames() const
+{
+    // The loaded image's export directory: names are RVAs from the image base.
+    std::vector<std::string> names;
+    const auto* pBase = reinterpret_cast<const BYTE*>(m_hModule.Get());
+    if (pBase == nullptr)
+    {
+        return names;
+    }
+    const auto* pDos = reinterpret_cast<const IMAGE_DOS_HEADER*>(pBase);
+    const auto* pNt = reinterpret_cast<const IMAGE_NT_HEADERS*>(pBase + pDos->e_lfanew);
+    const IMAGE_DATA_DIRECTORY& directory = pNt->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_EXPORT];
+    if (directory.VirtualAddress == 0 || directory.Size == 0)
+    {
+        return names;
+    }
+    const auto* pExports = reinterpret_cast<const IMAGE_EXPORT_DIRECTORY*>(pBase + directory.VirtualAddress);
+    const auto* pNames = reinterpret_cast<const DWORD*>(pBase + pExports->AddressOfNames);
+    for (DWORD index = 0; index < pExports->NumberOfNames; ++index)
+    {
+        names.emplace_back(reinterpret_cast<const char*>(pBase + pNames[index]));
+    }
+    return names;
+}
+
 CActionHost::CActionHost()
 {
     std::call_once(g_HandlerInstalled, [] {
@@ -236,13 +261,21 @@ void CActionHost::ClearCaptured()
 
 int CActionHost::OnRecord(UINT messageType, MSIHANDLE hRecord)
 {
+    HandledRecord handled;
     const UINT kind = messageType & 0xFF000000u;
     if (kind == INSTALLMESSAGE_INFO)
     {
         m_LogLines.push_back(RecordString(hRecord, 1));
+        if (m_Observer)
+        {
+            handled.bLog = true;
+            handled.text = m_LogLines.back();
+            m_Observer(handled);
+        }
         return 0;
     }
-    const int answer = m_NextAnswer < m_Answers.size() ? m_Answers[m_NextAnswer++] : m_FallbackAnswer;
+    handled.bScriptedAnswer = m_NextAnswer < m_Answers.size();
+    const int answer = handled.bScriptedAnswer ? m_Answers[m_NextAnswer++] : m_FallbackAnswer;
     wchar_t head[32] = {};
     _snwprintf(head, 31, L"0x%08X:", messageType);
     std::wstring text = head;
@@ -252,6 +285,12 @@ int CActionHost::OnRecord(UINT messageType, MSIHANDLE hRecord)
         text += (field == 0 ? L" " : L"|") + RecordString(hRecord, field);
     }
     m_Messages.push_back(text + L" -> " + std::to_wstring(answer));
+    if (m_Observer)
+    {
+        handled.text = m_Messages.back();
+        handled.answer = answer;
+        m_Observer(handled);
+    }
     return answer;
 }
 

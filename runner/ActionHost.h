@@ -3,7 +3,9 @@
 #include <windows.h>
 #include <msi.h>
 
+#include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "host/types/Handles.h"
@@ -30,11 +32,23 @@ public:
     // The export of that name, or null.
     CustomActionFunction Find(const std::string& exportName) const;
     const std::wstring& Path() const { return m_Path; }
+    // The names the DLL exports, in its export table's (alphabetical) order.
+    std::vector<std::string> ExportNames() const;
 
 private:
     std::wstring m_Path;
     Quillcast::System::Types::CModule m_hModule;
 };
+
+// One record as the host handled it, handed to the observer the moment it arrives.
+struct HandledRecord
+{
+    bool bLog = false;            // an INSTALLMESSAGE_INFO record, `text` its raw field 1
+    std::wstring text;            // as appended to LogLines() or Messages()
+    int answer = 0;               // a message: the answer the installer got
+    bool bScriptedAnswer = false; // a message: the answer was queued, not the fallback
+};
+using RecordObserver = std::function<void(const HandledRecord&)>;
 
 class CActionHost
 {
@@ -48,6 +62,7 @@ public:
 
     bool IsOpen() const { return static_cast<bool>(m_hSession); }
     const std::wstring& Error() const { return m_Error; }
+    const std::wstring& PackagePath() const { return m_PackagePath; }
     MSIHANDLE Session() const { return m_hSession.Get(); }
 
     bool SetProperty(const std::wstring& name, const std::wstring& value);
@@ -58,6 +73,11 @@ public:
     // out every further message is answered with `fallback` (IDOK by default).
     void QueueAnswer(int answer) { m_Answers.push_back(answer); }
     void SetFallbackAnswer(int answer) { m_FallbackAnswer = answer; }
+    int FallbackAnswer() const { return m_FallbackAnswer; }
+
+    // Called for every record after it is captured, on the thread of the action
+    // that sent it, before the installer call returns: output in the order of events.
+    void SetObserver(RecordObserver observer) { m_Observer = std::move(observer); }
 
     // Calls `action` with this session on the calling thread. Log records that
     // the session receives during the call are appended to LogLines() as the
@@ -84,6 +104,7 @@ private:
     std::vector<int> m_Answers;
     size_t m_NextAnswer = 0;
     int m_FallbackAnswer = IDOK;
+    RecordObserver m_Observer;
 };
 
 // The line without its date and process/thread prefixes (or unchanged when it

@@ -2,45 +2,28 @@
 // session, without building an installer. See the README for its use.
 #include <windows.h>
 
-#include <climits>
 #include <cstdio>
-#include <cstdlib>
 #include <cwchar>
+#include <mutex>
 #include <string>
 #include <vector>
 
 #include "ActionHost.h"
+#include "ClosestName.h"
+#include "DataCheck.h"
+#include "RunnerOptions.h"
 #include "host/ActionTable.h"
 
 namespace {
 
-// Exit codes: the shell sees only the low 8 bits of a Windows exit code (1603
-// would read 67), so the full result goes to the output and the exit code
-// only says what happened.
-enum ExitCode : int
-{
-    EXIT_ACTION_SUCCEEDED = 0, // the action returned 0
-    EXIT_ACTION_FAILED = 1,    // the action returned anything else ("result: CODE")
-    EXIT_USAGE = 2,            // bad command line, or a property that cannot be set
-    EXIT_NOT_LOADABLE = 3,     // the DLL or the export cannot be loaded
-    EXIT_NO_SESSION = 4,       // no scratch installer session could be made
-};
+using namespace QcRunner;
+using Quillcast::Host::ACTION_COUNT;
+using Quillcast::Host::g_CustomActionNames;
+using Quillcast::Host::g_CustomActionTable;
 
-const wchar_t kUsage[] =
-    L"usage: QcActionRunner [options] ACTION\n"
-    L"Runs the export ACTION of the custom-action DLL in a scratch installer session.\n"
-    L"  --dll PATH             the custom-action DLL (default: Quillcast.Common.System.dll beside the runner)\n"
-    L"  --property NAME=VALUE  set an installer property before the call (repeatable)\n"
-    L"  --data TEXT            set \"CustomActionData\" (the arguments of a deferred action)\n"
-    L"  --answer N             answer the next user message with N (repeatable; 1 IDOK, 2 IDCANCEL, 6 IDYES, 7 IDNO)\n"
-    L"  --show NAME            print this property after the call (repeatable)\n"
-    L"  --null-handle          call the action with session handle 0\n"
-    L"  --list                 print the thirty actions with their kind and arguments, and run nothing\n"
-    L"  --help                 print this text\n"
-    L"Prints every log record raw ('log: '), every user message with its answer ('message: '),\n"
-    L"the properties asked for ('property: NAME=VALUE') and 'result: CODE'.\n"
-    L"Exit code: 0 the action returned 0 (also for --help and --list); 1 it returned another code\n"
-    L"(see 'result: '); 2 usage error; 3 the DLL or the export cannot be loaded; 4 no installer session.";
+// The action's thread prints its records as they arrive, the main thread the
+// rest and a time-out: whole lines, one at a time.
+std::mutex g_OutputLock;
 
 std::string Utf8(const std::wstring& text)
 {
@@ -55,16 +38,33 @@ std::string Utf8(const std::wstring& text)
     return utf8;
 }
 
-void PrintTo(FILE* stream, const std::wstring& text)
+// Written and flushed at once: a hung action leaves all it did on the screen.
+void WriteLine(FILE* stream, const std::wstring& text)
 {
     const std::string line = Utf8(text) + '\n';
     (void)fwrite(line.data(), 1, line.size(), stream);
     (void)fflush(stream);
 }
 
+void PrintTo(FILE* stream, const std::wstring& text)
+{
+    const std::lock_guard<std::mutex> lock(g_OutputLock);
+    WriteLine(stream, text);
+}
+
 void Print(const std::wstring& text)
 {
     PrintTo(stdout, text);
+}
+
+int Fail(int exitCode, const std::wstring& message)
+{
+    PrintTo(stderr, L"QcActionRunner: " + message);
+    if (exitCode == EXIT_USAGE)
+    {
+        PrintTo(stderr, L"(QcActionRunner --help shows the options)");
+    }
+    return exitCode;
 }
 
 // One line per action, in the action table's order, read from the table the
@@ -74,11 +74,10 @@ void Print(const std::wstring& text)
 // order they are logged, the required ones marked with "*".
 void PrintActionList()
 {
-    using namespace Quillcast::Host;
     Print(L"# ACTION KIND ARGUMENTS (in order; * required; docs/actions.md describes each action)");
     for (uint32_t index = 0; index < ACTION_COUNT; ++index)
     {
-        const CustomActionEntry& row = g_CustomActionTable[index];
+        const Quillcast::Host::CustomActionEntry& row = g_CustomActionTable[index];
         std::wstring line = g_CustomActionNames[index];
         line += row.dwArgumentCount != 0 ? L" data" : L" session";
         for (uint32_t argument = 0; argument < row.dwArgumentCount; ++argument)
@@ -95,14 +94,74 @@ void PrintActionList()
     }
 }
 
-int Fail(int exitCode, const std::wstring& message)
+// The row of the action table named exactly `action`, or ACTION_COUNT.
+uint32_t TableIndex(const std::wstring& action)
 {
-    PrintTo(stderr, L"QcActionRunner: " + message);
-    if (exitCode == EXIT_USAGE)
+    uint32_t index = 0;
+    while (index < ACTION_COUNT && action != g_CustomActionNames[index])
     {
-        PrintTo(stderr, L"(QcActionRunner --help shows the options)");
+        ++index;
     }
-    return exitCode;
+    return index;
+}
+
+std::vector<std::wstring> TableNames()
+{
+    return std::vector<std::wstring>(g_CustomActionNames, g_CustomActionNames + ACTION_COUNT);
+}
+
+// "...servicestart; did you mean ServiceStart?": the installer finds entry
+// points by their exact name.
+std::wstring NoSuchAction(const std::wstring& what, const std::wstring& action, const std::vector<std::wstring>& names)
+{
+    const std::wstring closest = ClosestName(action, names);
+    return what + action + (closest.empty() ? L" (--list shows the actions)" : L"; did you mean " + closest + L"?");
+}
+
+std::wstring Counted(size_t count, const wchar_t* noun)
+{
+    return std::to_wstring(count) + L" " + noun + (count == 1 ? L"" : L"s");
+}
+
+int CheckData(const Options& options)
+{
+    const uint32_t index = TableIndex(options.action);
+    if (index == ACTION_COUNT)
+    {
+        return Fail(EXIT_NOT_LOADABLE, NoSuchAction(L"the action table has no action ", options.action, TableNames()));
+    }
+    size_t errors = 0;
+    const std::vector<DataFinding> findings = CheckCustomActionData(index, options.data);
+    for (const DataFinding& finding : findings)
+    {
+        errors += finding.bError ? 1 : 0;
+        Print((finding.bError ? L"error: " : L"warning: ") + finding.text);
+    }
+    Print(L"check: " + options.action + L", " + Counted(errors, L"error") + L", " +
+          Counted(findings.size() - errors, L"warning"));
+    return errors != 0 ? EXIT_CHECK_ERRORS : findings.empty() ? EXIT_ACTION_SUCCEEDED : EXIT_CHECK_WARNINGS;
+}
+
+// A deferred action sees "CustomActionData" and no other property under
+// msiexec: trying it with properties set would try a case that never occurs.
+bool RunsAsUnderMsiexec(const Options& options, std::wstring& error)
+{
+    const uint32_t index = TableIndex(options.action);
+    if (index == ACTION_COUNT || g_CustomActionTable[index].dwArgumentCount == 0 || options.allowProperties)
+    {
+        return true;
+    }
+    for (const auto& property : options.properties)
+    {
+        if (property.first != L"CustomActionData")
+        {
+            error = options.action + L" reads \"CustomActionData\" only: it runs deferred, where msiexec hands it no " +
+                    L"other property (--property " + property.first + L"). Pass its arguments with --data, or " +
+                    L"add --allow-properties to set properties all the same";
+            return false;
+        }
+    }
+    return true;
 }
 
 std::wstring DefaultDllPath()
@@ -114,121 +173,95 @@ std::wstring DefaultDllPath()
     return (slash == std::wstring::npos ? std::wstring() : text.substr(0, slash + 1)) + L"Quillcast.Common.System.dll";
 }
 
-// A whole decimal number with an optional sign, in the range of int.
-bool ParseAnswer(const std::wstring& text, int& answer)
+std::wstring AnswerName(int answer)
 {
-    size_t digits = (!text.empty() && (text[0] == L'-' || text[0] == L'+')) ? 1 : 0;
-    if (digits == text.size() || text.size() - digits > 10)
+    switch (answer)
     {
-        return false;
+    case 0:
+        return L"none, as in a silent install; ";
+    case IDOK:
+        return L"IDOK; ";
+    case IDCANCEL:
+        return L"IDCANCEL; ";
+    case IDABORT:
+        return L"IDABORT; ";
+    case IDRETRY:
+        return L"IDRETRY; ";
+    case IDIGNORE:
+        return L"IDIGNORE; ";
+    case IDYES:
+        return L"IDYES; ";
+    case IDNO:
+        return L"IDNO; ";
+    default:
+        return L"";
     }
-    for (size_t i = digits; i < text.size(); ++i)
-    {
-        if (text[i] < L'0' || text[i] > L'9')
-        {
-            return false;
-        }
-    }
-    const long long value = std::wcstoll(text.c_str(), nullptr, 10);
-    if (value < INT_MIN || value > INT_MAX)
-    {
-        return false;
-    }
-    answer = static_cast<int>(value);
-    return true;
 }
 
-struct Options
+// Records as they arrive: "message: 0x03000004: [1]|Continue?| -> 1 (IDOK; the default answer)".
+void PrintRecord(const HandledRecord& record)
 {
-    bool help = false;
-    std::wstring dll;
-    std::wstring action;
-    std::vector<std::pair<std::wstring, std::wstring>> properties;
-    std::vector<int> answers;
-    std::vector<std::wstring> shown;
-    bool hasData = false;
-    std::wstring data;
-    bool nullHandle = false;
-    bool list = false;
+    if (record.bLog)
+    {
+        Print(L"log: " + record.text);
+        return;
+    }
+    Print(L"message: " + record.text + L" (" + AnswerName(record.answer) +
+          (record.bScriptedAnswer ? L"from --answer)" : L"the default answer)"));
+}
+
+struct ActionCall
+{
+    CActionHost* pHost;
+    CustomActionFunction action;
+    bool bNullHandle;
+    UINT result;
 };
 
-bool ParseOptions(int argc, wchar_t** argv, Options& options, std::wstring& error)
+DWORD WINAPI CallAction(void* pContext)
 {
-    for (int i = 1; i < argc; ++i)
+    auto* pCall = static_cast<ActionCall*>(pContext);
+    pCall->result =
+        pCall->bNullHandle ? pCall->pHost->CallWithHandle(pCall->action, 0) : pCall->pHost->Call(pCall->action);
+    return 0;
+}
+
+// A custom action cannot be cancelled, and ending its thread would leave the
+// installer's and the process's locks held: the whole process ends, at once,
+// without unloading anything (which could wait for the hung thread).
+[[noreturn]] void EndOnTimeout(const Options& options, const CActionHost& host)
+{
+    const std::lock_guard<std::mutex> lock(g_OutputLock); // nothing printed after this line
+    WriteLine(stdout, L"timeout: " + options.action + L" did not return within " +
+                          std::to_wstring(options.timeoutSeconds) +
+                          L" s; the runner ends (processes the action started keep running)");
+    // Wine deletes the scratch package although the session holds it; Windows may refuse.
+    (void)DeleteFileW(host.PackagePath().c_str());
+    (void)TerminateProcess(GetCurrentProcess(), EXIT_TIMED_OUT);
+    ExitProcess(EXIT_TIMED_OUT);
+}
+
+// Calls the action on a thread of its own, so that a time-out can end a hung one.
+UINT RunAction(const Options& options, CActionHost& host, CustomActionFunction action)
+{
+    ActionCall call{&host, action, options.nullHandle, 0};
+    const Quillcast::System::Types::CKernelHandle thread(CreateThread(nullptr, 0, CallAction, &call, 0, nullptr));
+    if (!thread)
     {
-        const std::wstring option = argv[i];
-        const bool takesValue = option == L"--dll" || option == L"--property" || option == L"--data" ||
-                                option == L"--answer" || option == L"--show";
-        if (takesValue && i + 1 >= argc)
-        {
-            error = option + L" needs a value";
-            return false;
-        }
-        if (option == L"--help" || option == L"-h" || option == L"/?")
-        {
-            options.help = true;
-            return true;
-        }
-        if (option == L"--list")
-        {
-            options.list = true;
-            return true;
-        }
-        if (option == L"--dll")
-        {
-            options.dll = argv[++i];
-        }
-        else if (option == L"--property")
-        {
-            const std::wstring pair = argv[++i];
-            const size_t equals = pair.find(L'=');
-            if (equals == std::wstring::npos || equals == 0)
-            {
-                error = L"--property needs NAME=VALUE, not '" + pair + L"'";
-                return false;
-            }
-            options.properties.emplace_back(pair.substr(0, equals), pair.substr(equals + 1));
-        }
-        else if (option == L"--data")
-        {
-            options.hasData = true;
-            options.data = argv[++i];
-        }
-        else if (option == L"--answer")
-        {
-            int answer = 0;
-            if (!ParseAnswer(argv[i + 1], answer))
-            {
-                error = L"--answer needs a whole number, not '" + std::wstring(argv[i + 1]) + L"'";
-                return false;
-            }
-            ++i;
-            options.answers.push_back(answer);
-        }
-        else if (option == L"--show")
-        {
-            options.shown.push_back(argv[++i]);
-        }
-        else if (option == L"--null-handle")
-        {
-            options.nullHandle = true;
-        }
-        else if (!option.empty() && option[0] != L'-' && options.action.empty())
-        {
-            options.action = option;
-        }
-        else
-        {
-            error = L"unexpected argument '" + option + L"'";
-            return false;
-        }
+        (void)CallAction(&call);
+        return call.result;
     }
-    if (options.action.empty())
+    DWORD wait = INFINITE;
+    if (options.timeoutSeconds != 0)
     {
-        error = L"no action named";
-        return false;
+        const unsigned long long milliseconds = options.timeoutSeconds * 1000ULL;
+        wait = milliseconds < INFINITE ? static_cast<DWORD>(milliseconds) : INFINITE - 1;
     }
-    return true;
+    if (WaitForSingleObject(thread.Get(), wait) == WAIT_TIMEOUT)
+    {
+        EndOnTimeout(options, host);
+    }
+    return call.result;
 }
 
 } // namespace
@@ -251,25 +284,38 @@ int wmain(int argc, wchar_t** argv)
         PrintActionList();
         return EXIT_ACTION_SUCCEEDED;
     }
+    if (options.check)
+    {
+        return CheckData(options);
+    }
+    if (!RunsAsUnderMsiexec(options, error))
+    {
+        return Fail(EXIT_USAGE, error);
+    }
     if (options.dll.empty())
     {
         options.dll = DefaultDllPath();
     }
 
-    QcRunner::CActionLibrary library(options.dll);
+    CActionLibrary library(options.dll);
     if (!library.IsLoaded())
     {
         const DWORD dwError = GetLastError();
         return Fail(EXIT_NOT_LOADABLE, L"cannot load " + options.dll + L" (error " + std::to_wstring(dwError) + L")");
     }
     const std::string exportName(options.action.begin(), options.action.end());
-    const QcRunner::CustomActionFunction action = library.Find(exportName);
+    const CustomActionFunction action = library.Find(exportName);
     if (action == nullptr)
     {
-        return Fail(EXIT_NOT_LOADABLE, L"the DLL has no export " + options.action);
+        std::vector<std::wstring> exports;
+        for (const std::string& name : library.ExportNames())
+        {
+            exports.emplace_back(name.begin(), name.end());
+        }
+        return Fail(EXIT_NOT_LOADABLE, NoSuchAction(L"the DLL has no export ", options.action, exports));
     }
 
-    QcRunner::CActionHost host;
+    CActionHost host;
     if (!host.IsOpen())
     {
         return Fail(EXIT_NO_SESSION, L"cannot open a scratch installer session: " + host.Error());
@@ -289,17 +335,14 @@ int wmain(int argc, wchar_t** argv)
     {
         host.QueueAnswer(answer);
     }
-
-    const UINT result = options.nullHandle ? host.CallWithHandle(action, 0) : host.Call(action);
-
-    for (const std::wstring& line : host.LogLines())
+    if (options.hasDefaultAnswer)
     {
-        Print(L"log: " + line);
+        host.SetFallbackAnswer(options.defaultAnswer);
     }
-    for (const std::wstring& message : host.Messages())
-    {
-        Print(L"message: " + message);
-    }
+    host.SetObserver(PrintRecord);
+
+    const UINT result = RunAction(options, host, action);
+
     for (const std::wstring& name : options.shown)
     {
         Print(L"property: " + name + L"=" + host.GetProperty(name));
