@@ -9,6 +9,15 @@
 // that a pipe or a log file sees every line as it is written, in order.
 namespace QcTools {
 
+// The exit codes both tools share, so that a build script reads them alike.
+enum ExitCode : int
+{
+    EXIT_CLEAN = 0,      // no finding: the package passes, or no action failed and the library logged no problem
+    EXIT_WARNINGS = 1,   // warnings only
+    EXIT_PROBLEMS = 2,   // errors in the package, or a failed action or a library error in the log
+    EXIT_UNREADABLE = 3, // the input cannot be read, or the command line is wrong
+};
+
 inline void PrintLine(FILE* stream, const std::wstring& text)
 {
     const std::wstring line = text + L'\n';

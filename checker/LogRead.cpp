@@ -17,14 +17,6 @@
 
 namespace {
 
-enum ExitCode : int
-{
-    EXIT_CLEAN = 0,      // no action failed, no line of the library is an error or warning
-    EXIT_WARNINGS = 1,   // warnings only (in Wine's log: lines whose level the log left out)
-    EXIT_FAILURES = 2,   // an action failed, or the library logged an error
-    EXIT_UNREADABLE = 3, // the log cannot be read, or the command line is wrong
-};
-
 const wchar_t kUsage[] =
     L"usage: QcLogRead LOG\n"
     L"Reads a verbose installer log (msiexec /l*v LOG; Wine's or Windows', ANSI or UTF-16) per action: each action\n"
@@ -95,7 +87,7 @@ int wmain(int argc, wchar_t* argv[])
     if (argc == 2 && std::wcscmp(argv[1], L"--help") == 0)
     {
         QcTools::Print(kUsage);
-        return EXIT_CLEAN;
+        return QcTools::EXIT_CLEAN;
     }
     std::ifstream file;
     if (argc == 2 && argv[1][0] != L'-')
@@ -106,7 +98,7 @@ int wmain(int argc, wchar_t* argv[])
     {
         QcTools::PrintLine(stderr, argc == 2 ? std::wstring(L"QcLogRead: cannot read ") + argv[1]
                                              : std::wstring(L"QcLogRead: name one log (QcLogRead --help shows how)"));
-        return EXIT_UNREADABLE;
+        return QcTools::EXIT_UNREADABLE;
     }
     const std::wstring text = Decode(std::string(std::istreambuf_iterator<char>(file), {}));
     std::vector<std::wstring> lines;
@@ -211,5 +203,7 @@ int wmain(int argc, wchar_t* argv[])
                    L" with lines of the library; " + std::to_wstring(total) + L" lines: " + std::to_wstring(counts[0]) +
                    L" errors, " + std::to_wstring(counts[1]) + L" warnings" +
                    (bWine ? L", " + std::to_wstring(counts[2]) + L" errors or warnings" : L""));
-    return failed != 0 || counts[0] != 0 ? EXIT_FAILURES : counts[1] + counts[2] != 0 ? EXIT_WARNINGS : EXIT_CLEAN;
+    return failed != 0 || counts[0] != 0 ? QcTools::EXIT_PROBLEMS
+           : counts[1] + counts[2] != 0  ? QcTools::EXIT_WARNINGS
+                                         : QcTools::EXIT_CLEAN;
 }

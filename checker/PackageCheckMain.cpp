@@ -10,14 +10,6 @@
 
 namespace {
 
-enum ExitCode : int
-{
-    EXIT_NO_FINDING = 0,
-    EXIT_WARNINGS = 1,
-    EXIT_ERRORS = 2,
-    EXIT_UNREADABLE = 3, // the package cannot be read, or the command line is wrong
-};
-
 const wchar_t kUsage[] =
     L"usage: QcPackageCheck PACKAGE.msi\n"
     L"Checks every CustomAction row of PACKAGE.msi that calls Quillcast.Common.System from a Binary row, and\n"
@@ -32,12 +24,12 @@ int wmain(int argc, wchar_t* argv[])
     if (argc == 2 && std::wcscmp(argv[1], L"--help") == 0)
     {
         QcTools::Print(kUsage);
-        return EXIT_NO_FINDING;
+        return QcTools::EXIT_CLEAN;
     }
     if (argc != 2 || argv[1][0] == L'-')
     {
         QcTools::PrintLine(stderr, L"QcPackageCheck: name one package (QcPackageCheck --help shows how)");
-        return EXIT_UNREADABLE;
+        return QcTools::EXIT_UNREADABLE;
     }
     QcChecker::CPackage package;
     const UINT result = package.Open(argv[1]);
@@ -45,7 +37,7 @@ int wmain(int argc, wchar_t* argv[])
     {
         QcTools::PrintLine(stderr, std::wstring(L"QcPackageCheck: cannot read ") + argv[1] + L" (error " +
                                        std::to_wstring(result) + L")");
-        return EXIT_UNREADABLE;
+        return QcTools::EXIT_UNREADABLE;
     }
     size_t rows = 0;
     size_t errors = 0;
@@ -58,5 +50,5 @@ int wmain(int argc, wchar_t* argv[])
     }
     QcTools::Print(std::wstring(argv[1]) + L": " + std::to_wstring(rows) + L" rows call the library; " +
                    std::to_wstring(errors) + L" errors, " + std::to_wstring(findings.size() - errors) + L" warnings");
-    return errors != 0 ? EXIT_ERRORS : findings.empty() ? EXIT_NO_FINDING : EXIT_WARNINGS;
+    return errors != 0 ? QcTools::EXIT_PROBLEMS : findings.empty() ? QcTools::EXIT_CLEAN : QcTools::EXIT_WARNINGS;
 }
