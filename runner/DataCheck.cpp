@@ -1,6 +1,8 @@
 #include "DataCheck.h"
 
 #include "ClosestName.h"
+#include "PackageRules.h"
+#include "PackageTables.h"
 #include "host/ActionTable.h"
 #include "host/MsiArguments.h"
 #include "host/types/WideString.h"
@@ -12,27 +14,33 @@ namespace {
 using Quillcast::Host::CMsiArguments;
 using Quillcast::Host::EqualsIgnoringAsciiCase;
 
-std::wstring Join(const wchar_t* const* names, uint32_t count)
-{
-    std::wstring text;
-    for (uint32_t i = 0; i < count; ++i)
-    {
-        text += (i == 0 ? L"" : L", ") + std::wstring(names[i]);
-    }
-    return text;
-}
+constexpr int kDeferredDllFromBinary = 1 | 0x400;
+constexpr int kSetProperty = 51;
+constexpr wchar_t kSetter[] = L"QcRunnerSetData";
 
 bool IsAsciiLetterOrDigit(wchar_t c)
 {
     return (c >= L'a' && c <= L'z') || (c >= L'A' && c <= L'Z') || (c >= L'0' && c <= L'9');
 }
 
-// "[NAME]" and nothing else: the installer puts the property's value there,
-// which is empty when nobody set it.
-bool IsOnlyAPropertyReference(const std::wstring& value)
+// The checker judges packages: the action becomes one made in memory, its
+// deferred row and, scheduled before it, the setter whose value is `data`.
+// Only the findings about the value are the checker's "CustomActionData" rules.
+void CheckAsThePackageCheckerDoes(const std::wstring& action, const std::wstring& data,
+                                  std::vector<DataFinding>& findings)
 {
-    return value.size() > 2 && value.front() == L'[' && value.back() == L']' &&
-           value.find_first_of(L"[]", 1) == value.size() - 1;
+    QcChecker::CPackage package;
+    package.m_CustomActions = {{action, kDeferredDllFromBinary, L"QcRunnerBinary", action},
+                               {kSetter, kSetProperty, action, data}};
+    package.m_Sequences = {{L"InstallExecuteSequence", kSetter, L"", 1}, {L"InstallExecuteSequence", action, L"", 2}};
+    size_t rows = 0;
+    for (const QcChecker::Finding& finding : QcChecker::CheckPackage(package, rows))
+    {
+        if (finding.row == kSetter)
+        {
+            findings.push_back({finding.severity == QcChecker::Severity::Error, finding.text});
+        }
+    }
 }
 
 // How many pairs carry `name` (names match without regard to ASCII case).
@@ -46,26 +54,13 @@ size_t CountNamed(const CMsiArguments& arguments, const wchar_t* name)
     return count;
 }
 
-} // namespace
-
-std::vector<DataFinding> CheckCustomActionData(uint32_t index, const std::wstring& data)
+// Slips of a value typed by hand, which a package's rules do not look for: a
+// value that starts with its first name, and a name one typo away from a key
+// that is missing (the key silently keeps its default; an unknown name is
+// otherwise a deliberate pad for an optional key).
+void CheckTyping(uint32_t index, const std::wstring& data, std::vector<DataFinding>& findings)
 {
-    using namespace Quillcast::Host;
-    std::vector<DataFinding> findings;
-    if (index >= ACTION_COUNT)
-    {
-        return findings;
-    }
-    const CustomActionEntry& row = g_CustomActionTable[index];
-    const std::wstring action = g_CustomActionNames[index];
-    if (row.dwArgumentCount == 0)
-    {
-        if (!data.empty())
-        {
-            findings.push_back({false, action + L" reads no \"CustomActionData\": the value is ignored"});
-        }
-        return findings;
-    }
+    const Quillcast::Host::CustomActionEntry& row = Quillcast::Host::g_CustomActionTable[index];
     if (!data.empty() && IsAsciiLetterOrDigit(data[0]))
     {
         findings.push_back({false, L"the first character, '" + data.substr(0, 1) +
@@ -73,53 +68,46 @@ std::vector<DataFinding> CheckCustomActionData(uint32_t index, const std::wstrin
     }
     CMsiArguments arguments;
     arguments.Parse(data.c_str());
-    if (arguments.Count() < row.dwArgumentCount)
-    {
-        findings.push_back({true, action + L" needs " + std::to_wstring(row.dwArgumentCount) + L" pairs (" +
-                                      Join(row.ppszArguments, row.dwArgumentCount) + L"), the value gives " +
-                                      std::to_wstring(arguments.Count())});
-    }
-    for (uint32_t i = 0; i < row.dwRequiredCount; ++i)
-    {
-        const wchar_t* name = row.ppszRequired[i];
-        const wchar_t* value = arguments.GetArgument(name);
-        if (value == nullptr || *value == L'\0')
-        {
-            findings.push_back({true, std::wstring(name) + L" is required and " + (value ? L"empty" : L"missing")});
-        }
-        else if (IsOnlyAPropertyReference(value))
-        {
-            findings.push_back({false, std::wstring(name) + L" is only the property reference " + value +
-                                           L": empty at run time when that property is not set, and then " + action +
-                                           L" fails"});
-        }
-    }
     std::vector<std::wstring> absentKeys;
     for (uint32_t i = 0; i < row.dwArgumentCount; ++i)
     {
-        const wchar_t* name = row.ppszArguments[i];
-        const size_t count = CountNamed(arguments, name);
-        if (count == 0)
+        if (CountNamed(arguments, row.ppszArguments[i]) == 0)
         {
-            absentKeys.emplace_back(name);
-        }
-        else if (count > 1)
-        {
-            findings.push_back({false, std::wstring(name) + L" is given " + std::to_wstring(count) +
-                                           L" times: the first (" + arguments.GetArgument(name) + L") wins"});
+            absentKeys.emplace_back(row.ppszArguments[i]);
         }
     }
-    // An unknown name pads an optional key on purpose; one close to a key that is
-    // missing is a typo, and the key silently keeps its default.
     for (const auto& pair : arguments.Pairs())
     {
         const std::wstring name = Quillcast::System::Types::Text(pair.m_Name);
         const std::wstring key = ClosestName(name, absentKeys);
         if (!key.empty())
         {
-            findings.push_back({false, name + L" is not a key of " + action + L": did you mean " + key + L"?"});
+            findings.push_back({false, name + L" is not a key of " + Quillcast::Host::g_CustomActionNames[index] +
+                                           L": did you mean " + key + L"?"});
         }
     }
+}
+
+} // namespace
+
+std::vector<DataFinding> CheckCustomActionData(uint32_t index, const std::wstring& data)
+{
+    std::vector<DataFinding> findings;
+    if (index >= Quillcast::Host::ACTION_COUNT)
+    {
+        return findings;
+    }
+    const std::wstring action = Quillcast::Host::g_CustomActionNames[index];
+    if (Quillcast::Host::g_CustomActionTable[index].dwArgumentCount == 0)
+    {
+        if (!data.empty())
+        {
+            findings.push_back({false, action + L" reads no \"CustomActionData\": the value is ignored"});
+        }
+        return findings;
+    }
+    CheckTyping(index, data, findings);
+    CheckAsThePackageCheckerDoes(action, data, findings);
     return findings;
 }
 

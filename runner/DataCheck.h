@@ -4,10 +4,10 @@
 #include <string>
 #include <vector>
 
-// The library's own "CustomActionData" rules, applied to a value before any
-// install runs: what the action's validation would refuse (an error) and what
-// it would take without complaint although the author likely meant otherwise
-// (a warning). Read with the library's parser and action table, never a copy.
+// --check: a "CustomActionData" value judged before any install runs, by the
+// package checker's own rules (checker/PackageRules.cpp): what the action's
+// validation would refuse (an error) and what it would take although the
+// author likely meant otherwise (a warning).
 namespace QcRunner {
 
 struct DataFinding
@@ -17,7 +17,7 @@ struct DataFinding
 };
 
 // `index` is the action's row (Quillcast::Host::ActionIndex); `data` the value
-// as the action receives it, property references not expanded.
+// as a type 51 setter in the package would carry it ([NAME] is a property).
 std::vector<DataFinding> CheckCustomActionData(uint32_t index, const std::wstring& data);
 
 } // namespace QcRunner

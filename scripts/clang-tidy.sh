@@ -19,7 +19,7 @@ mapfile -t system_dirs < <(echo | "$gxx" -xc++ -E -v - 2>&1 |
     grep -Ev '/lib/gcc/[^/]+/[^/]+/include(-fixed)?$')
 args=(--target=x86_64-w64-mingw32 -std=c++17 -nostdinc++
       -DUNICODE -D_UNICODE -DNOMINMAX -D_WIN32_WINNT=0x0601 -DWINVER=0x0601
-      -I"$root/src" -I"$root/runner")
+      -I"$root/src" -I"$root/runner" -I"$root/checker")
 for dir in "${system_dirs[@]}"; do
     args+=(-isystem "$(realpath "$dir")")
 done

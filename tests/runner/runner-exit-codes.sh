@@ -49,23 +49,28 @@ check 5 "dwShowInQuietMode = 1. >> timeout: ShowMessageImmediately did not retur
     --timeout 2 ShowMessageImmediately
 check 0 "result: 0" --timeout=30 GetCustomActionVersion
 # A deferred action sees "CustomActionData" only.
-check 2 'ServiceStop reads "CustomActionData" only' --data "$spooler" --property=SERVICENAME=x ServiceStop
+# (A service that does not exist: with the rule broken the rows run and change nothing.)
+missing=";SERVICENAME=QcNoSuchService;X1=;X2="
+check 2 'ServiceStop reads "CustomActionData" only' --data "$missing" --property=SERVICENAME=x ServiceStop
 check 2 'ServiceStop reads "CustomActionData" only' --property SERVICENAME=Spooler ServiceStop
-check 1 "result: 1603" --allow-properties --property X=1 --data ";SERVICENAME=QcNoSuchService;X1=;X2=" ServiceStop
-# --check: the library's "CustomActionData" rules, nothing run.
+check 1 "result: 1603" --allow-properties --property X=1 --data "$missing" ServiceStop
+# --check: the package checker's "CustomActionData" rules and two typing slips, nothing run.
 check 0 "check: ServiceRestart, 0 errors, 0 warnings" --check --data "$spooler" ServiceRestart
 check 0 "check: ServiceRestart, 0 errors, 0 warnings" --check --data ";servicename=Spooler;X1=;Timeout=3" ServiceRestart
 check 6 "error: ServiceRestart needs 3 pairs (SERVICENAME, DEPENDENCIES, TIMEOUT), the value gives 2 >> 1 error," \
     --check --data=";SERVICENAME=Spooler;TIMEOUT=30" ServiceRestart
-check 6 "error: SERVICENAME is required and empty" --check --data ";SERVICENAME=;X1=;X2=" ServiceStart
-check 6 "warning: the first character, 'S', is the separator >> error: SERVICENAME is required and missing" \
-    --check --data "SERVICENAME=Spooler;X1=;X2=" ServiceStart
-check 7 "warning: SERVICENAME is only the property reference [SVC]" --check --data "|SERVICENAME=[SVC]|X1=|X2=" \
+check 6 "error: SERVICENAME is empty, and ServiceStart fails without it" --check --data ";SERVICENAME=;X1=;X2=" \
     ServiceStart
-check 7 "warning: TIMEOUT is given 2 times: the first (30) wins >> 0 errors, 1 warning" \
+check 6 "warning: the first character, 'S', is the separator >> error: ServiceStart needs SERVICENAME, the value" \
+    --check --data "SERVICENAME=Spooler;X1=;X2=" ServiceStart
+check 7 "warning: SERVICENAME is empty unless SVC is set at install time" --check --data "|SERVICENAME=[SVC]|X1=|X2=" \
+    ServiceStart
+check 7 "warning: TIMEOUT is given 2 times: the first value counts >> 0 errors, 1 warning" \
     --check --data ";SERVICENAME=Spooler;TIMEOUT=30;timeout=5" ServiceStart
 check 7 "warning: DEPENDENCY is not a key of ServiceStart: did you mean DEPENDENCIES?" \
     --check --data ";SERVICENAME=Spooler;DEPENDENCY=1;TIMEOUT=30" ServiceStart
+web="|RULENAME=Web|X1=|PROFILE=all|LOCALPORTS=80|X2=|X3=|X4=|X5="
+check 6 'error: PROFILE "all" is not decimal digits' --check --data "$web" AddPortException
 check 7 'warning: GetDomain reads no "CustomActionData"' --check --data ";X=1" GetDomain
 check 3 "the action table has no action servicerestart; did you mean ServiceRestart?" --check servicerestart
 # Usage errors.
