@@ -46,34 +46,20 @@ std::pair<std::wstring, std::wstring> Fail(const wchar_t* call, HRESULT hResult)
     return {call, std::to_wstring(static_cast<unsigned long>(hResult))};
 }
 
-#define QC_ROW_FIELD(Setter, Type, field)                                                                              \
-    Row& Setter(Type value)                                                                                            \
-    {                                                                                                                  \
-        field = std::move(value);                                                                                      \
-        return *this;                                                                                                  \
-    }
-
 // One run of an action. A row names what differs from the default: the double serving both classes with its
 // default answers, a thread without COM, the product's wizard on screen, every property read succeeding, the
 // action failing (1603) and leaving the results as they were, nothing logged, no call of the double.
 struct Row
 {
-    explicit Row(const char* pszName) : name(pszName) {}
-    QC_ROW_FIELD(Server, std::wstring, server) // "": Wine's own parts
-    QC_ROW_FIELD(Answers, Properties, answers) // the double's (DirectoryDouble.h)
-    QC_ROW_FIELD(Set, Properties, properties)  // besides the product name and the results' earlier values
-    QC_ROW_FIELD(FailingReads, std::set<std::wstring>, failingReads)
-    QC_ROW_FIELD(Apartment, int, apartment) // the caller's COM apartment
-    QC_ROW_FIELD(Logs, Lines, lines)
-    QC_ROW_FIELD(Values, Lines, values)   // success: MACHINEDOMAIN and PARTOFDOMAIN, or PickResult
-    QC_ROW_FIELD(Journal, Lines, journal) // what the double received and released
-
-    std::string name;
-    std::wstring server = kDoubleServer;
-    Properties answers, properties;
-    std::set<std::wstring> failingReads;
-    int apartment = -1;
-    Lines lines, values, journal;
+    const char* name = "";
+    std::wstring server = kDoubleServer; // "": Wine's own parts
+    Properties answers = {};             // the double's (DirectoryDouble.h)
+    Properties properties = {};          // besides the product name and the results' earlier values
+    std::set<std::wstring> failingReads = {};
+    int apartment = -1; // the caller's COM apartment
+    Lines lines = {};
+    Lines values = {};  // on success: MACHINEDOMAIN and PARTOFDOMAIN, or PickResult
+    Lines journal = {}; // what the double received and released
 };
 
 using DirectoryAction = ::testing::TestWithParam<Row>;
@@ -164,63 +150,63 @@ Lines FullRun(size_t instances, bool bBlankets = true)
 
 const Row kDomainRows[] = {
     // Wine answers like a workgroup machine: without "PartOfDomain" the flag counts as false.
-    Row("WineWorkgroupMachineSetsTheWorkgroupAndKeepsPartOfDomain")
-        .Server(L"")
-        .Logs({kConnecting, kQuerying, L"[ERROR] WmiClassObject (#) Get for property 'PartOfDomain' failed."})
-        .Values({L"WORKGROUP", L"earlier"}),
+    {.name = "WineWorkgroupMachineSetsTheWorkgroupAndKeepsPartOfDomain",
+     .server = L"",
+     .lines = {kConnecting, kQuerying, L"[ERROR] WmiClassObject (#) Get for property 'PartOfDomain' failed."},
+     .values = {L"WORKGROUP", L"earlier"}},
     // RPC_E_CHANGED_MODE (0x80010106) is logged and the query still runs; only the first computer system is read.
     // A CIM_STRING without a value (VT_NULL) is the empty text; a machine outside a domain keeps an earlier flag.
-    Row("FirstOfTwoWorkgroupMembersCountsForAnApartmentThreadedCaller")
-        .Answers({{L"PartOfDomain", L"11:0"}, {L"Domain", L"8:"}, {L"Instances", L"2"}})
-        .Apartment(COINIT_APARTMENTTHREADED)
-        .Logs({Error(L"WmiConnection", L"CoInitializeEx failed with result 2147549446"), kConnecting, kQuerying})
-        .Values({L"", L"earlier"})
-        .Journal(FullRun(2)),
+    {.name = "FirstOfTwoWorkgroupMembersCountsForAnApartmentThreadedCaller",
+     .answers = {{L"PartOfDomain", L"11:0"}, {L"Domain", L"8:"}, {L"Instances", L"2"}},
+     .apartment = COINIT_APARTMENTTHREADED,
+     .lines = {Error(L"WmiConnection", L"CoInitializeEx failed with result 2147549446"), kConnecting, kQuerying},
+     .values = {L"", L"earlier"},
+     .journal = FullRun(2)},
     // A proxy impersonating at level 4 (delegate) is set to 3 all the same.
-    Row("DomainMemberSetsItsDomainAndPartOfDomain")
-        .Answers({{L"PartOfDomain", L"11:1"}, {L"Domain", L"8:corp.example"}, {L"ImpersonationLevel", L"4"}})
-        .Logs({kConnecting, kQuerying})
-        .Values({L"corp.example", L"1"})
-        .Journal(FullRun(1)),
+    {.name = "DomainMemberSetsItsDomainAndPartOfDomain",
+     .answers = {{L"PartOfDomain", L"11:1"}, {L"Domain", L"8:corp.example"}, {L"ImpersonationLevel", L"4"}},
+     .lines = {kConnecting, kQuerying},
+     .values = {L"corp.example", L"1"},
+     .journal = FullRun(1)},
     // "MACHINEDOMAIN" is set also to the empty text, which removes it. A proxy already impersonating keeps its
     // blanket. CIM_DATETIME (101), a number no VARIANT type has, arrives as a VT_BSTR like a CIM_STRING.
-    Row("DomainOfAnotherCimTypeEmptiesMachineDomainThroughAnImpersonatingProxy")
-        .Answers({{L"PartOfDomain", L"11:1"}, {L"Domain", L"101:corp.example"}, {L"ImpersonationLevel", L"3"}})
-        .Logs({kConnecting, kQuerying,
-               L"[ERROR] WmiClassObject (#) Got type mismatch for property 'Domain' Expected=8 Is=101."})
-        .Values({L"", L"1"})
-        .Journal(FullRun(1, false)),
-    Row("EmptyQueryResultFindsNoComputerSystem")
-        .Answers({{L"Instances", L"0"}})
-        .Logs({kConnecting, kQuerying, Error(L"Various", L"No Win32_ComputerSystem found")})
-        .Journal(Calls(4, kNoneLeft)),
-    Row("FailedConnectFailsWithTheThreadsLastError")
-        .Answers({Fail(L"ConnectServer", WBEM_E_ACCESS_DENIED)})
-        .Logs({kConnecting, Error(L"WmiConnection", L"Connecting Wmi Services failed"), kConnectFailed + L"5."})
-        .Journal({kConnect, L"Locator released"}),
-    Row("FailedServicesBlanketFailsTheConnect")
-        .Answers({Fail(L"SetBlanket", WBEM_E_ACCESS_DENIED)})
-        .Logs(kBlanketFailed)
-        .Journal(Calls(2)),
+    {.name = "DomainOfAnotherCimTypeEmptiesMachineDomainThroughAnImpersonatingProxy",
+     .answers = {{L"PartOfDomain", L"11:1"}, {L"Domain", L"101:corp.example"}, {L"ImpersonationLevel", L"3"}},
+     .lines = {kConnecting, kQuerying,
+               L"[ERROR] WmiClassObject (#) Got type mismatch for property 'Domain' Expected=8 Is=101."},
+     .values = {L"", L"1"},
+     .journal = FullRun(1, false)},
+    {.name = "EmptyQueryResultFindsNoComputerSystem",
+     .answers = {{L"Instances", L"0"}},
+     .lines = {kConnecting, kQuerying, Error(L"Various", L"No Win32_ComputerSystem found")},
+     .journal = Calls(4, kNoneLeft)},
+    {.name = "FailedConnectFailsWithTheThreadsLastError",
+     .answers = {Fail(L"ConnectServer", WBEM_E_ACCESS_DENIED)},
+     .lines = {kConnecting, Error(L"WmiConnection", L"Connecting Wmi Services failed"), kConnectFailed + L"5."},
+     .journal = {kConnect, L"Locator released"}},
+    {.name = "FailedServicesBlanketFailsTheConnect",
+     .answers = {Fail(L"SetBlanket", WBEM_E_ACCESS_DENIED)},
+     .lines = kBlanketFailed,
+     .journal = Calls(2)},
     // The query's failure takes the "set" text too, on purpose.
-    Row("FailedBlanketQueryFailsTheConnectWithTheSetText")
-        .Answers({Fail(L"QueryBlanket", WBEM_E_ACCESS_DENIED)})
-        .Logs(kBlanketFailed)
-        .Journal(Calls(1)),
-    Row("MissingLocatorFailsTheConnect")
-        .Server(kMissingServer)
-        .Logs({Error(L"WmiConnection", L"Creating WbemLocator failed"), kConnectFailed + L"126."}),
-    Row("FailedQueryFails")
-        .Answers({Fail(L"ExecQuery", WBEM_E_ACCESS_DENIED)})
-        .Logs({kConnecting, kQuerying, Error(L"WmiConnection", L"Processing query failed"), kQueryFailed})
-        .Journal(Calls(3)),
+    {.name = "FailedBlanketQueryFailsTheConnectWithTheSetText",
+     .answers = {Fail(L"QueryBlanket", WBEM_E_ACCESS_DENIED)},
+     .lines = kBlanketFailed,
+     .journal = Calls(1)},
+    {.name = "MissingLocatorFailsTheConnect",
+     .server = kMissingServer,
+     .lines = {Error(L"WmiConnection", L"Creating WbemLocator failed"), kConnectFailed + L"126."}},
+    {.name = "FailedQueryFails",
+     .answers = {Fail(L"ExecQuery", WBEM_E_ACCESS_DENIED)},
+     .lines = {kConnecting, kQuerying, Error(L"WmiConnection", L"Processing query failed"), kQueryFailed},
+     .journal = Calls(3)},
     // Any answer but S_OK and S_FALSE ends the walk, a success code (WBEM_S_TIMEDOUT) too.
-    Row("EnumerationAnsweringNeitherOkNorFalseFails")
-        .Answers({Fail(L"Next", WBEM_S_TIMEDOUT)})
-        .Logs({kConnecting, kQuerying,
+    {.name = "EnumerationAnsweringNeitherOkNorFalseFails",
+     .answers = {Fail(L"Next", WBEM_S_TIMEDOUT)},
+     .lines = {kConnecting, kQuerying,
                Error(L"WmiConnection", L"Enumerating class objects failed with error 262148 returned = 0"),
-               kQueryFailed})
-        .Journal(Calls(4, kNoneLeft)),
+               kQueryFailed},
+     .journal = Calls(4, kNoneLeft)},
 };
 
 // The first scope record (size, types, scope flags, uplevel both/mixed/native filters, downlevel filter, domain
@@ -254,61 +240,61 @@ const Lines kAlice = {L"CORP\\alice"};
 const Row kPickRows[] = {
     // Only a failed read of an option is worth a warning, not a failed size query; both read as 0. Each path
     // becomes DOMAIN\name; one without a path adds an empty entry.
-    Row("UnreadableOptionsOfferUsersAndGroupsOverTheWizardAndJoinTheSelection")
-        .Answers({{L"Selection", L"WinNT://CORP/alice;(null);WinNT://CORP/Print Operators"}})
-        .Set(Options(L"2", L"1"))
-        .FailingReads({L"PickUserFlagProperty", L"PickMultiSelectProperty:size"})
-        .Logs({L"[WARNING] Various (#) MsiGetProperty PickUserFlagProperty failed with error 1627."})
-        .Values({L"CORP\\alice;;CORP\\Print Operators"})
-        .Journal(Picked(L"0x0", kUsersAndGroups)),
+    {.name = "UnreadableOptionsOfferUsersAndGroupsOverTheWizardAndJoinTheSelection",
+     .answers = {{L"Selection", L"WinNT://CORP/alice;(null);WinNT://CORP/Print Operators"}},
+     .properties = Options(L"2", L"1"),
+     .failingReads = {L"PickUserFlagProperty", L"PickMultiSelectProperty:size"},
+     .lines = {L"[WARNING] Various (#) MsiGetProperty PickUserFlagProperty failed with error 1627."},
+     .values = {L"CORP\\alice;;CORP\\Print Operators"},
+     .journal = Picked(L"0x0", kUsersAndGroups)},
     // A multithreaded caller: the picker is created there all the same, and the destructor's CoUninitialize,
     // unbalanced on purpose, ends the caller's own initialisation (a balanced object would leave it, S_FALSE).
     // User flag 3 is like 0, and any number but 0 turns multi-selection on, a negative one too.
-    Row("UserFlag3WithMultiSelectInAMultithreadedCaller")
-        .Answers(kOneUser)
-        .Set(Options(L"3", L" -7 apples"))
-        .Apartment(COINIT_MULTITHREADED)
-        .Values(kAlice)
-        .Journal(Picked(L"0x1", kUsersAndGroups)),
-    Row("UserFlag1OffersUsersUnderTheStandardDialogWithoutTheWizard")
-        .Answers(kOneUser)
-        .Set({{L"ProductName", kDialogTitle}, {L"PickUserFlagProperty", L"1"}})
-        .Values(kAlice)
-        .Journal(Picked(L"0x0", kUsers, true, L"#32770")),
+    {.name = "UserFlag3WithMultiSelectInAMultithreadedCaller",
+     .answers = kOneUser,
+     .properties = Options(L"3", L" -7 apples"),
+     .apartment = COINIT_MULTITHREADED,
+     .values = kAlice,
+     .journal = Picked(L"0x1", kUsersAndGroups)},
+    {.name = "UserFlag1OffersUsersUnderTheStandardDialogWithoutTheWizard",
+     .answers = kOneUser,
+     .properties = {{L"ProductName", kDialogTitle}, {L"PickUserFlagProperty", L"1"}},
+     .values = kAlice,
+     .journal = Picked(L"0x0", kUsers, true, L"#32770")},
     // The records stay unprepared; the picker refuses them and no dialog is shown. COM is uninitialised at once
     // and again by the destructor, both on purpose: the caller's own initialisation ends with the action.
-    Row("UserFlag4IsRefusedAndNoDialogShown")
-        .Answers(kOneUser)
-        .Set(Options(L"4", L"1"))
-        .Apartment(COINIT_APARTMENTTHREADED)
-        .Logs({Error(L"Directory", L"dwUserFlag not valid"),
-               Error(L"Directory", L"InitObjectPicker failed with error 2147942487"), kShowFailed})
-        .Journal({L"Initialize 0 null 0 0x0 0", L"Picker released"}),
+    {.name = "UserFlag4IsRefusedAndNoDialogShown",
+     .answers = kOneUser,
+     .properties = Options(L"4", L"1"),
+     .apartment = COINIT_APARTMENTTHREADED,
+     .lines = {Error(L"Directory", L"dwUserFlag not valid"),
+               Error(L"Directory", L"InitObjectPicker failed with error 2147942487"), kShowFailed},
+     .journal = {L"Initialize 0 null 0 0x0 0", L"Picker released"}},
     // Wine's picker answers S_FALSE without a selection, like a cancel, which is a failure.
-    Row("WinesOwnPickerEndsLikeACancel")
-        .Server(L"")
-        .Logs({Error(L"Directory", L"ProcessSelectedObjects failed with error 2147942487"), kShowFailed}),
-    Row("FailingPickerOfGroupsWithMultiSelectFails")
-        .Answers({Fail(L"InvokeDialog", E_ACCESSDENIED)})
-        .Set(Options(L"2", L"1"))
-        .Logs({Error(L"Directory", L"InvokeDialog failed with error 2147942405"), kShowFailed})
-        .Journal(Picked(L"0x1", kGroups, false)),
-    Row("PickerThatCannotBeCreatedIsNotUsed")
-        .Server(kMissingServer)
-        .Logs({Error(L"Various", L"ShowObjectPicker failed with error 126")}),
-    Row("NoWindowWithTheProductTitleFails")
-        .Answers(kOneUser)
-        .Set({{L"ProductName", L"Quillcast Silent"}})
-        .Logs({Error(L"Various", L"FindWindow failed with error 0")}),
-    Row("ProductNameWhoseSizeCannotBeAskedFails")
-        .Answers(kOneUser)
-        .FailingReads({L"ProductName:size"})
-        .Logs({Error(L"Various", L"MsiGetProperty ProductName failed with error 1627")}),
+    {.name = "WinesOwnPickerEndsLikeACancel",
+     .server = L"",
+     .lines = {Error(L"Directory", L"ProcessSelectedObjects failed with error 2147942487"), kShowFailed}},
+    {.name = "FailingPickerOfGroupsWithMultiSelectFails",
+     .answers = {Fail(L"InvokeDialog", E_ACCESSDENIED)},
+     .properties = Options(L"2", L"1"),
+     .lines = {Error(L"Directory", L"InvokeDialog failed with error 2147942405"), kShowFailed},
+     .journal = Picked(L"0x1", kGroups, false)},
+    {.name = "PickerThatCannotBeCreatedIsNotUsed",
+     .server = kMissingServer,
+     .lines = {Error(L"Various", L"ShowObjectPicker failed with error 126")}},
+    {.name = "NoWindowWithTheProductTitleFails",
+     .answers = kOneUser,
+     .properties = {{L"ProductName", L"Quillcast Silent"}},
+     .lines = {Error(L"Various", L"FindWindow failed with error 0")}},
+    {.name = "ProductNameWhoseSizeCannotBeAskedFails",
+     .answers = kOneUser,
+     .failingReads = {L"ProductName:size"},
+     .lines = {Error(L"Various", L"MsiGetProperty ProductName failed with error 1627")}},
     // Another text than for the size query, on purpose.
-    Row("UnreadableProductNameFailsWithItsOwnText")
-        .Answers(kOneUser)
-        .FailingReads({L"ProductName"})
-        .Logs({Error(L"Various", L"MsiGetProperty strProductName failed with error 1627")}),
+    {.name = "UnreadableProductNameFailsWithItsOwnText",
+     .answers = kOneUser,
+     .failingReads = {L"ProductName"},
+     .lines = {Error(L"Various", L"MsiGetProperty strProductName failed with error 1627")}},
 };
 
 const auto kName = [](const auto& paramInfo) { return paramInfo.param.name; };

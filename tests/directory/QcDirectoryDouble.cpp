@@ -1,15 +1,13 @@
-// An in-process COM server standing in for the two parts Wine lacks: a WMI
-// locator whose Win32_ComputerSystem says what the test wants (a domain member
-// or not, another CIM type, no instance, a failing step) and a directory object
-// picker that returns a chosen selection in the CFSTR_DSOP_DS_SELECTION_LIST
-// format. It takes its answers from, and records every call and every object's
-// final release in, the values DirectoryDouble.h lists, so that the tests see
-// what the caller passed and that each reference it took was given back. Its
-// calls refuse what the platform's documentation says they refuse.
+// An in-process COM server standing in for the two parts Wine lacks: a WMI locator whose Win32_ComputerSystem
+// says what the test wants (a domain member or not, another CIM type, no instance, a failing step) and a directory
+// object picker that returns a chosen selection in the CFSTR_DSOP_DS_SELECTION_LIST format. It takes its answers
+// from, and records each call and each object's final release in, the values DirectoryDouble.h lists; its calls
+// refuse what the platform's documentation says they refuse.
 #include <windows.h>
 #include <shlwapi.h>
 
 #include <algorithm>
+#include <sstream>
 
 #include "directory/DirectoryDouble.h"
 #include "host/types/ComPtr.h"
@@ -20,9 +18,8 @@ __CRT_UUID_DECL(IDsObjectPicker, 0x0c87e64e, 0x3b7a, 0x11d2, 0xb9, 0xe0, 0x00, 0
 namespace QcTest {
 namespace {
 
-using Quillcast::System::Types::CBstr;
-using CGlobalMemory =
-    Quillcast::System::Types::CUniqueHandle<HGLOBAL, Quillcast::System::Types::CloseWith<HGLOBAL, ::GlobalFree>>;
+namespace Types = Quillcast::System::Types;
+using CGlobalMemory = Types::CUniqueHandle<HGLOBAL, Types::CloseWith<HGLOBAL, ::GlobalFree>>;
 
 // A call no case makes.
 #define QC_UNUSED(name, ...)                                                                                           \
@@ -30,8 +27,6 @@ using CGlobalMemory =
     {                                                                                                                  \
         return E_NOTIMPL;                                                                                              \
     }
-
-// ---- answers and journal ------------------------------------------------------
 
 std::wstring Answer(const wchar_t* name, const wchar_t* fallback = L"")
 {
@@ -45,34 +40,41 @@ HRESULT Failure(const wchar_t* call)
     return static_cast<HRESULT>(wcstoul(Answer(call, L"0").c_str(), nullptr, 10));
 }
 
-std::wstring Field(const wchar_t* pszText)
+const wchar_t* Text(const wchar_t* pszText)
 {
     return pszText != nullptr ? pszText : L"null";
 }
-std::wstring Field(const std::wstring& text)
-{
-    return text;
-}
-template <typename TNumber, typename = std::enable_if_t<std::is_arithmetic_v<TNumber>>>
-std::wstring Field(TNumber number)
-{
-    return std::to_wstring(number);
-}
+
 std::wstring Hex(ULONG flags)
 {
-    wchar_t text[16] = {};
-    _snwprintf(text, 15, L"0x%lX", flags);
-    return text;
+    std::wostringstream text;
+    text << L"0x" << std::hex << std::uppercase << flags;
+    return text.str();
 }
 
 template <typename... TFields>
 void Record(const wchar_t* call, const TFields&... fields)
 {
-    std::wstring line = call;
-    ((line += L" " + Field(fields)), ...);
-    AppendLine(kDoubleKey, L"Journal", line);
+    std::wostringstream line;
+    line << call;
+    ((line << L' ' << fields), ...);
+    AppendLine(kDoubleKey, L"Journal", line.str());
 }
 
+// Records the call and clears its out-parameter, which must be given; then answers as the test chose.
+template <typename TOut, typename... TFields>
+HRESULT Call(const wchar_t* call, TOut** ppOut, const TFields&... fields)
+{
+    Record(call, fields...);
+    if (ppOut == nullptr)
+    {
+        return E_POINTER;
+    }
+    *ppOut = nullptr;
+    return Failure(call);
+}
+
+// For the optional out-parameters.
 template <typename TValue>
 void Give(TValue* pOut, TValue value)
 {
@@ -95,8 +97,6 @@ protected:
 
     const std::wstring m_Name;
 };
-
-// ---- WMI ------------------------------------------------------------------------
 
 // A WMI object the caller reaches through a proxy, whose security it can query and set.
 template <typename TInterface>
@@ -129,7 +129,7 @@ public:
     STDMETHODIMP SetBlanket(IUnknown*, DWORD AuthnSvc, DWORD AuthzSvc, OLECHAR* pServerPrincName, DWORD AuthnLevel,
                             DWORD ImpLevel, void* pAuthInfo, DWORD Capabilities) override
     {
-        Record(L"SetBlanket", this->m_Name, AuthnSvc, AuthzSvc, pServerPrincName, AuthnLevel, ImpLevel,
+        Record(L"SetBlanket", this->m_Name, AuthnSvc, AuthzSvc, Text(pServerPrincName), AuthnLevel, ImpLevel,
                pAuthInfo == &m_Identity ? L"queried" : L"other", Capabilities);
         return Failure(L"SetBlanket");
     }
@@ -147,7 +147,7 @@ public:
 
     STDMETHODIMP Get(LPCWSTR wszName, LONG lFlags, VARIANT* pVal, CIMTYPE* pType, LONG*) override
     {
-        Record(L"Get", wszName);
+        Record(L"Get", Text(wszName));
         if (wszName == nullptr || lFlags != 0) // the flags are reserved: 0
         {
             return WBEM_E_INVALID_PARAMETER;
@@ -157,24 +157,23 @@ public:
         {
             return WBEM_E_NOT_FOUND;
         }
-        Give(pType, static_cast<CIMTYPE>(_wtoi(answer.c_str())));
+        const auto type = static_cast<CIMTYPE>(_wtoi(answer.c_str()));
+        Give(pType, type);
+        // WMI hands a CIM_BOOLEAN over as VT_BOOL, a CIM_STRING and a CIM_DATETIME as VT_BSTR, and a property
+        // without a value as VT_NULL.
+        const Types::CBstr text(answer.c_str() + answer.find(L':') + 1);
         if (pVal == nullptr)
         {
             return WBEM_S_NO_ERROR;
         }
-        // WMI hands a CIM_BOOLEAN over as VT_BOOL, a CIM_STRING and a CIM_DATETIME as VT_BSTR, and a property
-        // without a value as VT_NULL.
         VariantInit(pVal);
-        const CBstr text(answer.c_str() + answer.find(L':') + 1);
-        if (SysStringLen(text.Get()) == 0)
-        {
-            V_VT(pVal) = VT_NULL;
-            return WBEM_S_NO_ERROR;
-        }
+        V_VT(pVal) = VT_NULL;
         VARIANT value = {};
         V_VT(&value) = VT_BSTR;
         V_BSTR(&value) = text.Get();
-        return VariantChangeType(pVal, &value, 0, _wtoi(answer.c_str()) == CIM_BOOLEAN ? VT_BOOL : VT_BSTR);
+        return SysStringLen(text.Get()) == 0
+                   ? S_OK
+                   : VariantChangeType(pVal, &value, 0, type == CIM_BOOLEAN ? VT_BOOL : VT_BSTR);
     }
     QC_UNUSED(GetQualifierSet, IWbemQualifierSet**)
     QC_UNUSED(Put, LPCWSTR, LONG, VARIANT*, CIMTYPE)
@@ -207,27 +206,24 @@ private:
 class CEnumerator : public CProxy<IEnumWbemClassObject>
 {
 public:
-    CEnumerator() : CProxy(L"Enumerator"), m_Left(_wtoi(Answer(L"Instances", L"1").c_str())) {}
+    CEnumerator() : CProxy(L"Enumerator"), m_Count(_wtoi(Answer(L"Instances", L"1").c_str())) {}
 
     STDMETHODIMP Next(LONG lTimeout, ULONG uCount, IWbemClassObject** apObjects, ULONG* puReturned) override
     {
-        Record(L"Next", lTimeout, uCount);
-        if (apObjects == nullptr || puReturned == nullptr || uCount != 1) // one at a time is all it hands out
+        if (puReturned == nullptr || uCount != 1) // one at a time is all it hands out
         {
             return WBEM_E_INVALID_PARAMETER;
         }
         *puReturned = 0;
-        if (const HRESULT hFailure = Failure(L"Next"))
+        if (const HRESULT hResult = Call(L"Next", apObjects, lTimeout, uCount))
         {
-            return hFailure;
+            return hResult;
         }
-        if (m_Left <= 0)
+        if (m_Handed == m_Count)
         {
             return WBEM_S_FALSE;
         }
-        apObjects[0] = new CComputerSystem(m_bFirst);
-        m_bFirst = false;
-        --m_Left;
+        apObjects[0] = new CComputerSystem(m_Handed++ == 0);
         *puReturned = 1;
         return WBEM_S_NO_ERROR;
     }
@@ -237,8 +233,8 @@ public:
     QC_UNUSED(Skip, LONG, ULONG)
 
 private:
-    int m_Left;
-    bool m_bFirst = true;
+    const int m_Count;
+    int m_Handed = 0;
 };
 
 class CServices : public CProxy<IWbemServices>
@@ -249,19 +245,13 @@ public:
     STDMETHODIMP ExecQuery(const BSTR strQueryLanguage, const BSTR strQuery, LONG lFlags, IWbemContext*,
                            IEnumWbemClassObject** ppEnum) override
     {
-        Record(L"ExecQuery", strQueryLanguage, strQuery, lFlags);
-        if (ppEnum == nullptr || strQuery == nullptr)
+        if (const HRESULT hResult = Call(L"ExecQuery", ppEnum, Text(strQueryLanguage), Text(strQuery), lFlags))
         {
-            return WBEM_E_INVALID_PARAMETER;
+            return hResult;
         }
-        *ppEnum = nullptr;
         if (strQueryLanguage == nullptr || _wcsicmp(strQueryLanguage, L"WQL") != 0)
         {
             return WBEM_E_INVALID_QUERY_TYPE;
-        }
-        if (const HRESULT hFailure = Failure(L"ExecQuery"))
-        {
-            return hFailure;
         }
         *ppEnum = new CEnumerator();
         return WBEM_S_NO_ERROR;
@@ -300,18 +290,13 @@ public:
                                const BSTR strLocale, LONG lSecurityFlags, const BSTR strAuthority, IWbemContext*,
                                IWbemServices** ppNamespace) override
     {
-        Record(L"ConnectServer", strNetworkResource, strUser, strPassword, strLocale, lSecurityFlags, strAuthority);
-        if (ppNamespace == nullptr || strNetworkResource == nullptr)
-        {
-            return WBEM_E_INVALID_PARAMETER;
-        }
-        *ppNamespace = nullptr;
-        if (const HRESULT hFailure = Failure(L"ConnectServer"))
+        if (const HRESULT hResult = Call(L"ConnectServer", ppNamespace, Text(strNetworkResource), Text(strUser),
+                                         Text(strPassword), Text(strLocale), lSecurityFlags, Text(strAuthority)))
         {
             SetLastError(ERROR_ACCESS_DENIED); // what the failed RPC call leaves behind on the thread
-            return hFailure;
+            return hResult;
         }
-        if (_wcsicmp(strNetworkResource, L"ROOT\\CIMV2") != 0)
+        if (strNetworkResource == nullptr || _wcsicmp(strNetworkResource, L"ROOT\\CIMV2") != 0)
         {
             return WBEM_E_INVALID_NAMESPACE;
         }
@@ -320,9 +305,7 @@ public:
     }
 };
 
-// ---- directory object picker ----------------------------------------------------
-
-// The selection; it also releases the memory of the medium it hands out, so its final release tells that both
+// The picker's selection. It is also what releases the medium it hands out, so its final release tells that both
 // the data object and the medium were given back.
 class CSelection : public CObject<IDataObject>
 {
@@ -331,17 +314,14 @@ public:
 
     STDMETHODIMP GetData(FORMATETC* pFormat, STGMEDIUM* pMedium) override
     {
-        if (pFormat == nullptr || pMedium == nullptr)
-        {
-            return E_INVALIDARG;
-        }
         // The one format the picker offers; DV_E_FORMATETC stands for every mismatch.
-        if (pFormat->cfFormat != RegisterClipboardFormatW(CFSTR_DSOP_DS_SELECTION_LIST) ||
+        if (pFormat == nullptr || pMedium == nullptr ||
+            pFormat->cfFormat != RegisterClipboardFormatW(CFSTR_DSOP_DS_SELECTION_LIST) ||
             (pFormat->tymed & TYMED_HGLOBAL) == 0 || pFormat->dwAspect != DVASPECT_CONTENT || pFormat->lindex != -1)
         {
-            return DV_E_FORMATETC;
+            return pFormat == nullptr || pMedium == nullptr ? E_INVALIDARG : DV_E_FORMATETC;
         }
-        // The records first, then the paths they point to, in one fixed block.
+        // The records first, then the paths they point to, in one fixed block (its handle is its address).
         std::wstring paths = m_Paths;
         const auto cItems = static_cast<ULONG>(std::count(paths.begin(), paths.end(), L';') + 1);
         const size_t cbRecords = offsetof(DS_SELECTION_LIST, aDsSelection) + cItems * sizeof(DS_SELECTION);
@@ -350,7 +330,7 @@ public:
         {
             return E_OUTOFMEMORY;
         }
-        auto* pList = static_cast<DS_SELECTION_LIST*>(m_Memory.Get()); // fixed memory: the handle is the address
+        auto* pList = static_cast<DS_SELECTION_LIST*>(m_Memory.Get());
         DS_SELECTION* pSelections = pList->aDsSelection;
         auto* pPath = reinterpret_cast<wchar_t*>(static_cast<BYTE*>(m_Memory.Get()) + cbRecords);
         std::replace(paths.begin(), paths.end(), L';', L'\0');
@@ -388,11 +368,7 @@ public:
 
     STDMETHODIMP Initialize(PDSOP_INIT_INFO pInitInfo) override
     {
-        if (pInitInfo == nullptr)
-        {
-            return E_POINTER;
-        }
-        Record(L"Initialize", pInitInfo->cbSize, pInitInfo->pwzTargetComputer, pInitInfo->cDsScopeInfos,
+        Record(L"Initialize", pInitInfo->cbSize, Text(pInitInfo->pwzTargetComputer), pInitInfo->cDsScopeInfos,
                Hex(pInitInfo->flOptions), pInitInfo->cAttributesToFetch);
         if (pInitInfo->cbSize != sizeof(DSOP_INIT_INFO) || pInitInfo->cDsScopeInfos == 0 ||
             pInitInfo->aDsScopeInfos == nullptr)
@@ -405,7 +381,7 @@ public:
             const DSOP_UPLEVEL_FILTER_FLAGS& uplevel = scope.FilterFlags.Uplevel;
             Record(L"Scope", scope.cbSize, Hex(scope.flType), Hex(scope.flScope), Hex(uplevel.flBothModes),
                    Hex(uplevel.flMixedModeOnly), Hex(uplevel.flNativeModeOnly), Hex(scope.FilterFlags.flDownlevel),
-                   scope.pwzDcName, scope.pwzADsPath);
+                   Text(scope.pwzDcName), Text(scope.pwzADsPath));
         }
         m_bInitialized = true;
         return S_OK;
@@ -415,19 +391,13 @@ public:
     {
         wchar_t className[64] = L"null"; // the parent by its class: the wizard's or a standard dialog
         GetClassNameW(hwndParent, className, 64);
-        Record(L"InvokeDialog", className);
-        if (ppdoSelections == nullptr)
+        if (const HRESULT hResult = Call(L"InvokeDialog", ppdoSelections, className))
         {
-            return E_POINTER;
+            return hResult;
         }
-        *ppdoSelections = nullptr;
         if (!m_bInitialized)
         {
             return E_UNEXPECTED;
-        }
-        if (const HRESULT hFailure = Failure(L"InvokeDialog"))
-        {
-            return hFailure;
         }
         *ppdoSelections = new CSelection(Answer(L"Selection"));
         return S_OK;
@@ -442,13 +412,7 @@ private:
 
 extern "C" __declspec(dllexport) HRESULT __stdcall DllGetClassObject(REFCLSID rclsid, REFIID riid, void** ppv)
 {
-    if (rclsid == CLSID_WbemLocator)
-    {
-        return QcTest::ClassObject<QcTest::CLocator>(riid, ppv);
-    }
-    if (rclsid == CLSID_DsObjectPicker)
-    {
-        return QcTest::ClassObject<QcTest::CPicker>(riid, ppv);
-    }
-    return CLASS_E_CLASSNOTAVAILABLE;
+    return rclsid == CLSID_WbemLocator      ? QcTest::ClassObject<QcTest::CLocator>(riid, ppv)
+           : rclsid == CLSID_DsObjectPicker ? QcTest::ClassObject<QcTest::CPicker>(riid, ppv)
+                                            : CLASS_E_CLASSNOTAVAILABLE;
 }
