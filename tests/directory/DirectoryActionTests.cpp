@@ -216,19 +216,12 @@ const std::wstring kUsersAndGroups = kScope + L"0xE2 0x2A7 0x0 0x0 0x80020007 nu
 const std::wstring kUsers = kScope + L"0x62 0x3 0x0 0x0 0x80000001 null null";
 const std::wstring kGroups = kScope + L"0xA2 0x2A1 0x0 0x0 0x80000006 null null";
 
-// The calls of a picker shown over the window of that class; a selection is released with its medium.
-Lines Picked(const wchar_t* options, const std::wstring& scope, bool bSelection = true,
-             const std::wstring& parent = L"MsiDialogCloseClass")
+// The calls of a picker shown over the window of that class.
+Lines Picked(const wchar_t* options, const std::wstring& scope, const std::wstring& parent = L"MsiDialogCloseClass")
 {
     // The record's size, the target computer, the number of scopes, the options, the attributes to fetch.
-    Lines journal = {L"Initialize " + std::to_wstring(sizeof(DSOP_INIT_INFO)) + L" null 2 " + options + L" 0", scope,
-                     L"Scope 0 0x0 0x0 0x0 0x0 0x0 0x0 null null", L"InvokeDialog " + parent};
-    if (bSelection)
-    {
-        journal.push_back(L"Selection released");
-    }
-    journal.push_back(L"Picker released");
-    return journal;
+    return {L"Initialize " + std::to_wstring(sizeof(DSOP_INIT_INFO)) + L" null 2 " + options + L" 0", scope,
+            L"Scope 0 0x0 0x0 0x0 0x0 0x0 0x0 null null", L"InvokeDialog " + parent, L"Picker released"};
 }
 Properties Options(const wchar_t* userFlag, const wchar_t* multiSelect)
 {
@@ -260,7 +253,7 @@ const Row kPickRows[] = {
      .answers = kOneUser,
      .properties = {{L"ProductName", kDialogTitle}, {L"PickUserFlagProperty", L"1"}},
      .values = kAlice,
-     .journal = Picked(L"0x0", kUsers, true, L"#32770")},
+     .journal = Picked(L"0x0", kUsers, L"#32770")},
     // The records stay unprepared; the picker refuses them and no dialog is shown. COM is uninitialised at once
     // and again by the destructor, both on purpose: the caller's own initialisation ends with the action.
     {.name = "UserFlag4IsRefusedAndNoDialogShown",
@@ -278,7 +271,7 @@ const Row kPickRows[] = {
      .answers = {Fail(L"InvokeDialog", E_ACCESSDENIED)},
      .properties = Options(L"2", L"1"),
      .lines = {Error(L"Directory", L"InvokeDialog failed with error 2147942405"), kShowFailed},
-     .journal = Picked(L"0x1", kGroups, false)},
+     .journal = Picked(L"0x1", kGroups)},
     {.name = "PickerThatCannotBeCreatedIsNotUsed",
      .server = kMissingServer,
      .lines = {Error(L"Various", L"ShowObjectPicker failed with error 126")}},

@@ -305,63 +305,9 @@ public:
     }
 };
 
-// The picker's selection. It is also what releases the medium it hands out, so its final release tells that both
-// the data object and the medium were given back.
-class CSelection : public CObject<IDataObject>
-{
-public:
-    explicit CSelection(std::wstring paths) : CObject(L"Selection"), m_Paths(std::move(paths)) {}
-
-    STDMETHODIMP GetData(FORMATETC* pFormat, STGMEDIUM* pMedium) override
-    {
-        // The one format the picker offers; DV_E_FORMATETC stands for every mismatch.
-        if (pFormat == nullptr || pMedium == nullptr ||
-            pFormat->cfFormat != RegisterClipboardFormatW(CFSTR_DSOP_DS_SELECTION_LIST) ||
-            (pFormat->tymed & TYMED_HGLOBAL) == 0 || pFormat->dwAspect != DVASPECT_CONTENT || pFormat->lindex != -1)
-        {
-            return pFormat == nullptr || pMedium == nullptr ? E_INVALIDARG : DV_E_FORMATETC;
-        }
-        // The records first, then the paths they point to, in one fixed block (its handle is its address).
-        std::wstring paths = m_Paths;
-        const auto cItems = static_cast<ULONG>(std::count(paths.begin(), paths.end(), L';') + 1);
-        const size_t cbRecords = offsetof(DS_SELECTION_LIST, aDsSelection) + cItems * sizeof(DS_SELECTION);
-        m_Memory.Reset(GlobalAlloc(GPTR, cbRecords + (paths.size() + 1) * sizeof(wchar_t)));
-        if (!m_Memory)
-        {
-            return E_OUTOFMEMORY;
-        }
-        auto* pList = static_cast<DS_SELECTION_LIST*>(m_Memory.Get());
-        DS_SELECTION* pSelections = pList->aDsSelection;
-        auto* pPath = reinterpret_cast<wchar_t*>(static_cast<BYTE*>(m_Memory.Get()) + cbRecords);
-        std::replace(paths.begin(), paths.end(), L';', L'\0');
-        std::copy(paths.begin(), paths.end(), pPath);
-        pList->cItems = cItems;
-        for (ULONG i = 0; i < cItems; pPath += wcslen(pPath) + 1, ++i)
-        {
-            pSelections[i].flScopeType = DSOP_SCOPE_TYPE_UPLEVEL_JOINED_DOMAIN;
-            pSelections[i].pwzADsPath = wcscmp(pPath, L"(null)") != 0 ? pPath : nullptr;
-        }
-        pMedium->tymed = TYMED_HGLOBAL;
-        pMedium->hGlobal = m_Memory.Get();
-        pMedium->pUnkForRelease = this; // ReleaseStgMedium releases it instead of freeing the memory
-        AddRef();
-        return S_OK;
-    }
-    QC_UNUSED(GetDataHere, FORMATETC*, STGMEDIUM*)
-    QC_UNUSED(QueryGetData, FORMATETC*)
-    QC_UNUSED(GetCanonicalFormatEtc, FORMATETC*, FORMATETC*)
-    QC_UNUSED(SetData, FORMATETC*, STGMEDIUM*, BOOL)
-    QC_UNUSED(EnumFormatEtc, DWORD, IEnumFORMATETC**)
-    QC_UNUSED(DAdvise, FORMATETC*, DWORD, IAdviseSink*, DWORD*)
-    QC_UNUSED(DUnadvise, DWORD)
-    QC_UNUSED(EnumDAdvise, IEnumSTATDATA**)
-
-private:
-    const std::wstring m_Paths;
-    CGlobalMemory m_Memory;
-};
-
-class CPicker : public CObject<IDsObjectPicker>
+// The picker, which is also the selection it returns and what releases the medium that selection hands out: its
+// final release tells that the picker, the data object and the medium were all given back.
+class CPicker : public CObject<IDsObjectPicker, IDataObject>
 {
 public:
     CPicker() : CObject(L"Picker") {}
@@ -399,12 +345,59 @@ public:
         {
             return E_UNEXPECTED;
         }
-        *ppdoSelections = new CSelection(Answer(L"Selection"));
+        AddRef();
+        *ppdoSelections = this;
         return S_OK;
     }
 
+    STDMETHODIMP GetData(FORMATETC* pFormat, STGMEDIUM* pMedium) override
+    {
+        // The one format the picker offers; DV_E_FORMATETC stands for every mismatch.
+        if (pFormat == nullptr || pMedium == nullptr ||
+            pFormat->cfFormat != RegisterClipboardFormatW(CFSTR_DSOP_DS_SELECTION_LIST) ||
+            (pFormat->tymed & TYMED_HGLOBAL) == 0 || pFormat->dwAspect != DVASPECT_CONTENT || pFormat->lindex != -1)
+        {
+            return pFormat == nullptr || pMedium == nullptr ? E_INVALIDARG : DV_E_FORMATETC;
+        }
+        // The records first, then the paths they point to, in one fixed block (its handle is its address).
+        std::wstring paths = Answer(L"Selection");
+        const auto cItems = static_cast<ULONG>(std::count(paths.begin(), paths.end(), L';') + 1);
+        const size_t cbRecords = offsetof(DS_SELECTION_LIST, aDsSelection) + cItems * sizeof(DS_SELECTION);
+        m_Memory.Reset(GlobalAlloc(GPTR, cbRecords + (paths.size() + 1) * sizeof(wchar_t)));
+        if (!m_Memory)
+        {
+            return E_OUTOFMEMORY;
+        }
+        auto* pList = static_cast<DS_SELECTION_LIST*>(m_Memory.Get());
+        DS_SELECTION* pSelections = pList->aDsSelection;
+        auto* pPath = reinterpret_cast<wchar_t*>(static_cast<BYTE*>(m_Memory.Get()) + cbRecords);
+        std::replace(paths.begin(), paths.end(), L';', L'\0');
+        std::copy(paths.begin(), paths.end(), pPath);
+        pList->cItems = cItems;
+        for (ULONG i = 0; i < cItems; pPath += wcslen(pPath) + 1, ++i)
+        {
+            pSelections[i].flScopeType = DSOP_SCOPE_TYPE_UPLEVEL_JOINED_DOMAIN;
+            pSelections[i].pwzADsPath = wcscmp(pPath, L"(null)") != 0 ? pPath : nullptr;
+        }
+        pMedium->tymed = TYMED_HGLOBAL;
+        pMedium->hGlobal = m_Memory.Get();
+        pMedium->pUnkForRelease =
+            static_cast<IDataObject*>(this); // ReleaseStgMedium releases it instead of freeing the memory
+        AddRef();
+        return S_OK;
+    }
+    QC_UNUSED(GetDataHere, FORMATETC*, STGMEDIUM*)
+    QC_UNUSED(QueryGetData, FORMATETC*)
+    QC_UNUSED(GetCanonicalFormatEtc, FORMATETC*, FORMATETC*)
+    QC_UNUSED(SetData, FORMATETC*, STGMEDIUM*, BOOL)
+    QC_UNUSED(EnumFormatEtc, DWORD, IEnumFORMATETC**)
+    QC_UNUSED(DAdvise, FORMATETC*, DWORD, IAdviseSink*, DWORD*)
+    QC_UNUSED(DUnadvise, DWORD)
+    QC_UNUSED(EnumDAdvise, IEnumSTATDATA**)
+
 private:
     bool m_bInitialized = false;
+    CGlobalMemory m_Memory;
 };
 
 } // namespace
