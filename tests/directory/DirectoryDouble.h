@@ -11,7 +11,6 @@
 #include <vector>
 
 #include "support/ComServer.h"
-#include "support/ShippedDll.h"
 
 namespace QcTest {
 
@@ -20,11 +19,11 @@ namespace QcTest {
 //   Domain, PartOfDomain  the first instance's property as "<CIM type>:<text>", "<CIM type>:" for one without a
 //                       value; absent: WBEM_E_NOT_FOUND. Later instances have no properties.
 //   ImpersonationLevel  what the proxies report before a set (default 2, identify)
-//   ConnectServer, QueryBlanket, SetBlanket, ExecQuery, Next, InvokeDialog: what that call answers instead
+//   ConnectServer, QueryBlanket, SetBlanket, ExecQuery, Next, InvokeDialog: the HRESULT that call answers instead
 //   Selection           the ADsPaths the picker returns, separated by ';'; "(null)" stands for a null path
 // Written by the server:
-//   Journal             one line per call, its name and its arguments in order, and one per object's final
-//                       release, "<object> released", each ended by '\n'
+//   Journal             a line per call worth checking, its name and arguments in order, and one per object's
+//                       final release, "<object> released", each ended by '\n'
 const std::wstring kDoubleKey = L"Software\\Quillcast\\Tests\\DirectoryDouble";
 const std::wstring kSavedServersKey = kDoubleKey + L"\\Saved servers";
 
