@@ -159,18 +159,18 @@ public:
         }
         const auto type = static_cast<CIMTYPE>(_wtoi(answer.c_str()));
         Give(pType, type);
-        // WMI hands a CIM_BOOLEAN over as VT_BOOL, a CIM_STRING and a CIM_DATETIME as VT_BSTR, and a property
-        // without a value as VT_NULL.
-        const Types::CBstr text(answer.c_str() + answer.find(L':') + 1);
         if (pVal == nullptr)
         {
             return WBEM_S_NO_ERROR;
         }
-        VariantInit(pVal);
-        V_VT(pVal) = VT_NULL;
+        // WMI hands a CIM_BOOLEAN over as VT_BOOL, a CIM_STRING and a CIM_DATETIME as VT_BSTR, and a property
+        // without a value as VT_NULL.
+        const Types::CBstr text(answer.c_str() + answer.find(L':') + 1);
         VARIANT value = {};
         V_VT(&value) = VT_BSTR;
         V_BSTR(&value) = text.Get();
+        VariantInit(pVal);
+        V_VT(pVal) = VT_NULL;
         return SysStringLen(text.Get()) == 0
                    ? S_OK
                    : VariantChangeType(pVal, &value, 0, type == CIM_BOOLEAN ? VT_BOOL : VT_BSTR);
