@@ -1,48 +1,67 @@
+// The directory test server, QcDirectoryDouble.dll, as both sides see it: the
+// values it takes its answers from and writes its journal to, and the tests'
+// guard that puts it in the place of Wine's WMI locator and object picker.
 #pragma once
 
 #include <windows.h>
+#include <objsel.h>
+#include <wbemcli.h>
 
 #include <string>
 #include <vector>
 
-#include "directory/DirectoryDoubleControl.h"
+#include "support/ComServer.h"
 
 namespace QcTest {
 
-// For its lifetime, QcDirectoryDouble.dll serves CLSID_WbemLocator and
-// CLSID_DsObjectPicker in the test prefix (HKLM registration, ThreadingModel
-// Both); the registrations found before (Wine's own) are put back afterwards.
-// The double's answers start from their defaults each time.
+// Values under kDoubleKey, all text and all optional (numbers in decimal):
+//   Instances           how many Win32_ComputerSystem the query finds (default 1)
+//   Domain, PartOfDomain  the first instance's property as "<CIM type>:<text>", "<CIM type>:" for one without a
+//                       value; absent: WBEM_E_NOT_FOUND. Later instances have no properties.
+//   ImpersonationLevel  what the proxies report before a set (default 2, identify)
+//   ConnectServer, QueryBlanket, SetBlanket, ExecQuery, Next, InvokeDialog: the HRESULT that call answers instead
+//   Selection           the ADsPaths the picker returns, separated by ';'; "(null)" stands for a null path
+// Written by the server:
+//   Journal             a line per call worth checking, its name and arguments in order, and one per object's
+//                       final release, "<object> released", each ended by '\n'
+const std::wstring kDoubleKey = L"Software\\Quillcast\\Tests\\DirectoryDouble";
+const std::wstring kSavedServersKey = kDoubleKey + L"\\Saved servers";
+
+// For its lifetime `server` serves CLSID_WbemLocator and CLSID_DsObjectPicker in the test prefix; the servers
+// found before (Wine's own) are put back afterwards, and the answers and the journal are dropped.
 class CDirectoryDouble
 {
 public:
-    CDirectoryDouble();
+    explicit CDirectoryDouble(const std::wstring& server)
+            : m_bRegistered(ReplaceServer(CLSID_WbemLocator, server, kSavedServersKey) &&
+                            ReplaceServer(CLSID_DsObjectPicker, server, kSavedServersKey))
+    {
+    }
     CDirectoryDouble(const CDirectoryDouble&) = delete;
     CDirectoryDouble& operator=(const CDirectoryDouble&) = delete;
-    ~CDirectoryDouble();
+    ~CDirectoryDouble()
+    {
+        RestoreServer(CLSID_WbemLocator, kSavedServersKey);
+        RestoreServer(CLSID_DsObjectPicker, kSavedServersKey);
+        RegDeleteTreeW(HKEY_LOCAL_MACHINE, kDoubleKey.c_str());
+    }
 
     bool IsRegistered() const { return m_bRegistered; }
-    // Registers a server file that does not exist instead: creation then fails.
-    static void RegisterMissingServer();
 
-    // Answers (names in DirectoryDoubleControl.h).
-    static void Set(const wchar_t* name, const std::wstring& value);
-    // Every call the double received since the last reset, in order.
-    static std::vector<std::wstring> Journal();
-    // Back to the default answers, journal emptied.
-    static void Reset();
+    static std::vector<std::wstring> Journal()
+    {
+        std::wstring journal;
+        ReadText(kDoubleKey, L"Journal", journal);
+        std::vector<std::wstring> lines;
+        for (size_t at = 0; at < journal.size(); at = journal.find(L'\n', at) + 1)
+        {
+            lines.push_back(journal.substr(at, journal.find(L'\n', at) - at));
+        }
+        return lines;
+    }
 
 private:
-    struct SavedServer
-    {
-        std::wstring key;
-        bool bHadPath = false;
-        std::wstring path;
-        bool bHadModel = false;
-        std::wstring model;
-    };
-    std::vector<SavedServer> m_Saved;
-    bool m_bRegistered = false;
+    bool m_bRegistered;
 };
 
 } // namespace QcTest

@@ -1,447 +1,302 @@
-// An in-process COM server standing in for the two parts Wine lacks: a WMI
-// locator whose Win32_ComputerSystem says what the test wants (a domain member
-// or not, a wrong CIM type, no instance, a failing step) and a directory object
-// picker that records the initialisation it received and returns a chosen
-// selection in the CFSTR_DSOP_DS_SELECTION_LIST format, or a cancel. Answers
-// and records live under HKLM\QC_DOUBLE_KEY (DirectoryDoubleControl.h). Every
-// object records its final release, so the tests see that each reference the
-// caller took was given back.
+// An in-process COM server standing in for the two parts Wine lacks: a WMI locator whose Win32_ComputerSystem
+// says what the test wants (a domain member or not, another CIM type, no instance, a failing step) and a directory
+// object picker that returns a chosen selection in the CFSTR_DSOP_DS_SELECTION_LIST format. It takes its answers
+// from, and records each call and each object's final release in, the values DirectoryDouble.h lists; its calls
+// refuse what the platform's documentation says they refuse.
 #include <windows.h>
-#include <objbase.h>
-#include <objidl.h>
-#include <objsel.h>
-#include <wbemcli.h>
+#include <shlwapi.h>
 
-#include <cstdio>
+#include <algorithm>
 #include <sstream>
-#include <string>
-#include <vector>
 
-#include "DirectoryDoubleControl.h"
+#include "directory/DirectoryDouble.h"
+#include "host/types/ComPtr.h"
 
-// COM objects are deleted through their own class, never through an interface.
-#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
+// mingw's objsel.h gives the picker's interface no uuid of its own.
+__CRT_UUID_DECL(IDsObjectPicker, 0x0c87e64e, 0x3b7a, 0x11d2, 0xb9, 0xe0, 0x00, 0xc0, 0x4f, 0xd8, 0xdb, 0xf7)
 
+namespace QcTest {
 namespace {
 
-// ---- control and journal ----------------------------------------------------
+namespace Types = Quillcast::System::Types;
+using CGlobalMemory = Types::CUniqueHandle<HGLOBAL, Types::CloseWith<HGLOBAL, ::GlobalFree>>;
 
-bool ReadString(const wchar_t* name, std::wstring& value)
-{
-    wchar_t text[8192] = {};
-    DWORD cb = sizeof(text) - sizeof(wchar_t);
-    if (RegGetValueW(HKEY_LOCAL_MACHINE, QC_DOUBLE_KEY, name, RRF_RT_REG_SZ, nullptr, text, &cb) != ERROR_SUCCESS)
-    {
-        return false;
+// A call no case makes.
+#define QC_UNUSED(name, ...)                                                                                           \
+    STDMETHODIMP name(__VA_ARGS__) override                                                                            \
+    {                                                                                                                  \
+        return E_NOTIMPL;                                                                                              \
     }
-    value = text;
-    return true;
-}
 
-bool ReadDword(const wchar_t* name, DWORD& value)
+std::wstring Answer(const wchar_t* name, const wchar_t* fallback = L"")
 {
-    std::wstring text;
-    const bool bRead = ReadString(name, text);
-    value = bRead ? static_cast<DWORD>(_wtoi(text.c_str())) : value;
-    return bRead;
+    std::wstring value;
+    return ReadText(kDoubleKey, name, value) ? value : fallback;
 }
 
-bool FailsAt(const wchar_t* step)
+// What the test makes `call` answer instead of going on: 0 (S_OK) when nothing.
+HRESULT Failure(const wchar_t* call)
 {
-    std::wstring failAt;
-    return ReadString(L"FailAt", failAt) && failAt == step;
+    return static_cast<HRESULT>(wcstoul(Answer(call, L"0").c_str(), nullptr, 10));
 }
 
-// Appends one line to the journal.
-void Record(const std::wstring& line)
+const wchar_t* Text(const wchar_t* pszText)
 {
-    std::wstring journal;
-    ReadString(L"Journal", journal);
-    journal += line + L"\n";
-    RegSetKeyValueW(HKEY_LOCAL_MACHINE, QC_DOUBLE_KEY, L"Journal", REG_SZ, journal.c_str(),
-                    static_cast<DWORD>((journal.size() + 1) * sizeof(wchar_t)));
+    return pszText != nullptr ? pszText : L"null";
 }
 
-std::wstring Hex(unsigned long value)
+std::wstring Hex(ULONG flags)
 {
-    wchar_t text[16];
-    _snwprintf(text, 16, L"0x%lX", value);
-    return text;
+    std::wostringstream text;
+    text << L"0x" << std::hex << std::uppercase << flags;
+    return text.str();
 }
 
-std::wstring TextOrNull(const wchar_t* text)
+template <typename... TFields>
+void Record(const wchar_t* call, const TFields&... fields)
 {
-    return text != nullptr ? std::wstring(text) : std::wstring(L"null");
+    std::wostringstream line;
+    line << call;
+    ((line << L' ' << fields), ...);
+    AppendLine(kDoubleKey, L"Journal", line.str());
 }
 
-// ---- reference counting -----------------------------------------------------
+// Records the call and clears its out-parameter, which must be given; then answers as the test chose.
+template <typename TOut, typename... TFields>
+HRESULT Call(const wchar_t* call, TOut** ppOut, const TFields&... fields)
+{
+    Record(call, fields...);
+    if (ppOut == nullptr)
+    {
+        return E_POINTER;
+    }
+    *ppOut = nullptr;
+    return Failure(call);
+}
 
-// IUnknown for an object of interfaces I...: QueryInterface answers the IIDs
-// the object lists; the final Release records "<name> released".
-template <typename TDerived, typename... TInterfaces>
-class CObject : public TInterfaces...
+// For the optional out-parameters.
+template <typename TValue>
+void Give(TValue* pOut, TValue value)
+{
+    if (pOut != nullptr)
+    {
+        *pOut = value;
+    }
+}
+
+// An object of TInterfaces... that records its final release.
+template <typename... TInterfaces>
+class CObject : public CComObject<TInterfaces...>
 {
 public:
     explicit CObject(const wchar_t* name) : m_Name(name) {}
-    virtual ~CObject() { Record(m_Name + L" released"); }
-    CObject(const CObject&) = delete;
-    CObject& operator=(const CObject&) = delete;
-
-    STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override
-    {
-        if (ppv == nullptr)
-        {
-            return E_POINTER;
-        }
-        *ppv = static_cast<TDerived*>(this)->Find(riid);
-        if (*ppv == nullptr)
-        {
-            return E_NOINTERFACE;
-        }
-        AddRef();
-        return S_OK;
-    }
-    STDMETHODIMP_(ULONG) AddRef() override { return static_cast<ULONG>(InterlockedIncrement(&m_cRef)); }
-    STDMETHODIMP_(ULONG) Release() override
-    {
-        const LONG cRef = InterlockedDecrement(&m_cRef);
-        if (cRef == 0)
-        {
-            delete this;
-        }
-        return static_cast<ULONG>(cRef);
-    }
+    ~CObject() override { Record(m_Name.c_str(), L"released"); }
 
 protected:
-    std::wstring m_Name;
+    void* Find(REFIID riid) override { return InterfaceOf<TInterfaces...>(this, riid); }
 
-private:
-    LONG m_cRef = 1;
+    const std::wstring m_Name;
 };
 
-// ---- WMI ----------------------------------------------------------------------
-
-// The proxy security of the services and enumerator "proxies".
-class CBlanket : public IClientSecurity
+// A WMI object the caller reaches through a proxy, whose security it can query and set.
+template <typename TInterface>
+class CProxy : public CObject<TInterface, IClientSecurity>
 {
 public:
-    CBlanket() = default;
-    virtual ~CBlanket() = default;
-    CBlanket(const CBlanket&) = delete;
-    CBlanket& operator=(const CBlanket&) = delete;
+    using CObject<TInterface, IClientSecurity>::CObject;
 
+    // Values no fixed blanket holds, the principal named after the proxy: only handing the queried ones back
+    // matches them. The principal name is the caller's to free.
     STDMETHODIMP QueryBlanket(IUnknown*, DWORD* pAuthnSvc, DWORD* pAuthzSvc, OLECHAR** pServerPrincName,
                               DWORD* pAuthnLevel, DWORD* pImpLevel, void** pAuthInfo, DWORD* pCapabilities) override
     {
-        if (FailsAt(L"QueryBlanket"))
+        if (const HRESULT hFailure = Failure(L"QueryBlanket"))
         {
-            return WBEM_E_ACCESS_DENIED;
+            return hFailure;
         }
-        DWORD dwImpLevel = RPC_C_IMP_LEVEL_IDENTIFY;
-        ReadDword(L"ImpersonationLevel", dwImpLevel);
-        // Values no fixed blanket would pass: only handing the queried ones back matches them. Every
-        // out-parameter is optional; the principal name is the caller's to free.
-        const std::wstring principal = L"QcDouble/" + m_BlanketName;
-        if (pAuthnSvc)
-            *pAuthnSvc = RPC_C_AUTHN_GSS_NEGOTIATE;
-        if (pAuthzSvc)
-            *pAuthzSvc = RPC_C_AUTHZ_NAME;
-        if (pServerPrincName)
+        if (pServerPrincName != nullptr && FAILED(SHStrDupW((L"QcDouble/" + this->m_Name).c_str(), pServerPrincName)))
         {
-            *pServerPrincName = static_cast<OLECHAR*>(CoTaskMemAlloc((principal.size() + 1) * sizeof(wchar_t)));
-            if (*pServerPrincName)
-                wcscpy(*pServerPrincName, principal.c_str());
+            return E_OUTOFMEMORY;
         }
-        if (pAuthnLevel)
-            *pAuthnLevel = RPC_C_AUTHN_LEVEL_PKT_PRIVACY;
-        if (pImpLevel)
-            *pImpLevel = dwImpLevel;
-        if (pAuthInfo)
-            *pAuthInfo = &m_Identity;
-        if (pCapabilities)
-            *pCapabilities = EOAC_STATIC_CLOAKING;
+        Give(pAuthnSvc, static_cast<DWORD>(RPC_C_AUTHN_GSS_NEGOTIATE));
+        Give(pAuthzSvc, static_cast<DWORD>(RPC_C_AUTHZ_NAME));
+        Give(pAuthnLevel, static_cast<DWORD>(RPC_C_AUTHN_LEVEL_PKT_PRIVACY));
+        Give(pImpLevel, static_cast<DWORD>(_wtoi(Answer(L"ImpersonationLevel", L"2").c_str())));
+        Give(pAuthInfo, static_cast<void*>(&m_Identity));
+        Give(pCapabilities, static_cast<DWORD>(EOAC_STATIC_CLOAKING));
         return S_OK;
     }
     STDMETHODIMP SetBlanket(IUnknown*, DWORD AuthnSvc, DWORD AuthzSvc, OLECHAR* pServerPrincName, DWORD AuthnLevel,
                             DWORD ImpLevel, void* pAuthInfo, DWORD Capabilities) override
     {
-        Record(L"SetBlanket " + m_BlanketName + L" authn=" + std::to_wstring(AuthnSvc) + L" authz=" +
-               std::to_wstring(AuthzSvc) + L" principal=" + TextOrNull(pServerPrincName) + L" level=" +
-               std::to_wstring(AuthnLevel) + L" imp=" + std::to_wstring(ImpLevel) + L" identity=" +
-               (pAuthInfo == &m_Identity ? L"queried"
-                : pAuthInfo              ? L"other"
-                                         : L"null") +
-               L" capabilities=" + std::to_wstring(Capabilities));
-        return FailsAt(L"SetBlanket") ? static_cast<HRESULT>(WBEM_E_ACCESS_DENIED) : S_OK;
+        Record(L"SetBlanket", this->m_Name, AuthnSvc, AuthzSvc, Text(pServerPrincName), AuthnLevel, ImpLevel,
+               pAuthInfo == &m_Identity ? L"queried" : L"other", Capabilities);
+        return Failure(L"SetBlanket");
     }
-    STDMETHODIMP CopyProxy(IUnknown*, IUnknown**) override { return E_NOTIMPL; }
-
-protected:
-    std::wstring m_BlanketName;
+    QC_UNUSED(CopyProxy, IUnknown*, IUnknown**)
 
 private:
     SEC_WINNT_AUTH_IDENTITY_W m_Identity = {};
 };
 
-class CComputerSystem : public CObject<CComputerSystem, IWbemClassObject>
+// A Win32_ComputerSystem instance; only the first one has properties.
+class CComputerSystem : public CObject<IWbemClassObject>
 {
 public:
-    explicit CComputerSystem(ULONG index) : CObject(L"Win32_ComputerSystem"), m_Index(index) {}
-    void* Find(REFIID riid)
-    {
-        return (riid == IID_IUnknown || riid == IID_IWbemClassObject) ? static_cast<IWbemClassObject*>(this) : nullptr;
-    }
+    explicit CComputerSystem(bool bFirst) : CObject(L"Win32_ComputerSystem"), m_bFirst(bFirst) {}
 
-    STDMETHODIMP Get(LPCWSTR wszName, LONG lFlags, VARIANT* pVal, CIMTYPE* pType, LONG* plFlavor) override
+    STDMETHODIMP Get(LPCWSTR wszName, LONG lFlags, VARIANT* pVal, CIMTYPE* pType, LONG*) override
     {
-        Record(L"Get " + TextOrNull(wszName) + L" flags=" + std::to_wstring(lFlags));
-        if (wszName == nullptr || lFlags != 0)
+        Record(L"Get", Text(wszName));
+        if (wszName == nullptr || lFlags != 0) // the flags are reserved: 0
         {
             return WBEM_E_INVALID_PARAMETER;
         }
-        if (plFlavor)
-            *plFlavor = WBEM_FLAVOR_ORIGIN_PROPAGATED;
-        VARIANT value;
-        VariantInit(&value);
-        CIMTYPE type = CIM_EMPTY;
-        DWORD dwNumber = 0;
-        std::wstring text;
-        if (_wcsicmp(wszName, L"Domain") == 0)
-        {
-            type = CIM_STRING;
-            if (ReadDword(L"DomainCimType", dwNumber))
-            {
-                // WMI hands a CIM_DATETIME over as a VT_BSTR, like a CIM_STRING; the other types here as a VT_I4.
-                type = static_cast<CIMTYPE>(dwNumber);
-                V_VT(&value) = type == CIM_DATETIME ? VT_BSTR : VT_I4;
-                V_I4(&value) = 0;
-                if (type == CIM_DATETIME)
-                    V_BSTR(&value) = SysAllocString(ReadString(L"Domain", text) ? text.c_str() : L"");
-            }
-            else if (m_Index > 0)
-            {
-                V_VT(&value) = VT_BSTR;
-                V_BSTR(&value) = SysAllocString(L"second.example");
-            }
-            else if (ReadString(L"Domain", text))
-            {
-                V_VT(&value) = VT_BSTR;
-                V_BSTR(&value) = SysAllocString(text.c_str());
-            }
-            else
-            {
-                V_VT(&value) = VT_NULL;
-            }
-        }
-        else if (_wcsicmp(wszName, L"PartOfDomain") == 0 && ReadDword(L"PartOfDomain", dwNumber))
-        {
-            type = CIM_BOOLEAN;
-            V_VT(&value) = VT_BOOL;
-            V_BOOL(&value) = dwNumber != 0 ? VARIANT_TRUE : VARIANT_FALSE;
-        }
-        else
+        const std::wstring answer = m_bFirst ? Answer(wszName) : L"";
+        if (answer.find(L':') == std::wstring::npos)
         {
             return WBEM_E_NOT_FOUND;
         }
-        if (pType)
-            *pType = type;
-        if (pVal)
-            *pVal = value;
-        else
-            VariantClear(&value);
-        return WBEM_S_NO_ERROR;
+        const auto type = static_cast<CIMTYPE>(_wtoi(answer.c_str()));
+        Give(pType, type);
+        if (pVal == nullptr)
+        {
+            return WBEM_S_NO_ERROR;
+        }
+        // WMI hands a CIM_BOOLEAN over as VT_BOOL, a CIM_STRING and a CIM_DATETIME as VT_BSTR, and a property
+        // without a value as VT_NULL.
+        const Types::CBstr text(answer.c_str() + answer.find(L':') + 1);
+        VARIANT value = {};
+        V_VT(&value) = VT_BSTR;
+        V_BSTR(&value) = text.Get();
+        VariantInit(pVal);
+        V_VT(pVal) = VT_NULL;
+        return SysStringLen(text.Get()) == 0
+                   ? S_OK
+                   : VariantChangeType(pVal, &value, 0, type == CIM_BOOLEAN ? VT_BOOL : VT_BSTR);
     }
-
-    STDMETHODIMP GetQualifierSet(IWbemQualifierSet**) override { return WBEM_E_NOT_SUPPORTED; }
-    STDMETHODIMP Put(LPCWSTR, LONG, VARIANT*, CIMTYPE) override { return WBEM_E_NOT_SUPPORTED; }
-    STDMETHODIMP Delete(LPCWSTR) override { return WBEM_E_NOT_SUPPORTED; }
-    STDMETHODIMP GetNames(LPCWSTR, LONG, VARIANT*, SAFEARRAY**) override { return WBEM_E_NOT_SUPPORTED; }
-    STDMETHODIMP BeginEnumeration(LONG) override { return WBEM_E_NOT_SUPPORTED; }
-    STDMETHODIMP Next(LONG, BSTR*, VARIANT*, CIMTYPE*, LONG*) override { return WBEM_E_NOT_SUPPORTED; }
-    STDMETHODIMP EndEnumeration() override { return WBEM_E_NOT_SUPPORTED; }
-    STDMETHODIMP GetPropertyQualifierSet(LPCWSTR, IWbemQualifierSet**) override { return WBEM_E_NOT_SUPPORTED; }
-    STDMETHODIMP Clone(IWbemClassObject**) override { return WBEM_E_NOT_SUPPORTED; }
-    STDMETHODIMP GetObjectText(LONG, BSTR*) override { return WBEM_E_NOT_SUPPORTED; }
-    STDMETHODIMP SpawnDerivedClass(LONG, IWbemClassObject**) override { return WBEM_E_NOT_SUPPORTED; }
-    STDMETHODIMP SpawnInstance(LONG, IWbemClassObject**) override { return WBEM_E_NOT_SUPPORTED; }
-    STDMETHODIMP CompareTo(LONG, IWbemClassObject*) override { return WBEM_E_NOT_SUPPORTED; }
-    STDMETHODIMP GetPropertyOrigin(LPCWSTR, BSTR*) override { return WBEM_E_NOT_SUPPORTED; }
-    STDMETHODIMP InheritsFrom(LPCWSTR) override { return WBEM_E_NOT_SUPPORTED; }
-    STDMETHODIMP GetMethod(LPCWSTR, LONG, IWbemClassObject**, IWbemClassObject**) override
-    {
-        return WBEM_E_NOT_SUPPORTED;
-    }
-    STDMETHODIMP PutMethod(LPCWSTR, LONG, IWbemClassObject*, IWbemClassObject*) override
-    {
-        return WBEM_E_NOT_SUPPORTED;
-    }
-    STDMETHODIMP DeleteMethod(LPCWSTR) override { return WBEM_E_NOT_SUPPORTED; }
-    STDMETHODIMP BeginMethodEnumeration(LONG) override { return WBEM_E_NOT_SUPPORTED; }
-    STDMETHODIMP NextMethod(LONG, BSTR*, IWbemClassObject**, IWbemClassObject**) override
-    {
-        return WBEM_E_NOT_SUPPORTED;
-    }
-    STDMETHODIMP EndMethodEnumeration() override { return WBEM_E_NOT_SUPPORTED; }
-    STDMETHODIMP GetMethodQualifierSet(LPCWSTR, IWbemQualifierSet**) override { return WBEM_E_NOT_SUPPORTED; }
-    STDMETHODIMP GetMethodOrigin(LPCWSTR, BSTR*) override { return WBEM_E_NOT_SUPPORTED; }
+    QC_UNUSED(GetQualifierSet, IWbemQualifierSet**)
+    QC_UNUSED(Put, LPCWSTR, LONG, VARIANT*, CIMTYPE)
+    QC_UNUSED(Delete, LPCWSTR)
+    QC_UNUSED(GetNames, LPCWSTR, LONG, VARIANT*, SAFEARRAY**)
+    QC_UNUSED(BeginEnumeration, LONG)
+    QC_UNUSED(Next, LONG, BSTR*, VARIANT*, CIMTYPE*, LONG*)
+    QC_UNUSED(EndEnumeration)
+    QC_UNUSED(GetPropertyQualifierSet, LPCWSTR, IWbemQualifierSet**)
+    QC_UNUSED(Clone, IWbemClassObject**)
+    QC_UNUSED(GetObjectText, LONG, BSTR*)
+    QC_UNUSED(SpawnDerivedClass, LONG, IWbemClassObject**)
+    QC_UNUSED(SpawnInstance, LONG, IWbemClassObject**)
+    QC_UNUSED(CompareTo, LONG, IWbemClassObject*)
+    QC_UNUSED(GetPropertyOrigin, LPCWSTR, BSTR*)
+    QC_UNUSED(InheritsFrom, LPCWSTR)
+    QC_UNUSED(GetMethod, LPCWSTR, LONG, IWbemClassObject**, IWbemClassObject**)
+    QC_UNUSED(PutMethod, LPCWSTR, LONG, IWbemClassObject*, IWbemClassObject*)
+    QC_UNUSED(DeleteMethod, LPCWSTR)
+    QC_UNUSED(BeginMethodEnumeration, LONG)
+    QC_UNUSED(NextMethod, LONG, BSTR*, IWbemClassObject**, IWbemClassObject**)
+    QC_UNUSED(EndMethodEnumeration)
+    QC_UNUSED(GetMethodQualifierSet, LPCWSTR, IWbemQualifierSet**)
+    QC_UNUSED(GetMethodOrigin, LPCWSTR, BSTR*)
 
 private:
-    ULONG m_Index;
+    const bool m_bFirst;
 };
 
-class CEnumerator : public CObject<CEnumerator, IEnumWbemClassObject, CBlanket>
+class CEnumerator : public CProxy<IEnumWbemClassObject>
 {
 public:
-    CEnumerator() : CObject(L"Enumerator")
-    {
-        m_BlanketName = L"Enumerator";
-        DWORD dwInstances = 1;
-        ReadDword(L"Instances", dwInstances);
-        m_Remaining = dwInstances;
-    }
-    void* Find(REFIID riid)
-    {
-        if (riid == IID_IUnknown || riid == IID_IEnumWbemClassObject)
-            return static_cast<IEnumWbemClassObject*>(this);
-        if (riid == IID_IClientSecurity)
-            return static_cast<IClientSecurity*>(this);
-        return nullptr;
-    }
+    CEnumerator() : CProxy(L"Enumerator"), m_Count(_wtoi(Answer(L"Instances", L"1").c_str())) {}
 
     STDMETHODIMP Next(LONG lTimeout, ULONG uCount, IWbemClassObject** apObjects, ULONG* puReturned) override
     {
-        Record(L"Next timeout=" + std::to_wstring(lTimeout) + L" count=" + std::to_wstring(uCount));
-        if (apObjects == nullptr || puReturned == nullptr || uCount != 1)
+        if (puReturned == nullptr || uCount != 1) // one at a time is all it hands out
         {
             return WBEM_E_INVALID_PARAMETER;
         }
         *puReturned = 0;
-        if (FailsAt(L"Next"))
+        if (const HRESULT hResult = Call(L"Next", apObjects, lTimeout, uCount))
         {
-            return WBEM_S_TIMEDOUT; // a success code that is neither S_OK nor S_FALSE
+            return hResult;
         }
-        if (m_Remaining == 0)
+        if (m_Handed == m_Count)
         {
             return WBEM_S_FALSE;
         }
-        apObjects[0] = new CComputerSystem(m_Index++);
-        --m_Remaining;
+        apObjects[0] = new CComputerSystem(m_Handed++ == 0);
         *puReturned = 1;
         return WBEM_S_NO_ERROR;
     }
-    STDMETHODIMP Reset() override { return WBEM_E_NOT_SUPPORTED; }
-    STDMETHODIMP NextAsync(ULONG, IWbemObjectSink*) override { return WBEM_E_NOT_SUPPORTED; }
-    STDMETHODIMP Clone(IEnumWbemClassObject**) override { return WBEM_E_NOT_SUPPORTED; }
-    STDMETHODIMP Skip(LONG, ULONG) override { return WBEM_E_NOT_SUPPORTED; }
+    QC_UNUSED(Reset)
+    QC_UNUSED(NextAsync, ULONG, IWbemObjectSink*)
+    QC_UNUSED(Clone, IEnumWbemClassObject**)
+    QC_UNUSED(Skip, LONG, ULONG)
 
 private:
-    ULONG m_Remaining = 0;
-    ULONG m_Index = 0;
+    const int m_Count;
+    int m_Handed = 0;
 };
 
-#define QC_NOT_SUPPORTED                                                                                               \
-    {                                                                                                                  \
-        return WBEM_E_NOT_SUPPORTED;                                                                                   \
-    }
-
-class CServices : public CObject<CServices, IWbemServices, CBlanket>
+class CServices : public CProxy<IWbemServices>
 {
 public:
-    CServices() : CObject(L"Services") { m_BlanketName = L"Services"; }
-    void* Find(REFIID riid)
-    {
-        if (riid == IID_IUnknown || riid == IID_IWbemServices)
-            return static_cast<IWbemServices*>(this);
-        if (riid == IID_IClientSecurity)
-            return static_cast<IClientSecurity*>(this);
-        return nullptr;
-    }
+    CServices() : CProxy(L"Services") {}
 
-    STDMETHODIMP ExecQuery(const BSTR strQueryLanguage, const BSTR strQuery, LONG lFlags, IWbemContext* pCtx,
+    STDMETHODIMP ExecQuery(const BSTR strQueryLanguage, const BSTR strQuery, LONG lFlags, IWbemContext*,
                            IEnumWbemClassObject** ppEnum) override
     {
-        Record(L"ExecQuery " + TextOrNull(strQueryLanguage) + L" '" + TextOrNull(strQuery) + L"' flags=" +
-               std::to_wstring(lFlags) + L" context=" + (pCtx ? L"set" : L"null"));
-        if (ppEnum == nullptr || strQuery == nullptr)
+        if (const HRESULT hResult = Call(L"ExecQuery", ppEnum, Text(strQueryLanguage), Text(strQuery), lFlags))
         {
-            return WBEM_E_INVALID_PARAMETER;
+            return hResult;
         }
-        *ppEnum = nullptr;
         if (strQueryLanguage == nullptr || _wcsicmp(strQueryLanguage, L"WQL") != 0)
         {
             return WBEM_E_INVALID_QUERY_TYPE;
         }
-        if (FailsAt(L"ExecQuery"))
-        {
-            return WBEM_E_ACCESS_DENIED;
-        }
         *ppEnum = new CEnumerator();
         return WBEM_S_NO_ERROR;
     }
-
-    STDMETHODIMP OpenNamespace(const BSTR, LONG, IWbemContext*, IWbemServices**,
-                               IWbemCallResult**) override QC_NOT_SUPPORTED STDMETHODIMP
-        CancelAsyncCall(IWbemObjectSink*) override QC_NOT_SUPPORTED STDMETHODIMP
-        QueryObjectSink(LONG, IWbemObjectSink**) override QC_NOT_SUPPORTED STDMETHODIMP
-        GetObject(const BSTR, LONG, IWbemContext*, IWbemClassObject**,
-                  IWbemCallResult**) override QC_NOT_SUPPORTED STDMETHODIMP
-        GetObjectAsync(const BSTR, LONG, IWbemContext*, IWbemObjectSink*) override QC_NOT_SUPPORTED STDMETHODIMP
-        PutClass(IWbemClassObject*, LONG, IWbemContext*, IWbemCallResult**) override QC_NOT_SUPPORTED STDMETHODIMP
-        PutClassAsync(IWbemClassObject*, LONG, IWbemContext*, IWbemObjectSink*) override QC_NOT_SUPPORTED STDMETHODIMP
-        DeleteClass(const BSTR, LONG, IWbemContext*, IWbemCallResult**) override QC_NOT_SUPPORTED STDMETHODIMP
-        DeleteClassAsync(const BSTR, LONG, IWbemContext*, IWbemObjectSink*) override QC_NOT_SUPPORTED STDMETHODIMP
-        CreateClassEnum(const BSTR, LONG, IWbemContext*, IEnumWbemClassObject**) override QC_NOT_SUPPORTED STDMETHODIMP
-        CreateClassEnumAsync(const BSTR, LONG, IWbemContext*, IWbemObjectSink*) override QC_NOT_SUPPORTED STDMETHODIMP
-        PutInstance(IWbemClassObject*, LONG, IWbemContext*, IWbemCallResult**) override QC_NOT_SUPPORTED STDMETHODIMP
-        PutInstanceAsync(IWbemClassObject*, LONG, IWbemContext*,
-                         IWbemObjectSink*) override QC_NOT_SUPPORTED STDMETHODIMP
-        DeleteInstance(const BSTR, LONG, IWbemContext*, IWbemCallResult**) override QC_NOT_SUPPORTED STDMETHODIMP
-        DeleteInstanceAsync(const BSTR, LONG, IWbemContext*, IWbemObjectSink*) override QC_NOT_SUPPORTED STDMETHODIMP
-        CreateInstanceEnum(const BSTR, LONG, IWbemContext*,
-                           IEnumWbemClassObject**) override QC_NOT_SUPPORTED STDMETHODIMP
-        CreateInstanceEnumAsync(const BSTR, LONG, IWbemContext*,
-                                IWbemObjectSink*) override QC_NOT_SUPPORTED STDMETHODIMP
-        ExecQueryAsync(const BSTR, const BSTR, LONG, IWbemContext*,
-                       IWbemObjectSink*) override QC_NOT_SUPPORTED STDMETHODIMP
-        ExecNotificationQuery(const BSTR, const BSTR, LONG, IWbemContext*,
-                              IEnumWbemClassObject**) override QC_NOT_SUPPORTED STDMETHODIMP
-        ExecNotificationQueryAsync(const BSTR, const BSTR, LONG, IWbemContext*,
-                                   IWbemObjectSink*) override QC_NOT_SUPPORTED STDMETHODIMP
-        ExecMethod(const BSTR, const BSTR, LONG, IWbemContext*, IWbemClassObject*, IWbemClassObject**,
-                   IWbemCallResult**) override QC_NOT_SUPPORTED STDMETHODIMP
-        ExecMethodAsync(const BSTR, const BSTR, LONG, IWbemContext*, IWbemClassObject*,
-                        IWbemObjectSink*) override QC_NOT_SUPPORTED
+    QC_UNUSED(OpenNamespace, const BSTR, LONG, IWbemContext*, IWbemServices**, IWbemCallResult**)
+    QC_UNUSED(CancelAsyncCall, IWbemObjectSink*)
+    QC_UNUSED(QueryObjectSink, LONG, IWbemObjectSink**)
+    QC_UNUSED(GetObject, const BSTR, LONG, IWbemContext*, IWbemClassObject**, IWbemCallResult**)
+    QC_UNUSED(GetObjectAsync, const BSTR, LONG, IWbemContext*, IWbemObjectSink*)
+    QC_UNUSED(PutClass, IWbemClassObject*, LONG, IWbemContext*, IWbemCallResult**)
+    QC_UNUSED(PutClassAsync, IWbemClassObject*, LONG, IWbemContext*, IWbemObjectSink*)
+    QC_UNUSED(DeleteClass, const BSTR, LONG, IWbemContext*, IWbemCallResult**)
+    QC_UNUSED(DeleteClassAsync, const BSTR, LONG, IWbemContext*, IWbemObjectSink*)
+    QC_UNUSED(CreateClassEnum, const BSTR, LONG, IWbemContext*, IEnumWbemClassObject**)
+    QC_UNUSED(CreateClassEnumAsync, const BSTR, LONG, IWbemContext*, IWbemObjectSink*)
+    QC_UNUSED(PutInstance, IWbemClassObject*, LONG, IWbemContext*, IWbemCallResult**)
+    QC_UNUSED(PutInstanceAsync, IWbemClassObject*, LONG, IWbemContext*, IWbemObjectSink*)
+    QC_UNUSED(DeleteInstance, const BSTR, LONG, IWbemContext*, IWbemCallResult**)
+    QC_UNUSED(DeleteInstanceAsync, const BSTR, LONG, IWbemContext*, IWbemObjectSink*)
+    QC_UNUSED(CreateInstanceEnum, const BSTR, LONG, IWbemContext*, IEnumWbemClassObject**)
+    QC_UNUSED(CreateInstanceEnumAsync, const BSTR, LONG, IWbemContext*, IWbemObjectSink*)
+    QC_UNUSED(ExecQueryAsync, const BSTR, const BSTR, LONG, IWbemContext*, IWbemObjectSink*)
+    QC_UNUSED(ExecNotificationQuery, const BSTR, const BSTR, LONG, IWbemContext*, IEnumWbemClassObject**)
+    QC_UNUSED(ExecNotificationQueryAsync, const BSTR, const BSTR, LONG, IWbemContext*, IWbemObjectSink*)
+    QC_UNUSED(ExecMethod, const BSTR, const BSTR, LONG, IWbemContext*, IWbemClassObject*, IWbemClassObject**,
+              IWbemCallResult**)
+    QC_UNUSED(ExecMethodAsync, const BSTR, const BSTR, LONG, IWbemContext*, IWbemClassObject*, IWbemObjectSink*)
 };
 
-class CLocator : public CObject<CLocator, IWbemLocator>
+class CLocator : public CObject<IWbemLocator>
 {
 public:
     CLocator() : CObject(L"Locator") {}
-    void* Find(REFIID riid)
-    {
-        return (riid == IID_IUnknown || riid == IID_IWbemLocator) ? static_cast<IWbemLocator*>(this) : nullptr;
-    }
 
     STDMETHODIMP ConnectServer(const BSTR strNetworkResource, const BSTR strUser, const BSTR strPassword,
-                               const BSTR strLocale, LONG lSecurityFlags, const BSTR strAuthority, IWbemContext* pCtx,
+                               const BSTR strLocale, LONG lSecurityFlags, const BSTR strAuthority, IWbemContext*,
                                IWbemServices** ppNamespace) override
     {
-        Record(L"ConnectServer " + TextOrNull(strNetworkResource) + L" user=" + TextOrNull(strUser) + L" password=" +
-               TextOrNull(strPassword) + L" locale=" + TextOrNull(strLocale) + L" flags=" +
-               std::to_wstring(lSecurityFlags) + L" authority=" + TextOrNull(strAuthority) + L" context=" +
-               (pCtx ? L"set" : L"null"));
-        if (ppNamespace == nullptr || strNetworkResource == nullptr)
+        if (const HRESULT hResult = Call(L"ConnectServer", ppNamespace, Text(strNetworkResource), Text(strUser),
+                                         Text(strPassword), Text(strLocale), lSecurityFlags, Text(strAuthority)))
         {
-            return WBEM_E_INVALID_PARAMETER;
+            SetLastError(ERROR_ACCESS_DENIED); // what the failed RPC call leaves behind on the thread
+            return hResult;
         }
-        *ppNamespace = nullptr;
-        if (FailsAt(L"ConnectServer"))
-        {
-            // What the failed RPC call leaves behind on the thread.
-            SetLastError(ERROR_ACCESS_DENIED);
-            return WBEM_E_ACCESS_DENIED;
-        }
-        if (_wcsicmp(strNetworkResource, L"ROOT\\CIMV2") != 0)
+        if (strNetworkResource == nullptr || _wcsicmp(strNetworkResource, L"ROOT\\CIMV2") != 0)
         {
             return WBEM_E_INVALID_NAMESPACE;
         }
@@ -450,121 +305,29 @@ public:
     }
 };
 
-// ---- directory object picker --------------------------------------------------
-
-// Owns the selection's global memory: a STGMEDIUM naming it as pUnkForRelease
-// is released through it instead of freeing the memory itself.
-class CSelectionMemory : public CObject<CSelectionMemory, IUnknown>
-{
-public:
-    explicit CSelectionMemory(HGLOBAL hMemory) : CObject(L"Selection medium"), m_hMemory(hMemory) {}
-    ~CSelectionMemory() override { GlobalFree(m_hMemory); }
-    void* Find(REFIID riid) { return riid == IID_IUnknown ? static_cast<IUnknown*>(this) : nullptr; }
-
-private:
-    HGLOBAL m_hMemory;
-};
-
-class CSelection : public CObject<CSelection, IDataObject>
-{
-public:
-    explicit CSelection(std::vector<std::wstring> paths) : CObject(L"Selection"), m_Paths(std::move(paths)) {}
-    void* Find(REFIID riid)
-    {
-        return (riid == IID_IUnknown || riid == IID_IDataObject) ? static_cast<IDataObject*>(this) : nullptr;
-    }
-
-    STDMETHODIMP GetData(FORMATETC* pFormat, STGMEDIUM* pMedium) override
-    {
-        if (pFormat == nullptr || pMedium == nullptr)
-        {
-            return E_INVALIDARG;
-        }
-        // The one format the picker offers; DV_E_FORMATETC stands for every mismatch.
-        if (pFormat->cfFormat != RegisterClipboardFormatW(CFSTR_DSOP_DS_SELECTION_LIST) ||
-            (pFormat->tymed & TYMED_HGLOBAL) == 0 || pFormat->dwAspect != DVASPECT_CONTENT || pFormat->lindex != -1)
-        {
-            return DV_E_FORMATETC;
-        }
-        // The records first, then the strings they point to, in one fixed block.
-        const size_t cbRecords = offsetof(DS_SELECTION_LIST, aDsSelection) + m_Paths.size() * sizeof(DS_SELECTION);
-        size_t cbTotal = cbRecords;
-        for (const std::wstring& path : m_Paths)
-        {
-            cbTotal += (path.size() + 1) * sizeof(wchar_t);
-        }
-        HGLOBAL hMemory = GlobalAlloc(GMEM_FIXED | GMEM_ZEROINIT, cbTotal);
-        if (hMemory == nullptr)
-        {
-            return E_OUTOFMEMORY;
-        }
-        auto* pList = static_cast<DS_SELECTION_LIST*>(static_cast<void*>(hMemory));
-        pList->cItems = static_cast<ULONG>(m_Paths.size());
-        pList->cFetchedAttributes = 0;
-        DS_SELECTION* pSelections = pList->aDsSelection;
-        auto* pText = reinterpret_cast<wchar_t*>(static_cast<BYTE*>(static_cast<void*>(hMemory)) + cbRecords);
-        for (size_t i = 0; i < m_Paths.size(); ++i)
-        {
-            pSelections[i].flScopeType = DSOP_SCOPE_TYPE_UPLEVEL_JOINED_DOMAIN;
-            if (m_Paths[i] != L"(null)")
-            {
-                wcscpy(pText, m_Paths[i].c_str());
-                pSelections[i].pwzADsPath = pText;
-            }
-            pText += m_Paths[i].size() + 1;
-        }
-        pMedium->tymed = TYMED_HGLOBAL;
-        pMedium->hGlobal = hMemory;
-        pMedium->pUnkForRelease = new CSelectionMemory(hMemory);
-        return S_OK;
-    }
-    STDMETHODIMP GetDataHere(FORMATETC*, STGMEDIUM*) override { return E_NOTIMPL; }
-    STDMETHODIMP QueryGetData(FORMATETC*) override { return E_NOTIMPL; }
-    STDMETHODIMP GetCanonicalFormatEtc(FORMATETC*, FORMATETC*) override { return E_NOTIMPL; }
-    STDMETHODIMP SetData(FORMATETC*, STGMEDIUM*, BOOL) override { return E_NOTIMPL; }
-    STDMETHODIMP EnumFormatEtc(DWORD, IEnumFORMATETC**) override { return E_NOTIMPL; }
-    STDMETHODIMP DAdvise(FORMATETC*, DWORD, IAdviseSink*, DWORD*) override { return OLE_E_ADVISENOTSUPPORTED; }
-    STDMETHODIMP DUnadvise(DWORD) override { return OLE_E_ADVISENOTSUPPORTED; }
-    STDMETHODIMP EnumDAdvise(IEnumSTATDATA**) override { return OLE_E_ADVISENOTSUPPORTED; }
-
-private:
-    std::vector<std::wstring> m_Paths;
-};
-
-// The mixed- and native-mode filters, the domain controller and the path show only when set.
-std::wstring DescribeScope(const DSOP_SCOPE_INIT_INFO& scope)
-{
-    const DSOP_UPLEVEL_FILTER_FLAGS& uplevel = scope.FilterFlags.Uplevel;
-    const bool bMore = uplevel.flMixedModeOnly != 0 || uplevel.flNativeModeOnly != 0 || scope.pwzDcName != nullptr ||
-                       scope.pwzADsPath != nullptr;
-    return L"scope size=" + std::wstring(scope.cbSize == sizeof(scope) ? L"ok" : std::to_wstring(scope.cbSize)) +
-           L" type=" + Hex(scope.flType) + L" scope=" + Hex(scope.flScope) + L" both=" + Hex(uplevel.flBothModes) +
-           L" downlevel=" + Hex(scope.FilterFlags.flDownlevel) + (bMore ? L" more=set" : L"");
-}
-
-class CPicker : public CObject<CPicker, IDsObjectPicker>
+// The picker, which is also the selection it returns and what releases the medium that selection hands out: its
+// final release tells that the picker, the data object and the medium were all given back.
+class CPicker : public CObject<IDsObjectPicker, IDataObject>
 {
 public:
     CPicker() : CObject(L"Picker") {}
-    void* Find(REFIID riid)
-    {
-        return (riid == IID_IUnknown || riid == IID_IDsObjectPicker) ? static_cast<IDsObjectPicker*>(this) : nullptr;
-    }
 
     STDMETHODIMP Initialize(PDSOP_INIT_INFO pInitInfo) override
     {
-        if (pInitInfo == nullptr || pInitInfo->cbSize != sizeof(DSOP_INIT_INFO) || pInitInfo->cDsScopeInfos == 0 ||
+        Record(L"Initialize", pInitInfo->cbSize, Text(pInitInfo->pwzTargetComputer), pInitInfo->cDsScopeInfos,
+               Hex(pInitInfo->flOptions), pInitInfo->cAttributesToFetch);
+        if (pInitInfo->cbSize != sizeof(DSOP_INIT_INFO) || pInitInfo->cDsScopeInfos == 0 ||
             pInitInfo->aDsScopeInfos == nullptr)
         {
-            Record(L"Initialize refused");
             return E_INVALIDARG;
         }
-        Record(L"Initialize scopes=" + std::to_wstring(pInitInfo->cDsScopeInfos) + L" target=" +
-               TextOrNull(pInitInfo->pwzTargetComputer) + L" options=" + Hex(pInitInfo->flOptions) + L" attributes=" +
-               std::to_wstring(pInitInfo->cAttributesToFetch));
         for (ULONG i = 0; i < pInitInfo->cDsScopeInfos; ++i)
         {
-            Record(DescribeScope(pInitInfo->aDsScopeInfos[i]));
+            const DSOP_SCOPE_INIT_INFO& scope = pInitInfo->aDsScopeInfos[i];
+            const DSOP_UPLEVEL_FILTER_FLAGS& uplevel = scope.FilterFlags.Uplevel;
+            Record(L"Scope", scope.cbSize, Hex(scope.flType), Hex(scope.flScope), Hex(uplevel.flBothModes),
+                   Hex(uplevel.flMixedModeOnly), Hex(uplevel.flNativeModeOnly), Hex(scope.FilterFlags.flDownlevel),
+                   Text(scope.pwzDcName), Text(scope.pwzADsPath));
         }
         m_bInitialized = true;
         return S_OK;
@@ -572,98 +335,77 @@ public:
 
     STDMETHODIMP InvokeDialog(HWND hwndParent, IDataObject** ppdoSelections) override
     {
-        // The parent by its window class: the wizard's or a standard dialog.
-        wchar_t className[64] = L"null";
+        wchar_t className[64] = L"null"; // the parent by its class: the wizard's or a standard dialog
         GetClassNameW(hwndParent, className, 64);
-        Record(std::wstring(L"InvokeDialog parent=") + className);
-        if (ppdoSelections == nullptr)
+        if (const HRESULT hResult = Call(L"InvokeDialog", ppdoSelections, className))
         {
-            return E_POINTER;
+            return hResult;
         }
-        *ppdoSelections = nullptr;
         if (!m_bInitialized)
         {
             return E_UNEXPECTED;
         }
-        if (FailsAt(L"InvokeDialog"))
-        {
-            return E_ACCESSDENIED;
-        }
-        DWORD dwCancel = 0;
-        if (ReadDword(L"Cancel", dwCancel) && dwCancel != 0)
-        {
-            return S_FALSE;
-        }
-        std::wstring text;
-        ReadString(L"Selection", text);
-        std::vector<std::wstring> paths;
-        std::wstringstream selection(text);
-        for (std::wstring path; std::getline(selection, path, L';');)
-        {
-            paths.push_back(path);
-        }
-        *ppdoSelections = new CSelection(paths);
+        AddRef();
+        *ppdoSelections = this;
         return S_OK;
     }
 
+    STDMETHODIMP GetData(FORMATETC* pFormat, STGMEDIUM* pMedium) override
+    {
+        // The one format the picker offers; DV_E_FORMATETC stands for every mismatch.
+        if (pFormat == nullptr || pMedium == nullptr ||
+            pFormat->cfFormat != RegisterClipboardFormatW(CFSTR_DSOP_DS_SELECTION_LIST) ||
+            (pFormat->tymed & TYMED_HGLOBAL) == 0 || pFormat->dwAspect != DVASPECT_CONTENT || pFormat->lindex != -1)
+        {
+            return pFormat == nullptr || pMedium == nullptr ? E_INVALIDARG : DV_E_FORMATETC;
+        }
+        // The records first, then the paths they point to, in one fixed block (its handle is its address).
+        std::wstring paths = Answer(L"Selection");
+        const auto cItems = static_cast<ULONG>(std::count(paths.begin(), paths.end(), L';') + 1);
+        const size_t cbRecords = offsetof(DS_SELECTION_LIST, aDsSelection) + cItems * sizeof(DS_SELECTION);
+        m_Memory.Reset(GlobalAlloc(GPTR, cbRecords + (paths.size() + 1) * sizeof(wchar_t)));
+        if (!m_Memory)
+        {
+            return E_OUTOFMEMORY;
+        }
+        auto* pList = static_cast<DS_SELECTION_LIST*>(m_Memory.Get());
+        DS_SELECTION* pSelections = pList->aDsSelection;
+        auto* pPath = reinterpret_cast<wchar_t*>(static_cast<BYTE*>(m_Memory.Get()) + cbRecords);
+        std::replace(paths.begin(), paths.end(), L';', L'\0');
+        std::copy(paths.begin(), paths.end(), pPath);
+        pList->cItems = cItems;
+        for (ULONG i = 0; i < cItems; pPath += wcslen(pPath) + 1, ++i)
+        {
+            pSelections[i].flScopeType = DSOP_SCOPE_TYPE_UPLEVEL_JOINED_DOMAIN;
+            pSelections[i].pwzADsPath = wcscmp(pPath, L"(null)") != 0 ? pPath : nullptr;
+        }
+        pMedium->tymed = TYMED_HGLOBAL;
+        pMedium->hGlobal = m_Memory.Get();
+        pMedium->pUnkForRelease =
+            static_cast<IDataObject*>(this); // ReleaseStgMedium releases it instead of freeing the memory
+        AddRef();
+        return S_OK;
+    }
+    QC_UNUSED(GetDataHere, FORMATETC*, STGMEDIUM*)
+    QC_UNUSED(QueryGetData, FORMATETC*)
+    QC_UNUSED(GetCanonicalFormatEtc, FORMATETC*, FORMATETC*)
+    QC_UNUSED(SetData, FORMATETC*, STGMEDIUM*, BOOL)
+    QC_UNUSED(EnumFormatEtc, DWORD, IEnumFORMATETC**)
+    QC_UNUSED(DAdvise, FORMATETC*, DWORD, IAdviseSink*, DWORD*)
+    QC_UNUSED(DUnadvise, DWORD)
+    QC_UNUSED(EnumDAdvise, IEnumSTATDATA**)
+
 private:
     bool m_bInitialized = false;
+    CGlobalMemory m_Memory;
 };
-
-// ---- server -------------------------------------------------------------------
-
-class CFactory : public IClassFactory
-{
-public:
-    explicit CFactory(bool bPicker) : m_bPicker(bPicker) {}
-    virtual ~CFactory() = default;
-    CFactory(const CFactory&) = delete;
-    CFactory& operator=(const CFactory&) = delete;
-
-    STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override
-    {
-        if (ppv == nullptr)
-            return E_POINTER;
-        *ppv = (riid == IID_IUnknown || riid == IID_IClassFactory) ? static_cast<IClassFactory*>(this) : nullptr;
-        return *ppv != nullptr ? S_OK : E_NOINTERFACE;
-    }
-    STDMETHODIMP_(ULONG) AddRef() override { return 2; }
-    STDMETHODIMP_(ULONG) Release() override { return 1; }
-    STDMETHODIMP CreateInstance(IUnknown* pOuter, REFIID riid, void** ppv) override
-    {
-        if (ppv == nullptr)
-            return E_POINTER;
-        *ppv = nullptr;
-        if (pOuter != nullptr)
-            return CLASS_E_NOAGGREGATION;
-        IUnknown* pObject = m_bPicker ? static_cast<IUnknown*>(static_cast<IDsObjectPicker*>(new CPicker()))
-                                      : static_cast<IUnknown*>(static_cast<IWbemLocator*>(new CLocator()));
-        const HRESULT hResult = pObject->QueryInterface(riid, ppv);
-        pObject->Release();
-        return hResult;
-    }
-    STDMETHODIMP LockServer(BOOL) override { return S_OK; }
-
-private:
-    bool m_bPicker;
-};
-
-CFactory g_LocatorFactory(false);
-CFactory g_PickerFactory(true);
 
 } // namespace
+} // namespace QcTest
 
-extern "C" HRESULT __stdcall DllGetClassObject(REFCLSID rclsid, REFIID riid, void** ppv)
+extern "C" __declspec(dllexport) HRESULT __stdcall DllGetClassObject(REFCLSID rclsid, REFIID riid, void** ppv)
 {
-    if (rclsid == CLSID_WbemLocator)
-        return g_LocatorFactory.QueryInterface(riid, ppv);
-    if (rclsid == CLSID_DsObjectPicker)
-        return g_PickerFactory.QueryInterface(riid, ppv);
-    return CLASS_E_CLASSNOTAVAILABLE;
-}
-
-// Never unloaded: the test program ends first.
-extern "C" HRESULT __stdcall DllCanUnloadNow()
-{
-    return S_FALSE;
+    return rclsid == CLSID_WbemLocator      ? QcTest::ClassObject<QcTest::CLocator>(riid, ppv)
+           : rclsid == CLSID_DsObjectPicker ? QcTest::ClassObject<QcTest::CPicker>(riid, ppv)
+                                            : CLASS_E_CLASSNOTAVAILABLE;
 }
