@@ -111,18 +111,11 @@ bool IsAddress(const std::wstring& text)
 // "low-high" or an address keyword (a service name is none of these).
 bool IsAddressItem(const std::wstring& item)
 {
-    const size_t slash = item.find(L'/');
-    const size_t dash = item.find(L'-');
-    if (slash != std::wstring::npos)
-    {
-        const std::wstring suffix = item.substr(slash + 1);
-        return IsAddress(item.substr(0, slash)) && (Number(suffix, 128) >= 0 || IsAddress(suffix));
-    }
-    if (dash != std::wstring::npos)
-    {
-        return IsAddress(item.substr(0, dash)) && IsAddress(item.substr(dash + 1));
-    }
-    return IsKeyword(item, {L"LocalSubnet", L"DNS", L"DHCP", L"WINS", L"DefaultGateway"}) || IsAddress(item);
+    const size_t cut = item.find_first_of(L"/-");
+    const std::wstring second = cut == std::wstring::npos ? item : item.substr(cut + 1);
+    const bool bPrefixLength = cut != std::wstring::npos && item[cut] == L'/' && Number(second, 128) >= 0;
+    return IsKeyword(item, {L"LocalSubnet", L"DNS", L"DHCP", L"WINS", L"DefaultGateway"}) ||
+           (IsAddress(item.substr(0, cut)) && (bPrefixLength || IsAddress(second)));
 }
 
 class CItem;
