@@ -32,7 +32,8 @@ namespace {
 constexpr HRESULT kNotFound = HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND);
 constexpr LONG kAnyProtocol = 256; // NET_FW_IP_PROTOCOL_ANY, which mingw-w64's headers lack
 
-// Journals `method` and answers the HRESULT its Fail switch asks for.
+// Journals `method` and answers the HRESULT its Fail switch asks for. (A journal
+// grown past 64K characters starts again: the tests clear it before each call.)
 HRESULT Call(const std::wstring& method)
 {
     std::wstring journal(64 * 1024, L'\0');
@@ -339,8 +340,10 @@ const Property kAuthorizedAppProperties[] = {
     {                                                                                                                  \
         return E_NOTIMPL;                                                                                              \
     }
-// A property the DLL neither reads nor sets.
+// A property the DLL neither reads nor sets, and one of those a profile indexes.
 #define QC_UNUSED_PROPERTY(Property, Type) QC_UNUSED(get_##Property, Type*) QC_UNUSED(put_##Property, Type)
+#define QC_UNUSED_PROFILE_PROPERTY(Property, Type)                                                                     \
+    QC_UNUSED(get_##Property, NET_FW_PROFILE_TYPE2, Type*) QC_UNUSED(put_##Property, NET_FW_PROFILE_TYPE2, Type)
 // A property the DLL sets through the item's row of the same name; it never reads it.
 #define QC_SET(Property, Type)                                                                                         \
     QC_UNUSED(get_##Property, Type*)                                                                                   \
@@ -546,24 +549,17 @@ public:
     {
         return Journaled(L"Policy2.Rules", [&] { return Make<CRules>(ppRules); });
     }
-    QC_UNUSED(get_FirewallEnabled, NET_FW_PROFILE_TYPE2, VARIANT_BOOL*)
-    QC_UNUSED(put_FirewallEnabled, NET_FW_PROFILE_TYPE2, VARIANT_BOOL)
-    QC_UNUSED(get_ExcludedInterfaces, NET_FW_PROFILE_TYPE2, VARIANT*)
-    QC_UNUSED(put_ExcludedInterfaces, NET_FW_PROFILE_TYPE2, VARIANT)
-    QC_UNUSED(get_BlockAllInboundTraffic, NET_FW_PROFILE_TYPE2, VARIANT_BOOL*)
-    QC_UNUSED(put_BlockAllInboundTraffic, NET_FW_PROFILE_TYPE2, VARIANT_BOOL)
-    QC_UNUSED(get_NotificationsDisabled, NET_FW_PROFILE_TYPE2, VARIANT_BOOL*)
-    QC_UNUSED(put_NotificationsDisabled, NET_FW_PROFILE_TYPE2, VARIANT_BOOL)
-    QC_UNUSED(get_UnicastResponsesToMulticastBroadcastDisabled, NET_FW_PROFILE_TYPE2, VARIANT_BOOL*)
-    QC_UNUSED(put_UnicastResponsesToMulticastBroadcastDisabled, NET_FW_PROFILE_TYPE2, VARIANT_BOOL)
+    QC_UNUSED_PROFILE_PROPERTY(FirewallEnabled, VARIANT_BOOL)
+    QC_UNUSED_PROFILE_PROPERTY(ExcludedInterfaces, VARIANT)
+    QC_UNUSED_PROFILE_PROPERTY(BlockAllInboundTraffic, VARIANT_BOOL)
+    QC_UNUSED_PROFILE_PROPERTY(NotificationsDisabled, VARIANT_BOOL)
+    QC_UNUSED_PROFILE_PROPERTY(UnicastResponsesToMulticastBroadcastDisabled, VARIANT_BOOL)
     QC_UNUSED(get_ServiceRestriction, INetFwServiceRestriction**)
     QC_UNUSED(EnableRuleGroup, LONG, BSTR, VARIANT_BOOL)
     QC_UNUSED(IsRuleGroupEnabled, LONG, BSTR, VARIANT_BOOL*)
     QC_UNUSED(RestoreLocalFirewallDefaults, void)
-    QC_UNUSED(get_DefaultInboundAction, NET_FW_PROFILE_TYPE2, NET_FW_ACTION*)
-    QC_UNUSED(put_DefaultInboundAction, NET_FW_PROFILE_TYPE2, NET_FW_ACTION)
-    QC_UNUSED(get_DefaultOutboundAction, NET_FW_PROFILE_TYPE2, NET_FW_ACTION*)
-    QC_UNUSED(put_DefaultOutboundAction, NET_FW_PROFILE_TYPE2, NET_FW_ACTION)
+    QC_UNUSED_PROFILE_PROPERTY(DefaultInboundAction, NET_FW_ACTION)
+    QC_UNUSED_PROFILE_PROPERTY(DefaultOutboundAction, NET_FW_ACTION)
     QC_UNUSED(get_IsRuleGroupCurrentlyEnabled, BSTR, VARIANT_BOOL*)
     QC_UNUSED(get_LocalPolicyModifyState, NET_FW_MODIFY_STATE*)
 };
