@@ -410,7 +410,7 @@ HRESULT ItemOf(const wchar_t* method, const std::wstring& entry, TInterface** pp
 {
     *ppItem = nullptr;
     return Journaled(method, [&] {
-        HRESULT hResult = entry.empty() || !Exists(entry) ? kNotFound : Make<TItem>(ppItem);
+        const HRESULT hResult = entry.empty() || !Exists(entry) ? kNotFound : Make<TItem>(ppItem);
         if (SUCCEEDED(hResult))
         {
             static_cast<TItem*>(*ppItem)->Bind(entry, false);
@@ -438,9 +438,12 @@ HRESULT AddTo(const wchar_t* method, TInterface* pInterface, TEntryOf entryOf)
 HRESULT RemoveFrom(const wchar_t* method, const std::wstring& entry)
 {
     return Journaled(method, [&] {
-        const HRESULT hResult = entry.empty() || !Exists(entry) ? kNotFound : S_OK;
-        DeleteEntry(entry.empty() ? L"-" : entry);
-        return hResult;
+        if (entry.empty() || !Exists(entry)) // (an empty entry would name the root)
+        {
+            return kNotFound;
+        }
+        DeleteEntry(entry);
+        return S_OK;
     });
 }
 
