@@ -55,70 +55,6 @@ HRESULT Journaled(const std::wstring& method, TBody body)
     return FAILED(hResult) ? hResult : body();
 }
 
-// ---- the documented rules for property values ----------------------------
-
-// A list of comma-separated items, each one accepted by `accepts`; empty or
-// "*" is "any" and always accepted.
-bool IsAny(const std::wstring& list)
-{
-    return list.empty() || list == L"*";
-}
-bool IsList(const std::wstring& list, bool (*accepts)(const std::wstring& item))
-{
-    std::wstring rest = IsAny(list) ? L"" : list + L",";
-    for (size_t comma = 0; !rest.empty(); rest.erase(0, comma + 1))
-    {
-        comma = rest.find(L',');
-        if (comma == 0 || !accepts(rest.substr(0, comma)))
-        {
-            return false;
-        }
-    }
-    return true;
-}
-
-bool IsKeyword(const std::wstring& item, std::initializer_list<const wchar_t*> keywords)
-{
-    return std::any_of(keywords.begin(), keywords.end(),
-                       [&](const wchar_t* k) { return _wcsicmp(k, item.c_str()) == 0; });
-}
-
-// A decimal number of at most five digits in [0, high]; -1 otherwise.
-long Number(const std::wstring& text, long high)
-{
-    const bool bDigits =
-        !text.empty() && text.size() <= 5 && text.find_first_not_of(L"0123456789") == std::wstring::npos;
-    const long value = bDigits ? std::stol(text) : -1;
-    return value <= high ? value : -1;
-}
-
-// A port, a range of ports "low-high" or a port keyword.
-bool IsPortItem(const std::wstring& item)
-{
-    const size_t dash = item.find(L'-');
-    const long low = Number(item.substr(0, dash), 65535);
-    const long high = dash == std::wstring::npos ? low : Number(item.substr(dash + 1), 65535);
-    return IsKeyword(item, {L"RPC", L"RPC-EPMap", L"IPHTTPS", L"Teredo", L"Ply2Disc", L"mDNS"}) ||
-           (low >= 0 && high >= low);
-}
-
-bool IsAddress(const std::wstring& text)
-{
-    BYTE buffer[16];
-    return InetPtonW(text.find(L':') != std::wstring::npos ? AF_INET6 : AF_INET, text.c_str(), buffer) == 1;
-}
-
-// An address, a subnet "address/prefix length" or "address/mask", a range
-// "low-high" or an address keyword (a service name is none of these).
-bool IsAddressItem(const std::wstring& item)
-{
-    const size_t cut = item.find_first_of(L"/-");
-    const std::wstring second = cut == std::wstring::npos ? item : item.substr(cut + 1);
-    const bool bPrefixLength = cut != std::wstring::npos && item[cut] == L'/' && Number(second, 128) >= 0;
-    return IsKeyword(item, {L"LocalSubnet", L"DNS", L"DHCP", L"WINS", L"DefaultGateway"}) ||
-           (IsAddress(item.substr(0, cut)) && (bPrefixLength || IsAddress(second)));
-}
-
 class CItem;
 
 // A property of a rule, an open port or an authorized program: its registry
@@ -251,81 +187,131 @@ private:
     std::wstring m_key; // once in a list
 };
 
-// The rules of the rows below, quoting the documentation where it words them.
-template <LONG kLow, LONG kHigh>
-bool InRange(const CItem&, const std::wstring&, LONG number)
+// The documented rules for property values, quoting the documentation where
+// it words them; the last ones are the rules of the rows below.
+struct Accepts
 {
-    return number >= kLow && number <= kHigh;
-}
-// A rule's name and description: "The string must not contain the "|" character."
-bool IsWithoutBar(const CItem&, const std::wstring& text, LONG)
-{
-    return text.find(L'|') == std::wstring::npos;
-}
-// Ports only with TCP or UDP; "any" with every protocol.
-bool IsPorts(const CItem& item, const std::wstring& text, LONG)
-{
-    const LONG protocol = item.Number(L"Protocol");
-    return IsAny(text) ||
-           ((protocol == NET_FW_IP_PROTOCOL_TCP || protocol == NET_FW_IP_PROTOCOL_UDP) && IsList(text, IsPortItem));
-}
-bool IsAddresses(const CItem&, const std::wstring& text, LONG)
-{
-    return IsList(text, IsAddressItem);
-}
-// A mask of the known profiles, or all of them.
-bool IsProfiles(const CItem&, const std::wstring&, LONG number)
-{
-    return number == NET_FW_PROFILE2_ALL || (number & ~7) == 0;
-}
-bool IsTcpOrUdp(const CItem&, const std::wstring&, LONG number)
-{
-    return number == NET_FW_IP_PROTOCOL_TCP || number == NET_FW_IP_PROTOCOL_UDP;
-}
-// "The image file name must be a fully qualified path and reference an
-// existing application. The name may contain environment variables."
-bool IsImagePath(const CItem&, const std::wstring& text, LONG)
-{
-    wchar_t path[MAX_PATH] = {};
-    const DWORD length = ExpandEnvironmentStringsW(text.c_str(), path, MAX_PATH);
-    const bool bQualified =
-        (iswalpha(path[0]) && path[1] == L':' && path[2] == L'\\') || (path[0] == L'\\' && path[1] == L'\\');
-    const DWORD attributes = GetFileAttributesW(path);
-    return length > 0 && length <= MAX_PATH && bQualified && attributes != INVALID_FILE_ATTRIBUTES &&
-           (attributes & FILE_ATTRIBUTE_DIRECTORY) == 0;
-}
+    // Empty or "*" is "any", accepted wherever a list is.
+    static bool IsAny(const std::wstring& list) { return list.empty() || list == L"*"; }
+    // Comma-separated items, none empty, each one accepted by `accepts`.
+    static bool IsList(const std::wstring& list, bool (*accepts)(const std::wstring& item))
+    {
+        std::wstring rest = IsAny(list) ? L"" : list + L",";
+        for (size_t comma = 0; !rest.empty(); rest.erase(0, comma + 1))
+        {
+            comma = rest.find(L',');
+            if (comma == 0 || !accepts(rest.substr(0, comma)))
+            {
+                return false;
+            }
+        }
+        return true;
+    }
+    static bool IsKeyword(const std::wstring& item, std::initializer_list<const wchar_t*> keywords)
+    {
+        return std::any_of(keywords.begin(), keywords.end(),
+                           [&](const wchar_t* k) { return _wcsicmp(k, item.c_str()) == 0; });
+    }
+    // A decimal number of at most five digits in [0, high]; -1 otherwise.
+    static long Number(const std::wstring& text, long high)
+    {
+        const bool bDigits =
+            !text.empty() && text.size() <= 5 && text.find_first_not_of(L"0123456789") == std::wstring::npos;
+        const long value = bDigits ? std::stol(text) : -1;
+        return value <= high ? value : -1;
+    }
+    // A port, a range of ports "low-high" or a port keyword.
+    static bool IsPortItem(const std::wstring& item)
+    {
+        const size_t dash = item.find(L'-');
+        const long low = Number(item.substr(0, dash), 65535);
+        const long high = dash == std::wstring::npos ? low : Number(item.substr(dash + 1), 65535);
+        return IsKeyword(item, {L"RPC", L"RPC-EPMap", L"IPHTTPS", L"Teredo", L"Ply2Disc", L"mDNS"}) ||
+               (low >= 0 && high >= low);
+    }
+    static bool IsAddress(const std::wstring& text)
+    {
+        BYTE buffer[16];
+        return InetPtonW(text.find(L':') != std::wstring::npos ? AF_INET6 : AF_INET, text.c_str(), buffer) == 1;
+    }
+    // An address, a subnet "address/prefix length" or "address/mask", a range
+    // "low-high" or an address keyword (a service name is none of these).
+    static bool IsAddressItem(const std::wstring& item)
+    {
+        const size_t cut = item.find_first_of(L"/-");
+        const std::wstring second = cut == std::wstring::npos ? item : item.substr(cut + 1);
+        const bool bPrefixLength = cut != std::wstring::npos && item[cut] == L'/' && Number(second, 128) >= 0;
+        return IsKeyword(item, {L"LocalSubnet", L"DNS", L"DHCP", L"WINS", L"DefaultGateway"}) ||
+               (IsAddress(item.substr(0, cut)) && (bPrefixLength || IsAddress(second)));
+    }
+
+    template <LONG kLow, LONG kHigh>
+    static bool Range(const CItem&, const std::wstring&, LONG number)
+    {
+        return number >= kLow && number <= kHigh;
+    }
+    // A rule's name and description: "The string must not contain the "|" character."
+    static bool NoBar(const CItem&, const std::wstring& text, LONG) { return text.find(L'|') == std::wstring::npos; }
+    // Ports only with TCP or UDP; "any" with every protocol.
+    static bool Ports(const CItem& item, const std::wstring& text, LONG)
+    {
+        return IsAny(text) || (TcpOrUdp(item, text, item.Number(L"Protocol")) && IsList(text, IsPortItem));
+    }
+    static bool Addresses(const CItem&, const std::wstring& text, LONG) { return IsList(text, IsAddressItem); }
+    // A mask of the known profiles, or all of them.
+    static bool Profiles(const CItem&, const std::wstring&, LONG mask)
+    {
+        return mask == NET_FW_PROFILE2_ALL || (mask & ~7) == 0;
+    }
+    static bool TcpOrUdp(const CItem&, const std::wstring&, LONG protocol)
+    {
+        return protocol == NET_FW_IP_PROTOCOL_TCP || protocol == NET_FW_IP_PROTOCOL_UDP;
+    }
+    // "The image file name must be a fully qualified path and reference an
+    // existing application. The name may contain environment variables."
+    static bool ImagePath(const CItem&, const std::wstring& text, LONG)
+    {
+        wchar_t path[MAX_PATH] = {};
+        const DWORD length = ExpandEnvironmentStringsW(text.c_str(), path, MAX_PATH);
+        const bool bQualified =
+            (iswalpha(path[0]) && path[1] == L':' && path[2] == L'\\') || (path[0] == L'\\' && path[1] == L'\\');
+        const DWORD attributes = GetFileAttributesW(path);
+        return length > 0 && length <= MAX_PATH && bQualified && attributes != INVALID_FILE_ATTRIBUTES &&
+               (attributes & FILE_ATTRIBUTE_DIRECTORY) == 0;
+    }
+};
 
 // clang-format off
 const Property kRuleProperties[] = {
-    {L"Name", Kind::Text, 0, true, IsWithoutBar},
-    {L"Description", Kind::Text, 0, false, IsWithoutBar},
+    {L"Name", Kind::Text, 0, true, Accepts::NoBar},
+    {L"Description", Kind::Text, 0, false, Accepts::NoBar},
     {L"ApplicationName", Kind::Text, 0, false, nullptr},
     {L"ServiceName", Kind::Text, 0, false, nullptr},
-    {L"Protocol", Kind::Number, kAnyProtocol, false, InRange<0, kAnyProtocol>},
-    {L"LocalPorts", Kind::Text, 0, false, IsPorts},
-    {L"RemotePorts", Kind::Text, 0, false, IsPorts},
-    {L"LocalAddresses", Kind::Text, 0, false, IsAddresses},
-    {L"RemoteAddresses", Kind::Text, 0, false, IsAddresses},
-    {L"Direction", Kind::Number, NET_FW_RULE_DIR_IN, false, InRange<NET_FW_RULE_DIR_IN, NET_FW_RULE_DIR_OUT>},
+    {L"Protocol", Kind::Number, kAnyProtocol, false, Accepts::Range<0, kAnyProtocol>},
+    {L"LocalPorts", Kind::Text, 0, false, Accepts::Ports},
+    {L"RemotePorts", Kind::Text, 0, false, Accepts::Ports},
+    {L"LocalAddresses", Kind::Text, 0, false, Accepts::Addresses},
+    {L"RemoteAddresses", Kind::Text, 0, false, Accepts::Addresses},
+    {L"Direction", Kind::Number, NET_FW_RULE_DIR_IN, false, Accepts::Range<NET_FW_RULE_DIR_IN, NET_FW_RULE_DIR_OUT>},
     {L"Enabled", Kind::Flag, 0, false, nullptr},
-    {L"Profiles", Kind::Number, NET_FW_PROFILE2_ALL, true, IsProfiles},
+    {L"Profiles", Kind::Number, NET_FW_PROFILE2_ALL, true, Accepts::Profiles},
     {L"EdgeTraversal", Kind::Flag, 0, false, nullptr},
-    {L"EdgeTraversalOptions", Kind::Number, 0, false, InRange<0, 3>},
+    {L"EdgeTraversalOptions", Kind::Number, 0, false, Accepts::Range<0, 3>},
     {L"Action", Kind::Number, NET_FW_ACTION_ALLOW, false, nullptr},
 };
 const Property kOpenPortProperties[] = {
     {L"Name", Kind::Text, 0, true, nullptr},
-    {L"Port", Kind::Number, 0, true, InRange<1, 65535>},
-    {L"Protocol", Kind::Number, NET_FW_IP_PROTOCOL_TCP, false, IsTcpOrUdp},
-    {L"RemoteAddresses", Kind::Text, 0, false, IsAddresses},
+    {L"Port", Kind::Number, 0, true, Accepts::Range<1, 65535>},
+    {L"Protocol", Kind::Number, NET_FW_IP_PROTOCOL_TCP, false, Accepts::TcpOrUdp},
+    {L"RemoteAddresses", Kind::Text, 0, false, Accepts::Addresses},
     {L"Enabled", Kind::Flag, 1, false, nullptr},
     {L"Scope", Kind::Number, NET_FW_SCOPE_ALL, false, nullptr},
     {L"IpVersion", Kind::Number, NET_FW_IP_VERSION_ANY, false, nullptr},
 };
 const Property kAuthorizedAppProperties[] = {
     {L"Name", Kind::Text, 0, true, nullptr},
-    {L"ProcessImageFileName", Kind::Text, 0, true, IsImagePath},
-    {L"RemoteAddresses", Kind::Text, 0, false, IsAddresses},
+    {L"ProcessImageFileName", Kind::Text, 0, true, Accepts::ImagePath},
+    {L"RemoteAddresses", Kind::Text, 0, false, Accepts::Addresses},
     {L"Enabled", Kind::Flag, 1, false, nullptr},
     {L"Scope", Kind::Number, NET_FW_SCOPE_ALL, false, nullptr},
     {L"IpVersion", Kind::Number, NET_FW_IP_VERSION_ANY, false, nullptr},
