@@ -84,8 +84,8 @@ std::wstring App(const std::wstring& name, const std::wstring& path, const std::
 // 2000 characters with letters outside ASCII, and none that CustomActionData or a rule name refuses.
 const std::wstring kLongName = L"R\u00e9gle " + std::wstring(1990, L'\u0444') + L" \u9632\u706b\u5899";
 
-// One action after the calls of `before`: a row names what differs from an
-// add on the rule path that succeeds, logs nothing and leaves nothing behind.
+// One action after the calls of `before`: a row names what differs from a call
+// that succeeds, logs nothing and leaves nothing behind.
 struct FirewallCase
 {
     std::string behaviour;
@@ -114,8 +114,6 @@ const Call kPort = AddPort(kR80 + L";RULEDESCRIPTION=d;REMOTEADDRESSES=*;LOCALAD
 const Call kProgram = AddProgram(L"RULENAME=P;PROGRAMNAME=" + kOtherApp + L";REMOTEADDRESSES=*");
 const Call kRemoveProgram = RemoveProgram(L"RULENAME=P;PROGRAMNAME=" + kOtherApp);
 
-// `method` of the test firewall fails with E_ACCESSDENIED: its message, then the operation's own summary (if
-// any), each with that code, after the legacy warning where the lists are used; result 1603, nothing made.
 // Rows on the legacy lists: the policy class missing, its warning first.
 FirewallCase Legacy(FirewallCase test)
 {
