@@ -11,6 +11,7 @@ add_executable(QcTestProgram ${QC_KIT_DIR}/process/QcTestProgram.cpp)
 target_link_options(QcTestProgram PRIVATE -municode)
 target_link_libraries(QcTestProgram PRIVATE user32)
 
-add_library(QcTestFirewall SHARED ${QC_KIT_DIR}/firewall/QcTestFirewall.c ${QC_KIT_DIR}/firewall/QcTestFirewall.def)
+add_library(QcTestFirewall SHARED ${QC_KIT_DIR}/firewall/QcTestFirewall.cpp ${QC_KIT_DIR}/firewall/QcTestFirewall.def)
 set_target_properties(QcTestFirewall PROPERTIES PREFIX "")
+target_include_directories(QcTestFirewall PRIVATE ${QC_KIT_DIR} ${PROJECT_SOURCE_DIR}/src)
 target_link_libraries(QcTestFirewall PRIVATE ole32 oleaut32 uuid advapi32 ws2_32)

@@ -34,14 +34,10 @@ std::wstring Failed(const std::wstring& text, const wchar_t* code = kAccessDenie
     return L"[ERROR] Firewall (#) " + text + L" with error " + code + L".";
 }
 // The switch that makes `method` of the test firewall fail with E_ACCESSDENIED.
-std::wstring Fails(const std::wstring& method)
-{
-    return L"Fail\\" + method + L"=" + kAccessDenied;
-}
-std::wstring Unavailable(const std::wstring& code)
-{
+const auto Fails = [](const std::wstring& method) { return L"Fail\\" + method + L"=" + kAccessDenied; };
+const auto Unavailable = [](const std::wstring& code) {
     return L"[WARNING] Firewall (#) Failed to get firewall exceptions object with error " + code + L".";
-}
+};
 // The policy class is not registered: every operation goes to the legacy lists.
 const std::wstring kLegacy = L"NoPolicy2=1";
 const std::wstring kLegacyWarning = Unavailable(kClassNotReg);
@@ -63,22 +59,10 @@ std::wstring Data(const std::wstring& pairs, size_t count)
     }
     return data;
 }
-Call AddPort(const std::wstring& pairs)
-{
-    return {"AddPortException", Data(pairs, 8)};
-}
-Call AddProgram(const std::wstring& pairs)
-{
-    return {"AddProgramException", Data(pairs, 9)};
-}
-Call RemovePort(const std::wstring& pairs)
-{
-    return {"RemovePortException", L";" + pairs};
-}
-Call RemoveProgram(const std::wstring& pairs)
-{
-    return {"RemoveProgramException", L";" + pairs};
-}
+const auto AddPort = [](const std::wstring& pairs) { return Call{"AddPortException", Data(pairs, 8)}; };
+const auto AddProgram = [](const std::wstring& pairs) { return Call{"AddProgramException", Data(pairs, 9)}; };
+const auto RemovePort = [](const std::wstring& pairs) { return Call{"RemovePortException", L";" + pairs}; };
+const auto RemoveProgram = [](const std::wstring& pairs) { return Call{"RemoveProgramException", L";" + pairs}; };
 
 // The rules and list entries an add makes with no optional argument.
 std::wstring PortRule(const std::wstring& name, const std::wstring& ports)
@@ -100,30 +84,43 @@ std::wstring App(const std::wstring& name, const std::wstring& path, const std::
 // 2000 characters with letters outside ASCII, and none that CustomActionData or a rule name refuses.
 const std::wstring kLongName = L"R\u00e9gle " + std::wstring(1990, L'\u0444') + L" \u9632\u706b\u5899";
 
+// One action after the calls of `before`: a row names what differs from a call
+// that succeeds, logs nothing and leaves nothing behind.
 struct FirewallCase
 {
     std::string behaviour;
-    std::vector<Call> before; // made first, each must succeed
-    Lines setup;              // CTestFirewall::Set assignments
-    Call call;
-    UINT result;
-    Lines lines;        // every line but the frame's information lines
-    Lines state;        // the firewall afterwards
+    Lines setup = {};              // CTestFirewall::Set assignments; "Sub\Name=" ones after `before`
+    std::vector<Call> before = {}; // each must succeed
+    Call call = {};
+    UINT result = 0;
+    Lines lines = {};   // every line but the frame's information lines
+    Lines state = {};   // the firewall afterwards
     Lines journal = {}; // the firewall's calls during `call`, when given
 };
 
-const std::wstring kApp = L"C:\\Program Files\\Quillcast\\qc.exe";
+// Programs an authorized-application entry may name: they must exist.
+const std::wstring kApp = L"C:\\Program Files\\Internet Explorer\\iexplore.exe";
+const std::wstring kOtherApp = L"C:\\windows\\notepad.exe";
 const std::wstring kR80 = L"RULENAME=R;LOCALPORTS=80";
 const std::wstring kP = L"RULENAME=P;PROGRAMNAME=" + kApp;
 const std::wstring kAddPortFailed = L"Failed to add port exception";
+const std::wstring kAddFailed = L"Failed to add exception";
+const std::wstring kFindFailed = L"Failed trying to find existing exception";
 const std::wstring kCheckPortFailed = L"Failed to check local ports";
 const std::wstring kCheckAppFailed = L"Failed to check app exception";
 const std::wstring kNoManager[] = {L"Failed to connect to Windows Firewall", L"Failed to get current profile"};
 
 const Call kPort = AddPort(kR80 + L";RULEDESCRIPTION=d;REMOTEADDRESSES=*;LOCALADDRESSES=*;REMOTEPORTS=*");
-const Call kProgram = AddProgram(L"RULENAME=P;PROGRAMNAME=C:\\a.exe;REMOTEADDRESSES=*");
-const Call kRemoveProgram = RemoveProgram(L"RULENAME=P;PROGRAMNAME=C:\\a.exe");
-const std::wstring kAddFailed = L"Failed to add exception";
+const Call kProgram = AddProgram(L"RULENAME=P;PROGRAMNAME=" + kOtherApp + L";REMOTEADDRESSES=*");
+const Call kRemoveProgram = RemoveProgram(L"RULENAME=P;PROGRAMNAME=" + kOtherApp);
+
+// Rows on the legacy lists: the policy class missing, its warning first.
+FirewallCase Legacy(FirewallCase test)
+{
+    test.setup.insert(test.setup.begin(), kLegacy);
+    test.lines.insert(test.lines.begin(), kLegacyWarning);
+    return test;
+}
 
 // `method` of the test firewall fails with E_ACCESSDENIED: its message, then the operation's own summary (if
 // any), each with that code, after the legacy warning where the lists are used; result 1603, nothing made.
@@ -131,254 +128,170 @@ FirewallCase Switch(const Call& call, const std::wstring& method, const Lines& t
 {
     std::string name = call.action + std::string("FailsAt") + std::string(method.begin(), method.end());
     name.erase(std::remove(name.begin(), name.end(), '.'), name.end());
-    FirewallCase test{name, {}, {Fails(method)}, call, 1603, {}, {}};
-    if (method.rfind(L"Rule", 0) != 0 && method != L"Create.NetFwRule")
-    {
-        test.setup.insert(test.setup.begin(), kLegacy);
-        test.lines.push_back(kLegacyWarning);
-    }
+    FirewallCase test{.behaviour = name, .setup = {Fails(method)}, .call = call, .result = 1603};
     for (const std::wstring& text : texts)
     {
         test.lines.push_back(Failed(text));
     }
-    return test;
+    return method.rfind(L"Rule", 0) != 0 && method != L"Create.NetFwRule" ? Legacy(test) : test;
 }
 
 const FirewallCase kCases[] = {
     // ------------------------------------------------------------ rule path
-    {"PortRuleIsBuiltInTheFixedOrderWithEverySetting",
-     {},
-     {},
-     AddPort(L"RULENAME=Full;RULEDESCRIPTION=Print server;PROFILE=3;LOCALPORTS=8080-8090,9100;"
-             L"LOCALADDRESSES=192.168.1.10;REMOTEPORTS=1024-65535;REMOTEADDRESSES=LocalSubnet"),
-     0,
-     {},
-     {L"Rules\\1: Action=1; Description=Print server; Direction=1; EdgeTraversal=0; EdgeTraversalOptions=2; "
-      L"Enabled=1; LocalAddresses=192.168.1.10; LocalPorts=8080-8090,9100; Name=Full; Profiles=3; Protocol=6; "
-      L"RemoteAddresses=LocalSubnet; RemotePorts=1024-65535"},
-     {L"Create.NetFwPolicy2", L"Policy2.Rules", L"Policy2.CurrentProfileTypes", L"Rules.Item", L"Create.NetFwRule",
-      L"Rule.Name", L"Rule.Profiles", L"Rule.Description", L"Rule.Direction", L"Rule.Protocol", L"Rule.RemoteAddresses",
-      L"Rule.LocalAddresses", L"Rule.RemotePorts", L"Rule.LocalPorts", L"Rule.EdgeTraversalOptions", L"Rule.Enabled",
-      L"Rules.Add"}},
+    {.behaviour = "PortRuleIsBuiltInTheFixedOrderWithEverySetting",
+     .call = AddPort(L"RULENAME=Full;RULEDESCRIPTION=Print server;PROFILE=3;LOCALPORTS=8080-8090,9100;"
+                     L"LOCALADDRESSES=192.168.1.10;REMOTEPORTS=1024-65535;REMOTEADDRESSES=LocalSubnet"),
+     .state = {L"Rules\\1: Action=1; Description=Print server; Direction=1; EdgeTraversal=0; EdgeTraversalOptions=2; "
+               L"Enabled=1; LocalAddresses=192.168.1.10; LocalPorts=8080-8090,9100; Name=Full; Profiles=3; Protocol=6; "
+               L"RemoteAddresses=LocalSubnet; RemotePorts=1024-65535"},
+     .journal = {L"Create.NetFwPolicy2", L"Policy2.Rules", L"Policy2.CurrentProfileTypes", L"Rules.Item",
+                 L"Create.NetFwRule", L"Rule.Name", L"Rule.Profiles", L"Rule.Description", L"Rule.Direction",
+                 L"Rule.Protocol", L"Rule.RemoteAddresses", L"Rule.LocalAddresses", L"Rule.RemotePorts",
+                 L"Rule.LocalPorts", L"Rule.EdgeTraversalOptions", L"Rule.Enabled", L"Rules.Add"}},
     // The connection read the current profiles (domain and public); the rule still gets all profiles.
-    {"ProgramRuleTakesAnyProtocolAndAllProfiles",
-     {},
-     {L"CurrentProfileTypes=5"},
-     AddProgram(kP),
-     0,
-     {},
-     {L"Rules\\1: Action=1; ApplicationName=" + kApp +
-      L"; Direction=1; EdgeTraversal=0; EdgeTraversalOptions=2; "
-      L"Enabled=1; Name=P; Profiles=2147483647; Protocol=256"}},
-    {"SecondAddOnlyEnablesTheRuleFoundByNameInAnyCase",
-     {AddPort(L"RULENAME=Rule A;LOCALPORTS=80")},
-     {L"Rules\\1\\Enabled=0"},
-     AddPort(L"RULENAME=RULE a;LOCALPORTS=443;RULEDESCRIPTION=new"),
-     0,
-     {},
-     {PortRule(L"Rule A", L"80")},
-     {L"Create.NetFwPolicy2", L"Policy2.Rules", L"Policy2.CurrentProfileTypes", L"Rules.Item", L"Rule.Enabled"}},
-    {"HexadecimalProfileConvertsToZeroWhichTheFirewallRefuses",
-     {},
-     {},
-     AddPort(kR80 + L";PROFILE=0x7FFFFFFF"),
-     1603,
-     {Failed(L"Failed to set exception profile", kInvalidArg), Failed(kAddPortFailed, kInvalidArg)},
-     {}},
-    {"ServiceNameReplacesTheLocalAddresses",
-     {},
-     {},
-     AddPort(kR80 + L";LOCALADDRESSES=10.0.0.1;SERVICENAME="),
-     0,
-     {},
-     {L"Rules\\1: Action=1; Direction=1; EdgeTraversal=0; EdgeTraversalOptions=2; Enabled=1; LocalAddresses=; "
-      L"LocalPorts=80; Name=R; Profiles=2147483647; Protocol=6"}},
-    {"ProgramRuleWithLocalPortsFailsAtTheLocalPorts",
-     {},
-     {},
-     AddProgram(kP + L";LOCALPORTS=80"),
-     1603,
-     {Failed(L"Failed to set authorized local ports", kInvalidArg), Failed(L"Failed to add exception", kInvalidArg)},
-     {}},
-    {"LongNonAsciiRuleNameMakesItsRule",
-     {},
-     {},
-     AddPort(L"RULENAME=" + kLongName + L";LOCALPORTS=80"),
-     0,
-     {},
-     {PortRule(kLongName, L"80")}},
-    {"WithoutRule2EdgeTraversalIsTheOlderFlag",
-     {},
-     {L"NoRule2=1"},
-     AddPort(kR80),
-     0,
-     {},
-     {L"Rules\\1: Action=1; Direction=1; EdgeTraversal=1; EdgeTraversalOptions=0; Enabled=1; LocalPorts=80; "
-      L"Name=R; Profiles=2147483647; Protocol=6"}},
-    {"RemovePortRemovesTheRuleByItsNameAlone", {AddPort(kR80)}, {}, RemovePort(L"RULENAME=r;LOCALPORTS=1"), 0, {}, {}},
+    {.behaviour = "ProgramRuleTakesAnyProtocolAndAllProfiles",
+     .setup = {L"CurrentProfileTypes=5"},
+     .call = AddProgram(kP),
+     .state = {L"Rules\\1: Action=1; ApplicationName=" + kApp +
+               L"; Direction=1; EdgeTraversal=0; EdgeTraversalOptions=2; Enabled=1; Name=P; Profiles=2147483647; "
+               L"Protocol=256"}},
+    {.behaviour = "SecondAddOnlyEnablesTheRuleFoundByName",
+     .setup = {L"Rules\\1\\Enabled=0"},
+     .before = {AddPort(L"RULENAME=Rule A;LOCALPORTS=80")},
+     .call = AddPort(L"RULENAME=Rule A;LOCALPORTS=443;RULEDESCRIPTION=new"),
+     .state = {PortRule(L"Rule A", L"80")}},
+    {.behaviour = "HexadecimalProfileConvertsToZeroWhichTheFirewallRefuses",
+     .call = AddPort(kR80 + L";PROFILE=0x7FFFFFFF"),
+     .result = 1603,
+     .lines = {Failed(L"Failed to set exception profile", kInvalidArg), Failed(kAddPortFailed, kInvalidArg)}},
+    {.behaviour = "ServiceNameReplacesTheLocalAddresses",
+     .call = AddPort(kR80 + L";LOCALADDRESSES=10.0.0.1;SERVICENAME="),
+     .state = {L"Rules\\1: Action=1; Direction=1; EdgeTraversal=0; EdgeTraversalOptions=2; Enabled=1; LocalAddresses=; "
+               L"LocalPorts=80; Name=R; Profiles=2147483647; Protocol=6"}},
+    {.behaviour = "ProgramRuleWithLocalPortsFailsAtTheLocalPorts",
+     .call = AddProgram(kP + L";LOCALPORTS=80"),
+     .result = 1603,
+     .lines = {Failed(L"Failed to set authorized local ports", kInvalidArg), Failed(kAddFailed, kInvalidArg)}},
+    {.behaviour = "LongNonAsciiRuleNameMakesItsRule",
+     .call = AddPort(L"RULENAME=" + kLongName + L";LOCALPORTS=80"),
+     .state = {PortRule(kLongName, L"80")}},
+    {.behaviour = "WithoutRule2EdgeTraversalIsTheOlderFlag",
+     .setup = {L"NoRule2=1"},
+     .call = AddPort(kR80),
+     .state = {L"Rules\\1: Action=1; Direction=1; EdgeTraversal=1; EdgeTraversalOptions=0; Enabled=1; LocalPorts=80; "
+               L"Name=R; Profiles=2147483647; Protocol=6"}},
+    {.behaviour = "RemovePortRemovesTheRuleByItsNameAlone",
+     .before = {AddPort(kR80)},
+     .call = RemovePort(L"RULENAME=R;LOCALPORTS=1")},
     // ------------------------------------------------------------ arguments
-    {"MissingRuleNameFailsValidation", {}, {}, RemovePort(L"LOCALPORTS=80;PAD=1"), 1603, {}, {}},
-    {"MissingProgramNameFailsValidation", {}, {}, AddProgram(L"RULENAME=P"), 1603, {}, {}},
+    {.behaviour = "MissingRuleNameFailsValidation", .call = RemovePort(L"LOCALPORTS=80;PAD=1"), .result = 1603},
+    {.behaviour = "MissingProgramNameFailsValidation", .call = AddProgram(L"RULENAME=P"), .result = 1603},
     // ------------------------------------------------------------ rule path failures
-    {"UnavailablePolicyIsAWarningAndTheListsAreUsed",
-     {},
-     {Fails(L"Create.NetFwPolicy2")},
-     AddPort(kR80),
-     0,
-     {Unavailable(kAccessDenied)},
-     {OpenPort(80, L"R")}},
-    {"UnreadableCurrentProfileIsAnErrorAndTheListsAreUsed",
-     {},
-     {Fails(L"Policy2.CurrentProfileTypes")},
-     AddPort(kR80),
-     0,
-     {Failed(L"Failed to get firewall current profile")},
-     {OpenPort(80, L"R")}},
-    {"FailedSearchIsLoggedTwiceBeforeTheSummary",
-     {},
-     {Fails(L"Rules.Item")},
-     AddPort(kR80),
-     1603,
-     {Failed(L"Failed trying to find existing exception"), Failed(L"Failed trying to find existing exception"),
-      Failed(kAddPortFailed)},
-     {}},
-    {"FailedSearchFailsTheRemoval",
-     {},
-     {Fails(L"Rules.Item")},
-     RemovePort(kR80),
-     1603,
-     {Failed(L"Failed trying to find existing exception"), Failed(L"Failed to check exception"),
-      Failed(L"Failed to remove exception")},
-     {}},
-    {"FailedRemovalIsLoggedWithTheSummary",
-     {AddPort(kR80)},
-     {Fails(L"Rules.Remove")},
-     RemoveProgram(L"RULENAME=R;PROGRAMNAME=C:\\a.exe"),
-     1603,
-     {Failed(L"Failed to remove exception"), Failed(L"Failed to remove exception")},
-     {PortRule(L"R", L"80")}},
+    {.behaviour = "UnavailablePolicyIsAWarningAndTheListsAreUsed",
+     .setup = {Fails(L"Create.NetFwPolicy2")},
+     .call = AddPort(kR80),
+     .lines = {Unavailable(kAccessDenied)},
+     .state = {OpenPort(80, L"R")}},
+    {.behaviour = "UnreadableCurrentProfileIsAnErrorAndTheListsAreUsed",
+     .setup = {Fails(L"Policy2.CurrentProfileTypes")},
+     .call = AddPort(kR80),
+     .lines = {Failed(L"Failed to get firewall current profile")},
+     .state = {OpenPort(80, L"R")}},
+    {.behaviour = "FailedSearchIsLoggedTwiceBeforeTheSummary",
+     .setup = {Fails(L"Rules.Item")},
+     .call = AddPort(kR80),
+     .result = 1603,
+     .lines = {Failed(kFindFailed), Failed(kFindFailed), Failed(kAddPortFailed)}},
+    {.behaviour = "FailedSearchFailsTheRemoval",
+     .setup = {Fails(L"Rules.Item")},
+     .call = RemovePort(kR80),
+     .result = 1603,
+     .lines = {Failed(kFindFailed), Failed(L"Failed to check exception"), Failed(L"Failed to remove exception")}},
+    {.behaviour = "FailedRemovalIsLoggedWithTheSummary",
+     .setup = {Fails(L"Rules.Remove")},
+     .before = {AddPort(kR80)},
+     .call = RemoveProgram(L"RULENAME=R;PROGRAMNAME=" + kOtherApp),
+     .result = 1603,
+     .lines = {Failed(L"Failed to remove exception"), Failed(L"Failed to remove exception")},
+     .state = {PortRule(L"R", L"80")}},
     // ------------------------------------------------------------ legacy lists
-    {"LegacyPortListOpensEachPortForTcp",
-     {},
-     {kLegacy},
-     AddPort(L"RULENAME=R;LOCALPORTS=80,443"),
-     0,
-     {kLegacyWarning},
-     {OpenPort(443, L"R"), OpenPort(80, L"R")}},
-    {"LegacyRangeOpensItsFirstPortAndATrailingCommaNothing",
-     {},
-     {kLegacy},
-     AddPort(L"RULENAME=R;LOCALPORTS=8080-8090,"),
-     0,
-     {kLegacyWarning},
-     {OpenPort(8080, L"R")}},
-    {"LegacyLeadingCommaTriesPortZeroFirst",
-     {},
-     {kLegacy},
-     AddPort(L"RULENAME=R;LOCALPORTS=,80"),
-     1603,
-     {kLegacyWarning, Failed(L"Failed to set port number", kInvalidArg)},
-     {}},
-    {"LegacyOpenPortIsOnlyEnabledAndTheNextOneOpened",
-     {AddPort(L"RULENAME=Old;LOCALPORTS=80")},
-     {kLegacy, L"OpenPorts\\80-6\\Enabled=0"},
-     AddPort(L"RULENAME=R;LOCALPORTS=80,443"),
-     0,
-     {kLegacyWarning},
-     {OpenPort(443, L"R"), OpenPort(80, L"Old")}},
-    {"LegacyProgramGetsItsRemoteAddressesTwice",
-     {},
-     {kLegacy},
-     AddProgram(kP + L";REMOTEADDRESSES=10.1.0.0/16"),
-     0,
-     {kLegacyWarning},
-     {App(L"P", kApp, L"; RemoteAddresses=10.1.0.0/16")},
-     {L"Create.NetFwMgr", L"Mgr.LocalPolicy", L"Policy.CurrentProfile", L"Profile.AuthorizedApplications",
-      L"AuthorizedApps.Item", L"Create.NetFwAuthorizedApplication", L"AuthorizedApp.Name",
-      L"AuthorizedApp.ProcessImageFileName", L"AuthorizedApp.RemoteAddresses", L"AuthorizedApp.RemoteAddresses",
-      L"AuthorizedApp.Enabled", L"AuthorizedApps.Add"}},
-    {"LegacyAuthorizedProgramIsOnlyEnabled",
-     {AddProgram(kP)},
-     {kLegacy, L"AuthorizedApplications\\1\\Enabled=0"},
-     AddProgram(L"RULENAME=Q;PROGRAMNAME=" + kApp + L";REMOTEADDRESSES=10.0.0.1"),
-     0,
-     {kLegacyWarning},
-     {App(L"P", kApp)},
-     {L"Create.NetFwMgr", L"Mgr.LocalPolicy", L"Policy.CurrentProfile", L"Profile.AuthorizedApplications",
-      L"AuthorizedApps.Item", L"AuthorizedApp.Enabled"}},
-    {"LegacyRemovalOfAPortNotOpenFails",
-     {},
-     {kLegacy},
-     RemovePort(kR80),
-     1603,
-     {kLegacyWarning, Failed(L"Failed to retrieve open port", kNotFound), Failed(kCheckPortFailed, kNotFound)},
-     {}},
-    {"LegacyRemovalClosesEachPort",
-     {AddPort(L"RULENAME=R;LOCALPORTS=80,443,8080")},
-     {kLegacy},
-     RemovePort(L"RULENAME=R;LOCALPORTS=80,443"),
-     0,
-     {kLegacyWarning},
-     {OpenPort(8080, L"R")}},
+    Legacy({.behaviour = "LegacyPortListOpensEachPortForTcp",
+            .call = AddPort(L"RULENAME=R;LOCALPORTS=80,443"),
+            .state = {OpenPort(443, L"R"), OpenPort(80, L"R")}}),
+    Legacy({.behaviour = "LegacyRangeOpensItsFirstPortAndATrailingCommaNothing",
+            .call = AddPort(L"RULENAME=R;LOCALPORTS=8080-8090,"),
+            .state = {OpenPort(8080, L"R")}}),
+    Legacy({.behaviour = "LegacyOpenPortIsOnlyEnabledAndTheNextOneOpened",
+            .setup = {L"OpenPorts\\80-6\\Enabled=0"},
+            .before = {AddPort(L"RULENAME=Old;LOCALPORTS=80")},
+            .call = AddPort(L"RULENAME=R;LOCALPORTS=80,443"),
+            .state = {OpenPort(443, L"R"), OpenPort(80, L"Old")}}),
+    Legacy({.behaviour = "LegacyProgramGetsItsRemoteAddressesTwice",
+            .call = AddProgram(kP + L";REMOTEADDRESSES=10.1.0.0/16"),
+            .state = {App(L"P", kApp, L"; RemoteAddresses=10.1.0.0/16")},
+            .journal = {L"Create.NetFwMgr", L"Mgr.LocalPolicy", L"Policy.CurrentProfile",
+                        L"Profile.AuthorizedApplications", L"AuthorizedApps.Item", L"Create.NetFwAuthorizedApplication",
+                        L"AuthorizedApp.Name", L"AuthorizedApp.ProcessImageFileName", L"AuthorizedApp.RemoteAddresses",
+                        L"AuthorizedApp.RemoteAddresses", L"AuthorizedApp.Enabled", L"AuthorizedApps.Add"}}),
+    Legacy({.behaviour = "LegacyAuthorizedProgramIsOnlyEnabled",
+            .setup = {L"AuthorizedApplications\\1\\Enabled=0"},
+            .before = {AddProgram(kP)},
+            .call = AddProgram(L"RULENAME=Q;PROGRAMNAME=" + kApp + L";REMOTEADDRESSES=10.0.0.1"),
+            .state = {App(L"P", kApp)}}),
+    Legacy({.behaviour = "LegacyRemovalOfAPortNotOpenFails",
+            .call = RemovePort(kR80),
+            .result = 1603,
+            .lines = {Failed(L"Failed to retrieve open port", kNotFound), Failed(kCheckPortFailed, kNotFound)}}),
+    Legacy({.behaviour = "LegacyRemovalClosesEachPort",
+            .before = {AddPort(L"RULENAME=R;LOCALPORTS=80,443,8080")},
+            .call = RemovePort(L"RULENAME=R;LOCALPORTS=80,443"),
+            .state = {OpenPort(8080, L"R")}}),
     // The check answers "disabled" without a code of its own: the code
     // logged is the last one kept, the connection's REGDB_E_CLASSNOTREG.
-    {"LegacyRemovalOfADisabledPortFailsWithTheLastCodeKept",
-     {},
-     {kLegacy, L"OpenPorts\\80-6\\Enabled=0"},
-     RemovePort(kR80),
-     1603,
-     {kLegacyWarning, Failed(kCheckPortFailed, kClassNotReg)},
-     {L"OpenPorts\\80-6: Enabled=0"}},
-    {"LegacyRemovalOfAMissingProgramFails",
-     {},
-     {kLegacy},
-     RemoveProgram(kP),
-     1603,
-     {kLegacyWarning, Failed(L"Failed to retrieve authorized app", kNotFound), Failed(kCheckAppFailed, kNotFound)},
-     {}},
-    {"LegacyRemovalRemovesTheProgramByItsPath",
-     {AddProgram(kP)},
-     {kLegacy},
-     RemoveProgram(L"RULENAME=Other;PROGRAMNAME=c:\\program files\\quillcast\\QC.EXE"),
-     0,
-     {kLegacyWarning},
-     {}},
+    Legacy({.behaviour = "LegacyRemovalOfADisabledPortFailsWithTheLastCodeKept",
+            .setup = {L"OpenPorts\\80-6\\Enabled=0"},
+            .call = RemovePort(kR80),
+            .result = 1603,
+            .lines = {Failed(kCheckPortFailed, kClassNotReg)},
+            .state = {L"OpenPorts\\80-6: Enabled=0"}}),
+    Legacy({.behaviour = "LegacyRemovalOfAMissingProgramFails",
+            .call = RemoveProgram(kP),
+            .result = 1603,
+            .lines = {Failed(L"Failed to retrieve authorized app", kNotFound), Failed(kCheckAppFailed, kNotFound)}}),
+    Legacy({.behaviour = "LegacyRemovalRemovesTheProgramByItsPath",
+            .before = {AddProgram(kP)},
+            .call = RemoveProgram(L"RULENAME=Other;PROGRAMNAME=" + kApp)}),
     // ------------------------------------------------------------ legacy failures
-    {"LegacyProfileUnavailableOnRemoval",
-     {},
-     {kLegacy, Fails(L"Policy.CurrentProfile")},
-     RemoveProgram(kP),
-     1603,
-     {kLegacyWarning, Failed(kNoManager[0]), Failed(kNoManager[1]), Failed(kCheckAppFailed)},
-     {}},
-    {"LegacyNotAllowedExceptionsFailTheCheckOnlyWhenTheReadFails",
-     {AddPort(kR80)},
-     {kLegacy, L"ExceptionsNotAllowed=1", Fails(L"Profile.ExceptionsNotAllowed")},
-     RemovePort(kR80),
-     1603,
-     {kLegacyWarning, Failed(L"Failed to get list of not allowed exceptions"), Failed(kCheckPortFailed)},
-     {OpenPort(80, L"R")}},
-    {"LegacyNotAllowedExceptionsReadWellDoNotStopTheRemoval",
-     {AddPort(kR80)},
-     {kLegacy, L"ExceptionsNotAllowed=1"},
-     RemovePort(kR80),
-     0,
-     {kLegacyWarning},
-     {}},
-    {"LegacyFailedPortRemovalNamesThePortAsWritten",
-     {AddPort(kR80)},
-     {kLegacy, Fails(L"OpenPorts.Remove")},
-     RemovePort(L"RULENAME=R;LOCALPORTS=80x"),
-     1603,
-     {kLegacyWarning, Failed(L"Failed to remove open port 80x, protocol 6")},
-     {OpenPort(80, L"R")}},
-    {"LegacyFailedProgramRemovalKeepsItsTwoBlanks",
-     {AddProgram(kP)},
-     {kLegacy, Fails(L"AuthorizedApps.Remove")},
-     RemoveProgram(kP),
-     1603,
-     {kLegacyWarning, Failed(L"Failed to remove app " + kApp + L" ")},
-     {App(L"P", kApp)}},
+    Legacy({.behaviour = "LegacyProfileUnavailableOnRemoval",
+            .setup = {Fails(L"Policy.CurrentProfile")},
+            .call = RemoveProgram(kP),
+            .result = 1603,
+            .lines = {Failed(kNoManager[0]), Failed(kNoManager[1]), Failed(kCheckAppFailed)}}),
+    Legacy({.behaviour = "LegacyNotAllowedExceptionsFailTheCheckOnlyWhenTheReadFails",
+            .setup = {L"ExceptionsNotAllowed=1", Fails(L"Profile.ExceptionsNotAllowed")},
+            .before = {AddPort(kR80)},
+            .call = RemovePort(kR80),
+            .result = 1603,
+            .lines = {Failed(L"Failed to get list of not allowed exceptions"), Failed(kCheckPortFailed)},
+            .state = {OpenPort(80, L"R")}}),
+    Legacy({.behaviour = "LegacyNotAllowedExceptionsReadWellDoNotStopTheRemoval",
+            .setup = {L"ExceptionsNotAllowed=1"},
+            .before = {AddPort(kR80)},
+            .call = RemovePort(kR80)}),
+    Legacy({.behaviour = "LegacyFailedPortRemovalNamesThePortAsWritten",
+            .setup = {Fails(L"OpenPorts.Remove")},
+            .before = {AddPort(kR80)},
+            .call = RemovePort(L"RULENAME=R;LOCALPORTS=80x"),
+            .result = 1603,
+            .lines = {Failed(L"Failed to remove open port 80x, protocol 6")},
+            .state = {OpenPort(80, L"R")}}),
+    Legacy({.behaviour = "LegacyFailedProgramRemovalKeepsItsTwoBlanks",
+            .setup = {Fails(L"AuthorizedApps.Remove")},
+            .before = {AddProgram(kP)},
+            .call = RemoveProgram(kP),
+            .result = 1603,
+            .lines = {Failed(L"Failed to remove app " + kApp + L" ")},
+            .state = {App(L"P", kApp)}}),
     // ------------------------------------------------------------ one failure switch per message
     Switch(kPort, L"Create.NetFwRule", {L"Failed to create NetFwRule object", kAddPortFailed}),
     Switch(kPort, L"Rule.Name", {L"Failed to set exception friendly name", kAddPortFailed}),
@@ -426,6 +339,17 @@ std::pair<UINT, Lines> Outcome(const Call& call)
     return {outcome.result, outcome.lines};
 }
 
+void SetAll(const Lines& assignments, bool bValuesBelow)
+{
+    for (const std::wstring& assignment : assignments)
+    {
+        if ((assignment.find(L'\\') != std::wstring::npos) == bValuesBelow)
+        {
+            CTestFirewall::Set(assignment);
+        }
+    }
+}
+
 class FirewallTest : public ::testing::Test
 {
 protected:
@@ -445,23 +369,14 @@ class FirewallAction : public FirewallTest, public ::testing::WithParamInterface
 TEST_P(FirewallAction, Case)
 {
     const FirewallCase& test = GetParam();
-    // The plain switches, the calls of `before`, then the rest (failure switches, state changes).
-    for (const bool bAfterCalls : {false, true})
+    SetAll(test.setup, false);
+    for (const Call& call : test.before)
     {
-        for (const std::wstring& assignment : test.setup)
-        {
-            if ((assignment.find(L'\\') != std::wstring::npos) == bAfterCalls)
-            {
-                CTestFirewall::Set(assignment);
-            }
-        }
-        for (const Call& call : bAfterCalls ? std::vector<Call>{} : test.before)
-        {
-            const std::pair<UINT, Lines> outcome = Outcome(call);
-            ASSERT_EQ(outcome.first, 0u) << ::testing::PrintToString(outcome.second);
-        }
+        const std::pair<UINT, Lines> outcome = Outcome(call);
+        ASSERT_EQ(outcome.first, 0u) << ::testing::PrintToString(outcome.second);
     }
-    ::RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, L"Software\\QuillcastTest\\Firewall", L"Journal");
+    SetAll(test.setup, true); // failure switches and changes to what `before` made
+    ::RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kFirewallRoot, L"Journal");
 
     EXPECT_EQ(Outcome(test.call), std::make_pair(test.result, test.lines));
     EXPECT_EQ(CTestFirewall::State(), test.state);
@@ -512,7 +427,7 @@ TEST_F(FirewallTest, ChecksOnTheRulePathAskForTheRuleByNameOnly)
                                        L"[ERROR] Firewall (#) Failed to check exception with error 2."}));
     capture.Clear();
 
-    CFirewall firewall(L"r");
+    CFirewall firewall(L"R");
     EXPECT_TRUE(firewall.CheckPort(L"443"));
     EXPECT_EQ(firewall.LastError(), 80u);
     EXPECT_TRUE(firewall.CheckApplication(L"C:\\b.exe"));
@@ -544,48 +459,37 @@ uint32_t FailureCallLine(const std::string& file, const std::string& text)
 // call, so that "Firewall" and the line lead to one place in one file.
 TEST_F(FirewallTest, FailureEntriesCarryTheLineOfTheirCallInTheirFile)
 {
-    const struct
-    {
-        std::string file;
-        uint32_t lineBase;
-        Lines setup;
-        std::string text;
-    } rows[] = {
-        {"Firewall.cpp",
-         1000,
-         {Fails(L"Policy2.CurrentProfileTypes")},
-         "Failed to get firewall current profile with error "},
+    const std::tuple<std::string, uint32_t, Lines, std::string> rows[] = {
+        {"Firewall.cpp", 1000, {Fails(L"Policy2.CurrentProfileTypes")}, "Failed to get firewall current profile"},
         {"FirewallLegacyLists.cpp",
          2000,
          {kLegacy, Fails(L"Create.NetFwMgr")},
-         "Failed to connect to Windows Firewall with error "},
+         "Failed to connect to Windows Firewall"},
     };
-    for (const auto& row : rows)
+    for (const auto& [file, lineBase, setup, text] : rows)
     {
         CTestFirewall::Reset();
-        for (const std::wstring& assignment : row.setup)
-        {
-            CTestFirewall::Set(assignment);
-        }
-        const uint32_t callLine = FailureCallLine(row.file, row.text);
-        ASSERT_NE(callLine, 0u) << row.file << ": " << row.text;
+        SetAll(setup, false);
+        SetAll(setup, true);
+        const uint32_t callLine = FailureCallLine(file, text + " with error ");
+        ASSERT_NE(callLine, 0u) << file << ": " << text;
         const CLogCapture capture;
         {
             CFirewall firewall(L"R");
             (void)firewall.AddPort(L"80"); // the lists' failure comes from here, the other from the constructor
         }
-        const std::wstring text(row.text.begin(), row.text.end());
-        const std::wstring expected =
-            L"[ERROR] Firewall (" + std::to_wstring(row.lineBase + callLine) + L") " + text + kAccessDenied + L".";
+        const std::wstring wideText(text.begin(), text.end());
         Lines entries;
         for (const std::wstring& line : capture.Lines())
         {
-            if (line.find(text) != std::wstring::npos)
+            if (line.find(wideText) != std::wstring::npos)
             {
                 entries.push_back(WithoutPrefixes(line));
             }
         }
-        EXPECT_EQ(entries, Lines({expected})) << row.file;
+        EXPECT_EQ(entries, Lines({L"[ERROR] Firewall (" + std::to_wstring(lineBase + callLine) + L") " + wideText +
+                                  L" with error " + kAccessDenied + L"."}))
+            << file;
     }
 }
 
