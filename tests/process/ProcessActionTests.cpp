@@ -381,9 +381,9 @@ std::function<std::vector<DWORD>()> WithoutSession(Quillcast::Host::ActionWorker
     };
 }
 
-using ProcessAndShellCode = ::testing::TestWithParam<CodeCase>;
+using WrapperCode = ::testing::TestWithParam<CodeCase>;
 
-TEST_P(ProcessAndShellCode, Case)
+TEST_P(WrapperCode, Case)
 {
     std::ofstream("Plain.qcnoassoc") << "content";
     CLogCapture log;
@@ -454,13 +454,13 @@ const CodeCase kCodeCases[] = {
      {kNoSession, L"[ERROR] Various (#) MsiGetProperty ShellExecuteTarget failed with error 4242."}},
 };
 
-INSTANTIATE_TEST_SUITE_P(Calls, ProcessAndShellCode, ::testing::ValuesIn(kCodeCases),
+INSTANTIATE_TEST_SUITE_P(Calls, WrapperCode, ::testing::ValuesIn(kCodeCases),
                          [](const auto& paramInfo) { return std::string(paramInfo.param.name); });
 
 // Helpers that log for their caller write the caller's source and line, so that a log line leads to the call and
 // not to the helper. Both entries carry the thread's last-error value: a failed open leaves it alone, and its status
 // (ERROR_FILE_NOT_FOUND) is not what the entry shows.
-TEST(ProcessAndShellHelpers, EntriesCarryTheCallersSourceAndLine)
+TEST(ProcessAndShellCode, HelperEntriesCarryTheCallersSourceAndLine)
 {
     constexpr Quillcast::Logging::CLogSource kCaller{L"Various", 7000};
     CLogCapture log;

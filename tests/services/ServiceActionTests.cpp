@@ -1,6 +1,6 @@
 // The shipped DLL's service actions driven through real installer sessions against real services of the test run's Wine
 // prefix: the states they meet, their waits and the limits of those waits, and the dependents they stop and start. Only
-// the dependent enumeration, which Wine stubs, is answered by the test (DependentsSeam.h).
+// the dependent enumeration, which Wine stubs, is answered by the test (ServiceKit.h).
 #include <gtest/gtest.h>
 
 #include <windows.h>
