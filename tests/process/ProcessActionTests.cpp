@@ -8,6 +8,7 @@
 
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <numeric>
 #include <process.h>
 
@@ -46,15 +47,15 @@ int g_ImagePathQueries = 0;      // RegQueryValueExW calls for "ImagePath"
 int g_Flags = 0;
 // The holding programs' release, set after every exit-code read of the action, and the event a windowed program
 // sets once it has handled WM_CLOSE.
-const HANDLE g_hRelease = ::CreateEventW(nullptr, FALSE, FALSE, L"QcTestProgramRelease");
-const HANDLE g_hClosed = ::CreateEventW(nullptr, TRUE, FALSE, L"QcProcessTestClosed");
+const CKernelHandle g_hRelease(::CreateEventW(nullptr, FALSE, FALSE, L"QcTestProgramRelease"));
+const CKernelHandle g_hClosed(::CreateEventW(nullptr, TRUE, FALSE, L"QcProcessTestClosed"));
 
 DWORD WINAPI RecordingWait(HANDLE hObject, DWORD dwMilliseconds)
 {
     g_Waits.push_back(dwMilliseconds);
     if (dwMilliseconds == 0 && (g_Flags & (kGateClosed | kGateEnd)) != 0)
     {
-        ::WaitForSingleObject((g_Flags & kGateClosed) != 0 ? g_hClosed : hObject, kPatienceMs);
+        ::WaitForSingleObject((g_Flags & kGateClosed) != 0 ? g_hClosed.Get() : hObject, kPatienceMs);
     }
     const bool bShorten = (g_Flags & kRealWaits) == 0 && dwMilliseconds != INFINITE;
     return ::WaitForSingleObject(hObject, bShorten ? 0 : dwMilliseconds);
@@ -70,11 +71,11 @@ BOOL WINAPI OrderedGetExitCodeProcess(HANDLE hProcess, LPDWORD pdwExitCode)
 {
     if ((g_Flags & kEndFirst) != 0)
     {
-        ::SetEvent(g_hRelease);
+        ::SetEvent(g_hRelease.Get());
         ::WaitForSingleObject(hProcess, kPatienceMs);
     }
     const BOOL bRead = ::GetExitCodeProcess(hProcess, pdwExitCode);
-    ::SetEvent(g_hRelease);
+    ::SetEvent(g_hRelease.Get());
     return bRead;
 }
 
@@ -97,10 +98,7 @@ LSTATUS WINAPI RecordingRegOpenKeyExW(HKEY hKey, LPCWSTR pszSubKey, DWORD dwOpti
 LSTATUS WINAPI CountingRegQueryValueExW(HKEY hKey, LPCWSTR pszName, LPDWORD pdwReserved, LPDWORD pdwType, LPBYTE pData,
                                         LPDWORD pcbData)
 {
-    if (pszName != nullptr && std::wstring(pszName) == L"ImagePath")
-    {
-        ++g_ImagePathQueries;
-    }
+    g_ImagePathQueries += pszName != nullptr && std::wstring(pszName) == L"ImagePath" ? 1 : 0;
     return ::RegQueryValueExW(hKey, pszName, pdwReserved, pdwType, pData, pcbData);
 }
 
@@ -118,18 +116,35 @@ std::wstring Error(const std::wstring& source, const std::wstring& text)
     return L"[ERROR] " + source + L" (#) " + text + L".\n";
 }
 
+// One row: the action succeeds, logs nothing of its own, starts nothing and waits for nothing, unless it says so.
+// {dir} stands for the test's directory, {exe} for the case's copy of the test program in it, {name} for the case's
+// name and {pid} for the id of the first launched program.
 struct Case
 {
     const char* name;
     const char* action;
     Properties properties;
-    UINT result;
+    UINT result = 0;
     std::wstring text{}; // the log's lines, then the copy's records of its starts (command line, directory, show)
-    std::vector<DWORD> waits{};
+    std::vector<DWORD> waits{};           // the time-outs the action waits with
     std::vector<const wchar_t*> launch{}; // programs the test starts before the action, by their switches
     std::vector<DWORD> exitCodes{};       // of the launched programs afterwards (STILL_ACTIVE: still running)
     int flags = 0;
+
+    Case& Text(const std::wstring& expected) { return text = expected, *this; }
+    Case& Fails(const std::wstring& expected) { return result = 1603, Text(expected); }
+    Case& Waits(std::vector<DWORD> timeouts) { return waits = std::move(timeouts), *this; }
+    Case& Launch(std::vector<const wchar_t*> switches, std::vector<DWORD> codes)
+    {
+        return launch = std::move(switches), exitCodes = std::move(codes), *this;
+    }
+    Case& Flags(int value) { return flags = value, *this; }
 };
+
+Case Row(const char* name, const char* action, Properties properties)
+{
+    return Case{name, action, std::move(properties)};
+}
 
 using ProcessAction = ::testing::TestWithParam<Case>;
 
@@ -138,15 +153,14 @@ TEST_P(ProcessAction, Case)
     const Case& test = GetParam();
     g_Waits = g_OpenedIds = g_KeyAccess = g_Creations = {};
     g_ImagePathQueries = 0;
-    ::ResetEvent(g_hRelease);
-    ::ResetEvent(g_hClosed);
+    ::ResetEvent(g_hRelease.Get());
+    ::ResetEvent(g_hClosed.Get());
     wchar_t directory[MAX_PATH] = {};
     ::GetCurrentDirectoryW(MAX_PATH, directory);
     const std::wstring name(test.name, test.name + std::strlen(test.name));
-    const std::wstring file = std::string(test.action) == "CloseAutoConnect" ? L"QCAutoConnect.exe" : L"Qc{name}.exe";
+    const bool bAutoConnect = std::string(test.action) == "CloseAutoConnect";
+    const std::wstring file = bAutoConnect ? L"QCAutoConnect.exe" : L"Qc{name}.exe";
     std::vector<CKernelHandle> launched;
-    // {dir} the test's directory, {exe} the case's copy of the test program in it, {name} the case's name,
-    // {pid} the id of the first launched program.
     const auto expand = [&](std::wstring text) {
         const std::wstring pid = launched.empty() ? L"" : std::to_wstring(::GetProcessId(launched[0].Get()));
         for (const auto& key :
@@ -201,10 +215,9 @@ TEST_P(ProcessAction, Case)
     EXPECT_EQ(outcome.result, test.result);
     EXPECT_EQ(g_Waits, test.waits);
     // SYSTEM is one hive for both registry views: only the call shows the 32-bit view.
-    EXPECT_EQ(g_KeyAccess, std::vector<REGSAM>(file == L"QCAutoConnect.exe", KEY_ALL_ACCESS | KEY_WOW64_32KEY));
+    EXPECT_EQ(g_KeyAccess, std::vector<REGSAM>(bAutoConnect, KEY_ALL_ACCESS | KEY_WOW64_32KEY));
     // The size query, then the read, also when the value is missing and the size query fails.
-    const bool bKeyMade = !test.properties.empty() && test.properties[0].first == L"ImagePath";
-    EXPECT_EQ(g_ImagePathQueries, bKeyMade ? 2 : 0);
+    EXPECT_EQ(g_ImagePathQueries, !test.properties.empty() && test.properties[0].first == L"ImagePath" ? 2 : 0);
     // Every program the DLL starts gets a console of its own, and nothing else.
     EXPECT_EQ(g_Creations, std::vector<DWORD>(g_Creations.size(), CREATE_NEW_CONSOLE));
     // Handled in snapshot order, which is the order the test started them in.
@@ -230,7 +243,7 @@ TEST_P(ProcessAction, Case)
     }
     EXPECT_EQ(exitCodes, test.exitCodes);
     // A program the shell started holds until the release.
-    ::SetEvent(g_hRelease);
+    ::SetEvent(g_hRelease.Get());
 }
 
 Properties Data(const wchar_t* data)
@@ -242,208 +255,207 @@ const wchar_t kFirstAutoConnectRun[] = L"{dir}\\QCAutoConnect.exe -d all -q\t{di
 
 const Case kCases[] = {
     // Started hidden (show command 0) in the current directory; the program's own result is logged, not judged.
-    {"ExitCodeIsLoggedNotJudged",
-     "CreateProcessDeferred",
-     Data(L"|CMDLINE=\"{exe}\" --hold --exit-code=5"),
-     0,
-     L"Various (#) Exit code of process is 5.\n\"{exe}\" --hold --exit-code=5\t{dir}\t0\n",
-     {INFINITE}},
+    Row("ExitCodeIsLoggedNotJudged", "CreateProcessDeferred", Data(L"|CMDLINE=\"{exe}\" --hold --exit-code=5"))
+        .Text(L"Various (#) Exit code of process is 5.\n\"{exe}\" --hold --exit-code=5\t{dir}\t0\n")
+        .Waits({INFINITE}),
     // Intentional: the exit code is read right after the start and must still be STILL_ACTIVE; a program that
     // has already ended, even with 0, fails.
-    {"EndedBeforeTheCheckFailsAlthoughItRan",
-     "CreateProcessImmediately",
-     {{L"CreateProcessProperty", L"\"{exe}\""}},
-     1603,
-     L"\"{exe}\"\t{dir}\t0\n",
-     {},
-     {},
-     {},
-     kEndFirst},
-    {"MissingProgramFailsWithTheCreateError", "CreateProcessDeferred", Data(L"|CMDLINE={dir}\\Missing.exe"), 1603,
-     Error(L"Process", L"CreateProcess failed with error 2")},
+    Row("EndedBeforeTheCheckFailsAlthoughItRan", "CreateProcessImmediately", {{L"CreateProcessProperty", L"\"{exe}\""}})
+        .Fails(L"\"{exe}\"\t{dir}\t0\n")
+        .Flags(kEndFirst),
+    Row("MissingProgramFailsWithTheCreateError", "CreateProcessDeferred", Data(L"|CMDLINE={dir}\\Missing.exe"))
+        .Fails(Error(L"Process", L"CreateProcess failed with error 2")),
+    // An empty command line is refused before anything is started or logged.
+    Row("EmptyCommandLineFailsSilently", "CreateProcessImmediately", {}).Fails(L""),
 
     // Closing by name. Exit codes: 0 terminated by the action, 7 ended by its own WM_CLOSE handling. The
     // deferred action needs two pairs: without TIMEOUT another pair takes its place.
-    {"NoTimeoutArgumentWaitsTheDefaultMinute",
-     "CloseProcessDeferred",
-     Data(L";PROCESSNAME=Qc{name}.exe;UNUSED=1"),
-     0,
-     Error(L"Process", L"Timeout reached after 60 seconds"),
-     {0, 60000},
-     {L"--window=ignore"},
-     {0}},
-    {"TimeoutWithoutDigitsIsZeroNotTheDefault",
-     "CloseProcessDeferred",
-     Data(L";PROCESSNAME=Qc{name}.exe;TIMEOUT=abc"),
-     0,
-     Error(L"Process", L"Timeout reached after 0 seconds"),
-     {0, 0},
-     {L"--window=ignore"},
-     {0}},
-    {"NoTimeoutPropertyWaitsTheDefaultMinute",
-     "CloseProcessImmediately",
-     {{L"CloseProcessProperty", L"Qc{name}.exe"}},
-     0,
-     Error(L"Process", L"Timeout reached after 60 seconds"),
-     {0, 60000},
-     {L"--window=ignore"},
-     {0}},
-    {"TimeoutPropertyInSeconds",
-     "CloseProcessImmediately",
-     {{L"CloseProcessProperty", L"Qc{name}.exe"}, {L"CloseProcessTimeout", L" 7x"}},
-     0,
-     Error(L"Process", L"Timeout reached after 7 seconds"),
-     {0, 7000},
-     {L"--window=ignore"},
-     {0}},
-    {"WindowlessIsTerminatedWithoutWaiting", "CloseProcessDeferred", kCloseTen, 0, L"", {0}, {L"--hold"}, {0}},
-    {"ClosedWindowButRunningIsTerminatedAtOnce",
-     "CloseProcessDeferred",
-     kCloseTen,
-     0,
-     L"",
-     {0},
-     {L"--window=stay"},
-     {0},
-     kGateClosed},
-    {"EndingOnCloseIsLeftAlone", "CloseProcessDeferred", kCloseTen, 0, L"", {0}, {L"--window=exit"}, {7}, kGateEnd},
+    Row("NoTimeoutArgumentWaitsTheDefaultMinute", "CloseProcessDeferred", Data(L";PROCESSNAME=Qc{name}.exe;UNUSED=1"))
+        .Text(Error(L"Process", L"Timeout reached after 60 seconds"))
+        .Waits({0, 60000})
+        .Launch({L"--window=ignore"}, {0}),
+    Row("TimeoutWithoutDigitsIsZeroNotTheDefault", "CloseProcessDeferred",
+        Data(L";PROCESSNAME=Qc{name}.exe;TIMEOUT=abc"))
+        .Text(Error(L"Process", L"Timeout reached after 0 seconds"))
+        .Waits({0, 0})
+        .Launch({L"--window=ignore"}, {0}),
+    Row("NoTimeoutPropertyWaitsTheDefaultMinute", "CloseProcessImmediately",
+        {{L"CloseProcessProperty", L"Qc{name}.exe"}})
+        .Text(Error(L"Process", L"Timeout reached after 60 seconds"))
+        .Waits({0, 60000})
+        .Launch({L"--window=ignore"}, {0}),
+    Row("TimeoutPropertyInSeconds", "CloseProcessImmediately",
+        {{L"CloseProcessProperty", L"Qc{name}.exe"}, {L"CloseProcessTimeout", L" 7x"}})
+        .Text(Error(L"Process", L"Timeout reached after 7 seconds"))
+        .Waits({0, 7000})
+        .Launch({L"--window=ignore"}, {0}),
+    Row("WindowlessIsTerminatedWithoutWaiting", "CloseProcessDeferred", kCloseTen).Waits({0}).Launch({L"--hold"}, {0}),
+    Row("ClosedWindowButRunningIsTerminatedAtOnce", "CloseProcessDeferred", kCloseTen)
+        .Waits({0})
+        .Launch({L"--window=stay"}, {0})
+        .Flags(kGateClosed),
+    Row("EndingOnCloseIsLeftAlone", "CloseProcessDeferred", kCloseTen)
+        .Waits({0})
+        .Launch({L"--window=exit"}, {7})
+        .Flags(kGateEnd),
     // The wait is real here: the program ends about 300 ms after its close message, and is still passed to
     // TerminateProcess, which Windows refuses. No blank before "failed": intentional.
-    {"EndingWithinTheTimeoutIsStillTerminated",
-     "CloseProcessDeferred",
-     kCloseTen,
-     1603,
-     Error(L"Process", L"TerminateProcess for {pid}failed with error 5"),
-     {0, 10000},
-     {L"--window=exit --close-delay=300"},
-     {7},
-     kRealWaits},
-    {"TwoInstancesAreBothClosedInSnapshotOrder",
-     "CloseProcessDeferred",
-     kCloseTen,
-     0,
-     L"",
-     {0, 0},
-     {L"--hold", L"--hold"},
-     {0, 0}},
-    {"NameInOtherLetterCaseClosesNothing",
-     "CloseProcessDeferred",
-     Data(L";PROCESSNAME=qc{name}.exe;TIMEOUT=10"),
-     0,
-     L"",
-     {},
-     {L"--hold"},
-     {STILL_ACTIVE}},
+    Row("EndingWithinTheTimeoutIsStillTerminated", "CloseProcessDeferred", kCloseTen)
+        .Fails(Error(L"Process", L"TerminateProcess for {pid}failed with error 5"))
+        .Waits({0, 10000})
+        .Launch({L"--window=exit --close-delay=300"}, {7})
+        .Flags(kRealWaits),
+    Row("TwoInstancesAreBothClosedInSnapshotOrder", "CloseProcessDeferred", kCloseTen)
+        .Waits({0, 0})
+        .Launch({L"--hold", L"--hold"}, {0, 0}),
+    Row("NameInOtherLetterCaseClosesNothing", "CloseProcessDeferred", Data(L";PROCESSNAME=qc{name}.exe;TIMEOUT=10"))
+        .Launch({L"--hold"}, {STILL_ACTIVE}),
     // Intentional: the entry shows the object's stored value (0), not the failure's code.
-    {"FailedOpenLogsTheStoredValueNotTheError",
-     "CloseProcessDeferred",
-     kCloseTen,
-     1603,
-     Error(L"Process", L"OpenProcess failed with error 0"),
-     {},
-     {L"--hold"},
-     {STILL_ACTIVE},
-     kFailOpen},
-    {"EmptyNameFailsSilently", "CloseProcessImmediately", {}, 1603},
+    Row("FailedOpenLogsTheStoredValueNotTheError", "CloseProcessDeferred", kCloseTen)
+        .Fails(Error(L"Process", L"OpenProcess failed with error 0"))
+        .Launch({L"--hold"}, {STILL_ACTIVE})
+        .Flags(kFailOpen),
+    Row("EmptyNameFailsSilently", "CloseProcessImmediately", {}).Fails(L""),
 
     // Through the shell (show command SW_SHOWDEFAULT), in the working directory, not the test's.
-    {"ShellRunsTheTargetInTheWorkingDirectory", "ShellExecuteDeferred", Data(L"|TARGET={exe}|WORKINGDIR=C:\\windows"),
-     0, L"\"{exe}\"\tC:\\windows\t10\n"},
-    {"MissingDirectoryFailsBeforeTheTargetIsLookedAt", "ShellExecuteDeferred",
-     Data(L"|TARGET={dir}\\Missing.exe|WORKINGDIR={dir}\\Missing"), 1603, Error(L"Shell", L"Invalid File Attributes")},
-    {"DirectoryThatIsAFileFails", "ShellExecuteDeferred", Data(L"|TARGET={exe}|WORKINGDIR={dir}\\Plain.qcnoassoc"),
-     1603, Error(L"Shell", L"Invalid Directory")},
-    {"MissingTargetFailsWithoutCallingTheShell", "ShellExecuteDeferred",
-     Data(L"|TARGET={dir}\\Missing.exe|WORKINGDIR={dir}"), 1603, Error(L"Shell", L"Access failed with error 2")},
+    Row("ShellRunsTheTargetInTheWorkingDirectory", "ShellExecuteDeferred",
+        Data(L"|TARGET={exe}|WORKINGDIR=C:\\windows"))
+        .Text(L"\"{exe}\"\tC:\\windows\t10\n"),
+    Row("MissingDirectoryFailsBeforeTheTargetIsLookedAt", "ShellExecuteDeferred",
+        Data(L"|TARGET={dir}\\Missing.exe|WORKINGDIR={dir}\\Missing"))
+        .Fails(Error(L"Shell", L"Invalid File Attributes")),
+    Row("DirectoryThatIsAFileFails", "ShellExecuteDeferred", Data(L"|TARGET={exe}|WORKINGDIR={dir}\\Plain.qcnoassoc"))
+        .Fails(Error(L"Shell", L"Invalid Directory")),
+    Row("MissingTargetFailsWithoutCallingTheShell", "ShellExecuteDeferred",
+        Data(L"|TARGET={dir}\\Missing.exe|WORKINGDIR={dir}"))
+        .Fails(Error(L"Shell", L"Access failed with error 2")),
     // Intentional: no blank between the text and the number.
-    {"NoAssociationFailsWithReturnCode31",
-     "ShellExecuteImmediately",
-     {{L"ShellExecuteTarget", L"Plain.qcnoassoc"}, {L"ShellExecuteWorkDir", L"{dir}"}},
-     1603,
-     Error(L"Shell", L"ShellExec failed with return code31")},
+    Row("NoAssociationFailsWithReturnCode31", "ShellExecuteImmediately",
+        {{L"ShellExecuteTarget", L"Plain.qcnoassoc"}, {L"ShellExecuteWorkDir", L"{dir}"}})
+        .Fails(Error(L"Shell", L"ShellExec failed with return code31")),
 
     // The auto-connect program beside the service's, run twice. RegOpenKeyExW and RegQueryValueExW report their
     // error as their result and leave the thread's last-error value alone; the entries show that value (0 here).
-    {"QuotedImagePathGivesTheBarePathWithSwitches",
-     "CloseAutoConnect",
-     {{L"ImagePath", L"\"{dir}\\QCAutoConnSvc.exe\""}},
-     0,
-     kFirstAutoConnectRun + std::wstring(L"{dir}\\QCAutoConnect.exe -r -q\t{dir}\t0\n"),
-     {INFINITE, INFINITE}},
-    {"MissingServiceKeyFailsAndStartsNothing",
-     "CloseAutoConnect",
-     {},
-     1603,
-     Error(L"Various", L"Open registry key failed with error 0")},
-    {"MissingImagePathFails",
-     "CloseAutoConnect",
-     {{L"ImagePath", L""}},
-     1603,
-     Error(L"Various", L"Query registry value failed with error 0")},
-    {"MissingProgramFailsTheAccessCheck",
-     "CloseAutoConnect",
-     {{L"ImagePath", L"{dir}\\Missing.exe"}},
-     1603,
-     Error(L"Various", L"Access failed with error 2")},
-    {"ProgramThatCannotStartFailsTheStart",
-     "CloseAutoConnect",
-     {{L"ImagePath", L"{dir}\\Plain.qcnoassoc"}},
-     1603,
-     Error(L"Process", L"CreateProcess failed with error 193") + Error(L"Various", L"Start failed with error 193")},
+    Row("QuotedImagePathGivesTheBarePathWithSwitches", "CloseAutoConnect",
+        {{L"ImagePath", L"\"{dir}\\QCAutoConnSvc.exe\""}})
+        .Text(kFirstAutoConnectRun + std::wstring(L"{dir}\\QCAutoConnect.exe -r -q\t{dir}\t0\n"))
+        .Waits({INFINITE, INFINITE}),
+    Row("MissingServiceKeyFailsAndStartsNothing", "CloseAutoConnect", {})
+        .Fails(Error(L"Various", L"Open registry key failed with error 0")),
+    Row("MissingImagePathFails", "CloseAutoConnect", {{L"ImagePath", L""}})
+        .Fails(Error(L"Various", L"Query registry value failed with error 0")),
+    Row("MissingProgramFailsTheAccessCheck", "CloseAutoConnect", {{L"ImagePath", L"{dir}\\Missing.exe"}})
+        .Fails(Error(L"Various", L"Access failed with error 2")),
+    Row("ProgramThatCannotStartFailsTheStart", "CloseAutoConnect", {{L"ImagePath", L"{dir}\\Plain.qcnoassoc"}})
+        .Fails(Error(L"Process", L"CreateProcess failed with error 193") +
+               Error(L"Various", L"Start failed with error 193")),
     // Intentional, as for the create-process actions: ended before the check fails.
-    {"ProgramEndedBeforeTheCheckFailsTheWait",
-     "CloseAutoConnect",
-     {{L"ImagePath", L"{dir}\\QCAutoConnSvc.exe"}},
-     1603,
-     Error(L"Various", L"Wait failed with error 0") + kFirstAutoConnectRun,
-     {},
-     {},
-     {},
-     kEndFirst},
+    Row("ProgramEndedBeforeTheCheckFailsTheWait", "CloseAutoConnect", {{L"ImagePath", L"{dir}\\QCAutoConnSvc.exe"}})
+        .Fails(Error(L"Various", L"Wait failed with error 0") + kFirstAutoConnectRun)
+        .Flags(kEndFirst),
 };
 
 INSTANTIATE_TEST_SUITE_P(Runs, ProcessAction, ::testing::ValuesIn(kCases),
                          [](const auto& paramInfo) { return std::string(paramInfo.param.name); });
 
-// The wrappers' own refusals and kept codes, which the actions do not show. The shell wrapper counts
-// RPC_E_CHANGED_MODE as its own initialisation and uninitialises all the same (kept on purpose): the caller's
-// multithreaded COM ends with it, so initialising again starts anew (S_OK, not S_FALSE). No session can refuse a
-// property read; a context without one can: the entry names the property and carries the thread's last-error
-// value, not the installer's answer (ERROR_INVALID_HANDLE).
-TEST(ProcessAndShellCode, WrappersAndWorkersKeepTheCodeOfEachFailureOutsideTheActions)
+// What the wrappers and workers keep where no action shows it: a call's results (the wrapper's answer, its last-error
+// value, HRESULTs) and the log bodies it left.
+struct CodeCase
 {
-    CLogCapture log;
-    Quillcast::System::CProcess process;
-    EXPECT_FALSE(process.Create(L""));
-    EXPECT_EQ(process.LastError(), 87u);
-    EXPECT_FALSE(process.CloseByName(L"QcNothing.exe", 0));
-    EXPECT_EQ(process.LastError(), 87u);
-    EXPECT_TRUE(log.Lines().empty());
-    std::ofstream("Plain.qcnoassoc") << "content";
-    Quillcast::System::CShell shell;
-    EXPECT_FALSE(shell.Execute(L"Plain.qcnoassoc", L"."));
-    EXPECT_EQ(shell.LastError(), 0x80070483u);
-    EXPECT_FALSE(shell.Execute(L"x", L"Z:\\QcNoSuchFolder"));
-    EXPECT_EQ(shell.LastError(), 0xFFFFFFFFu);
-    const ChangedModeOutcome outcome = WrapperOnMultithreadedThread<Quillcast::System::CShell>();
-    EXPECT_EQ(outcome.first, S_OK);
-    EXPECT_EQ(outcome.lastError, 0u);
-    EXPECT_EQ(outcome.again, S_OK);
-    const std::pair<Quillcast::Host::ActionWorker, std::wstring> workers[] = {
-        {Quillcast::Actions::CreateProcessImmediatelyWorker, L"CreateProcessProperty"},
-        {Quillcast::Actions::CloseProcessImmediatelyWorker, L"CloseProcessProperty"},
-        {Quillcast::Actions::ShellExecuteImmediatelyWorker, L"ShellExecuteTarget"},
-    };
-    for (const auto& worker : workers)
-    {
+    const char* name;
+    std::function<std::vector<DWORD>()> call;
+    std::vector<DWORD> results;
+    Lines log;
+};
+
+// A worker given a context without a session: no session refuses a property read, a context without one does. The
+// entry names the property and carries the thread's last-error value, not the installer's (ERROR_INVALID_HANDLE).
+// The context's own reading of "CustomActionData" has failed before.
+const wchar_t kNoSession[] = L"[ERROR] MsiArguments (#) Invalid MSI handle.";
+std::function<std::vector<DWORD>()> WithoutSession(Quillcast::Host::ActionWorker worker)
+{
+    return [worker] {
         Quillcast::Host::CWorkbench workbench(0);
-        log.Clear();
         ::SetLastError(4242);
-        EXPECT_EQ(worker.first(&workbench), 1603u);
-        const std::wstring line = L"[ERROR] Various (#) MsiGetProperty " + worker.second + L" failed with error 4242.";
-        EXPECT_EQ(log.Bodies(), Lines{line});
-    }
+        return std::vector<DWORD>{worker(&workbench)};
+    };
 }
+
+using WrapperCode = ::testing::TestWithParam<CodeCase>;
+
+TEST_P(WrapperCode, Case)
+{
+    std::ofstream("Plain.qcnoassoc") << "content";
+    CLogCapture log;
+    EXPECT_EQ(GetParam().call(), GetParam().results);
+    EXPECT_EQ(log.Bodies(), GetParam().log);
+}
+
+using Quillcast::System::CProcess;
+using Quillcast::System::CShell;
+
+// A wrapper's answer and its last-error value.
+template <typename TWrapper>
+std::vector<DWORD> Answer(bool bAnswer, const TWrapper& wrapper)
+{
+    return {bAnswer, wrapper.LastError()};
+}
+
+const CodeCase kCodeCases[] = {
+    {"EmptyCommandLineIsAnInvalidParameter",
+     [] {
+         CProcess p;
+         return Answer(p.Create(L""), p);
+     },
+     {false, 87},
+     {}},
+    {"CloseWithoutASnapshotIsAnInvalidParameter",
+     [] {
+         CProcess p;
+         return Answer(p.CloseByName(L"Qc.exe", 0), p);
+     },
+     {false, 87},
+     {}},
+    {"NoAssociationKeepsItsHResult",
+     [] {
+         CShell s;
+         return Answer(s.Execute(L"Plain.qcnoassoc", L"."), s);
+     },
+     {false, 0x80070483},
+     {L"[ERROR] Shell (#) ShellExec failed with return code31."}},
+    {"MissingDirectoryKeepsTheInvalidAttributesThemselves",
+     [] {
+         CShell s;
+         return Answer(s.Execute(L"x", L"Z:\\QcNoSuchFolder"), s);
+     },
+     {false, 0xFFFFFFFF},
+     {L"[ERROR] Shell (#) Invalid File Attributes."}},
+    // Kept on purpose: the shell wrapper counts RPC_E_CHANGED_MODE as its own initialisation and uninitialises all
+    // the same, so the caller's multithreaded COM ends with it and initialising again starts anew (S_OK, not S_FALSE).
+    {"ShellOnAMultithreadedCallerEndsItsCom",
+     [] {
+         const ChangedModeOutcome outcome = WrapperOnMultithreadedThread<CShell>();
+         return std::vector<DWORD>{static_cast<DWORD>(outcome.first), outcome.lastError,
+                                   static_cast<DWORD>(outcome.again)};
+     },
+     {S_OK, 0, S_OK},
+     {}},
+    {"CreateProcessPropertyUnreadable",
+     WithoutSession(Quillcast::Actions::CreateProcessImmediatelyWorker),
+     {1603},
+     {kNoSession, L"[ERROR] Various (#) MsiGetProperty CreateProcessProperty failed with error 4242."}},
+    {"CloseProcessPropertyUnreadable",
+     WithoutSession(Quillcast::Actions::CloseProcessImmediatelyWorker),
+     {1603},
+     {kNoSession, L"[ERROR] Various (#) MsiGetProperty CloseProcessProperty failed with error 4242."}},
+    {"ShellExecuteTargetUnreadable",
+     WithoutSession(Quillcast::Actions::ShellExecuteImmediatelyWorker),
+     {1603},
+     {kNoSession, L"[ERROR] Various (#) MsiGetProperty ShellExecuteTarget failed with error 4242."}},
+};
+
+INSTANTIATE_TEST_SUITE_P(Calls, WrapperCode, ::testing::ValuesIn(kCodeCases),
+                         [](const auto& paramInfo) { return std::string(paramInfo.param.name); });
 
 // Helpers that log for their caller write the caller's source and line, so that a log line leads to the call and
 // not to the helper. Both entries carry the thread's last-error value: a failed open leaves it alone, and its status
@@ -456,13 +468,12 @@ TEST(ProcessAndShellCode, HelperEntriesCarryTheCallersSourceAndLine)
     Quillcast::System::Types::CRegistryKey key;
     ::SetLastError(4242);
     const uint32_t readLine = __LINE__ + 1;
-    const bool bRead = QC_READ_PROPERTY_OR_LOG(0, L"CloseProcessProperty", value, kCaller);
+    EXPECT_FALSE(QC_READ_PROPERTY_OR_LOG(0, L"CloseProcessProperty", value, kCaller));
     ::SetLastError(4243);
     const uint32_t openLine = __LINE__ + 2; // the line of the macro's name
     const bool bOpened =
         QC_OPEN_KEY_OR_LOG(HKEY_LOCAL_MACHINE, L"SYSTEM\\QcNoSuchKey", KEY_READ, key,
                            Quillcast::Logging::LOG_LEVEL_WARNING, kCaller, L"Open registry key failed with error ");
-    EXPECT_FALSE(bRead);
     EXPECT_FALSE(bOpened);
     Lines lines;
     for (const std::wstring& line : log.Lines())

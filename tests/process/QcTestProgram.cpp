@@ -16,129 +16,96 @@
 //   --exit-code=N   the code of a normal end (default 0)
 // Without any "--" switch (as the shell or the auto-connect action start it)
 // the program holds. Without --hold or --run-ms a windowless program ends at
-// once. Whatever it does, it ends by itself after two minutes at most.
+// once. Whatever it does, it ends by itself after two minutes at most (code 4).
+// Its handles live as long as its process.
 #include <windows.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <cwchar>
 #include <string>
 
 namespace {
 
 constexpr DWORD kLifetimeCapMs = 120000;
-constexpr UINT kCloseExitCode = 7;
-constexpr UINT kCapExitCode = 4;
 
 std::wstring g_WindowMode;
 DWORD g_CloseDelayMs = 0;
 HANDLE g_hClosedEvent = nullptr;
-HANDLE g_hReadyEvent = nullptr;
 
-void SignalReady()
+// The value of "NAME=value" among the arguments, "" when absent.
+std::wstring Option(int argc, wchar_t** argv, const std::wstring& name)
 {
-    if (g_hReadyEvent != nullptr)
-    {
-        SetEvent(g_hReadyEvent);
-    }
-}
-
-std::wstring Option(int argc, wchar_t** argv, const wchar_t* name)
-{
-    const size_t length = std::wcslen(name);
     for (int i = 1; i < argc; ++i)
     {
-        if (std::wcsncmp(argv[i], name, length) == 0 && argv[i][length] == L'=')
+        if (std::wcsncmp(argv[i], (name + L"=").c_str(), name.size() + 1) == 0)
         {
-            return argv[i] + length + 1;
+            return argv[i] + name.size() + 1;
         }
     }
     return L"";
 }
 
-bool HasSwitch(int argc, wchar_t** argv, const wchar_t* name)
+void Record()
 {
-    for (int i = 1; i < argc; ++i)
-    {
-        if (std::wcscmp(argv[i], name) == 0)
-        {
-            return true;
-        }
-    }
-    return false;
-}
-
-void Record(const std::wstring& path)
-{
+    wchar_t self[MAX_PATH] = {};
     wchar_t directory[MAX_PATH] = {};
-    GetCurrentDirectoryW(MAX_PATH, directory);
+    ::GetModuleFileNameW(nullptr, self, MAX_PATH);
+    ::GetCurrentDirectoryW(MAX_PATH, directory);
     STARTUPINFOW startup{};
-    startup.cb = sizeof(startup);
-    GetStartupInfoW(&startup);
+    ::GetStartupInfoW(&startup);
     const int show = (startup.dwFlags & STARTF_USESHOWWINDOW) != 0 ? startup.wShowWindow : -1;
-    const std::wstring line =
-        std::wstring(GetCommandLineW()) + L"\t" + directory + L"\t" + std::to_wstring(show) + L"\n";
-    const int bytes = WideCharToMultiByte(CP_UTF8, 0, line.c_str(), -1, nullptr, 0, nullptr, nullptr);
-    std::string text(static_cast<size_t>(bytes), '\0');
-    WideCharToMultiByte(CP_UTF8, 0, line.c_str(), -1, &text[0], bytes, nullptr, nullptr);
-    if (FILE* file = _wfopen(path.c_str(), L"ab"))
+    if (FILE* file = ::_wfopen((std::wstring(self) + L".record").c_str(), L"ab"))
     {
-        std::fwrite(text.data(), 1, static_cast<size_t>(bytes - 1), file);
+        std::fprintf(file, "%ls\t%ls\t%d\n", ::GetCommandLineW(), directory, show);
         std::fclose(file);
     }
 }
 
 LRESULT CALLBACK WindowProc(HWND hWindow, UINT message, WPARAM wParam, LPARAM lParam)
 {
-    switch (message)
+    if (message != WM_CLOSE)
     {
-    case WM_CLOSE:
-        Sleep(g_CloseDelayMs);
-        if (g_WindowMode != L"ignore")
-        {
-            DestroyWindow(hWindow);
-        }
-        if (g_hClosedEvent != nullptr)
-        {
-            SetEvent(g_hClosedEvent);
-        }
-        if (g_WindowMode == L"exit")
-        {
-            PostQuitMessage(static_cast<int>(kCloseExitCode));
-        }
-        return 0;
-    case WM_TIMER:
-        PostQuitMessage(static_cast<int>(kCapExitCode));
-        return 0;
-    default:
-        return DefWindowProcW(hWindow, message, wParam, lParam);
+        return ::DefWindowProcW(hWindow, message, wParam, lParam);
     }
+    ::Sleep(g_CloseDelayMs);
+    if (g_WindowMode != L"ignore")
+    {
+        ::DestroyWindow(hWindow);
+    }
+    if (g_hClosedEvent != nullptr)
+    {
+        ::SetEvent(g_hClosedEvent);
+    }
+    if (g_WindowMode == L"exit")
+    {
+        ::PostQuitMessage(7);
+    }
+    return 0;
 }
 
-int RunWindow()
+int RunWindow(HANDLE hReady)
 {
     WNDCLASSW windowClass{};
     windowClass.lpfnWndProc = WindowProc;
-    windowClass.hInstance = GetModuleHandleW(nullptr);
+    windowClass.hInstance = ::GetModuleHandleW(nullptr);
     windowClass.lpszClassName = L"QcTestProgramWindow";
-    RegisterClassW(&windowClass);
-    HWND hWindow = CreateWindowExW(0, windowClass.lpszClassName, L"QcTestProgram", WS_OVERLAPPEDWINDOW, CW_USEDEFAULT,
-                                   CW_USEDEFAULT, 200, 100, nullptr, nullptr, windowClass.hInstance, nullptr);
-    if (hWindow == nullptr)
+    ::RegisterClassW(&windowClass);
+    if (::CreateWindowExW(0, windowClass.lpszClassName, L"QcTestProgram", WS_OVERLAPPEDWINDOW, CW_USEDEFAULT,
+                          CW_USEDEFAULT, 200, 100, nullptr, nullptr, windowClass.hInstance, nullptr) == nullptr)
     {
         return 3;
     }
-    SignalReady();
+    ::SetEvent(hReady);
     // A thread timer: it still fires after the window is gone.
-    SetTimer(nullptr, 0, kLifetimeCapMs, nullptr);
-    MSG message;
-    while (GetMessageW(&message, nullptr, 0, 0) > 0)
+    ::SetTimer(nullptr, 0, kLifetimeCapMs, nullptr);
+    MSG message{};
+    while (::GetMessageW(&message, nullptr, 0, 0) > 0)
     {
         if (message.message == WM_TIMER && message.hwnd == nullptr)
         {
-            return static_cast<int>(kCapExitCode);
+            return 4;
         }
-        DispatchMessageW(&message);
+        ::DispatchMessageW(&message);
     }
     return static_cast<int>(message.wParam);
 }
@@ -147,46 +114,31 @@ int RunWindow()
 
 int wmain(int argc, wchar_t** argv)
 {
-    wchar_t self[MAX_PATH] = {};
-    GetModuleFileNameW(nullptr, self, MAX_PATH);
-    Record(std::wstring(self) + L".record");
-
-    bool bSwitches = false;
-    for (int i = 1; i < argc; ++i)
-    {
-        bSwitches = bSwitches || std::wcsncmp(argv[i], L"--", 2) == 0;
-    }
+    Record();
     const int exitCode = _wtoi(Option(argc, argv, L"--exit-code").c_str());
     g_WindowMode = Option(argc, argv, L"--window");
     g_CloseDelayMs = static_cast<DWORD>(_wtoi(Option(argc, argv, L"--close-delay").c_str()));
-    const std::wstring closedEvent = Option(argc, argv, L"--closed-event");
-    if (!closedEvent.empty())
+    const std::wstring closed = Option(argc, argv, L"--closed-event");
+    g_hClosedEvent = closed.empty() ? nullptr : ::CreateEventW(nullptr, TRUE, FALSE, closed.c_str());
+    const std::wstring ready = Option(argc, argv, L"--ready-event");
+    const HANDLE hReady = ready.empty() ? nullptr : ::CreateEventW(nullptr, TRUE, FALSE, ready.c_str());
+    if (!g_WindowMode.empty())
     {
-        g_hClosedEvent = CreateEventW(nullptr, TRUE, FALSE, closedEvent.c_str());
+        return RunWindow(hReady);
     }
-
-    const std::wstring readyEvent = Option(argc, argv, L"--ready-event");
-    if (!readyEvent.empty())
+    ::SetEvent(hReady);
+    bool bHold = argc < 2 || std::wcsncmp(argv[1], L"--", 2) != 0;
+    for (int i = 1; i < argc; ++i)
     {
-        g_hReadyEvent = CreateEventW(nullptr, TRUE, FALSE, readyEvent.c_str());
+        bHold = bHold || std::wcscmp(argv[i], L"--hold") == 0;
     }
-
-    if (!g_WindowMode.empty() && g_WindowMode != L"none")
+    if (bHold)
     {
-        return RunWindow();
+        const std::wstring name = Option(argc, argv, L"--release-event");
+        const HANDLE hRelease =
+            ::CreateEventW(nullptr, FALSE, FALSE, name.empty() ? L"QcTestProgramRelease" : name.c_str());
+        return ::WaitForSingleObject(hRelease, kLifetimeCapMs) == WAIT_OBJECT_0 ? exitCode : 4;
     }
-    SignalReady();
-    if (HasSwitch(argc, argv, L"--hold") || !bSwitches)
-    {
-        std::wstring name = Option(argc, argv, L"--release-event");
-        HANDLE hRelease = CreateEventW(nullptr, FALSE, FALSE, name.empty() ? L"QcTestProgramRelease" : name.c_str());
-        return WaitForSingleObject(hRelease, kLifetimeCapMs) == WAIT_OBJECT_0 ? exitCode
-                                                                              : static_cast<int>(kCapExitCode);
-    }
-    const std::wstring runMs = Option(argc, argv, L"--run-ms");
-    if (!runMs.empty())
-    {
-        Sleep(static_cast<DWORD>(_wtoi(runMs.c_str())));
-    }
+    ::Sleep(static_cast<DWORD>(_wtoi(Option(argc, argv, L"--run-ms").c_str())));
     return exitCode;
 }

@@ -2,7 +2,7 @@
 // configuration's command line says how it behaves:
 //
 //   QcTestService.exe <service name> [options]
-//     --start-delay=MS     START_PENDING (with a wait hint) for MS ms, then RUNNING
+//     --start-delay=MS     START_PENDING for MS ms, then RUNNING
 //     --start-delay=hold   START_PENDING until the continue event is set
 //     --stop-delay=MS|hold the same for STOP_PENDING after the stop control, then STOPPED
 //     --refuse-stop        does not accept the stop control at all (1052)
@@ -19,6 +19,7 @@
 //   "Global\QcTestService.<name>.Continue" ends a held or delayed pending state;
 //   "Global\QcTestService.<name>.Exit" makes the service report SERVICE_STOPPED
 //   and exit, whatever it is doing. Tests use it to clean up.
+// The service's handles live as long as its process.
 #include <windows.h>
 #include <shellapi.h>
 
@@ -27,10 +28,6 @@
 #include <string>
 
 namespace {
-
-constexpr DWORD kHold = INFINITE;
-constexpr DWORD kFailStartCode = 42;
-constexpr DWORD kChunkMs = 50;
 
 struct Options
 {
@@ -54,123 +51,85 @@ HANDLE g_hStopRequested = nullptr;
 bool g_bStoppedReported = false;
 bool g_bStoppedInHandler = false;
 
-bool ParseDelay(const std::wstring& text, DWORD& delay)
+// "hold" or a number of milliseconds.
+bool ParseDelay(const wchar_t* text, DWORD& delay)
 {
     wchar_t* end = nullptr;
-    delay = text == L"hold" ? kHold : static_cast<DWORD>(std::wcstoul(text.c_str(), &end, 10));
-    return text == L"hold" || (!text.empty() && *end == L'\0');
+    delay = std::wcscmp(text, L"hold") == 0 ? INFINITE : static_cast<DWORD>(std::wcstoul(text, &end, 10));
+    return delay == INFINITE || (*text != L'\0' && *end == L'\0');
 }
 
 bool ParseOptions(int argc, wchar_t** argv)
 {
-    if (argc < 2)
-    {
-        return false;
-    }
-    g_Options.name = argv[1];
+    g_Options.name = argc > 1 ? argv[1] : L"";
     for (int i = 2; i < argc; ++i)
     {
         const std::wstring option = argv[i];
-        const std::wstring value = option.substr(option.find(L'=') + 1);
-        bool valid = true;
-        if (option.rfind(L"--start-delay=", 0) == 0)
+        const wchar_t* value = argv[i] + option.find(L'=') + 1;
+        bool* flag = option == L"--refuse-stop"        ? &g_Options.refuseStop
+                     : option == L"--fail-start"       ? &g_Options.failStart
+                     : option == L"--abort-held-start" ? &g_Options.abortHeldStart
+                     : option == L"--pausable"         ? &g_Options.pausable
+                                                       : nullptr;
+        if (flag != nullptr)
         {
-            valid = ParseDelay(value, g_Options.startDelay);
-        }
-        else if (option.rfind(L"--stop-delay=", 0) == 0)
-        {
-            valid = ParseDelay(value, g_Options.stopDelay);
+            *flag = true;
         }
         else if (option.rfind(L"--journal=", 0) == 0)
         {
             g_Options.journal = value;
         }
-        else
-        {
-            bool* flag = option == L"--refuse-stop"        ? &g_Options.refuseStop
-                         : option == L"--fail-start"       ? &g_Options.failStart
-                         : option == L"--abort-held-start" ? &g_Options.abortHeldStart
-                         : option == L"--pausable"         ? &g_Options.pausable
-                                                           : nullptr;
-            valid = flag != nullptr;
-            if (valid)
-            {
-                *flag = true;
-            }
-        }
-        if (!valid)
+        else if (!(option.rfind(L"--start-delay=", 0) == 0 && ParseDelay(value, g_Options.startDelay)) &&
+                 !(option.rfind(L"--stop-delay=", 0) == 0 && ParseDelay(value, g_Options.stopDelay)))
         {
             return false;
         }
     }
-    return true;
+    return argc > 1;
 }
 
-void Journal(const char* event)
+FILE* OpenJournal()
 {
-    if (FILE* file = g_Options.journal.empty() ? nullptr : ::_wfopen(g_Options.journal.c_str(), L"ab"))
-    {
-        std::fprintf(file, "%ls %s\n", g_Options.name.c_str(), event);
-        std::fclose(file);
-    }
+    return g_Options.journal.empty() ? nullptr : ::_wfopen(g_Options.journal.c_str(), L"ab");
 }
 
 // Reports a state; STOPPED is reported (and journaled) once only. The journal
 // line is written before the state is visible to anyone polling for it.
-void Report(DWORD state, DWORD waitHint = 0, DWORD specificError = 0)
+void Report(DWORD state, DWORD specificError = 0)
 {
     ::EnterCriticalSection(&g_StatusLock);
     if (!g_bStoppedReported)
     {
+        const bool bSteady = state == SERVICE_RUNNING || state == SERVICE_PAUSED;
         g_Status.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
         g_Status.dwCurrentState = state;
-        g_Status.dwControlsAccepted = 0;
-        if (state == SERVICE_RUNNING || state == SERVICE_PAUSED)
-        {
-            g_Status.dwControlsAccepted = (g_Options.refuseStop ? 0 : SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_SHUTDOWN) |
-                                          (g_Options.pausable ? SERVICE_ACCEPT_PAUSE_CONTINUE : 0);
-        }
+        g_Status.dwControlsAccepted = !bSteady
+                                          ? 0
+                                          : (g_Options.refuseStop ? 0 : SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_SHUTDOWN) |
+                                                (g_Options.pausable ? SERVICE_ACCEPT_PAUSE_CONTINUE : 0);
         g_Status.dwWin32ExitCode = specificError != 0 ? ERROR_SERVICE_SPECIFIC_ERROR : NO_ERROR;
         g_Status.dwServiceSpecificExitCode = specificError;
-        g_Status.dwWaitHint = waitHint;
-        g_Status.dwCheckPoint = waitHint != 0 ? g_Status.dwCheckPoint + 1 : 0;
+        // A pending state promises progress within its wait hint.
+        g_Status.dwWaitHint = bSteady || state == SERVICE_STOPPED ? 0 : 2000;
+        g_Status.dwCheckPoint = g_Status.dwWaitHint != 0 ? g_Status.dwCheckPoint + 1 : 0;
         g_bStoppedReported = state == SERVICE_STOPPED;
-        if (state == SERVICE_STOPPED || state == SERVICE_RUNNING)
+        FILE* journal = state == SERVICE_STOPPED || state == SERVICE_RUNNING ? OpenJournal() : nullptr;
+        if (journal != nullptr)
         {
-            Journal(state == SERVICE_STOPPED ? "stopped" : "running");
+            std::fprintf(journal, "%ls %s\n", g_Options.name.c_str(), state == SERVICE_STOPPED ? "stopped" : "running");
+            std::fclose(journal);
         }
         ::SetServiceStatus(g_hStatus, &g_Status);
     }
     ::LeaveCriticalSection(&g_StatusLock);
 }
 
-DWORD WaitHint(DWORD delay)
-{
-    return delay == kHold ? 2000 : delay + 1000;
-}
-
-// Waits `delay` ms (or until the continue event) in the pending `state`,
-// renewing the check point; false when the exit event ended the wait.
+// Waits `delay` ms (or until the continue event) in the pending `state`; false when the exit event ended the wait.
 bool Pending(DWORD state, DWORD delay)
 {
-    Report(state, WaitHint(delay));
+    Report(state);
     const HANDLE waits[] = {g_hExit, g_hContinue};
-    const DWORD start = ::GetTickCount();
-    for (;;)
-    {
-        const DWORD elapsed = ::GetTickCount() - start;
-        if (delay != kHold && elapsed >= delay)
-        {
-            return true;
-        }
-        const DWORD left = delay == kHold ? kChunkMs : delay - elapsed;
-        const DWORD signaled = ::WaitForMultipleObjects(2, waits, FALSE, left < kChunkMs ? left : kChunkMs);
-        if (signaled == WAIT_OBJECT_0 || signaled == WAIT_OBJECT_0 + 1)
-        {
-            return signaled == WAIT_OBJECT_0 + 1;
-        }
-        Report(state, WaitHint(delay));
-    }
+    return ::WaitForMultipleObjects(2, waits, FALSE, delay) != WAIT_OBJECT_0;
 }
 
 DWORD WINAPI Handler(DWORD control, DWORD /*eventType*/, LPVOID /*eventData*/, LPVOID /*context*/)
@@ -184,8 +143,7 @@ DWORD WINAPI Handler(DWORD control, DWORD /*eventType*/, LPVOID /*eventData*/, L
             return ERROR_CALL_NOT_IMPLEMENTED;
         }
         g_bStoppedInHandler = g_Options.stopDelay == 0;
-        Report(g_Options.stopDelay == 0 ? SERVICE_STOPPED : SERVICE_STOP_PENDING,
-               g_Options.stopDelay == 0 ? 0 : WaitHint(g_Options.stopDelay));
+        Report(g_Options.stopDelay == 0 ? SERVICE_STOPPED : SERVICE_STOP_PENDING);
         ::SetEvent(g_hStopRequested);
         return NO_ERROR;
     case SERVICE_CONTROL_PAUSE:
@@ -211,12 +169,12 @@ void WINAPI ServiceMain(DWORD /*argc*/, LPWSTR* /*argv*/)
     g_hStopRequested = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
     if (g_hContinue == nullptr || g_hExit == nullptr || g_hStopRequested == nullptr || g_Options.failStart)
     {
-        Report(SERVICE_STOPPED, 0, g_Options.failStart ? kFailStartCode : 1);
+        Report(SERVICE_STOPPED, 42);
         return;
     }
-    const bool held = g_Options.startDelay != 0 && ::WaitForSingleObject(g_hContinue, 0) != WAIT_OBJECT_0;
+    const bool bHeld = g_Options.startDelay != 0 && ::WaitForSingleObject(g_hContinue, 0) != WAIT_OBJECT_0;
     if (g_Options.startDelay != 0 &&
-        (!Pending(SERVICE_START_PENDING, g_Options.startDelay) || (held && g_Options.abortHeldStart)))
+        (!Pending(SERVICE_START_PENDING, g_Options.startDelay) || (bHeld && g_Options.abortHeldStart)))
     {
         Report(SERVICE_STOPPED);
         return;

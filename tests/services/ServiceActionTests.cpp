@@ -1,6 +1,6 @@
 // The shipped DLL's service actions driven through real installer sessions against real services of the test run's Wine
 // prefix: the states they meet, their waits and the limits of those waits, and the dependents they stop and start. Only
-// the dependent enumeration, which Wine stubs, is answered by the test (DependentsSeam.h).
+// the dependent enumeration, which Wine stubs, is answered by the test (ServiceKit.h).
 #include <gtest/gtest.h>
 
 #include <windows.h>
@@ -11,15 +11,12 @@
 #include <cwctype>
 #include <fstream>
 #include <future>
-#include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "ActionHost.h"
-#include "services/DependentsSeam.h"
-#include "services/StatusQueryCounter.h"
-#include "services/TestServices.h"
+#include "services/ServiceKit.h"
 #include "support/ActionCall.h"
 #include "support/LogCapture.h"
 #include "system/Daemon.h"
@@ -52,33 +49,29 @@ std::wstring Error(const std::wstring& text)
     return L"[ERROR] Daemon (#) " + text + L".";
 }
 
-// Line `number` of the controller's source, read from QC_SOURCE_DIR (a Unix path: Wine maps the root to Z:); empty
-// when there is no such line.
-std::string DaemonSourceLine(unsigned long number)
+// The line of the controller's source that an entry names, read from QC_SOURCE_DIR (a Unix path: Wine maps the root
+// to Z:); empty for an entry of another source or a line the file does not have.
+std::string DaemonSourceLineOf(const std::wstring& line)
 {
+    const std::wstring text = WithoutPrefixes(line);
+    const size_t source = text.find(L"Daemon (");
+    const unsigned long number =
+        source == std::wstring::npos ? 0 : std::wcstoul(text.c_str() + source + 8, nullptr, 10);
     const char* root = std::getenv("QC_SOURCE_DIR");
     std::ifstream file(std::string("Z:") + (root != nullptr ? root : "") + "/src/system/Daemon.cpp");
-    std::string text;
+    std::string sourceLine;
     for (unsigned long i = 0; i < number; ++i)
     {
-        if (!std::getline(file, text))
+        if (!std::getline(file, sourceLine))
         {
             return {};
         }
     }
-    return text;
+    return sourceLine;
 }
 
-// The line number an entry of the source "Daemon" names; 0 for another entry.
-unsigned long DaemonLineNumber(const std::wstring& line)
-{
-    const std::wstring text = WithoutPrefixes(line);
-    const size_t source = text.find(L"Daemon (");
-    return source == std::wstring::npos ? 0 : std::wcstoul(text.c_str() + source + 8, nullptr, 10);
-}
-
-// One test service: registered, brought into `before` (in list order, pauses and stop requests after every start), and
-// expected in `after` at the end.
+// One test service: registered (after those it depends on), brought into `before` (in list order, pauses and stop
+// requests after every start), and expected in `after` at the end.
 struct ServiceSetup
 {
     const wchar_t* role;
@@ -88,23 +81,48 @@ struct ServiceSetup
     Lines dependsOn = {};
 };
 
-// "{role}" in data, lines, journal and opens stands for that service's name.
+// One row: an action on the first service that logs nothing of its own, changes no state and enumerates no
+// dependents, unless the row says otherwise. "{role}" in data, lines, journal and opens stands for that service's name.
 struct Case
 {
     const char* behaviour;
     std::vector<ServiceSetup> services;
-    const char* action;
-    const wchar_t* data; // CustomActionData
-    UINT result;
-    Lines lines;                          // the controller's, without the frame's
-    Lines journal;                        // the services' transitions during the action, in order
-    std::vector<DWORD> enumerations = {}; // the state filter of each dependent enumeration
-    int continueAfterQueries = 0;         // the first service's held state ends after that many status queries
-    Lines opens = {};                     // checked when given
-    // When given, the entry holding this text names a line of the controller's source that holds it too: an entry a
-    // helper writes names its caller's line, not the helper's.
-    const wchar_t* atCallSite = nullptr;
+    const char* action = "ServiceStart";
+    std::wstring data = L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=30"; // CustomActionData
+    UINT result = 0;
+    Lines lines{};                       // the controller's, without the frame's
+    Lines journal{};                     // the services' transitions during the action, in order
+    std::vector<DWORD> enumerations{};   // the state filter of each dependent enumeration
+    int continueAfterQueries = 0;        // the first service's held state ends after that many status queries
+    Lines opens{};                       // checked when given
+    const wchar_t* atCallSite = nullptr; // the entry holding it names a line of the source that holds it too
+
+    Case& Action(const char* name) { return action = name, *this; }
+    // The pairs after SERVICENAME={S}.
+    Case& Args(const std::wstring& pairs) { return data = L";SERVICENAME={S};" + pairs, *this; }
+    Case& Data(const std::wstring& whole) { return data = whole, *this; }
+    Case& Logs(Lines expected) { return lines = std::move(expected), *this; }
+    Case& Fails(Lines expected) { return result = 1603, Logs(std::move(expected)); }
+    Case& Journal(Lines expected) { return journal = std::move(expected), *this; }
+    Case& Enumerates(std::vector<DWORD> filters) { return enumerations = std::move(filters), *this; }
+    Case& ContinueAfter(int queries) { return continueAfterQueries = queries, *this; }
+    Case& Opens(Lines expected) { return opens = std::move(expected), *this; }
+    Case& AtCallSite(const wchar_t* text) { return atCallSite = text, *this; }
 };
+
+// A row of the action its name says.
+Case ServiceStart(const char* behaviour, std::vector<ServiceSetup> services)
+{
+    return Case{behaviour, std::move(services)};
+}
+Case ServiceStop(const char* behaviour, std::vector<ServiceSetup> services)
+{
+    return ServiceStart(behaviour, std::move(services)).Action("ServiceStop");
+}
+Case ServiceRestart(const char* behaviour, std::vector<ServiceSetup> services)
+{
+    return ServiceStart(behaviour, std::move(services)).Action("ServiceRestart");
+}
 
 // Far beyond any wait the cases expect (the longest is a few poll intervals).
 constexpr auto kWatchdog = std::chrono::minutes(3);
@@ -124,16 +142,19 @@ protected:
         }
         return name + L"_" + role;
     }
+    static std::wstring Expand(std::wstring text)
+    {
+        for (size_t open = text.find(L'{'); open != std::wstring::npos; open = text.find(L'{', open))
+        {
+            const size_t close = text.find(L'}', open);
+            text.replace(open, close - open + 1, Name(text.substr(open + 1, close - open - 1)));
+        }
+        return text;
+    }
     static Lines Expand(Lines lines)
     {
-        for (std::wstring& text : lines)
-        {
-            for (size_t open = text.find(L'{'); open != std::wstring::npos; open = text.find(L'{', open))
-            {
-                const size_t close = text.find(L'}', open);
-                text.replace(open, close - open + 1, Name(text.substr(open + 1, close - open - 1)));
-            }
-        }
+        std::transform(lines.begin(), lines.end(), lines.begin(),
+                       [](const std::wstring& text) { return Expand(text); });
         return lines;
     }
 
@@ -149,8 +170,8 @@ TEST_P(ServiceAction, Case)
     std::vector<CTestService*> services;
     for (const ServiceSetup& setup : test.services)
     {
-        ServiceDefinition definition{Name(setup.role), setup.options, setup.startType, {}};
-        std::transform(setup.dependsOn.begin(), setup.dependsOn.end(), std::back_inserter(definition.dependsOn), Name);
+        ServiceDefinition definition{Name(setup.role), setup.options, setup.startType, setup.dependsOn};
+        std::transform(setup.dependsOn.begin(), setup.dependsOn.end(), definition.dependsOn.begin(), Name);
         services.push_back(&m_Services.Add(definition));
         ASSERT_TRUE(services.back()->IsRegistered()) << ::testing::PrintToString(services.back()->Error());
         ASSERT_TRUE(setup.before == Stopped || services.back()->Start(setup.before != StartPending)) << setup.role;
@@ -158,23 +179,22 @@ TEST_P(ServiceAction, Case)
     for (size_t i = 0; i < services.size(); ++i)
     {
         const DWORD before = test.services[i].before;
-        ASSERT_TRUE(before != Paused || services[i]->Pause());
-        ASSERT_TRUE(before != StopPending || services[i]->RequestStop());
+        ASSERT_TRUE(before != Paused || (services[i]->Control(SERVICE_CONTROL_PAUSE) && services[i]->Await(Paused)));
+        ASSERT_TRUE(before != StopPending || services[i]->Control(SERVICE_CONTROL_STOP));
         ASSERT_EQ(services[i]->State(), before) << test.services[i].role;
     }
     m_Services.ClearJournal();
     CDependentsSeam::ClearCalls();
 
     // The action runs on its own thread with a fresh session. A held first service is continued once the action has
-    // made that many status queries (its first reading counts as one, each poll as one more). On the way, what every
-    // service action must do: open the manager with all access, sleep 1500 ms between polls, release with CloseHandle.
+    // made that many status queries (its first reading counts as one, each poll as one more).
     const CServiceCallRecorder recorder(ShippedLibrary().Module());
     ASSERT_TRUE(recorder.IsInstalled());
     const QcRunner::CustomActionFunction action = ShippedLibrary().Find(test.action);
     ASSERT_NE(action, nullptr);
     std::vector<std::wstring> logLines;
     DWORD threadId = 0;
-    std::future<UINT> call = std::async(std::launch::async, [&, data = Expand({test.data})[0]] {
+    std::future<UINT> call = std::async(std::launch::async, [&, data = Expand(test.data)] {
         threadId = ::GetCurrentThreadId();
         QcRunner::CActionHost host;
         EXPECT_TRUE(host.IsOpen() && host.SetCustomActionData(data)) << host.Error();
@@ -209,303 +229,204 @@ TEST_P(ServiceAction, Case)
         {
             lines.push_back(Body(line));
         }
+        // A helper that logs for its caller names the caller's line, not its own.
+        if (test.atCallSite != nullptr && line.find(test.atCallSite) != std::wstring::npos)
+        {
+            const std::wstring wanted = test.atCallSite;
+            EXPECT_NE(DaemonSourceLineOf(line).find(std::string(wanted.begin(), wanted.end())), std::string::npos)
+                << "the entry names source line: " << DaemonSourceLineOf(line);
+        }
     }
     EXPECT_EQ(lines, Expand(test.lines));
-    if (test.atCallSite != nullptr)
-    {
-        const std::wstring wanted = test.atCallSite;
-        const auto entry = std::find_if(logLines.begin(), logLines.end(), [&wanted](const std::wstring& line) {
-            return line.find(wanted) != std::wstring::npos;
-        });
-        const std::string source = entry != logLines.end() ? DaemonSourceLine(DaemonLineNumber(*entry)) : std::string();
-        EXPECT_NE(source.find(std::string(wanted.begin(), wanted.end())), std::string::npos)
-            << "the entry names source line: " << source;
-    }
 
+    // What every service action must do: open the manager with all access, sleep 1500 ms between polls, and release
+    // at the end with CloseHandle, in this order: the manager, the service and the last dependent opened (each
+    // dependent's handle replaces the one before without closing it).
     const ServiceCalls c = CServiceCallRecorder::Calls();
     EXPECT_TRUE(c.opens.empty() || c.opens[0] == L"manager 0xF003F") << ::testing::PrintToString(c.opens);
     EXPECT_TRUE(test.opens.empty() || c.opens == Expand(test.opens)) << ::testing::PrintToString(c.opens);
     EXPECT_EQ(c.sleeps, std::vector<DWORD>(c.sleeps.size(), 1500u));
-    // Released at the end, in this order: the manager, the service and the last dependent opened (each dependent's
-    // handle replaces the one before without closing it).
-    std::vector<HANDLE> expected;
+    std::vector<HANDLE> released;
     for (size_t i = 0; i < c.opened.size(); ++i)
     {
         if (c.opened[i] != nullptr && (i < 2 || i + 1 == c.opened.size()))
         {
-            expected.push_back(c.opened[i]);
+            released.push_back(c.opened[i]);
         }
     }
-    EXPECT_EQ(c.closedByCloseHandle, expected);
-    EXPECT_EQ(c.closeServiceHandleCalls, 0);
+    EXPECT_EQ(c.closedByCloseHandle, released);
 
     EXPECT_EQ(m_Services.Journal(), Expand(test.journal));
     EXPECT_EQ(CDependentsSeam::Calls(), test.enumerations);
     for (size_t i = 0; i < services.size(); ++i)
     {
-        EXPECT_STREQ(StateName(services[i]->State()), StateName(test.services[i].after)) << test.services[i].role;
+        EXPECT_EQ(services[i]->State(), test.services[i].after) << test.services[i].role;
     }
 }
 
 const Case kCases[] = {
     // Running by the first poll, yet 1.5 s are more than a limit of 0.
-    {"TimeoutZeroWinsOverTheStateReadOnTheSamePoll",
-     {{L"S", Stopped, Running}},
-     "ServiceStart",
-     L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=0",
-     1603,
-     {Error(L"{S} timeout, after 0 seconds")},
-     {L"{S} running"}},
+    ServiceStart("TimeoutZeroWinsOverTheStateReadOnTheSamePoll", {{L"S", Stopped, Running}})
+        .Args(L"DEPENDENCIES=0;TIMEOUT=0")
+        .Fails({Error(L"{S} timeout, after 0 seconds")})
+        .Journal({L"{S} running"}),
     // 4294969 s are 4294969000 ms, 1704 ms in 32 bits: the poll at 1.5 s passes, the next times out. Without the wrap
     // it would never time out.
-    {"TimeoutInMillisecondsWrapsIn32Bits",
-     {{L"S", Stopped, StartPending, L"--start-delay=hold"}},
-     "ServiceStart",
-     L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=4294969",
-     1603,
-     {Error(L"{S} timeout, after 1 seconds")},
-     {}},
+    ServiceStart("TimeoutInMillisecondsWrapsIn32Bits", {{L"S", Stopped, StartPending, L"--start-delay=hold"}})
+        .Args(L"DEPENDENCIES=0;TIMEOUT=4294969")
+        .Fails({Error(L"{S} timeout, after 1 seconds")}),
     // 4294966296 ms; read as 0 it would fail the first poll.
-    {"TimeoutOfMinusOneIsInEffectNoLimit",
-     {{L"S", Stopped, Running, L"--start-delay=2000"}},
-     "ServiceStart",
-     L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=-1",
-     0,
-     {},
-     {L"{S} running"}},
+    ServiceStart("TimeoutOfMinusOneIsInEffectNoLimit", {{L"S", Stopped, Running, L"--start-delay=2000"}})
+        .Args(L"DEPENDENCIES=0;TIMEOUT=-1")
+        .Journal({L"{S} running"}),
     // Three pairs are required, so a stand-in takes TIMEOUT's place: no limit, and four polls find the service pending
     // before it is let run.
-    {"WithoutTimeoutStartPollsUntilTheServiceRuns",
-     {{L"S", Stopped, Running, L"--start-delay=hold"}},
-     "ServiceStart",
-     L";SERVICENAME={S};DEPENDENCIES=0;UNUSED=1",
-     0,
-     {},
-     {L"{S} running"},
-     {},
-     5},
+    ServiceStart("WithoutTimeoutStartPollsUntilTheServiceRuns", {{L"S", Stopped, Running, L"--start-delay=hold"}})
+        .Args(L"DEPENDENCIES=0;UNUSED=1")
+        .Journal({L"{S} running"})
+        .ContinueAfter(5),
     // Still pending at the first poll, done by the second: a second start or stop control would fail and say so.
-    {"StartPendingServiceIsAwaitedWithoutASecondStart",
-     {{L"S", StartPending, Running, L"--start-delay=hold"}},
-     "ServiceStart",
-     L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=30",
-     0,
-     {Warning(L"{S} pending start")},
-     {L"{S} running"},
-     {},
-     2},
-    {"StartPendingThatEndsStoppedIsStartedByTheAction",
-     {{L"S", StartPending, Running, L"--start-delay=hold --abort-held-start"}},
-     "ServiceStart",
-     L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=30",
-     0,
-     {Warning(L"{S} pending start")},
-     {L"{S} stopped", L"{S} running"},
-     {},
-     2},
-    {"StopPendingServiceIsAwaitedWithoutASecondControl",
-     {{L"S", StopPending, Stopped, L"--stop-delay=hold"}},
-     "ServiceStop",
-     L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=30",
-     0,
-     {Warning(L"{S} pending stop")},
-     {L"{S} stopped"},
-     {},
-     2},
-    {"PausedServiceOnStartWarnsUnknownStatusAndItsStartFails",
-     {{L"S", Paused, Paused, L"--pausable"}},
-     "ServiceStart",
-     L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=30",
-     1603,
-     {Warning(L"{S} status, unknown #7"), Error(L"StartService failed with error 1056")},
-     {}},
-    {"PausedServiceOnStopWarnsUnknownStatusAndIsStopped",
-     {{L"S", Paused, Stopped, L"--pausable"}},
-     "ServiceStop",
-     L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=30",
-     0,
-     {Warning(L"{S} status, unknown #7")},
-     {L"{S} stopped"}},
-    {"RestartOfAStoppedServiceWarnsAlreadyStoppedAndStartsIt",
-     {{L"S", Stopped, Running}},
-     "ServiceRestart",
-     L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=30",
-     0,
-     {Warning(L"{S} is already stopped")},
-     {L"{S} running"}},
-    {"RestartAwaitsTheStopThenStartsTheService",
-     {{L"S", Running, Running, L"--stop-delay=2000"}},
-     "ServiceRestart",
-     L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=30",
-     0,
-     {},
-     {L"{S} stopped", L"{S} running"}},
-    // A start would have warned " is already started".
-    {"RestartWhoseStopIsRefusedTriesNoStart",
-     {{L"S", Running, Running, L"--refuse-stop"}},
-     "ServiceRestart",
-     L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=30",
-     1603,
-     {Error(L"ControlService failed with error 1052")},
-     {}},
-    // Logged through a helper, yet under the line of the failed control itself.
-    {"RefusedStopIsLoggedAtTheLineOfItsControl",
-     {{L"S", Running, Running, L"--refuse-stop"}},
-     "ServiceStop",
-     L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=30",
-     1603,
-     {Error(L"ControlService failed with error 1052")},
-     {},
-     {},
-     0,
-     {},
-     L"ControlService failed with error "},
-    {"UnknownServiceOnStartFailsAtOpenAndAtTheFirstQuery",
-     {},
-     "ServiceStart",
-     L";SERVICENAME={Missing};DEPENDENCIES=1;TIMEOUT=30",
-     1603,
-     {Error(L"OpenService failed"), Error(L"QueryServiceStatus failed with error 6")},
-     {}},
+    ServiceStart("StartPendingServiceIsAwaitedWithoutASecondStart",
+                 {{L"S", StartPending, Running, L"--start-delay=hold"}})
+        .Logs({Warning(L"{S} pending start")})
+        .Journal({L"{S} running"})
+        .ContinueAfter(2),
+    ServiceStart("StartPendingThatEndsStoppedIsStartedByTheAction",
+                 {{L"S", StartPending, Running, L"--start-delay=hold --abort-held-start"}})
+        .Logs({Warning(L"{S} pending start")})
+        .Journal({L"{S} stopped", L"{S} running"})
+        .ContinueAfter(2),
+    ServiceStop("StopPendingServiceIsAwaitedWithoutASecondControl",
+                {{L"S", StopPending, Stopped, L"--stop-delay=hold"}})
+        .Logs({Warning(L"{S} pending stop")})
+        .Journal({L"{S} stopped"})
+        .ContinueAfter(2),
+    ServiceStart("PausedServiceOnStartWarnsUnknownStatusAndItsStartFails", {{L"S", Paused, Paused, L"--pausable"}})
+        .Fails({Warning(L"{S} status, unknown #7"), Error(L"StartService failed with error 1056")}),
+    ServiceStop("PausedServiceOnStopWarnsUnknownStatusAndIsStopped", {{L"S", Paused, Stopped, L"--pausable"}})
+        .Logs({Warning(L"{S} status, unknown #7")})
+        .Journal({L"{S} stopped"}),
+    ServiceRestart("RestartOfAStoppedServiceWarnsAlreadyStoppedAndStartsIt", {{L"S", Stopped, Running}})
+        .Logs({Warning(L"{S} is already stopped")})
+        .Journal({L"{S} running"}),
+    ServiceRestart("RestartAwaitsTheStopThenStartsTheService", {{L"S", Running, Running, L"--stop-delay=2000"}})
+        .Journal({L"{S} stopped", L"{S} running"}),
+    // A start would have warned " is already started". The entry is written through a helper, yet under the line of
+    // the failed control itself.
+    ServiceRestart("RestartWhoseStopIsRefusedTriesNoStart", {{L"S", Running, Running, L"--refuse-stop"}})
+        .Fails({Error(L"ControlService failed with error 1052")})
+        .AtCallSite(L"ControlService failed with error "),
+    ServiceStart("UnknownServiceOnStartFailsAtOpenAndAtTheFirstQuery", {})
+        .Args(L"DEPENDENCIES=1;TIMEOUT=30")
+        .Fails({Error(L"OpenService failed"), Error(L"QueryServiceStatus failed with error 6")}),
     // The frame rejects it before any service call.
-    {"EmptyServiceNameIsRejected", {}, "ServiceStart", L";SERVICENAME=;DEPENDENCIES=1;TIMEOUT=30", 1603, {}, {}},
+    ServiceStart("EmptyServiceNameIsRejected", {}).Data(L";SERVICENAME=;DEPENDENCIES=1;TIMEOUT=30").Fails({}),
 
     // Only the inactive dependents are enumerated (D3 is not met at all) and started in start order.
-    {"StartOfARunningServiceStartsItsInactiveDependentsInStartOrder",
-     {{L"S", Running, Running},
-      {L"D1", Stopped, Running, L"", Auto, {L"S"}},
-      {L"D2", Stopped, Running, L"", Auto, {L"D1"}},
-      {L"D3", Running, Running, L"", Auto, {L"S"}}},
-     "ServiceStart",
-     L";SERVICENAME={S};DEPENDENCIES=1;TIMEOUT=30",
-     0,
-     {Warning(L"{S} is already started")},
-     {L"{D1} running", L"{D2} running"},
-     {Inactive, Inactive}},
-    // Active dependents in reverse start order: D3, D4 (needs D1), D1. They stop in that order before the service and
+    ServiceStart("StartOfARunningServiceStartsItsInactiveDependentsInStartOrder",
+                 {{L"S", Running, Running},
+                  {L"D1", Stopped, Running, L"", Auto, {L"S"}},
+                  {L"D2", Stopped, Running, L"", Auto, {L"D1"}},
+                  {L"D3", Running, Running, L"", Auto, {L"S"}}})
+        .Args(L"DEPENDENCIES=1;TIMEOUT=30")
+        .Logs({Warning(L"{S} is already started")})
+        .Journal({L"{D1} running", L"{D2} running"})
+        .Enumerates({Inactive, Inactive}),
+    // Active dependents in reverse start order: D4 (needs D1), D3, D1. They stop in that order before the service and
     // start again in the reverse order after it, from the list the stop enumerated (one size query and one read); D3
     // only starts on demand and D2 did not run. The service is opened for everything, each dependent with only what its
     // walk needs.
-    {"RestartWithDependentsRestartsExactlyThoseThatRanSkippingDemandStart",
-     {{L"S", Running, Running},
-      {L"D1", Running, Running, L"", Auto, {L"S"}},
-      {L"D2", Stopped, Stopped, L"", Auto, {L"S"}},
-      {L"D3", Running, Stopped, L"", Demand, {L"S"}},
-      {L"D4", Running, Running, L"", Auto, {L"D1"}}},
-     "ServiceRestart",
-     L";SERVICENAME={S};DEPENDENCIES=1;TIMEOUT=30",
-     0,
-     {Warning(L"{D3} only starts on demand, will skip")},
-     {L"{D3} stopped", L"{D4} stopped", L"{D1} stopped", L"{S} stopped", L"{S} running", L"{D1} running",
-      L"{D4} running"},
-     {Active, Active},
-     0,
-     {L"manager 0xF003F", L"{S} 0x3D", L"{D3} 0x25", L"{D4} 0x25", L"{D1} 0x25", L"{D1} 0x15", L"{D4} 0x15",
-      L"{D3} 0x15"}},
+    ServiceRestart("RestartWithDependentsRestartsExactlyThoseThatRanSkippingDemandStart",
+                   {{L"S", Running, Running},
+                    {L"D1", Running, Running, L"", Auto, {L"S"}},
+                    {L"D2", Stopped, Stopped, L"", Auto, {L"S"}},
+                    {L"D3", Running, Stopped, L"", Demand, {L"S"}},
+                    {L"D4", Running, Running, L"", Auto, {L"D1"}}})
+        .Args(L"DEPENDENCIES=1;TIMEOUT=30")
+        .Logs({Warning(L"{D3} only starts on demand, will skip")})
+        .Journal({L"{D4} stopped", L"{D3} stopped", L"{D1} stopped", L"{S} stopped", L"{S} running", L"{D1} running",
+                  L"{D4} running"})
+        .Enumerates({Active, Active})
+        .Opens({L"manager 0xF003F", L"{S} 0x3D", L"{D4} 0x25", L"{D3} 0x25", L"{D1} 0x25", L"{D1} 0x15", L"{D3} 0x15",
+                L"{D4} 0x15"}),
     // Walked C, B, A. C times out (a warning) and the walk goes on; B stops at its control; A times out as well, and as
     // nothing resets the measure after that, the service's own wait goes on from it and fails at its first poll,
     // although the service stops a millisecond after its control. Held states and a stop that needs no poll keep the
     // outcome the same on a busy machine.
-    {"DependentStopTimeoutLeavesTheMeasureRunningForTheService",
-     {{L"S", Running, Stopped, L"--stop-delay=1"},
-      {L"A", Running, StopPending, L"--stop-delay=hold", Auto, {L"S"}},
-      {L"B", Running, Stopped, L"", Auto, {L"A"}},
-      {L"C", Running, StopPending, L"--stop-delay=hold", Auto, {L"B"}}},
-     "ServiceStop",
-     L";SERVICENAME={S};DEPENDENCIES=1;TIMEOUT=2",
-     1603,
-     {Warning(L"{C} timeout, after 2 seconds"), Warning(L"{A} timeout, after 2 seconds"),
-      Error(L"{S} timeout, after 2 seconds")},
-     {L"{B} stopped", L"{S} stopped"},
-     {Active, Active}},
+    ServiceStop("DependentStopTimeoutLeavesTheMeasureRunningForTheService",
+                {{L"S", Running, Stopped, L"--stop-delay=1"},
+                 {L"A", Running, StopPending, L"--stop-delay=hold", Auto, {L"S"}},
+                 {L"B", Running, Stopped, L"", Auto, {L"A"}},
+                 {L"C", Running, StopPending, L"--stop-delay=hold", Auto, {L"B"}}})
+        .Args(L"DEPENDENCIES=1;TIMEOUT=2")
+        .Fails({Warning(L"{C} timeout, after 2 seconds"), Warning(L"{A} timeout, after 2 seconds"),
+                Error(L"{S} timeout, after 2 seconds")})
+        .Journal({L"{B} stopped", L"{S} stopped"})
+        .Enumerates({Active, Active}),
     // C times out after three polls; paused B refuses the stop, which ends the walk and starts the measure afresh: the
     // service's wait has its full limit.
-    {"DependentStopFailureEndsTheWalkAndResetsTheMeasure",
-     {{L"S", Running, Stopped, L"--stop-delay=1"},
-      {L"A", Running, Running, L"", Auto, {L"S"}},
-      {L"B", Paused, Paused, L"--pausable --refuse-stop", Auto, {L"A"}},
-      {L"C", Running, StopPending, L"--stop-delay=hold", Auto, {L"B"}}},
-     "ServiceStop",
-     L";SERVICENAME={S};DEPENDENCIES=1;TIMEOUT=4",
-     0,
-     {Warning(L"{C} timeout, after 4 seconds"), Error(L"ControlService failed with error 1052")},
-     {L"{S} stopped"},
-     {Active, Active}},
+    ServiceStop("DependentStopFailureEndsTheWalkAndResetsTheMeasure",
+                {{L"S", Running, Stopped, L"--stop-delay=1"},
+                 {L"A", Running, Running, L"", Auto, {L"S"}},
+                 {L"B", Paused, Paused, L"--pausable --refuse-stop", Auto, {L"A"}},
+                 {L"C", Running, StopPending, L"--stop-delay=hold", Auto, {L"B"}}})
+        .Args(L"DEPENDENCIES=1;TIMEOUT=4")
+        .Logs({Warning(L"{C} timeout, after 4 seconds"), Error(L"ControlService failed with error 1052")})
+        .Journal({L"{S} stopped"})
+        .Enumerates({Active, Active}),
     // Enumerated while stopping (active), stopped by the time the walk reaches it after D2's longer stop.
-    {"DependentThatStoppedMeanwhileWarnsAlreadyStopped",
-     {{L"S", Running, Stopped},
-      {L"D1", StopPending, Stopped, L"--stop-delay=3000", Auto, {L"S"}},
-      {L"D2", Running, Stopped, L"--stop-delay=6000", Auto, {L"D1"}}},
-     "ServiceStop",
-     L";SERVICENAME={S};DEPENDENCIES=1;TIMEOUT=60",
-     0,
-     {Warning(L"{D1} is already stopped")},
-     {L"{D1} stopped", L"{D2} stopped", L"{S} stopped"},
-     {Active, Active}},
+    ServiceStop("DependentThatStoppedMeanwhileWarnsAlreadyStopped",
+                {{L"S", Running, Stopped},
+                 {L"D1", StopPending, Stopped, L"--stop-delay=3000", Auto, {L"S"}},
+                 {L"D2", Running, Stopped, L"--stop-delay=6000", Auto, {L"D1"}}})
+        .Args(L"DEPENDENCIES=1;TIMEOUT=60")
+        .Logs({Warning(L"{D1} is already stopped")})
+        .Journal({L"{D1} stopped", L"{D2} stopped", L"{S} stopped"})
+        .Enumerates({Active, Active}),
     // D1 is started before D2: a disabled one is skipped, another failure ends the walk (Wine's manager answers 1053
     // when ServiceMain reports SERVICE_STOPPED with an error), a time-out does not; none fails the action.
-    {"DisabledDependentIsSkippedAndTheWalkGoesOn",
-     {{L"S", Running, Running},
-      {L"D1", Stopped, Stopped, L"", Disabled, {L"S"}},
-      {L"D2", Stopped, Running, L"", Auto, {L"S"}}},
-     "ServiceStart",
-     L";SERVICENAME={S};DEPENDENCIES=1;TIMEOUT=30",
-     0,
-     {Warning(L"{S} is already started"), Error(L"StartService failed with error 1058")},
-     {L"{D2} running"},
-     {Inactive, Inactive}},
-    {"OtherStartFailureEndsTheWalkButNotTheAction",
-     {{L"S", Running, Running},
-      {L"D1", Stopped, Stopped, L"--fail-start", Auto, {L"S"}},
-      {L"D2", Stopped, Stopped, L"", Auto, {L"S"}}},
-     "ServiceStart",
-     L";SERVICENAME={S};DEPENDENCIES=1;TIMEOUT=30",
-     0,
-     {Warning(L"{S} is already started"), Error(L"StartService failed with error 1053")},
-     {L"{D1} stopped"},
-     {Inactive, Inactive}},
+    ServiceStart("DisabledDependentIsSkippedAndTheWalkGoesOn", {{L"S", Running, Running},
+                                                                {L"D1", Stopped, Stopped, L"", Disabled, {L"S"}},
+                                                                {L"D2", Stopped, Running, L"", Auto, {L"S"}}})
+        .Args(L"DEPENDENCIES=1;TIMEOUT=30")
+        .Logs({Warning(L"{S} is already started"), Error(L"StartService failed with error 1058")})
+        .Journal({L"{D2} running"})
+        .Enumerates({Inactive, Inactive}),
+    ServiceStart("OtherStartFailureEndsTheWalkButNotTheAction",
+                 {{L"S", Running, Running},
+                  {L"D1", Stopped, Stopped, L"--fail-start", Auto, {L"S"}},
+                  {L"D2", Stopped, Stopped, L"", Auto, {L"S"}}})
+        .Args(L"DEPENDENCIES=1;TIMEOUT=30")
+        .Logs({Warning(L"{S} is already started"), Error(L"StartService failed with error 1053")})
+        .Journal({L"{D1} stopped"})
+        .Enumerates({Inactive, Inactive}),
     // 4 s leave D2's first poll (at 1.5 s) well inside the limit.
-    {"DependentStartTimeoutIsAnErrorAndTheWalkGoesOn",
-     {{L"S", Running, Running},
-      {L"D1", Stopped, StartPending, L"--start-delay=hold", Auto, {L"S"}},
-      {L"D2", Stopped, Running, L"", Auto, {L"S"}}},
-     "ServiceStart",
-     L";SERVICENAME={S};DEPENDENCIES=1;TIMEOUT=4",
-     0,
-     {Warning(L"{S} is already started"), Error(L"{D1} timeout, after 4 seconds")},
-     {L"{D2} running"},
-     {Inactive, Inactive}},
+    ServiceStart("DependentStartTimeoutIsAnErrorAndTheWalkGoesOn",
+                 {{L"S", Running, Running},
+                  {L"D1", Stopped, StartPending, L"--start-delay=hold", Auto, {L"S"}},
+                  {L"D2", Stopped, Running, L"", Auto, {L"S"}}})
+        .Args(L"DEPENDENCIES=1;TIMEOUT=4")
+        .Logs({Warning(L"{S} is already started"), Error(L"{D1} timeout, after 4 seconds")})
+        .Journal({L"{D2} running"})
+        .Enumerates({Inactive, Inactive}),
     // Dependents are left alone when the service was already stopped, and unless DEPENDENCIES is exactly "1". A stop
     // the control reports done needs no poll, so a limit of 0 is no failure; a held stop fails its first poll, as an
     // empty or junk limit converts to 0.
-    {"StopWhenAlreadyStoppedLeavesDependentsAlone",
-     {{L"S", Stopped, Stopped}, {L"D", Running, Running, L"", Auto, {L"S"}}},
-     "ServiceStop",
-     L";SERVICENAME={S};DEPENDENCIES=1;TIMEOUT=30",
-     0,
-     {Warning(L"{S} is already stopped")},
-     {}},
-    {"Dependencies0",
-     {{L"S", Running, Stopped}, {L"D", Running, Running, L"", Auto, {L"S"}}},
-     "ServiceStop",
-     L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=0",
-     0,
-     {},
-     {L"{S} stopped"}},
-    {"Dependencies01AndJunkTimeout",
-     {{L"S", Running, StopPending, L"--stop-delay=hold"}, {L"D", Running, Running, L"", Auto, {L"S"}}},
-     "ServiceStop",
-     L";SERVICENAME={S};DEPENDENCIES=01;TIMEOUT=junk",
-     1603,
-     {Error(L"{S} timeout, after 0 seconds")},
-     {}},
-    {"EmptyDependenciesAndTimeout",
-     {{L"S", Running, StopPending, L"--stop-delay=hold"}, {L"D", Running, Running, L"", Auto, {L"S"}}},
-     "ServiceStop",
-     L";SERVICENAME={S};DEPENDENCIES=;TIMEOUT=",
-     1603,
-     {Error(L"{S} timeout, after 0 seconds")},
-     {}},
+    ServiceStop("StopWhenAlreadyStoppedLeavesDependentsAlone",
+                {{L"S", Stopped, Stopped}, {L"D", Running, Running, L"", Auto, {L"S"}}})
+        .Args(L"DEPENDENCIES=1;TIMEOUT=30")
+        .Logs({Warning(L"{S} is already stopped")}),
+    ServiceStop("Dependencies0", {{L"S", Running, Stopped}, {L"D", Running, Running, L"", Auto, {L"S"}}})
+        .Args(L"DEPENDENCIES=0;TIMEOUT=0")
+        .Journal({L"{S} stopped"}),
+    ServiceStop("Dependencies01AndJunkTimeout",
+                {{L"S", Running, StopPending, L"--stop-delay=hold"}, {L"D", Running, Running, L"", Auto, {L"S"}}})
+        .Args(L"DEPENDENCIES=01;TIMEOUT=junk")
+        .Fails({Error(L"{S} timeout, after 0 seconds")}),
+    ServiceStop("EmptyDependenciesAndTimeout",
+                {{L"S", Running, StopPending, L"--stop-delay=hold"}, {L"D", Running, Running, L"", Auto, {L"S"}}})
+        .Args(L"DEPENDENCIES=;TIMEOUT=")
+        .Fails({Error(L"{S} timeout, after 0 seconds")}),
 };
 
 INSTANTIATE_TEST_SUITE_P(Cases, ServiceAction, ::testing::ValuesIn(kCases),
