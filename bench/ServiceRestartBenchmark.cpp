@@ -14,9 +14,7 @@
 #include <vector>
 
 #include "ActionHost.h"
-#include "services/DependentsSeam.h"
-#include "services/StatusQueryCounter.h"
-#include "services/TestServices.h"
+#include "services/ServiceKit.h"
 #include "support/ShippedDll.h"
 
 namespace {

@@ -1,3 +1,0 @@
-#pragma once
-// The benchmark's include.
-#include "services/ServiceKit.h"
