@@ -254,7 +254,7 @@ protected:
     void AddIssuer(const std::wstring& name, bool expired, Issuer kind = Issuer::Keyed)
     {
         // Unique, so that a container left by an aborted run never collides.
-        const std::wstring container =
+        std::wstring container =
             L"QcEngineIssuer" + std::to_wstring(::GetTickCount64()) + L"." + std::to_wstring(m_Owned.size());
         m_Owned.emplace_back(container.begin(), container.end());
         BYTE encodedName[256] = {};
@@ -263,27 +263,22 @@ protected:
                                      encodedName, &subject.cbData, nullptr));
         Types::CCryptProvider provider;
         Types::CCryptKey key;
-        ASSERT_TRUE(::CryptAcquireContextW(provider.Put(), container.c_str(), MS_DEF_PROV_W, PROV_RSA_FULL,
-                                           CRYPT_NEWKEYSET));
+        ASSERT_TRUE(
+            ::CryptAcquireContextW(provider.Put(), container.c_str(), MS_DEF_PROV_W, PROV_RSA_FULL, CRYPT_NEWKEYSET));
         ASSERT_TRUE(::CryptGenKey(provider.Get(), AT_SIGNATURE, 1024u << 16, key.Put()));
-        CRYPT_KEY_PROV_INFO info{const_cast<LPWSTR>(container.c_str()),
-                                 const_cast<LPWSTR>(MS_DEF_PROV_W),
-                                 PROV_RSA_FULL,
-                                 0,
-                                 0,
-                                 nullptr,
-                                 AT_SIGNATURE};
+        wchar_t baseProvider[] = MS_DEF_PROV_W;
+        CRYPT_KEY_PROV_INFO info{container.data(), baseProvider, PROV_RSA_FULL, 0, 0, nullptr, AT_SIGNATURE};
         SYSTEMTIME from = YearsFromNow(expired ? -2 : 0);
         SYSTEMTIME to = YearsFromNow(expired ? -1 : 1);
         const Types::CCertContext made(
             ::CertCreateSelfSignCertificate(provider.Get(), &subject, 0, &info, nullptr, &from, &to, nullptr));
         const Types::CCertStoreHandle hStore(::CertOpenSystemStoreW(0, kIssuerStore));
         Types::CCertContext stored;
-        ASSERT_TRUE(made && ::CertAddEncodedCertificateToStore(hStore.Get(), X509_ASN_ENCODING,
-                                                               made.Get()->pbCertEncoded, made.Get()->cbCertEncoded,
-                                                               CERT_STORE_ADD_NEW, stored.Put()));
-        const std::wstring named = kind == Issuer::KeyLost ? container + L".lost" : container;
-        info.pwszContainerName = const_cast<LPWSTR>(named.c_str());
+        ASSERT_TRUE(made &&
+                    ::CertAddEncodedCertificateToStore(hStore.Get(), X509_ASN_ENCODING, made.Get()->pbCertEncoded,
+                                                       made.Get()->cbCertEncoded, CERT_STORE_ADD_NEW, stored.Put()));
+        std::wstring named = kind == Issuer::KeyLost ? container + L".lost" : container;
+        info.pwszContainerName = named.data();
         if (kind != Issuer::Keyless)
         {
             EXPECT_TRUE(::CertSetCertificateContextProperty(stored.Get(), CERT_KEY_PROV_INFO_PROP_ID, 0, &info));

@@ -1,25 +1,22 @@
 #pragma once
 
 // Wine's PFXExportCertStoreEx is a stub, and its PFXImportCertStore gives
-// imported keys an unusable provider property. For the seam's lifetime one
-// loaded module's imports of both are answered by a stand-in that moves the
-// certificate and its private key through a plain blob: a header, the encoded
-// certificate, the PRIVATEKEYBLOB. It keeps Windows' rules where the engine
-// meets them: the size query with a null buffer; a too small buffer fails with
-// ERROR_MORE_DATA; EXPORT_PRIVATE_KEYS reads the key named by the certificate's
-// key-provider property, which must be exportable (NTE_BAD_KEY_STATE
-// otherwise); the import puts the key into a new container (machine key set
-// with CRYPT_MACHINE_KEYSET, exportable only with CRYPT_EXPORTABLE) and names
-// it in the key-provider property; a blob that is not one fails with
-// CRYPT_E_BAD_ENCODE. Key blobs are wiped after use.
+// imported keys an unusable provider property. While a CPfxSeam lives, one
+// module's imports of both are answered by a stand-in that carries the
+// certificate and its private key in a plain blob (a header, the encoded
+// certificate, the PRIVATEKEYBLOB) and keeps Windows' rules where the engine
+// meets them: the size query with a null buffer, ERROR_MORE_DATA for a small
+// one; EXPORT_PRIVATE_KEYS reads the key the key-provider property names,
+// which must be exportable (NTE_BAD_KEY_STATE otherwise); the import puts the
+// key into a new container (machine key set with CRYPT_MACHINE_KEYSET,
+// exportable only with CRYPT_EXPORTABLE) named in the key-provider property;
+// other bytes fail with CRYPT_E_BAD_ENCODE. Key blobs are wiped after use.
 //
-// Wine's key containers differ from Windows' in one point the export meets:
-// a generated key reaches the container only when the context that made it is
-// released, so a second context on the same container sees no key while the
-// engine still holds its own. The seam therefore also watches the module's
-// CryptAcquireContextW (unchanged, only noted) and reads the key through the
-// context that created the container, as Windows would read it from the
-// container itself.
+// Wine writes a generated key into its container only when the context that
+// made it is released, so a second context sees no key while the engine holds
+// its own: the seam notes the module's CryptAcquireContextW calls (changing
+// nothing) and reads the key through the context that created the container,
+// as Windows would read it from the container itself.
 #include <windows.h>
 #include <wincrypt.h>
 
@@ -37,11 +34,10 @@ namespace Types = Quillcast::System::Types;
 
 struct Header
 {
-    char magic[8];
-    DWORD cbCertificate; // the key follows the certificate and fills the rest
+    char magic[8]; // "QCPFX1"
+    DWORD cbCertificate;
     DWORD keySpec;
 };
-constexpr char kMagic[8] = "QCPFX1";
 
 inline std::vector<DWORD> g_ImportFlags;
 // The container last created with CRYPT_NEWKEYSET, and the context that created it.
@@ -66,65 +62,58 @@ inline BOOL WINAPI AcquireWatcher(HCRYPTPROV* phProv, LPCWSTR szContainer, LPCWS
 inline const Header* HeaderOf(const BYTE* pb, DWORD cb)
 {
     const auto* header = reinterpret_cast<const Header*>(pb);
-    const bool valid = pb != nullptr && cb >= sizeof(Header) && std::memcmp(header->magic, kMagic, 8) == 0 &&
+    const bool valid = pb != nullptr && cb >= sizeof(Header) && std::memcmp(header->magic, "QCPFX1", 7) == 0 &&
                        header->cbCertificate <= cb - sizeof(Header);
     return valid ? header : nullptr;
 }
 
-// The PRIVATEKEYBLOB of the key that the certificate's key-provider property names.
+// The PRIVATEKEYBLOB of the key that the certificate's key-provider property names, and its key spec.
 inline bool ExportPrivateKey(PCCERT_CONTEXT pCert, std::vector<BYTE>& key, DWORD& keySpec)
 {
     const std::vector<BYTE> bytes = KeyProviderInfo(pCert);
-    if (bytes.empty())
-    {
-        return false;
-    }
-    const auto& info = *reinterpret_cast<const CRYPT_KEY_PROV_INFO*>(bytes.data());
-    keySpec = info.dwKeySpec;
+    const auto* info = reinterpret_cast<const CRYPT_KEY_PROV_INFO*>(bytes.data());
     Types::CCryptProvider own;
-    HCRYPTPROV hProv = info.pwszContainerName == g_CreatedContainer ? g_hCreator : 0;
-    if (hProv == 0 && ::CryptAcquireContextW(own.Put(), info.pwszContainerName, info.pwszProvName, info.dwProvType,
-                                             info.dwFlags & CRYPT_MACHINE_KEYSET))
+    HCRYPTPROV hProv = info != nullptr && info->pwszContainerName == g_CreatedContainer ? g_hCreator : 0;
+    if (info != nullptr && hProv == 0 &&
+        ::CryptAcquireContextW(own.Put(), info->pwszContainerName, info->pwszProvName, info->dwProvType,
+                               info->dwFlags & CRYPT_MACHINE_KEYSET))
     {
         hProv = own.Get();
     }
     Types::CCryptKey hKey;
     DWORD cbKey = 0;
-    if (hProv == 0 || !::CryptGetUserKey(hProv, info.dwKeySpec, hKey.Put()) ||
-        !::CryptExportKey(hKey.Get(), 0, PRIVATEKEYBLOB, 0, nullptr, &cbKey))
-    {
-        return false;
-    }
+    const bool sized = hProv != 0 && ::CryptGetUserKey(hProv, info->dwKeySpec, hKey.Put()) &&
+                       ::CryptExportKey(hKey.Get(), 0, PRIVATEKEYBLOB, 0, nullptr, &cbKey);
     key.resize(cbKey);
-    return ::CryptExportKey(hKey.Get(), 0, PRIVATEKEYBLOB, 0, key.data(), &cbKey);
+    keySpec = sized ? info->dwKeySpec : 0;
+    return sized && ::CryptExportKey(hKey.Get(), 0, PRIVATEKEYBLOB, 0, key.data(), &cbKey);
 }
 
 inline BOOL WINAPI ExportStandIn(HCERTSTORE hStore, CRYPT_DATA_BLOB* pPFX, LPCWSTR /*szPassword*/, void* /*pvPara*/,
                                  DWORD dwFlags)
 {
     const Types::CCertContext certificate(::CertEnumCertificatesInStore(hStore, nullptr));
+    Header header{"QCPFX1", certificate ? certificate.Get()->cbCertEncoded : 0, 0};
+    std::vector<BYTE> key;
     if (pPFX == nullptr || !certificate)
     {
         ::SetLastError(static_cast<DWORD>(E_INVALIDARG));
         return FALSE;
     }
-    Header header{"QCPFX1", certificate.Get()->cbCertEncoded, 0};
-    std::vector<BYTE> key;
     if ((dwFlags & EXPORT_PRIVATE_KEYS) != 0 && !ExportPrivateKey(certificate.Get(), key, header.keySpec))
     {
         return FALSE;
     }
     std::vector<BYTE> blob(reinterpret_cast<const BYTE*>(&header), reinterpret_cast<const BYTE*>(&header + 1));
-    blob.insert(blob.end(), certificate.Get()->pbCertEncoded,
-                certificate.Get()->pbCertEncoded + certificate.Get()->cbCertEncoded);
+    blob.insert(blob.end(), certificate.Get()->pbCertEncoded, certificate.Get()->pbCertEncoded + header.cbCertificate);
     blob.insert(blob.end(), key.begin(), key.end());
-    ::SecureZeroMemory(key.data(), key.size());
     const bool fits = pPFX->pbData == nullptr || pPFX->cbData >= blob.size();
     if (pPFX->pbData != nullptr && fits)
     {
         std::memcpy(pPFX->pbData, blob.data(), blob.size());
     }
     pPFX->cbData = static_cast<DWORD>(blob.size());
+    ::SecureZeroMemory(key.data(), key.size());
     ::SecureZeroMemory(blob.data(), blob.size());
     ::SetLastError(fits ? ERROR_SUCCESS : ERROR_MORE_DATA);
     return fits ? TRUE : FALSE;
@@ -139,40 +128,36 @@ inline HCERTSTORE WINAPI ImportStandIn(CRYPT_DATA_BLOB* pPFX, LPCWSTR /*szPasswo
         ::SetLastError(static_cast<DWORD>(CRYPT_E_BAD_ENCODE));
         return nullptr;
     }
-    const BYTE* pbKey = pPFX->pbData + sizeof(Header) + header->cbCertificate;
+    const BYTE* pbCertificate = pPFX->pbData + sizeof(Header);
     const DWORD cbKey = pPFX->cbData - sizeof(Header) - header->cbCertificate;
     Types::CCertStoreHandle store(::CertOpenStore(CERT_STORE_PROV_MEMORY, 0, 0, CERT_STORE_CREATE_NEW_FLAG, nullptr));
     Types::CCertContext certificate;
-    if (!store || !::CertAddEncodedCertificateToStore(store.Get(), X509_ASN_ENCODING, pPFX->pbData + sizeof(Header),
+    if (!store || !::CertAddEncodedCertificateToStore(store.Get(), X509_ASN_ENCODING, pbCertificate,
                                                       header->cbCertificate, CERT_STORE_ADD_NEW, certificate.Put()))
     {
         return nullptr;
     }
-    if (cbKey != 0)
-    {
-        GUID guid{};
-        wchar_t container[40] = {};
-        (void)::CoCreateGuid(&guid);
-        ::StringFromGUID2(guid, container, 40);
-        const DWORD keySet = dwFlags & CRYPT_MACHINE_KEYSET;
-        CRYPT_KEY_PROV_INFO info{container, const_cast<LPWSTR>(MS_ENHANCED_PROV_W), PROV_RSA_FULL, keySet, 0, nullptr,
-                                 header->keySpec};
-        Types::CCryptProvider provider;
-        Types::CCryptKey key;
-        if (!::CryptAcquireContextW(provider.Put(), container, MS_ENHANCED_PROV_W, PROV_RSA_FULL,
-                                    CRYPT_NEWKEYSET | keySet) ||
-            !::CryptImportKey(provider.Get(), pbKey, cbKey, 0, dwFlags & CRYPT_EXPORTABLE, key.Put()) ||
-            !::CertSetCertificateContextProperty(certificate.Get(), CERT_KEY_PROV_INFO_PROP_ID, 0, &info))
-        {
-            return nullptr;
-        }
-    }
-    return store.Detach();
+    GUID guid{};
+    wchar_t container[40] = {};
+    (void)::CoCreateGuid(&guid);
+    ::StringFromGUID2(guid, container, 40);
+    const DWORD keySet = dwFlags & CRYPT_MACHINE_KEYSET;
+    CRYPT_KEY_PROV_INFO info{container,      const_cast<LPWSTR>(MS_ENHANCED_PROV_W), PROV_RSA_FULL, keySet, 0, nullptr,
+                             header->keySpec};
+    Types::CCryptProvider provider;
+    Types::CCryptKey key;
+    const bool keyed =
+        cbKey == 0 || (::CryptAcquireContextW(provider.Put(), container, MS_ENHANCED_PROV_W, PROV_RSA_FULL,
+                                              CRYPT_NEWKEYSET | keySet) &&
+                       ::CryptImportKey(provider.Get(), pbCertificate + header->cbCertificate, cbKey, 0,
+                                        dwFlags & CRYPT_EXPORTABLE, key.Put()) &&
+                       ::CertSetCertificateContextProperty(certificate.Get(), CERT_KEY_PROV_INFO_PROP_ID, 0, &info));
+    return keyed ? store.Detach() : nullptr;
 }
 
 } // namespace PfxStandIn
 
-// Installs the stand-in into `hModule`'s imports until destroyed.
+// Installs the stand-in into the imports of `hModule` until destroyed.
 class CPfxSeam
 {
 public:

@@ -24,10 +24,11 @@ int wmain(int argc, wchar_t** argv)
         std::ifstream file(std::filesystem::path(argv[3]), std::ios::binary);
         const std::vector<BYTE> der{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
         const CCertStoreHandle hStore = OpenMachineStore(argv[2]);
-        const bool added = file && ::CertAddEncodedCertificateToStore(hStore.Get(), X509_ASN_ENCODING, der.data(),
-                                                                      static_cast<DWORD>(der.size()),
-                                                                      CERT_STORE_ADD_NEW, nullptr) &&
-                           ::CertControlStore(hStore.Get(), 0, CERT_STORE_CTRL_COMMIT, nullptr);
+        const bool added =
+            file &&
+            ::CertAddEncodedCertificateToStore(hStore.Get(), X509_ASN_ENCODING, der.data(),
+                                               static_cast<DWORD>(der.size()), CERT_STORE_ADD_NEW, nullptr) &&
+            ::CertControlStore(hStore.Get(), 0, CERT_STORE_CTRL_COMMIT, nullptr);
         return added ? 0 : 1;
     }
     if (argc == 3 && command == L"list")
