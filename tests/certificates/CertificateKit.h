@@ -1,5 +1,8 @@
 #pragma once
 
+// The local machine's certificate stores and the key containers, read and
+// restored by the certificate tests, the end-to-end cases' store tool and the
+// benchmark.
 #include <windows.h>
 #include <wincrypt.h>
 
@@ -7,46 +10,130 @@
 #include <string>
 #include <vector>
 
+#include "certificates/StoreCertificates.h"
+#include "host/types/Handles.h"
+
 namespace QcTest {
 
-// The names of the key containers of the machine key set or the user's.
-std::set<std::string> KeyContainers(bool machine);
+using Quillcast::Certificates::CStoreCertificates;
+using Quillcast::System::Types::CCertStoreHandle;
 
 // One certificate of a store, as the tests compare them.
 struct StoredCertificate
 {
     std::wstring thumbprint; // SHA-1, hex
-    std::wstring subject;    // simple display name
-    std::wstring issuer;     // simple display name of the issuer
+    std::wstring subject;    // simple display names
+    std::wstring issuer;
     std::vector<BYTE> der;
-    std::wstring container; // from the key-provider property; empty without one
-    bool machineKey = false;
 };
 
+inline CCertStoreHandle OpenMachineStore(const wchar_t* store)
+{
+    return CCertStoreHandle(::CertOpenStore(CERT_STORE_PROV_SYSTEM_W, X509_ASN_ENCODING | PKCS_7_ASN_ENCODING, 0,
+                                            CERT_SYSTEM_STORE_LOCAL_MACHINE, store));
+}
+
+inline StoredCertificate Describe(PCCERT_CONTEXT pCert)
+{
+    StoredCertificate certificate;
+    BYTE hash[20] = {};
+    DWORD cbHash = sizeof(hash);
+    ::CertGetCertificateContextProperty(pCert, CERT_SHA1_HASH_PROP_ID, hash, &cbHash);
+    for (DWORD i = 0; i < cbHash; ++i)
+    {
+        certificate.thumbprint += {L"0123456789ABCDEF"[hash[i] >> 4], L"0123456789ABCDEF"[hash[i] & 15]};
+    }
+    wchar_t name[512] = {};
+    ::CertGetNameStringW(pCert, CERT_NAME_SIMPLE_DISPLAY_TYPE, 0, nullptr, name, 512);
+    certificate.subject = name;
+    ::CertGetNameStringW(pCert, CERT_NAME_SIMPLE_DISPLAY_TYPE, CERT_NAME_ISSUER_FLAG, nullptr, name, 512);
+    certificate.issuer = name;
+    certificate.der.assign(pCert->pbCertEncoded, pCert->pbCertEncoded + pCert->cbCertEncoded);
+    return certificate;
+}
+
+// The certificate's key-provider property (a CRYPT_KEY_PROV_INFO); empty without one.
+inline std::vector<BYTE> KeyProviderInfo(PCCERT_CONTEXT pCert)
+{
+    DWORD cbInfo = 0;
+    std::vector<BYTE> info;
+    if (::CertGetCertificateContextProperty(pCert, CERT_KEY_PROV_INFO_PROP_ID, nullptr, &cbInfo))
+    {
+        info.resize(cbInfo);
+        if (!::CertGetCertificateContextProperty(pCert, CERT_KEY_PROV_INFO_PROP_ID, info.data(), &cbInfo))
+        {
+            info.clear();
+        }
+    }
+    return info;
+}
+
+// The names of the key containers of the machine key set or the user's. Wine
+// keeps each as a registry key (PP_ENUMCONTAINERS does not reach the machine
+// key set from a verification context).
+inline std::set<std::string> KeyContainers(bool machine)
+{
+    std::set<std::string> names;
+    Quillcast::System::Types::CRegistryKey key;
+    if (::RegOpenKeyExA(machine ? HKEY_LOCAL_MACHINE : HKEY_CURRENT_USER, "Software\\Wine\\Crypto\\RSA", 0, KEY_READ,
+                        key.Put()) == ERROR_SUCCESS)
+    {
+        char name[1024] = {};
+        for (DWORD index = 0, length = sizeof(name);
+             ::RegEnumKeyExA(key.Get(), index, name, &length, nullptr, nullptr, nullptr, nullptr) == ERROR_SUCCESS;
+             ++index, length = sizeof(name))
+        {
+            names.insert(name);
+        }
+    }
+    return names;
+}
+
 // Every certificate of the local machine's system store `store` ("Root", "MY").
-std::vector<StoredCertificate> MachineCertificates(const wchar_t* store);
-// Those whose subject is `subject`.
-std::vector<StoredCertificate> MachineCertificates(const wchar_t* store, const std::wstring& subject);
-// Removes the certificates with these thumbprints from the machine store, and
-// their key containers, committing the store.
-void RemoveMachineCertificates(const wchar_t* store, const std::set<std::wstring>& thumbprints);
-std::set<std::wstring> Thumbprints(const std::vector<StoredCertificate>& certificates);
+inline std::vector<StoredCertificate> MachineCertificates(const wchar_t* store)
+{
+    std::vector<StoredCertificate> certificates;
+    const CCertStoreHandle hStore = OpenMachineStore(store);
+    for (PCCERT_CONTEXT pCert : CStoreCertificates(hStore.Get()))
+    {
+        certificates.push_back(Describe(pCert));
+    }
+    return certificates;
+}
 
-// Adds `der` to the local machine's store (committed); false on failure.
-bool AddMachineCertificate(const wchar_t* store, const std::vector<BYTE>& der);
+inline std::set<std::wstring> Thumbprints(const std::vector<StoredCertificate>& certificates)
+{
+    std::set<std::wstring> thumbprints;
+    for (const StoredCertificate& certificate : certificates)
+    {
+        thumbprints.insert(certificate.thumbprint);
+    }
+    return thumbprints;
+}
 
-// A self-signed certificate with a new key in the user's key set (container
-// `container`, Base provider, signature key), valid from `from` to `to`, with
-// no extensions; CertCreateSelfSignCertificate as Windows documents it.
-std::vector<BYTE> MakeSelfSigned(const std::wstring& commonName, const std::wstring& container, const SYSTEMTIME& from,
-                                 const SYSTEMTIME& to);
-
-// The build's folder for certificate files the OpenSSL check reads.
-std::wstring OutputFolder();
-bool WriteFile(const std::wstring& path, const std::vector<BYTE>& bytes);
-
-// The date `years` after `time` (same month, day and time of day).
-SYSTEMTIME AddYears(SYSTEMTIME time, int years);
-SYSTEMTIME UtcNow();
+// Removes the certificates with these thumbprints from the machine's store,
+// and the key containers they name, committing the store.
+inline void RemoveMachineCertificates(const wchar_t* store, const std::set<std::wstring>& thumbprints)
+{
+    const CCertStoreHandle hStore = OpenMachineStore(store);
+    CStoreCertificates certificates(hStore.Get());
+    for (PCCERT_CONTEXT pCert = certificates.Next(); pCert != nullptr; pCert = certificates.Next())
+    {
+        if (thumbprints.count(Describe(pCert).thumbprint) == 0)
+        {
+            continue;
+        }
+        const std::vector<BYTE> bytes = KeyProviderInfo(pCert);
+        if (!bytes.empty())
+        {
+            const auto& info = *reinterpret_cast<const CRYPT_KEY_PROV_INFO*>(bytes.data());
+            HCRYPTPROV hDeleted = 0;
+            ::CryptAcquireContextW(&hDeleted, info.pwszContainerName, info.pwszProvName, info.dwProvType,
+                                   (info.dwFlags & CRYPT_MACHINE_KEYSET) | CRYPT_DELETEKEYSET);
+        }
+        ::CertDeleteCertificateFromStore(certificates.Detach()); // the walk starts over
+    }
+    ::CertControlStore(hStore.Get(), 0, CERT_STORE_CTRL_COMMIT, nullptr);
+}
 
 } // namespace QcTest

@@ -1,47 +1,192 @@
 #pragma once
 
+// Wine's PFXExportCertStoreEx is a stub, and its PFXImportCertStore gives
+// imported keys an unusable provider property. While a CPfxSeam lives, one
+// module's imports of both are answered by a stand-in that carries the
+// certificate and its private key in a plain blob (a header, the encoded
+// certificate, the PRIVATEKEYBLOB) and keeps Windows' rules where the engine
+// meets them: the size query with a null buffer, ERROR_MORE_DATA for a small
+// one; EXPORT_PRIVATE_KEYS reads the key the key-provider property names,
+// which must be exportable (NTE_BAD_KEY_STATE otherwise); the import puts the
+// key into a new container (machine key set with CRYPT_MACHINE_KEYSET,
+// exportable only with CRYPT_EXPORTABLE) named in the key-provider property;
+// other bytes fail with CRYPT_E_BAD_ENCODE. Key blobs are wiped after use.
+//
+// Wine writes a generated key into its container only when the context that
+// made it is released, so a second context sees no key while the engine holds
+// its own: the seam notes the module's CryptAcquireContextW calls (changing
+// nothing) and reads the key through the context that created the container,
+// as Windows would read it from the container itself.
 #include <windows.h>
 #include <wincrypt.h>
 
+#include <cstring>
+#include <string>
 #include <vector>
 
+#include "certificates/CertificateKit.h"
 #include "support/ImportPatch.h"
 
 namespace QcTest {
+namespace PfxStandIn {
 
-// Wine's PFXExportCertStoreEx is a stub, and its PFXImportCertStore gives
-// imported keys an unusable provider property. For the seam's lifetime one
-// loaded module's imports of both are answered by a stand-in that moves the
-// certificate and its private key through a plain blob: "QCPFX1", then the
-// encoded certificate, the key kind and the PRIVATEKEYBLOB, each
-// length-prefixed. It keeps Windows' rules where the engine meets them: the
-// size query with a null buffer; a too small buffer fails with ERROR_MORE_DATA;
-// EXPORT_PRIVATE_KEYS reads the key named by the certificate's key-provider
-// property, which must be exportable (NTE_BAD_KEY_STATE otherwise); the import
-// puts the key into a new container (machine key set with CRYPT_MACHINE_KEYSET,
-// exportable only with CRYPT_EXPORTABLE) and names it in the key-provider
-// property; a blob that is not one fails with CRYPT_E_BAD_ENCODE. Key blobs
-// are wiped after use.
-//
-// Wine's key containers differ from Windows' in one point the export meets:
-// a generated key reaches the container only when the context that made it is
-// released, so a second context on the same container sees no key while the
-// engine still holds its own. The seam therefore also watches the module's
-// CryptAcquireContextW (unchanged, only noted) and reads the key through the
-// context that created the container, as Windows would read it from the
-// container itself.
+namespace Types = Quillcast::System::Types;
+
+struct Header
+{
+    char magic[8]; // "QCPFX1"
+    DWORD cbCertificate;
+    DWORD keySpec;
+};
+
+inline std::vector<DWORD> g_ImportFlags;
+// The container last created with CRYPT_NEWKEYSET, and the context that created it.
+inline std::wstring g_CreatedContainer;
+inline HCRYPTPROV g_hCreator = 0;
+// The real function: a patched module's own calls would come back to the watcher.
+inline decltype(&::CryptAcquireContextW) g_pRealAcquire = nullptr;
+
+inline BOOL WINAPI AcquireWatcher(HCRYPTPROV* phProv, LPCWSTR szContainer, LPCWSTR szProvider, DWORD dwProvType,
+                                  DWORD dwFlags)
+{
+    const BOOL acquired = g_pRealAcquire(phProv, szContainer, szProvider, dwProvType, dwFlags);
+    if (acquired && szContainer != nullptr && (dwFlags & CRYPT_NEWKEYSET) != 0)
+    {
+        g_CreatedContainer = szContainer;
+        g_hCreator = *phProv;
+    }
+    return acquired;
+}
+
+// The header of a blob the stand-in made; null for any other bytes.
+inline const Header* HeaderOf(const BYTE* pb, DWORD cb)
+{
+    const auto* header = reinterpret_cast<const Header*>(pb);
+    const bool valid = pb != nullptr && cb >= sizeof(Header) && std::memcmp(header->magic, "QCPFX1", 7) == 0 &&
+                       header->cbCertificate <= cb - sizeof(Header);
+    return valid ? header : nullptr;
+}
+
+// The PRIVATEKEYBLOB of the key that the certificate's key-provider property names, and its key spec.
+inline bool ExportPrivateKey(PCCERT_CONTEXT pCert, std::vector<BYTE>& key, DWORD& keySpec)
+{
+    const std::vector<BYTE> bytes = KeyProviderInfo(pCert);
+    const auto* info = reinterpret_cast<const CRYPT_KEY_PROV_INFO*>(bytes.data());
+    Types::CCryptProvider own;
+    HCRYPTPROV hProv = info != nullptr && info->pwszContainerName == g_CreatedContainer ? g_hCreator : 0;
+    if (info != nullptr && hProv == 0 &&
+        ::CryptAcquireContextW(own.Put(), info->pwszContainerName, info->pwszProvName, info->dwProvType,
+                               info->dwFlags & CRYPT_MACHINE_KEYSET))
+    {
+        hProv = own.Get();
+    }
+    Types::CCryptKey hKey;
+    DWORD cbKey = 0;
+    const bool sized = hProv != 0 && ::CryptGetUserKey(hProv, info->dwKeySpec, hKey.Put()) &&
+                       ::CryptExportKey(hKey.Get(), 0, PRIVATEKEYBLOB, 0, nullptr, &cbKey);
+    key.resize(cbKey);
+    keySpec = sized ? info->dwKeySpec : 0;
+    return sized && ::CryptExportKey(hKey.Get(), 0, PRIVATEKEYBLOB, 0, key.data(), &cbKey);
+}
+
+inline BOOL WINAPI ExportStandIn(HCERTSTORE hStore, CRYPT_DATA_BLOB* pPFX, LPCWSTR /*szPassword*/, void* /*pvPara*/,
+                                 DWORD dwFlags)
+{
+    const Types::CCertContext certificate(::CertEnumCertificatesInStore(hStore, nullptr));
+    Header header{"QCPFX1", certificate ? certificate.Get()->cbCertEncoded : 0, 0};
+    std::vector<BYTE> key;
+    if (pPFX == nullptr || !certificate)
+    {
+        ::SetLastError(static_cast<DWORD>(E_INVALIDARG));
+        return FALSE;
+    }
+    if ((dwFlags & EXPORT_PRIVATE_KEYS) != 0 && !ExportPrivateKey(certificate.Get(), key, header.keySpec))
+    {
+        return FALSE;
+    }
+    std::vector<BYTE> blob(reinterpret_cast<const BYTE*>(&header), reinterpret_cast<const BYTE*>(&header + 1));
+    blob.insert(blob.end(), certificate.Get()->pbCertEncoded, certificate.Get()->pbCertEncoded + header.cbCertificate);
+    blob.insert(blob.end(), key.begin(), key.end());
+    const bool fits = pPFX->pbData == nullptr || pPFX->cbData >= blob.size();
+    if (pPFX->pbData != nullptr && fits)
+    {
+        std::memcpy(pPFX->pbData, blob.data(), blob.size());
+    }
+    pPFX->cbData = static_cast<DWORD>(blob.size());
+    ::SecureZeroMemory(key.data(), key.size());
+    ::SecureZeroMemory(blob.data(), blob.size());
+    ::SetLastError(fits ? ERROR_SUCCESS : ERROR_MORE_DATA);
+    return fits ? TRUE : FALSE;
+}
+
+inline HCERTSTORE WINAPI ImportStandIn(CRYPT_DATA_BLOB* pPFX, LPCWSTR /*szPassword*/, DWORD dwFlags)
+{
+    g_ImportFlags.push_back(dwFlags);
+    const Header* header = pPFX == nullptr ? nullptr : HeaderOf(pPFX->pbData, pPFX->cbData);
+    if (header == nullptr)
+    {
+        ::SetLastError(static_cast<DWORD>(CRYPT_E_BAD_ENCODE));
+        return nullptr;
+    }
+    const BYTE* pbCertificate = pPFX->pbData + sizeof(Header);
+    const DWORD cbKey = pPFX->cbData - sizeof(Header) - header->cbCertificate;
+    Types::CCertStoreHandle store(::CertOpenStore(CERT_STORE_PROV_MEMORY, 0, 0, CERT_STORE_CREATE_NEW_FLAG, nullptr));
+    Types::CCertContext certificate;
+    if (!store || !::CertAddEncodedCertificateToStore(store.Get(), X509_ASN_ENCODING, pbCertificate,
+                                                      header->cbCertificate, CERT_STORE_ADD_NEW, certificate.Put()))
+    {
+        return nullptr;
+    }
+    GUID guid{};
+    wchar_t container[40] = {};
+    (void)::CoCreateGuid(&guid);
+    ::StringFromGUID2(guid, container, 40);
+    const DWORD keySet = dwFlags & CRYPT_MACHINE_KEYSET;
+    CRYPT_KEY_PROV_INFO info{container,      const_cast<LPWSTR>(MS_ENHANCED_PROV_W), PROV_RSA_FULL, keySet, 0, nullptr,
+                             header->keySpec};
+    Types::CCryptProvider provider;
+    Types::CCryptKey key;
+    const bool keyed =
+        cbKey == 0 || (::CryptAcquireContextW(provider.Put(), container, MS_ENHANCED_PROV_W, PROV_RSA_FULL,
+                                              CRYPT_NEWKEYSET | keySet) &&
+                       ::CryptImportKey(provider.Get(), pbCertificate + header->cbCertificate, cbKey, 0,
+                                        dwFlags & CRYPT_EXPORTABLE, key.Put()) &&
+                       ::CertSetCertificateContextProperty(certificate.Get(), CERT_KEY_PROV_INFO_PROP_ID, 0, &info));
+    return keyed ? store.Detach() : nullptr;
+}
+
+} // namespace PfxStandIn
+
+// Installs the stand-in into the imports of `hModule` until destroyed.
 class CPfxSeam
 {
 public:
-    explicit CPfxSeam(HMODULE hModule);
+    explicit CPfxSeam(HMODULE hModule)
+            : m_Acquire(hModule, "advapi32.dll", "CryptAcquireContextW",
+                        reinterpret_cast<const void*>(&PfxStandIn::AcquireWatcher)),
+              m_Export(hModule, "crypt32.dll", "PFXExportCertStoreEx",
+                       reinterpret_cast<const void*>(&PfxStandIn::ExportStandIn)),
+              m_Import(hModule, "crypt32.dll", "PFXImportCertStore",
+                       reinterpret_cast<const void*>(&PfxStandIn::ImportStandIn))
+    {
+        PfxStandIn::g_ImportFlags.clear();
+        if (m_Acquire.IsApplied() && PfxStandIn::g_pRealAcquire == nullptr)
+        {
+            PfxStandIn::g_pRealAcquire = m_Acquire.Original<decltype(&::CryptAcquireContextW)>();
+        }
+    }
 
     bool IsInstalled() const { return m_Acquire.IsApplied() && m_Export.IsApplied() && m_Import.IsApplied(); }
-    // The flags of each import since the last Clear(), in order.
-    static std::vector<DWORD> ImportFlags();
-    static void Clear();
-
+    // The flags of each import since the seam was installed, in order.
+    static const std::vector<DWORD>& ImportFlags() { return PfxStandIn::g_ImportFlags; }
     // The encoded certificate inside a blob the stand-in made; empty if it is none.
-    static std::vector<BYTE> CertificateOf(const BYTE* pbPfx, DWORD cbPfx);
+    static std::vector<BYTE> CertificateOf(const BYTE* pbPfx, DWORD cbPfx)
+    {
+        const PfxStandIn::Header* header = PfxStandIn::HeaderOf(pbPfx, cbPfx);
+        const BYTE* pbCertificate = pbPfx + sizeof(PfxStandIn::Header);
+        return header == nullptr ? std::vector<BYTE>()
+                                 : std::vector<BYTE>(pbCertificate, pbCertificate + header->cbCertificate);
+    }
 
 private:
     CImportPatch m_Acquire;

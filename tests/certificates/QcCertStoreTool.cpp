@@ -8,53 +8,55 @@
 
 #include <cstdio>
 #include <cwchar>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <vector>
 
 #include "certificates/CertificateKit.h"
 
 int wmain(int argc, wchar_t** argv)
 {
-    if (argc == 4 && std::wcscmp(argv[1], L"add") == 0)
+    using namespace QcTest;
+    const std::wstring command = argc > 1 ? argv[1] : L"";
+    if (argc == 4 && command == L"add")
     {
-        FILE* file = _wfopen(argv[3], L"rb");
-        if (file == nullptr)
-        {
-            return 2;
-        }
-        std::vector<BYTE> der;
-        for (int ch = std::fgetc(file); ch != EOF; ch = std::fgetc(file))
-        {
-            der.push_back(static_cast<BYTE>(ch));
-        }
-        std::fclose(file);
-        return QcTest::AddMachineCertificate(argv[2], der) ? 0 : 1;
+        std::ifstream file(std::filesystem::path(argv[3]), std::ios::binary);
+        const std::vector<BYTE> der{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+        const CCertStoreHandle hStore = OpenMachineStore(argv[2]);
+        const bool added =
+            file &&
+            ::CertAddEncodedCertificateToStore(hStore.Get(), X509_ASN_ENCODING, der.data(),
+                                               static_cast<DWORD>(der.size()), CERT_STORE_ADD_NEW, nullptr) &&
+            ::CertControlStore(hStore.Get(), 0, CERT_STORE_CTRL_COMMIT, nullptr);
+        return added ? 0 : 1;
     }
-    if (argc == 3 && std::wcscmp(argv[1], L"list") == 0)
+    if (argc == 3 && command == L"list")
     {
-        for (const QcTest::StoredCertificate& certificate : QcTest::MachineCertificates(argv[2]))
+        for (const StoredCertificate& certificate : MachineCertificates(argv[2]))
         {
             std::wprintf(L"%ls|%ls\n", certificate.subject.c_str(), certificate.issuer.c_str());
         }
         return 0;
     }
-    if (argc == 4 && std::wcscmp(argv[1], L"remove") == 0)
+    if (argc == 4 && command == L"remove")
     {
         std::set<std::wstring> thumbprints;
-        for (const QcTest::StoredCertificate& certificate : QcTest::MachineCertificates(argv[2]))
+        for (const StoredCertificate& certificate : MachineCertificates(argv[2]))
         {
             if (certificate.subject == argv[3] || certificate.issuer == argv[3])
             {
                 thumbprints.insert(certificate.thumbprint);
             }
         }
-        QcTest::RemoveMachineCertificates(argv[2], thumbprints);
+        RemoveMachineCertificates(argv[2], thumbprints);
         return 0;
     }
-    if (argc == 2 && std::wcscmp(argv[1], L"containers") == 0)
+    if (argc == 2 && command == L"containers")
     {
         for (const bool machine : {true, false})
         {
-            for (const std::string& name : QcTest::KeyContainers(machine))
+            for (const std::string& name : KeyContainers(machine))
             {
                 std::printf("%s:%s\n", machine ? "machine" : "user", name.c_str());
             }
