@@ -17,7 +17,6 @@
 #include "logging/DefaultLogger.h"
 #include "logging/Log.h"
 #include "logging/LogPostfixPoint.h"
-#include "support/CapturingStream.h"
 #include "support/LogCapture.h"
 
 using Quillcast::Logging::CDefaultLogger;
