@@ -15,19 +15,6 @@ std::vector<std::wstring> g_Files;
 
 Imports g_Imports;
 
-std::wstring Error(const std::wstring& text)
-{
-    return L"[ERROR] Various (#) " + text + L".";
-}
-std::wstring Warning(const std::wstring& text)
-{
-    return L"[WARNING] Various (#) " + text + L".";
-}
-std::wstring Detail(const std::wstring& text)
-{
-    return L"Various (#) " + text + L".";
-}
-
 void UtilityTest::SetUp()
 {
     g_Imports = Imports();
