@@ -34,10 +34,11 @@ inline QcRunner::CActionLibrary& ShippedLibrary()
     return library;
 }
 
-// In the session of `host`, as RunAction does on its own thread.
-inline void CallInSession(QcRunner::CActionHost& host, QcRunner::CustomActionFunction action,
-                          const Properties& properties, const Lines& show, int answer, ActionOutcome& outcome)
+// In a fresh session, on the calling thread; gone again when this returns.
+inline void CallInNewSession(QcRunner::CustomActionFunction action, const Properties& properties, const Lines& show,
+                             int answer, ActionOutcome& outcome)
 {
+    QcRunner::CActionHost host;
     for (const auto& [name, value] : properties)
     {
         host.SetProperty(name, value);
@@ -76,10 +77,7 @@ inline ActionOutcome RunAction(const char* exportName, const Properties& propert
         {
             (void)CoInitializeEx(nullptr, apartment);
         }
-        {
-            QcRunner::CActionHost host;
-            CallInSession(host, action, properties, show, answer, outcome);
-        }
+        CallInNewSession(action, properties, show, answer, outcome);
         // S_OK when the action left COM as it found it on a fresh thread.
         outcome.comAfter = CoInitializeEx(nullptr, apartment);
         CoUninitialize();
