@@ -5,8 +5,8 @@
 // fresh installer session, and returns what it left behind.
 #include <windows.h>
 
-#include <future>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -34,58 +34,59 @@ inline QcRunner::CActionLibrary& ShippedLibrary()
     return library;
 }
 
+// In a fresh session, on the calling thread; gone again when this returns.
+inline void CallInNewSession(QcRunner::CustomActionFunction action, const Properties& properties, const Lines& show,
+                             int answer, ActionOutcome& outcome)
+{
+    QcRunner::CActionHost host;
+    for (const auto& [name, value] : properties)
+    {
+        host.SetProperty(name, value);
+    }
+    if (action == nullptr || !host.IsOpen())
+    {
+        outcome.lines.push_back(L"(no action or no session) " + host.Error());
+        return;
+    }
+    host.SetFallbackAnswer(answer);
+    outcome.result = host.Call(action);
+    outcome.messages = host.Messages();
+    for (const std::wstring& body : Bodies(host.LogLines()))
+    {
+        if (body.find(L"Workbench (#) ") == std::wstring::npos)
+        {
+            outcome.lines.push_back(body);
+        }
+    }
+    for (const std::wstring& name : show)
+    {
+        outcome.values.push_back(host.GetProperty(name));
+    }
+}
+
 // With `apartmentBefore` other than -1 the thread enters that apartment first;
 // the installer answers every user message with `answer`.
 inline ActionOutcome RunAction(const char* exportName, const Properties& properties, const Lines& show,
                                int apartmentBefore = -1, int answer = IDOK)
 {
     const QcRunner::CustomActionFunction action = ShippedLibrary().Find(exportName);
-    return std::async(std::launch::async,
-                      [&]() {
-                          ActionOutcome outcome;
-                          if (apartmentBefore != -1)
-                          {
-                              (void)CoInitializeEx(nullptr, static_cast<DWORD>(apartmentBefore));
-                          }
-                          {
-                              QcRunner::CActionHost host;
-                              for (const auto& property : properties)
-                              {
-                                  host.SetProperty(property.first, property.second);
-                              }
-                              if (action == nullptr || !host.IsOpen())
-                              {
-                                  outcome.lines.push_back(L"(no action or no session) " + host.Error());
-                                  return outcome;
-                              }
-                              host.SetFallbackAnswer(answer);
-                              outcome.result = host.Call(action);
-                              outcome.messages = host.Messages();
-                              for (const std::wstring& line : host.LogLines())
-                              {
-                                  const std::wstring body = Body(line);
-                                  if (body.find(L"Workbench (#) ") == std::wstring::npos)
-                                  {
-                                      outcome.lines.push_back(body);
-                                  }
-                              }
-                              for (const std::wstring& name : show)
-                              {
-                                  outcome.values.push_back(host.GetProperty(name));
-                              }
-                          }
-                          // S_OK when the action left COM as it found it on a fresh thread.
-                          outcome.comAfter =
-                              CoInitializeEx(nullptr, apartmentBefore != -1 ? static_cast<DWORD>(apartmentBefore)
-                                                                            : static_cast<DWORD>(COINIT_MULTITHREADED));
-                          CoUninitialize();
-                          if (apartmentBefore != -1)
-                          {
-                              CoUninitialize();
-                          }
-                          return outcome;
-                      })
-        .get();
+    const auto apartment = static_cast<DWORD>(apartmentBefore != -1 ? apartmentBefore : COINIT_MULTITHREADED);
+    ActionOutcome outcome;
+    std::thread([&] {
+        if (apartmentBefore != -1)
+        {
+            (void)CoInitializeEx(nullptr, apartment);
+        }
+        CallInNewSession(action, properties, show, answer, outcome);
+        // S_OK when the action left COM as it found it on a fresh thread.
+        outcome.comAfter = CoInitializeEx(nullptr, apartment);
+        CoUninitialize();
+        if (apartmentBefore != -1)
+        {
+            CoUninitialize();
+        }
+    }).join();
+    return outcome;
 }
 
 } // namespace QcTest

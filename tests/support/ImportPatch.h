@@ -15,8 +15,8 @@ class CImportPatch
 {
 public:
     CImportPatch(HMODULE hModule, const char* dllName, const char* functionName, const void* replacement)
+            : m_ppSlot(hModule != nullptr ? FindSlot(reinterpret_cast<BYTE*>(hModule), dllName, functionName) : nullptr)
     {
-        m_ppSlot = FindSlot(hModule, dllName, functionName);
         if (m_ppSlot != nullptr)
         {
             m_pOriginal = *m_ppSlot;
@@ -42,22 +42,13 @@ public:
     }
 
 private:
-    static void** FindSlot(HMODULE hModule, const char* dllName, const char* functionName)
+    static void** FindSlot(BYTE* base, const char* dllName, const char* functionName)
     {
-        if (hModule == nullptr)
-        {
-            return nullptr;
-        }
-        auto* base = reinterpret_cast<BYTE*>(hModule);
-        const auto* dos = reinterpret_cast<const IMAGE_DOS_HEADER*>(base);
-        const auto* nt = reinterpret_cast<const IMAGE_NT_HEADERS*>(base + dos->e_lfanew);
-        const IMAGE_DATA_DIRECTORY& directory = nt->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT];
-        if (directory.VirtualAddress == 0)
-        {
-            return nullptr;
-        }
-        for (auto* entry = reinterpret_cast<IMAGE_IMPORT_DESCRIPTOR*>(base + directory.VirtualAddress);
-             entry->Name != 0; ++entry)
+        const auto* nt =
+            reinterpret_cast<const IMAGE_NT_HEADERS*>(base + reinterpret_cast<IMAGE_DOS_HEADER*>(base)->e_lfanew);
+        const DWORD imports = nt->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT].VirtualAddress;
+        for (auto* entry = reinterpret_cast<IMAGE_IMPORT_DESCRIPTOR*>(base + imports); imports != 0 && entry->Name != 0;
+             ++entry)
         {
             if (::_stricmp(reinterpret_cast<const char*>(base + entry->Name), dllName) != 0 ||
                 entry->OriginalFirstThunk == 0)
@@ -69,12 +60,9 @@ private:
             auto* address = reinterpret_cast<IMAGE_THUNK_DATA*>(base + entry->FirstThunk);
             for (; name->u1.AddressOfData != 0; ++name, ++address)
             {
-                if (IMAGE_SNAP_BY_ORDINAL(name->u1.Ordinal))
-                {
-                    continue;
-                }
                 const auto* byName = reinterpret_cast<const IMAGE_IMPORT_BY_NAME*>(base + name->u1.AddressOfData);
-                if (std::strcmp(reinterpret_cast<const char*>(byName->Name), functionName) == 0)
+                if (!IMAGE_SNAP_BY_ORDINAL(name->u1.Ordinal) &&
+                    std::strcmp(reinterpret_cast<const char*>(byName->Name), functionName) == 0)
                 {
                     return reinterpret_cast<void**>(&address->u1.Function);
                 }
@@ -90,11 +78,10 @@ private:
         {
             *m_ppSlot = value;
             ::VirtualProtect(m_ppSlot, sizeof(void*), oldProtection, &oldProtection);
-            ::FlushInstructionCache(::GetCurrentProcess(), m_ppSlot, sizeof(void*));
         }
     }
 
-    void** m_ppSlot = nullptr;
+    void** m_ppSlot;
     void* m_pOriginal = nullptr;
 };
 

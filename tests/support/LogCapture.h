@@ -10,7 +10,6 @@
 #include "logging/DefaultLogger.h"
 #include "logging/Log.h"
 #include "logging/LogPostfixPoint.h"
-#include "support/CapturingStream.h"
 
 namespace QcTest {
 
@@ -18,12 +17,6 @@ namespace QcTest {
 // process/thread prefixes, the source line number masked as "#".
 using QcRunner::Body;
 using QcRunner::WithoutPrefixes;
-
-// Length of the date and process/thread prefixes at the start of `line`; 0 without them.
-inline size_t PrefixLength(const std::wstring& line)
-{
-    return line.size() - WithoutPrefixes(line).size();
-}
 
 // "PID(0x..) TID(0x..) " as the logger writes it for a thread of this process.
 inline std::wstring ThreadIds(DWORD threadId = ::GetCurrentThreadId())
@@ -39,7 +32,8 @@ inline std::wstring ThreadIds(DWORD threadId = ::GetCurrentThreadId())
 inline bool IsWholeLine(const std::wstring& line, DWORD threadId)
 {
     const std::wstring ids = ThreadIds(threadId);
-    return PrefixLength(line) == 20 + ids.size() && line.compare(20, ids.size(), ids) == 0 && line.back() == L'.';
+    return line.size() - WithoutPrefixes(line).size() == 20 + ids.size() && line.compare(20, ids.size(), ids) == 0 &&
+           line.back() == L'.';
 }
 
 inline std::vector<std::wstring> Bodies(const std::vector<std::wstring>& lines)
@@ -52,13 +46,27 @@ inline std::vector<std::wstring> Bodies(const std::vector<std::wstring>& lines)
     return bodies;
 }
 
+// An output stream that keeps every line it is handed, exactly as handed.
+class CCapturingStream : public Quillcast::System::IO::COutputStream<wchar_t>
+{
+public:
+    bool Write(const wchar_t* text, uint32_t length) override
+    {
+        m_Lines.emplace_back(text, length);
+        return true;
+    }
+    std::vector<std::wstring> m_Lines;
+};
+
 // A logger set up like the library's own (date and process/thread prefixes, the
-// point postfix) that keeps its lines in memory. While it lives it is the
-// process-wide g_pLogger; the previous logger is put back when it dies.
+// point postfix). While it lives it is the process-wide g_pLogger; the previous
+// logger is put back when it dies. It keeps its lines in memory, or hands them
+// to `pStream` (the installer log stream, for the frame's own tests) instead.
 class CLogCapture
 {
 public:
-    CLogCapture() : m_Logger(&m_Stream), m_pPrevious(g_pLogger)
+    explicit CLogCapture(Quillcast::System::IO::COutputStream<wchar_t>* pStream = nullptr)
+            : m_Logger(pStream != nullptr ? pStream : &m_Stream), m_pPrevious(g_pLogger)
     {
         m_Logger.AddPostfix(Quillcast::Logging::CLogPostfixPoint());
         g_pLogger = &m_Logger;

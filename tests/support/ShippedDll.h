@@ -3,31 +3,26 @@
 #include <windows.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 namespace QcTest {
 
-// The build's binary folder, ending in "\\": QC_BIN_DIR when the test runs
-// under CTest, else the test program's own folder.
+// The build's binary folder, ending in "\\": QC_BIN_DIR (a Unix path of the
+// build tree, which Wine maps under Z:) when the test runs under CTest, else
+// the test program's own folder.
 inline std::wstring BinFolder()
 {
-    std::wstring folder;
+    wchar_t path[MAX_PATH] = {};
+    std::wstring folder(path, GetModuleFileNameW(nullptr, path, MAX_PATH));
+    folder.erase(folder.find_last_of(L"\\/") + 1);
     if (const char* bin = std::getenv("QC_BIN_DIR"))
     {
-        // A Unix path of the build tree; Wine maps the root to Z:.
-        folder = L"Z:";
-        for (const char* p = bin; *p != '\0'; ++p)
+        folder.assign(L"Z:").append(bin, bin + std::strlen(bin)).append(L"\\");
+        for (wchar_t& ch : folder)
         {
-            folder += (*p == '/') ? L'\\' : static_cast<wchar_t>(*p);
+            ch = ch == L'/' ? L'\\' : ch;
         }
-        folder += L'\\';
-    }
-    else
-    {
-        wchar_t path[MAX_PATH] = {};
-        GetModuleFileNameW(nullptr, path, MAX_PATH);
-        folder = path;
-        folder = folder.substr(0, folder.find_last_of(L"\\/") + 1);
     }
     return folder;
 }

@@ -84,6 +84,8 @@ TEST_P(ShowMessageImmediately, ShowsTheMessage)
 
 const std::wstring kBox = L"Quillcast Setup|Install the printer driver?|" + std::to_wstring(MB_SYSTEMMODAL | MB_YESNO);
 const std::wstring kGetFailed = L"MsiGetProperty ShowMessage";
+const Lines kTextUnread = {Error(kGetFailed + L"TextProperty failed with error 4242")};
+const Lines kTypeUnread = {Details(kCaption, L"1")[0], Error(kGetFailed + L"TypeProperty failed with error 4242")};
 
 const ImmediateCase kCases[] = {
     // Silent installation: the installer answers nothing; the box is the only
@@ -99,21 +101,8 @@ const ImmediateCase kCases[] = {
     {"UnreadableQuietModeIsLoggedAndZero", L"1", IDOK,
      With(Details(kCaption, L""), 3, Error(kGetFailed + L"QuietModeProperty failed with error 4242")), L"", 0,
      L"ShowMessageQuietModeProperty"},
-    {"UnreadableTextFails",
-     L"1",
-     IDOK,
-     {Error(kGetFailed + L"TextProperty failed with error 4242")},
-     L"",
-     1603,
-     L"ShowMessageTextProperty"},
-    {"UnreadableTypeFails",
-     L"1",
-     IDOK,
-     {Detail(L"ShowMessageTextProperty = " + std::wstring(kText)),
-      Error(kGetFailed + L"TypeProperty failed with error 4242")},
-     L"",
-     1603,
-     L"ShowMessageTypeProperty"},
+    {"UnreadableTextFails", L"1", IDOK, kTextUnread, L"", 1603, L"ShowMessageTextProperty"},
+    {"UnreadableTypeFails", L"1", IDOK, kTypeUnread, L"", 1603, L"ShowMessageTypeProperty"},
 };
 
 INSTANTIATE_TEST_SUITE_P(Cases, ShowMessageImmediately, ::testing::ValuesIn(kCases), kByBehaviour);

@@ -50,6 +50,7 @@ const std::wstring kFound = Warning(L"Found QCClnIca registry value");
 const std::wstring kNoValue = Error(L"Query registry value failed with error 4242");
 const std::wstring kRefused = Error(L"Set registry value failed with error 4242");
 const std::wstring kReplace = Error(L"Replace failed with error 87");
+const std::wstring kNoOpen = Error(L"Open registry key failed with error 4242");
 
 const IcaCase kIcaCases[] = {
     {"AddAppendsCommaAndEntryAsText", kAdd, REG_EXPAND_SZ, L"DrvA,DrvB\0"s, L"DrvA,DrvB,QCClnIca"},
@@ -60,13 +61,7 @@ const IcaCase kIcaCases[] = {
     {"AddCountsALongerNameContainingTheEntry", kAdd, REG_SZ, L"DrvA,QCClnIca64\0"s, kKept, 0, {kFound}},
     {"AddExtendsAListOfTenThousandCharacters", kAdd, REG_SZ, kLong + L'\0', kLong + L",QCClnIca"},
     {"AddFailsWithoutTheValue", kAdd, REG_NONE, L"", kNone, 1603, {kNoValue}},
-    {"AddFailsWithoutTheKeyInThe32BitView",
-     kAdd,
-     kNoKey,
-     L"",
-     kNone,
-     1603,
-     {Error(L"Open registry key failed with error 4242")}},
+    {"AddFailsWithoutTheKeyInThe32BitView", kAdd, kNoKey, L"", kNone, 1603, {kNoOpen}},
     {"RemoveLeavesAListWithoutTheEntry", kRemove, REG_EXPAND_SZ, L"DrvA,DrvB\0"s, kKept},
     {"RemoveDeletesTheValueHoldingOnlyTheEntry", kRemove, REG_SZ, L"QCClnIca\0"s, kNone},
     {"RemoveTakesEveryOccurrence", kRemove, REG_SZ, L"QCClnIca,DrvA,QCClnIca\0"s, L"DrvA"},
@@ -84,6 +79,7 @@ INSTANTIATE_TEST_SUITE_P(Cases, IcaClient, ::testing::ValuesIn(kIcaCases), kByBe
 const wchar_t kClient[] = L"SOFTWARE\\Quillcast\\Client";
 const char* const kDeferred = "SetRemoteConfigDeferred";
 const char* const kImmediate = "SetRemoteConfigImmediately";
+const std::wstring kUnread = Error(L"MsiGetProperty RMTCONF failed with error 4242");
 
 struct RemoteConfigCase
 {
@@ -118,20 +114,14 @@ const RemoteConfigCase kRemoteConfigCases[] = {
     // One terminator only: the count leaves out the list's second zero.
     {"DeferredWritesEachHostAsAString", kDeferred, L"host1;host2", L"host1\0host2\0"s},
     {"TrailingSemicolonGivesAnEmptyLastString", kImmediate, L"a;b;", L"a\0b\0\0"s},
-    {"KeyIn32BitViewOnlyIsNoKey",
-     kDeferred,
-     L"host1",
-     L"",
-     KEY_WOW64_32KEY,
-     1603,
-     {Error(L"Open registry key failed with error 4242")}},
+    {"KeyIn32BitViewOnlyIsNoKey", kDeferred, L"host1", L"", KEY_WOW64_32KEY, 1603, {kNoOpen}},
     {"UnreadablePropertyFailsAndWritesNothing",
      kImmediate,
      L"host1",
      L"",
      KEY_WOW64_64KEY,
      1603,
-     {Error(L"MsiGetProperty RMTCONF failed with error 4242")},
+     {kUnread},
      L"RMTCONF"},
     {"RefusedWriteFails", kDeferred, L"host1", L"", KEY_WOW64_64KEY, 1603, {kRefused}, L"", true},
 };

@@ -2,6 +2,8 @@
 
 #include <msiquery.h>
 
+#include "host/types/Handles.h"
+
 #include <tuple>
 #include <utility>
 
@@ -12,19 +14,6 @@ std::vector<std::wstring> g_Files;
 } // namespace
 
 Imports g_Imports;
-
-std::wstring Error(const std::wstring& text)
-{
-    return L"[ERROR] Various (#) " + text + L".";
-}
-std::wstring Warning(const std::wstring& text)
-{
-    return L"[WARNING] Various (#) " + text + L".";
-}
-std::wstring Detail(const std::wstring& text)
-{
-    return L"Various (#) " + text + L".";
-}
 
 void UtilityTest::SetUp()
 {
@@ -82,31 +71,25 @@ void UtilityTest::TearDown()
 
 bool SetValue(REGSAM view, const std::wstring& key, const wchar_t* name, DWORD type, const std::wstring& bytes)
 {
-    HKEY hKey = nullptr;
     g_Keys.emplace_back(view, key);
-    bool bDone = RegCreateKeyExW(HKEY_LOCAL_MACHINE, key.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS | view, nullptr, &hKey,
-                                 nullptr) == ERROR_SUCCESS;
-    if (bDone && name != nullptr)
-    {
-        bDone = RegSetValueExW(hKey, name, 0, type, reinterpret_cast<const BYTE*>(bytes.c_str()),
-                               static_cast<DWORD>(bytes.size() * sizeof(wchar_t))) == ERROR_SUCCESS;
-    }
-    RegCloseKey(hKey);
-    return bDone;
+    Quillcast::System::Types::CRegistryKey hKey;
+    return RegCreateKeyExW(HKEY_LOCAL_MACHINE, key.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS | view, nullptr, hKey.Put(),
+                           nullptr) == ERROR_SUCCESS &&
+           (name == nullptr || RegSetValueExW(hKey.Get(), name, 0, type, reinterpret_cast<const BYTE*>(bytes.c_str()),
+                                              static_cast<DWORD>(bytes.size() * sizeof(wchar_t))) == ERROR_SUCCESS);
 }
 
 std::pair<DWORD, std::wstring> ReadValue(REGSAM view, const std::wstring& key, const wchar_t* name)
 {
     std::pair<DWORD, std::wstring> value(REG_NONE, L"");
-    HKEY hKey = nullptr;
+    Quillcast::System::Types::CRegistryKey hKey;
     DWORD cbData = 0;
-    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, key.c_str(), 0, KEY_QUERY_VALUE | view, &hKey) == ERROR_SUCCESS &&
-        RegQueryValueExW(hKey, name, nullptr, &value.first, nullptr, &cbData) == ERROR_SUCCESS)
+    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, key.c_str(), 0, KEY_QUERY_VALUE | view, hKey.Put()) == ERROR_SUCCESS &&
+        RegQueryValueExW(hKey.Get(), name, nullptr, &value.first, nullptr, &cbData) == ERROR_SUCCESS)
     {
         value.second.resize(cbData / sizeof(wchar_t));
-        RegQueryValueExW(hKey, name, nullptr, &value.first, reinterpret_cast<BYTE*>(&value.second[0]), &cbData);
+        RegQueryValueExW(hKey.Get(), name, nullptr, &value.first, reinterpret_cast<BYTE*>(&value.second[0]), &cbData);
     }
-    RegCloseKey(hKey);
     return value;
 }
 

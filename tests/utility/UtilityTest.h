@@ -22,9 +22,9 @@ namespace QcTest {
 constexpr DWORD kLastErrorMarker = 4242;
 
 // Expected lines as Body() renders them.
-std::wstring Error(const std::wstring& text);
-std::wstring Warning(const std::wstring& text);
-std::wstring Detail(const std::wstring& text);
+inline const auto Error = [](const std::wstring& text) { return L"[ERROR] Various (#) " + text + L"."; };
+inline const auto Warning = [](const std::wstring& text) { return L"[WARNING] Various (#) " + text + L"."; };
+inline const auto Detail = [](const std::wstring& text) { return L"Various (#) " + text + L"."; };
 
 // What the DLL's redirected imports do in a case; the rest calls the real functions.
 struct Imports

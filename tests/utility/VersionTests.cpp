@@ -59,6 +59,9 @@ TEST_P(EngineVersion, SetsTheEditionProperty)
 }
 
 const std::wstring kNoEngineKey = Warning(L"Open registry key .lumen Engine failed with error 4242");
+const Lines kNoSecond = {kNoEngineKey, L"[ERROR] FileVersion (#) GetFileVersionInfoSize failed with error 2."};
+const Lines kNoKeys = {kNoEngineKey, Error(L"Open registry key .lumen RDP engine failed with error 4242")};
+const Lines kNoValue = {Error(L"Query registry value failed with error 4242")};
 
 const EngineCase kEngineCases[] = {
     {"Version76UnderRdpKeyWarnsAndSetsRdpKit76", kRdp, L"7.6", L"RDPKIT76", nullptr, false, Ws, {kNoEngineKey}},
@@ -70,37 +73,14 @@ const EngineCase kEngineCases[] = {
     {"Version70WithMarkerSetsDesktopKit70", kEngine, L"7.0", L"DESKTOPKIT70", L"_0_1_2_3", true},
     {"Version70WithSecondAt0_1SetsDesktopKit702", kEngine, L"7.0", L"DESKTOPKIT702", L"_0_1_2_3"},
     {"Version70WithSecondAt0_0SetsRdpKitXp70", kEngine, L"7.0", L"RDPKITXP70", L"_0_0_5_6"},
-    {"Version70WithoutSecondSetsRdpKitXp70",
-     kRdp,
-     L"7.0",
-     L"RDPKITXP70",
-     nullptr,
-     false,
-     Ws,
-     {kNoEngineKey, L"[ERROR] FileVersion (#) GetFileVersionInfoSize failed with error 2."}},
+    {"Version70WithoutSecondSetsRdpKitXp70", kRdp, L"7.0", L"RDPKITXP70", nullptr, false, Ws, kNoSecond},
     // The whole high word of the file version is compared: neither minor 1 nor minor 0 alone decides.
     {"Version70WithSecondAt1_1SetsNothing", kEngine, L"7.0", nullptr, L"_1_1_0_0"},
     {"Version70WithSecondAt1_0SetsNothing", kEngine, L"7.0", nullptr, L"_1_0_0_0"},
     {"Version701IsNot70", kEngine, L"7.0.1", nullptr, nullptr, true},
     {"EmptyVersionSetsNothing", kEngine, L"", nullptr, nullptr, true},
-    {"KeyIn32BitViewOnlyIsNoKey",
-     kEngine32,
-     L"7.6",
-     nullptr,
-     nullptr,
-     false,
-     Ws,
-     {kNoEngineKey, Error(L"Open registry key .lumen RDP engine failed with error 4242")},
-     1603},
-    {"WithoutDisplayVersionFails",
-     kEngine,
-     nullptr,
-     nullptr,
-     nullptr,
-     false,
-     Ws,
-     {Error(L"Query registry value failed with error 4242")},
-     1603},
+    {"KeyIn32BitViewOnlyIsNoKey", kEngine32, L"7.6", nullptr, nullptr, false, Ws, kNoKeys, 1603},
+    {"WithoutDisplayVersionFails", kEngine, nullptr, nullptr, nullptr, false, Ws, kNoValue, 1603},
 };
 
 INSTANTIATE_TEST_SUITE_P(Cases, EngineVersion, ::testing::ValuesIn(kEngineCases), kByBehaviour);
@@ -132,36 +112,20 @@ TEST_P(GetFileVersion, WritesTheFileVersion)
 
 const wchar_t k1234[] = L"QcVersion_1_2_3_4.exe";
 
+const Lines kNoResource = {L"[ERROR] FileVersion (#) GetFileVersionInfoSize failed with error 1812."}; // Wine's code
+const Lines kNoFile = {Error(L"Access failed with error 2")}, kNoFolder = {Error(L"Access failed with error 3")};
+const Lines kPathUnread = {Error(L"MsiGetProperty GFV_FILEPATH failed with error 4242")};
+const Lines kNameUnread = {Error(L"MsiGetProperty GFV_FILENAME failed with error 4242")};
+
 const FileVersionCase kFileCases[] = {
     {"FileVersionOfAVersionResource", L"", L"QcVersion_65535_0_0_65535.exe", L"65535.0.0.65535"},
     // The folder's own backslash and the joining one make two; the file is still found.
     {"FolderEndingInBackslash", L"\\", k1234, L"1.2.3.4"},
-    {"FileWithoutVersionResourceGivesEmptyResult",
-     L"",
-     L"QcVersionNone.exe",
-     L"",
-     {L"[ERROR] FileVersion (#) GetFileVersionInfoSize failed with error 1812."}}, // Wine: no resource data
-    {"MissingFileGivesMinusOneAndFails", L"", L"QcMissing.exe", L"-1", {Error(L"Access failed with error 2")}, 1603},
-    {"MissingFolderGivesMinusOneAndFails",
-     L"\\QcMissingFolder",
-     k1234,
-     L"-1",
-     {Error(L"Access failed with error 3")},
-     1603},
-    {"UnreadableFolderFailsAndWritesNothing",
-     L"",
-     k1234,
-     L"untouched",
-     {Error(L"MsiGetProperty GFV_FILEPATH failed with error 4242")},
-     1603,
-     L"GFV_FILEPATH"},
-    {"UnreadableNameFailsAndWritesNothing",
-     L"",
-     k1234,
-     L"untouched",
-     {Error(L"MsiGetProperty GFV_FILENAME failed with error 4242")},
-     1603,
-     L"GFV_FILENAME"},
+    {"FileWithoutVersionResourceGivesEmptyResult", L"", L"QcVersionNone.exe", L"", kNoResource},
+    {"MissingFileGivesMinusOneAndFails", L"", L"QcMissing.exe", L"-1", kNoFile, 1603},
+    {"MissingFolderGivesMinusOneAndFails", L"\\QcMissingFolder", k1234, L"-1", kNoFolder, 1603},
+    {"UnreadableFolderFailsAndWritesNothing", L"", k1234, L"untouched", kPathUnread, 1603, L"GFV_FILEPATH"},
+    {"UnreadableNameFailsAndWritesNothing", L"", k1234, L"untouched", kNameUnread, 1603, L"GFV_FILENAME"},
 };
 
 INSTANTIATE_TEST_SUITE_P(Cases, GetFileVersion, ::testing::ValuesIn(kFileCases), kByBehaviour);

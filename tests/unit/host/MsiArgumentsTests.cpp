@@ -3,7 +3,7 @@
 #include <windows.h>
 
 #include <algorithm>
-#include <random>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -39,7 +39,10 @@ TEST(MsiArgumentsParse, FirstCharacterSeparatesPairsThatAreTrimmedAndKeptInOrder
     };
     // Each text ends right before a page that cannot be read: a parser reading
     // past the terminator crashes (FailFastOnCrash turns that into a failure).
-    wchar_t* const pPage = static_cast<wchar_t*>(::VirtualAlloc(nullptr, 8192, MEM_COMMIT, PAGE_READWRITE));
+    const auto release = [](wchar_t* pPages) { ::VirtualFree(pPages, 0, MEM_RELEASE); };
+    const std::unique_ptr<wchar_t, decltype(release)> pages(
+        static_cast<wchar_t*>(::VirtualAlloc(nullptr, 8192, MEM_COMMIT, PAGE_READWRITE)), release);
+    wchar_t* const pPage = pages.get();
     DWORD dwOld = 0;
     ASSERT_TRUE(pPage != nullptr && ::VirtualProtect(pPage + 2048, 4096, PAGE_NOACCESS, &dwOld));
     for (const auto& sample : cases)
@@ -57,60 +60,6 @@ TEST(MsiArgumentsParse, FirstCharacterSeparatesPairsThatAreTrimmedAndKeptInOrder
         EXPECT_EQ(parsed, sample.expected) << (sample.data != nullptr ? sample.data : L"(null)");
         EXPECT_EQ(arguments.Count(), parsed.size());
     }
-    ::VirtualFree(pPage, 0, MEM_RELEASE);
-}
-
-// Generated texts whose pairs are known by construction: padded "name=value"
-// pieces, now and then text without "=" (it becomes the front of the next name),
-// names ending in a TAB, long values. Each text ends right before a page that is
-// reserved only, so an over-read crashes.
-TEST(MsiArgumentsRandom, PairsAreTheGeneratedValuesInOrderBehindTrimmedNames)
-{
-    constexpr size_t kChars = 32768;
-    wchar_t* const pRegion = static_cast<wchar_t*>(::VirtualAlloc(nullptr, kChars * 4, MEM_RESERVE, PAGE_NOACCESS));
-    ASSERT_TRUE(pRegion != nullptr && ::VirtualAlloc(pRegion, kChars * 2, MEM_COMMIT, PAGE_READWRITE) != nullptr);
-    std::mt19937 random(20261123u);
-    for (int round = 0; round < 100000 && !::testing::Test::HasFailure(); ++round)
-    {
-        const wchar_t sep = L";| \t,\u00E9"[random() % 6];
-        // Up to `most` characters of `alphabet`, never the separator.
-        const auto pick = [&random, sep](std::wstring alphabet, size_t most) {
-            alphabet.erase(std::remove(alphabet.begin(), alphabet.end(), sep), alphabet.end());
-            std::wstring text(alphabet.empty() ? 0 : random() % (most + 1), L' ');
-            std::generate(text.begin(), text.end(), [&] { return alphabet[random() % alphabet.size()]; });
-            return text;
-        };
-        const std::wstring letters = L"AbZ09_.\\\u00C4\u0130\xD83D\xDE00";
-        PairList pieces;
-        std::wstring text(1, sep);
-        for (size_t count = random() % 9; count > 0; --count)
-        {
-            const std::wstring junk = random() % 5 == 0 ? pick(letters, 4) + sep : L"";
-            std::wstring name = pick(letters, 5);
-            name += !name.empty() && random() % 4 == 0 ? pick(L"\t", 1) : L""; // a lone TAB is front padding
-            const std::wstring value =
-                random() % 50 == 0 ? L"x" + pick(L" =\tq", 3000) + L"x" : pick(letters + L"=", 5);
-            text += junk + pick(L" \t", 2) + name + pick(L" ", 2) + L"=" + pick(L" \t", 2) + value + pick(L" ", 2);
-            text += sep;
-            pieces.emplace_back(name, value);
-        }
-        text.pop_back();
-        wchar_t* const pText = pRegion + kChars - 1 - text.size();
-        *std::copy(text.begin(), text.end(), pText) = L'\0';
-        CMsiArguments arguments;
-        arguments.Parse(pText);
-        ASSERT_EQ(arguments.Count(), pieces.size()) << ::testing::PrintToString(text);
-        size_t i = 0;
-        for (const auto& pair : arguments.Pairs())
-        {
-            const std::wstring name = Text(pair.m_Name), suffix = pieces[i].first;
-            EXPECT_EQ(Text(pair.m_Value), pieces[i++].second) << ::testing::PrintToString(text);
-            EXPECT_TRUE(name.find_first_of(L" \t") != 0 && name.size() >= suffix.size() &&
-                        name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0)
-                << ::testing::PrintToString(name) << " in " << ::testing::PrintToString(text);
-        }
-    }
-    ::VirtualFree(pRegion, 0, MEM_RELEASE);
 }
 
 TEST(MsiArgumentsLookup, FoldsOnlyAsciiLettersTheFirstDuplicateWinsAndAnEmptyNameIsNeverFound)
