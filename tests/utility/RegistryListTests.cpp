@@ -85,13 +85,13 @@ struct RemoteConfigCase
 {
     const char* behaviour;
     const char* action;
-    const wchar_t* list;              // REMOTECONFIG or RMTCONF
-    std::wstring bytes;               // the value's exact data, as characters; empty: no value
-    REGSAM keyView = KEY_WOW64_64KEY; // where the key exists
+    const wchar_t* list; // REMOTECONFIG or RMTCONF
+    std::wstring bytes;  // the value's exact data, as characters; empty: no value
     UINT result = 0;
     Lines lines = {};
     const wchar_t* failingRead = L""; // a property whose read fails
     bool refused = false;             // the registry refuses the write
+    REGSAM keyView = KEY_WOW64_64KEY; // where the key exists
 };
 
 using RemoteConfig = UtilityCases<RemoteConfigCase>;
@@ -114,16 +114,9 @@ const RemoteConfigCase kRemoteConfigCases[] = {
     // One terminator only: the count leaves out the list's second zero.
     {"DeferredWritesEachHostAsAString", kDeferred, L"host1;host2", L"host1\0host2\0"s},
     {"TrailingSemicolonGivesAnEmptyLastString", kImmediate, L"a;b;", L"a\0b\0\0"s},
-    {"KeyIn32BitViewOnlyIsNoKey", kDeferred, L"host1", L"", KEY_WOW64_32KEY, 1603, {kNoOpen}},
-    {"UnreadablePropertyFailsAndWritesNothing",
-     kImmediate,
-     L"host1",
-     L"",
-     KEY_WOW64_64KEY,
-     1603,
-     {kUnread},
-     L"RMTCONF"},
-    {"RefusedWriteFails", kDeferred, L"host1", L"", KEY_WOW64_64KEY, 1603, {kRefused}, L"", true},
+    {"KeyIn32BitViewOnlyIsNoKey", kDeferred, L"host1", L"", 1603, {kNoOpen}, L"", false, KEY_WOW64_32KEY},
+    {"UnreadablePropertyFailsAndWritesNothing", kImmediate, L"host1", L"", 1603, {kUnread}, L"RMTCONF"},
+    {"RefusedWriteFails", kDeferred, L"host1", L"", 1603, {kRefused}, L"", true},
 };
 
 INSTANTIATE_TEST_SUITE_P(Cases, RemoteConfig, ::testing::ValuesIn(kRemoteConfigCases), kByBehaviour);
