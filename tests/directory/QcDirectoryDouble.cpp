@@ -158,10 +158,6 @@ public:
         }
         const auto type = static_cast<CIMTYPE>(_wtoi(answer.c_str()));
         Give(pType, type);
-        if (pVal == nullptr)
-        {
-            return WBEM_S_NO_ERROR;
-        }
         // WMI hands a CIM_BOOLEAN over as VT_BOOL, a CIM_STRING and a CIM_DATETIME as VT_BSTR, and a property
         // without a value as VT_NULL.
         const Types::CBstr text(answer.c_str() + answer.find(L':') + 1);
@@ -244,12 +240,12 @@ public:
     STDMETHODIMP ExecQuery(const BSTR strQueryLanguage, const BSTR strQuery, LONG lFlags, IWbemContext*,
                            IEnumWbemClassObject** ppEnum) override
     {
-        if (const HRESULT hResult = Call(L"ExecQuery", ppEnum, Text(strQueryLanguage), Text(strQuery), lFlags))
+        const HRESULT hResult = Call(L"ExecQuery", ppEnum, Text(strQueryLanguage), Text(strQuery), lFlags);
+        if (hResult == S_OK)
         {
-            return hResult;
+            *ppEnum = new CEnumerator();
         }
-        *ppEnum = new CEnumerator();
-        return WBEM_S_NO_ERROR;
+        return hResult;
     }
     QC_UNUSED(OpenNamespace, const BSTR, LONG, IWbemContext*, IWbemServices**, IWbemCallResult**)
     QC_UNUSED(CancelAsyncCall, IWbemObjectSink*)
