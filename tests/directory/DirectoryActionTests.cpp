@@ -160,7 +160,7 @@ const Row kDomainRows[] = {
      .server = L"",
      .lines = {kConnecting, kQuerying, L"[ERROR] WmiClassObject (#) Get for property 'PartOfDomain' failed."},
      .values = {L"WORKGROUP", L"earlier"}},
-    // RPC_E_CHANGED_MODE (0x80010106) is logged and the query still runs; only the first computer system is read.
+    // RPC_E_CHANGED_MODE (0x80010106) is logged and the query still runs; only one computer system is read.
     // A CIM_STRING without a value (VT_NULL) is the empty text; a machine outside a domain keeps an earlier flag.
     {.name = "FirstOfTwoWorkgroupMembersCountsForAnApartmentThreadedCaller",
      .answers = {{L"PartOfDomain", L"11:0"}, {L"Domain", L"8:"}, {L"Instances", L"2"}},

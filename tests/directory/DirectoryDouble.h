@@ -15,8 +15,8 @@ namespace QcTest {
 
 // Values under kDoubleKey, all text and all optional (numbers in decimal):
 //   Instances           how many Win32_ComputerSystem the query finds (default 1)
-//   Domain, PartOfDomain  the first instance's property as "<CIM type>:<text>", "<CIM type>:" for one without a
-//                       value; absent: WBEM_E_NOT_FOUND. Later instances have no properties.
+//   Domain, PartOfDomain  each instance's property as "<CIM type>:<text>", "<CIM type>:" for one without a
+//                       value; absent: WBEM_E_NOT_FOUND
 //   ImpersonationLevel  what the proxies report before a set (default 2, identify)
 //   ConnectServer, QueryBlanket, SetBlanket, ExecQuery, Next, InvokeDialog: the HRESULT that call answers instead
 // Written by the server:

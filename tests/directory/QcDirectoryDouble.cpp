@@ -138,11 +138,11 @@ private:
     SEC_WINNT_AUTH_IDENTITY_W m_Identity = {};
 };
 
-// A Win32_ComputerSystem instance; only the first one has properties.
+// A Win32_ComputerSystem instance.
 class CComputerSystem : public CObject<IWbemClassObject>
 {
 public:
-    explicit CComputerSystem(bool bFirst) : CObject(L"Win32_ComputerSystem"), m_bFirst(bFirst) {}
+    CComputerSystem() : CObject(L"Win32_ComputerSystem") {}
 
     STDMETHODIMP Get(LPCWSTR wszName, LONG lFlags, VARIANT* pVal, CIMTYPE* pType, LONG*) override
     {
@@ -151,7 +151,7 @@ public:
         {
             return WBEM_E_INVALID_PARAMETER;
         }
-        const std::wstring answer = m_bFirst ? Answer(wszName) : L"";
+        const std::wstring answer = Answer(wszName);
         if (answer.find(L':') == std::wstring::npos)
         {
             return WBEM_E_NOT_FOUND;
@@ -193,9 +193,6 @@ public:
     QC_UNUSED(EndMethodEnumeration)
     QC_UNUSED(GetMethodQualifierSet, LPCWSTR, IWbemQualifierSet**)
     QC_UNUSED(GetMethodOrigin, LPCWSTR, BSTR*)
-
-private:
-    const bool m_bFirst;
 };
 
 class CEnumerator : public CProxy<IEnumWbemClassObject>
@@ -218,7 +215,8 @@ public:
         {
             return WBEM_S_FALSE;
         }
-        apObjects[0] = new CComputerSystem(m_Handed++ == 0);
+        apObjects[0] = new CComputerSystem();
+        ++m_Handed;
         *puReturned = 1;
         return WBEM_S_NO_ERROR;
     }
