@@ -162,7 +162,7 @@ const Row kDomainRows[] = {
      .values = {L"WORKGROUP", L"earlier"}},
     // RPC_E_CHANGED_MODE (0x80010106) is logged and the query still runs; only one computer system is read.
     // A CIM_STRING without a value (VT_NULL) is the empty text; a machine outside a domain keeps an earlier flag.
-    {.name = "FirstOfTwoWorkgroupMembersCountsForAnApartmentThreadedCaller",
+    {.name = "OneOfTwoWorkgroupMembersCountsForAnApartmentThreadedCaller",
      .answers = {{L"PartOfDomain", L"11:0"}, {L"Domain", L"8:"}, {L"Instances", L"2"}},
      .apartment = COINIT_APARTMENTTHREADED,
      .lines = {Error(L"WmiConnection", L"CoInitializeEx failed with result 2147549446"), kConnecting, kQuerying},
