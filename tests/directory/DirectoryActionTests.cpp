@@ -19,6 +19,8 @@ namespace {
 constexpr wchar_t kTitle[] = L"Quillcast Picker Test";
 constexpr wchar_t kDialogTitle[] = L"Quillcast Dialog"; // only a standard dialog has it
 const std::wstring kDoubleServer = BinFolder() + L"QcDirectoryDouble.dll";
+// A server that cannot be loaded: creating the class fails with ERROR_MOD_NOT_FOUND.
+const std::wstring kMissingServer = L"C:\\windows\\system32\\QcMissingServer.dll";
 
 // Reads of the shipped DLL that fail: "NAME" fails the second call of that property, "NAME:size" its size
 // query. Failing calls leave last error 1627.
@@ -186,6 +188,10 @@ const Row kDomainRows[] = {
      .answers = {{L"Instances", L"0"}},
      .lines = {kConnecting, kQuerying, Error(L"Various", L"No Win32_ComputerSystem found")},
      .journal = Calls(4, kNoneLeft)},
+    {.name = "FailedConnectFailsWithTheThreadsLastError",
+     .answers = {Fail(L"ConnectServer", WBEM_E_ACCESS_DENIED)},
+     .lines = {kConnecting, Error(L"WmiConnection", L"Connecting Wmi Services failed"), kConnectFailed + L"5."},
+     .journal = {kConnect, L"Locator released"}},
     {.name = "FailedServicesBlanketFailsTheConnect",
      .answers = {Fail(L"SetBlanket", WBEM_E_ACCESS_DENIED)},
      .lines = kBlanketFailed,
@@ -195,6 +201,13 @@ const Row kDomainRows[] = {
      .answers = {Fail(L"QueryBlanket", WBEM_E_ACCESS_DENIED)},
      .lines = kBlanketFailed,
      .journal = Calls(1)},
+    {.name = "MissingLocatorFailsTheConnect",
+     .server = kMissingServer,
+     .lines = {Error(L"WmiConnection", L"Creating WbemLocator failed"), kConnectFailed + L"126."}},
+    {.name = "FailedQueryFails",
+     .answers = {Fail(L"ExecQuery", WBEM_E_ACCESS_DENIED)},
+     .lines = {kConnecting, kQuerying, Error(L"WmiConnection", L"Processing query failed"), kQueryFailed},
+     .journal = Calls(3)},
     // Any answer but S_OK and S_FALSE ends the walk, a success code (WBEM_S_TIMEDOUT) too.
     {.name = "EnumerationAnsweringNeitherOkNorFalseFails",
      .answers = {Fail(L"Next", WBEM_S_TIMEDOUT)},
@@ -263,6 +276,9 @@ const Row kPickRows[] = {
      .properties = Options(L"2", L"1"),
      .lines = {Error(L"Directory", L"InvokeDialog failed with error 2147942405"), kShowFailed},
      .journal = Picked(L"0x1", kGroups)},
+    {.name = "PickerThatCannotBeCreatedIsNotUsed",
+     .server = kMissingServer,
+     .lines = {Error(L"Various", L"ShowObjectPicker failed with error 126")}},
     {.name = "NoWindowWithTheProductTitleFails",
      .properties = {{L"ProductName", L"Quillcast Silent"}},
      .lines = {Error(L"Various", L"FindWindow failed with error 0")}},

@@ -282,6 +282,7 @@ public:
         if (const HRESULT hResult = Call(L"ConnectServer", ppNamespace, Text(strNetworkResource), Text(strUser),
                                          Text(strPassword), Text(strLocale), lSecurityFlags, Text(strAuthority)))
         {
+            SetLastError(ERROR_ACCESS_DENIED); // what the failed RPC call leaves behind on the thread
             return hResult;
         }
         *ppNamespace = new CServices();
