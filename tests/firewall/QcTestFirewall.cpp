@@ -1,11 +1,11 @@
 // A test double of the Windows Firewall objects that Wine stubs: an in-process
 // COM server for NetFwPolicy2, NetFwRule, NetFwMgr, NetFwOpenPort and
 // NetFwAuthorizedApplication. It keeps its rules and lists in the registry
-// (FirewallState.h) so that every process of the prefix sees one firewall and
+// (TestFirewall.h) so that every process of the prefix sees one firewall and
 // the tests can read what an action left behind:
 //   Rules\<n>                     one key per rule, its properties as values
 //   OpenPorts\<port>-<protocol>   AuthorizedApplications\<n>
-//   Journal                       REG_MULTI_SZ, every call as "Object.Method"
+//   Journal                       every call as "Object.Method", one a line
 // Switches, values of the same key: NoPolicy2 (NetFwPolicy2 not registered),
 // NoRule2 (rules without INetFwRule2), CurrentProfileTypes (default 2),
 // ExceptionsNotAllowed; and under Fail\ a DWORD named "Object.Method" makes
@@ -23,8 +23,7 @@
 #include <string>
 #include <vector>
 
-#include "firewall/FirewallState.h"
-#include "support/ComServer.h"
+#include "firewall/TestFirewall.h"
 
 namespace QcTest {
 namespace {
@@ -32,18 +31,10 @@ namespace {
 constexpr HRESULT kNotFound = HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND);
 constexpr LONG kAnyProtocol = 256; // NET_FW_IP_PROTOCOL_ANY, which mingw-w64's headers lack
 
-// Journals `method` and answers the HRESULT its Fail switch asks for. (A journal
-// grown past 64K characters starts again: the tests clear it before each call.)
+// Journals `method` and answers the HRESULT its Fail switch asks for.
 HRESULT Call(const std::wstring& method)
 {
-    std::wstring journal(64 * 1024, L'\0');
-    DWORD cb = static_cast<DWORD>(journal.size() * sizeof(wchar_t));
-    const LSTATUS read =
-        RegGetValueW(HKEY_LOCAL_MACHINE, kFirewallRoot, L"Journal", RRF_RT_REG_MULTI_SZ, nullptr, &journal[0], &cb);
-    journal.resize(read == ERROR_SUCCESS ? cb / sizeof(wchar_t) - 1 : 0); // without the list's final terminator
-    journal += method + L'\0';                                            // c_str() adds it back
-    RegSetKeyValueW(HKEY_LOCAL_MACHINE, kFirewallRoot, L"Journal", REG_MULTI_SZ, journal.c_str(),
-                    static_cast<DWORD>((journal.size() + 1) * sizeof(wchar_t)));
+    AppendLine(kFirewallRoot, L"Journal", method);
     return static_cast<HRESULT>(ReadDword(FirewallKey(L"Fail"), method.c_str(), S_OK));
 }
 
@@ -297,7 +288,6 @@ const Property kRuleProperties[] = {
     {L"Profiles", Kind::Number, NET_FW_PROFILE2_ALL, true, Accepts::Profiles},
     {L"EdgeTraversal", Kind::Flag, 0, false, nullptr},
     {L"EdgeTraversalOptions", Kind::Number, 0, false, Accepts::Range<0, 3>},
-    {L"Action", Kind::Number, NET_FW_ACTION_ALLOW, false, nullptr},
 };
 const Property kOpenPortProperties[] = {
     {L"Name", Kind::Text, 0, true, nullptr},
@@ -305,16 +295,12 @@ const Property kOpenPortProperties[] = {
     {L"Protocol", Kind::Number, NET_FW_IP_PROTOCOL_TCP, false, Accepts::TcpOrUdp},
     {L"RemoteAddresses", Kind::Text, 0, false, Accepts::Addresses},
     {L"Enabled", Kind::Flag, 1, false, nullptr},
-    {L"Scope", Kind::Number, NET_FW_SCOPE_ALL, false, nullptr},
-    {L"IpVersion", Kind::Number, NET_FW_IP_VERSION_ANY, false, nullptr},
 };
 const Property kAuthorizedAppProperties[] = {
     {L"Name", Kind::Text, 0, true, nullptr},
     {L"ProcessImageFileName", Kind::Text, 0, true, Accepts::ImagePath},
     {L"RemoteAddresses", Kind::Text, 0, false, Accepts::Addresses},
     {L"Enabled", Kind::Flag, 1, false, nullptr},
-    {L"Scope", Kind::Number, NET_FW_SCOPE_ALL, false, nullptr},
-    {L"IpVersion", Kind::Number, NET_FW_IP_VERSION_ANY, false, nullptr},
 };
 // clang-format on
 
@@ -326,10 +312,11 @@ const Property kAuthorizedAppProperties[] = {
     {                                                                                                                  \
         return E_NOTIMPL;                                                                                              \
     }
-// A property the DLL neither reads nor sets, and one of those a profile indexes.
+// A property the DLL neither reads nor sets, one of those a profile indexes, and a list's count and enumerator.
 #define QC_UNUSED_PROPERTY(Property, Type) QC_UNUSED(get_##Property, Type*) QC_UNUSED(put_##Property, Type)
 #define QC_UNUSED_PROFILE_PROPERTY(Property, Type)                                                                     \
     QC_UNUSED(get_##Property, NET_FW_PROFILE_TYPE2, Type*) QC_UNUSED(put_##Property, NET_FW_PROFILE_TYPE2, Type)
+#define QC_UNUSED_COUNT_AND_ENUM QC_UNUSED(get_Count, LONG*) QC_UNUSED(get__NewEnum, IUnknown**)
 // A property the DLL sets through the item's row of the same name; it never reads it.
 #define QC_SET(Property, Type)                                                                                         \
     QC_UNUSED(get_##Property, Type*)                                                                                   \
@@ -358,7 +345,7 @@ HRESULT Make(TInterface** ppv)
 // The entry of `list` whose value `name` is `text`; empty when there is none.
 std::wstring FindEntry(const std::wstring& list, const wchar_t* name, const wchar_t* text)
 {
-    for (const std::wstring& entry : SubKeys(FirewallKey(list)))
+    for (const std::wstring& entry : NamesIn(FirewallKey(list)))
     {
         std::wstring value;
         if (text != nullptr && ReadText(FirewallKey(list + L"\\" + entry), name, value) && value == text)
@@ -502,8 +489,7 @@ public:
 class CRules : public CObject<INetFwRules>
 {
 public:
-    QC_UNUSED(get_Count, LONG*)
-    QC_UNUSED(get__NewEnum, IUnknown**)
+    QC_UNUSED_COUNT_AND_ENUM
     STDMETHODIMP Item(BSTR name, INetFwRule** ppRule) override
     {
         return ItemOf<CRule>(L"Rules.Item", FindEntry(L"Rules", L"Name", name), ppRule);
@@ -564,8 +550,7 @@ std::wstring PortEntry(LONG port, LONG protocol)
 class COpenPorts : public CObject<INetFwOpenPorts>
 {
 public:
-    QC_UNUSED(get_Count, LONG*)
-    QC_UNUSED(get__NewEnum, IUnknown**)
+    QC_UNUSED_COUNT_AND_ENUM
     STDMETHODIMP Item(LONG port, NET_FW_IP_PROTOCOL protocol, INetFwOpenPort** ppPort) override
     {
         return ItemOf<COpenPort>(L"OpenPorts.Item", PortEntry(port, protocol), ppPort);
@@ -592,8 +577,7 @@ std::wstring AppEntry(const wchar_t* path)
 class CAuthorizedApps : public CObject<INetFwAuthorizedApplications>
 {
 public:
-    QC_UNUSED(get_Count, LONG*)
-    QC_UNUSED(get__NewEnum, IUnknown**)
+    QC_UNUSED_COUNT_AND_ENUM
     STDMETHODIMP Item(BSTR path, INetFwAuthorizedApplication** ppApp) override
     {
         return ItemOf<CAuthorizedApp>(L"AuthorizedApps.Item", AppEntry(path), ppApp);
