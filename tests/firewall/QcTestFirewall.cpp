@@ -73,12 +73,11 @@ class CItem
 {
 public:
     template <size_t N>
-    CItem(const wchar_t* object, const Property (&properties)[N])
-            : m_object(object), m_properties(properties, properties + N)
+    CItem(const wchar_t* object, const Property (&properties)[N]) : m_object(object)
     {
-        for (const Property& property : m_properties)
+        for (const Property& property : properties)
         {
-            m_values.push_back({property.kind != Kind::Text, L"", property.lDefault});
+            m_values.push_back({&property, property.kind != Kind::Text, L"", property.lDefault});
         }
     }
     virtual ~CItem() = default;
@@ -97,37 +96,31 @@ public:
     // Every required property is set: the item may go into a list.
     bool IsComplete() const
     {
-        for (size_t index = 0; index < m_values.size(); ++index)
-        {
-            const Value& value = m_values[index];
-            if (m_properties[index].bRequired && (!value.bSet || (value.text.empty() && value.number == 0)))
-            {
-                return false;
-            }
-        }
-        return true;
+        return std::none_of(m_values.begin(), m_values.end(), [](const Value& value) {
+            return value.pProperty->bRequired && (!value.bSet || (value.text.empty() && value.number == 0));
+        });
     }
 
     // Binds the item to the entry `key` (under the root); written there when `bWrite`, read from it otherwise.
     void Bind(const std::wstring& key, bool bWrite)
     {
         m_key = FirewallKey(key);
-        for (size_t index = 0; index < m_values.size(); ++index)
+        for (Value& value : m_values)
         {
-            Value& value = m_values[index];
             if (bWrite)
             {
-                Store(index);
+                Store(value);
                 continue;
             }
-            value.bSet = value.bSet || ReadText(m_key, m_properties[index].name, value.text);
-            value.number = static_cast<LONG>(ReadDword(m_key, m_properties[index].name, value.number));
+            value.bSet = value.bSet || ReadText(m_key, value.pProperty->name, value.text);
+            value.number = static_cast<LONG>(ReadDword(m_key, value.pProperty->name, value.number));
         }
     }
 
 private:
     struct Value
     {
+        const Property* pProperty;
         bool bSet;
         std::wstring text;
         LONG number;
@@ -135,45 +128,42 @@ private:
 
     size_t IndexOf(const wchar_t* name) const
     {
-        return std::find_if(m_properties.begin(), m_properties.end(),
-                            [&](const Property& property) { return wcscmp(property.name, name) == 0; }) -
-               m_properties.begin();
+        return std::find_if(m_values.begin(), m_values.end(),
+                            [&](const Value& value) { return wcscmp(value.pProperty->name, name) == 0; }) -
+               m_values.begin();
     }
     HRESULT Set(const wchar_t* name, const std::wstring& text, LONG number)
     {
         return Journaled(m_object + L"." + name, [&] {
-            const size_t index = IndexOf(name);
-            const Property& property = m_properties[index];
+            Value& value = m_values[IndexOf(name)];
+            const Property& property = *value.pProperty;
             const LONG stored = property.kind == Kind::Flag ? (number != 0 ? 1 : 0) : number;
             if ((property.bRequired && text.empty() && stored == 0) ||
                 (property.accepts != nullptr && !property.accepts(*this, text, stored)))
             {
                 return E_INVALIDARG;
             }
-            m_values[index] = {true, text, stored};
-            Store(index);
+            value = {&property, true, text, stored};
+            Store(value);
             return S_OK;
         });
     }
-    void Store(size_t index) const
+    void Store(const Value& value) const
     {
-        const Value& value = m_values[index];
         const DWORD number = static_cast<DWORD>(value.number);
         if (m_key.empty() || !value.bSet)
         {
             return;
         }
-        if (m_properties[index].kind == Kind::Text)
+        if (value.pProperty->kind == Kind::Text)
         {
-            WriteText(m_key, m_properties[index].name, value.text);
+            WriteText(m_key, value.pProperty->name, value.text);
             return;
         }
-        RegSetKeyValueW(HKEY_LOCAL_MACHINE, m_key.c_str(), m_properties[index].name, REG_DWORD, &number,
-                        sizeof(number));
+        RegSetKeyValueW(HKEY_LOCAL_MACHINE, m_key.c_str(), value.pProperty->name, REG_DWORD, &number, sizeof(number));
     }
 
     std::wstring m_object;
-    std::vector<Property> m_properties;
     std::vector<Value> m_values;
     std::wstring m_key; // once in a list
 };
