@@ -78,7 +78,7 @@ std::wstring OpenPort(int port, const std::wstring& name)
 }
 std::wstring App(const std::wstring& name, const std::wstring& path, const std::wstring& more = L"")
 {
-    return L"AuthorizedApplications\\1: Enabled=1; Name=" + name + L"; ProcessImageFileName=" + path + more + L"";
+    return L"AuthorizedApplications\\1: Enabled=1; Name=" + name + L"; ProcessImageFileName=" + path + more;
 }
 
 // One action after the calls of `before`: a row names what differs from a call
