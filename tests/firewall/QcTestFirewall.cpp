@@ -1,11 +1,11 @@
 // A test double of the Windows Firewall objects that Wine stubs: an in-process
 // COM server for NetFwPolicy2, NetFwRule, NetFwMgr, NetFwOpenPort and
 // NetFwAuthorizedApplication. It keeps its rules and lists in the registry
-// (FirewallState.h) so that every process of the prefix sees one firewall and
+// (TestFirewall.h) so that every process of the prefix sees one firewall and
 // the tests can read what an action left behind:
 //   Rules\<n>                     one key per rule, its properties as values
 //   OpenPorts\<port>-<protocol>   AuthorizedApplications\<n>
-//   Journal                       REG_MULTI_SZ, every call as "Object.Method"
+//   Journal                       every call as "Object.Method", one a line
 // Switches, values of the same key: NoPolicy2 (NetFwPolicy2 not registered),
 // NoRule2 (rules without INetFwRule2), CurrentProfileTypes (default 2),
 // ExceptionsNotAllowed; and under Fail\ a DWORD named "Object.Method" makes
@@ -23,8 +23,7 @@
 #include <string>
 #include <vector>
 
-#include "firewall/FirewallState.h"
-#include "support/ComServer.h"
+#include "firewall/TestFirewall.h"
 
 namespace QcTest {
 namespace {
@@ -32,18 +31,10 @@ namespace {
 constexpr HRESULT kNotFound = HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND);
 constexpr LONG kAnyProtocol = 256; // NET_FW_IP_PROTOCOL_ANY, which mingw-w64's headers lack
 
-// Journals `method` and answers the HRESULT its Fail switch asks for. (A journal
-// grown past 64K characters starts again: the tests clear it before each call.)
+// Journals `method` and answers the HRESULT its Fail switch asks for.
 HRESULT Call(const std::wstring& method)
 {
-    std::wstring journal(64 * 1024, L'\0');
-    DWORD cb = static_cast<DWORD>(journal.size() * sizeof(wchar_t));
-    const LSTATUS read =
-        RegGetValueW(HKEY_LOCAL_MACHINE, kFirewallRoot, L"Journal", RRF_RT_REG_MULTI_SZ, nullptr, &journal[0], &cb);
-    journal.resize(read == ERROR_SUCCESS ? cb / sizeof(wchar_t) - 1 : 0); // without the list's final terminator
-    journal += method + L'\0';                                            // c_str() adds it back
-    RegSetKeyValueW(HKEY_LOCAL_MACHINE, kFirewallRoot, L"Journal", REG_MULTI_SZ, journal.c_str(),
-                    static_cast<DWORD>((journal.size() + 1) * sizeof(wchar_t)));
+    AppendLine(kFirewallRoot, L"Journal", method);
     return static_cast<HRESULT>(ReadDword(FirewallKey(L"Fail"), method.c_str(), S_OK));
 }
 
@@ -82,12 +73,11 @@ class CItem
 {
 public:
     template <size_t N>
-    CItem(const wchar_t* object, const Property (&properties)[N])
-            : m_object(object), m_properties(properties, properties + N)
+    CItem(const wchar_t* object, const Property (&properties)[N]) : m_object(object)
     {
-        for (const Property& property : m_properties)
+        for (const Property& property : properties)
         {
-            m_values.push_back({property.kind != Kind::Text, L"", property.lDefault});
+            m_values.push_back({&property, property.kind != Kind::Text, L"", property.lDefault});
         }
     }
     virtual ~CItem() = default;
@@ -106,37 +96,31 @@ public:
     // Every required property is set: the item may go into a list.
     bool IsComplete() const
     {
-        for (size_t index = 0; index < m_values.size(); ++index)
-        {
-            const Value& value = m_values[index];
-            if (m_properties[index].bRequired && (!value.bSet || (value.text.empty() && value.number == 0)))
-            {
-                return false;
-            }
-        }
-        return true;
+        return std::none_of(m_values.begin(), m_values.end(), [](const Value& value) {
+            return value.pProperty->bRequired && (!value.bSet || (value.text.empty() && value.number == 0));
+        });
     }
 
     // Binds the item to the entry `key` (under the root); written there when `bWrite`, read from it otherwise.
     void Bind(const std::wstring& key, bool bWrite)
     {
         m_key = FirewallKey(key);
-        for (size_t index = 0; index < m_values.size(); ++index)
+        for (Value& value : m_values)
         {
-            Value& value = m_values[index];
             if (bWrite)
             {
-                Store(index);
+                Store(value);
                 continue;
             }
-            value.bSet = value.bSet || ReadText(m_key, m_properties[index].name, value.text);
-            value.number = static_cast<LONG>(ReadDword(m_key, m_properties[index].name, value.number));
+            value.bSet = value.bSet || ReadText(m_key, value.pProperty->name, value.text);
+            value.number = static_cast<LONG>(ReadDword(m_key, value.pProperty->name, value.number));
         }
     }
 
 private:
     struct Value
     {
+        const Property* pProperty;
         bool bSet;
         std::wstring text;
         LONG number;
@@ -144,45 +128,42 @@ private:
 
     size_t IndexOf(const wchar_t* name) const
     {
-        return std::find_if(m_properties.begin(), m_properties.end(),
-                            [&](const Property& property) { return wcscmp(property.name, name) == 0; }) -
-               m_properties.begin();
+        return std::find_if(m_values.begin(), m_values.end(),
+                            [&](const Value& value) { return wcscmp(value.pProperty->name, name) == 0; }) -
+               m_values.begin();
     }
     HRESULT Set(const wchar_t* name, const std::wstring& text, LONG number)
     {
         return Journaled(m_object + L"." + name, [&] {
-            const size_t index = IndexOf(name);
-            const Property& property = m_properties[index];
+            Value& value = m_values[IndexOf(name)];
+            const Property& property = *value.pProperty;
             const LONG stored = property.kind == Kind::Flag ? (number != 0 ? 1 : 0) : number;
             if ((property.bRequired && text.empty() && stored == 0) ||
                 (property.accepts != nullptr && !property.accepts(*this, text, stored)))
             {
                 return E_INVALIDARG;
             }
-            m_values[index] = {true, text, stored};
-            Store(index);
+            value = {&property, true, text, stored};
+            Store(value);
             return S_OK;
         });
     }
-    void Store(size_t index) const
+    void Store(const Value& value) const
     {
-        const Value& value = m_values[index];
         const DWORD number = static_cast<DWORD>(value.number);
         if (m_key.empty() || !value.bSet)
         {
             return;
         }
-        if (m_properties[index].kind == Kind::Text)
+        if (value.pProperty->kind == Kind::Text)
         {
-            WriteText(m_key, m_properties[index].name, value.text);
+            WriteText(m_key, value.pProperty->name, value.text);
             return;
         }
-        RegSetKeyValueW(HKEY_LOCAL_MACHINE, m_key.c_str(), m_properties[index].name, REG_DWORD, &number,
-                        sizeof(number));
+        RegSetKeyValueW(HKEY_LOCAL_MACHINE, m_key.c_str(), value.pProperty->name, REG_DWORD, &number, sizeof(number));
     }
 
     std::wstring m_object;
-    std::vector<Property> m_properties;
     std::vector<Value> m_values;
     std::wstring m_key; // once in a list
 };
@@ -297,7 +278,6 @@ const Property kRuleProperties[] = {
     {L"Profiles", Kind::Number, NET_FW_PROFILE2_ALL, true, Accepts::Profiles},
     {L"EdgeTraversal", Kind::Flag, 0, false, nullptr},
     {L"EdgeTraversalOptions", Kind::Number, 0, false, Accepts::Range<0, 3>},
-    {L"Action", Kind::Number, NET_FW_ACTION_ALLOW, false, nullptr},
 };
 const Property kOpenPortProperties[] = {
     {L"Name", Kind::Text, 0, true, nullptr},
@@ -305,16 +285,12 @@ const Property kOpenPortProperties[] = {
     {L"Protocol", Kind::Number, NET_FW_IP_PROTOCOL_TCP, false, Accepts::TcpOrUdp},
     {L"RemoteAddresses", Kind::Text, 0, false, Accepts::Addresses},
     {L"Enabled", Kind::Flag, 1, false, nullptr},
-    {L"Scope", Kind::Number, NET_FW_SCOPE_ALL, false, nullptr},
-    {L"IpVersion", Kind::Number, NET_FW_IP_VERSION_ANY, false, nullptr},
 };
 const Property kAuthorizedAppProperties[] = {
     {L"Name", Kind::Text, 0, true, nullptr},
     {L"ProcessImageFileName", Kind::Text, 0, true, Accepts::ImagePath},
     {L"RemoteAddresses", Kind::Text, 0, false, Accepts::Addresses},
     {L"Enabled", Kind::Flag, 1, false, nullptr},
-    {L"Scope", Kind::Number, NET_FW_SCOPE_ALL, false, nullptr},
-    {L"IpVersion", Kind::Number, NET_FW_IP_VERSION_ANY, false, nullptr},
 };
 // clang-format on
 
@@ -326,10 +302,11 @@ const Property kAuthorizedAppProperties[] = {
     {                                                                                                                  \
         return E_NOTIMPL;                                                                                              \
     }
-// A property the DLL neither reads nor sets, and one of those a profile indexes.
+// A property the DLL neither reads nor sets, one of those a profile indexes, and a list's count and enumerator.
 #define QC_UNUSED_PROPERTY(Property, Type) QC_UNUSED(get_##Property, Type*) QC_UNUSED(put_##Property, Type)
 #define QC_UNUSED_PROFILE_PROPERTY(Property, Type)                                                                     \
     QC_UNUSED(get_##Property, NET_FW_PROFILE_TYPE2, Type*) QC_UNUSED(put_##Property, NET_FW_PROFILE_TYPE2, Type)
+#define QC_UNUSED_COUNT_AND_ENUM QC_UNUSED(get_Count, LONG*) QC_UNUSED(get__NewEnum, IUnknown**)
 // A property the DLL sets through the item's row of the same name; it never reads it.
 #define QC_SET(Property, Type)                                                                                         \
     QC_UNUSED(get_##Property, Type*)                                                                                   \
@@ -358,7 +335,7 @@ HRESULT Make(TInterface** ppv)
 // The entry of `list` whose value `name` is `text`; empty when there is none.
 std::wstring FindEntry(const std::wstring& list, const wchar_t* name, const wchar_t* text)
 {
-    for (const std::wstring& entry : SubKeys(FirewallKey(list)))
+    for (const std::wstring& entry : NamesIn(FirewallKey(list)))
     {
         std::wstring value;
         if (text != nullptr && ReadText(FirewallKey(list + L"\\" + entry), name, value) && value == text)
@@ -502,8 +479,7 @@ public:
 class CRules : public CObject<INetFwRules>
 {
 public:
-    QC_UNUSED(get_Count, LONG*)
-    QC_UNUSED(get__NewEnum, IUnknown**)
+    QC_UNUSED_COUNT_AND_ENUM
     STDMETHODIMP Item(BSTR name, INetFwRule** ppRule) override
     {
         return ItemOf<CRule>(L"Rules.Item", FindEntry(L"Rules", L"Name", name), ppRule);
@@ -564,8 +540,7 @@ std::wstring PortEntry(LONG port, LONG protocol)
 class COpenPorts : public CObject<INetFwOpenPorts>
 {
 public:
-    QC_UNUSED(get_Count, LONG*)
-    QC_UNUSED(get__NewEnum, IUnknown**)
+    QC_UNUSED_COUNT_AND_ENUM
     STDMETHODIMP Item(LONG port, NET_FW_IP_PROTOCOL protocol, INetFwOpenPort** ppPort) override
     {
         return ItemOf<COpenPort>(L"OpenPorts.Item", PortEntry(port, protocol), ppPort);
@@ -592,8 +567,7 @@ std::wstring AppEntry(const wchar_t* path)
 class CAuthorizedApps : public CObject<INetFwAuthorizedApplications>
 {
 public:
-    QC_UNUSED(get_Count, LONG*)
-    QC_UNUSED(get__NewEnum, IUnknown**)
+    QC_UNUSED_COUNT_AND_ENUM
     STDMETHODIMP Item(BSTR path, INetFwAuthorizedApplication** ppApp) override
     {
         return ItemOf<CAuthorizedApp>(L"AuthorizedApps.Item", AppEntry(path), ppApp);

@@ -1,17 +1,50 @@
 #pragma once
 
-// The test firewall (QcTestFirewall.dll, beside the shipped DLL) registered in
-// the prefix for the lifetime of a CTestFirewall, and its state as the tests
-// read and steer it (FirewallState.h).
+// The test firewall (QcTestFirewall.dll, beside the shipped DLL): where it
+// keeps its state, for the firewall itself and for the tests, the e2e driver
+// and the demo that read and steer it (everything lives below
+// HKLM\Software\QuillcastTest\Firewall), and CTestFirewall, which registers
+// it in the prefix for its lifetime.
 #include <windows.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
-#include "firewall/FirewallState.h"
+#include "support/ComServer.h"
 #include "support/ShippedDll.h"
 
 namespace QcTest {
+
+constexpr const wchar_t* kFirewallRoot = L"Software\\QuillcastTest\\Firewall";
+
+// The key of `sub` (a list, an entry "Rules\1", or empty for the root).
+inline std::wstring FirewallKey(const std::wstring& sub)
+{
+    return sub.empty() ? std::wstring(kFirewallRoot) : std::wstring(kFirewallRoot) + L"\\" + sub;
+}
+
+// The names of the subkeys (or, when `bValues`, of the values) of HKLM\`key`, sorted; none when it is missing.
+inline std::vector<std::wstring> NamesIn(const std::wstring& key, bool bValues = false)
+{
+    std::vector<std::wstring> names;
+    CRegistryKey handle;
+    wchar_t name[256];
+    DWORD length = 256;
+    if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, key.c_str(), 0, KEY_READ, handle.Put()) != ERROR_SUCCESS)
+    {
+        return names;
+    }
+    for (DWORD i = 0; (bValues ? ::RegEnumValueW(handle.Get(), i, name, &length, nullptr, nullptr, nullptr, nullptr)
+                               : ::RegEnumKeyExW(handle.Get(), i, name, &length, nullptr, nullptr, nullptr, nullptr)) ==
+                      ERROR_SUCCESS;
+         ++i, length = 256)
+    {
+        names.emplace_back(name, length);
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
 
 class CTestFirewall
 {
@@ -53,9 +86,19 @@ public:
         std::vector<std::wstring> entries;
         for (const std::wstring list : {L"Rules", L"OpenPorts", L"AuthorizedApplications"})
         {
-            for (const std::wstring& entry : SubKeys(FirewallKey(list)))
+            for (const std::wstring& entry : NamesIn(FirewallKey(list)))
             {
-                entries.push_back(list + L"\\" + entry + L": " + Values(FirewallKey(list + L"\\" + entry)));
+                const std::wstring key = FirewallKey(list + L"\\" + entry);
+                std::wstring joined = list + L"\\" + entry + L":";
+                const wchar_t* separator = L" ";
+                for (const std::wstring& name : NamesIn(key, true))
+                {
+                    std::wstring text;
+                    text = ReadText(key, name.c_str(), text) ? text : std::to_wstring(ReadDword(key, name.c_str(), 0));
+                    joined += separator + name + L"=" + text;
+                    separator = L"; ";
+                }
+                entries.push_back(joined);
             }
         }
         return entries;
@@ -64,16 +107,12 @@ public:
     // The calls made so far, as "Object.Method".
     static std::vector<std::wstring> Journal()
     {
-        std::wstring text(64 * 1024, L'\0');
-        DWORD cb = static_cast<DWORD>(text.size() * sizeof(wchar_t));
+        std::wstring text;
         std::vector<std::wstring> calls;
-        if (::RegGetValueW(HKEY_LOCAL_MACHINE, kFirewallRoot, L"Journal", RRF_RT_REG_MULTI_SZ, nullptr, &text[0],
-                           &cb) == ERROR_SUCCESS)
+        ReadText(kFirewallRoot, L"Journal", text);
+        for (size_t end; (end = text.find(L'\n')) != std::wstring::npos; text.erase(0, end + 1))
         {
-            for (const wchar_t* p = text.c_str(); *p != L'\0'; p += ::wcslen(p) + 1)
-            {
-                calls.emplace_back(p);
-            }
+            calls.push_back(text.substr(0, end));
         }
         return calls;
     }
@@ -85,37 +124,6 @@ private:
         const FARPROC address = m_module ? ::GetProcAddress(m_module.Get(), entry) : nullptr;
         const auto function = reinterpret_cast<Entry>(reinterpret_cast<void*>(address));
         return function != nullptr && SUCCEEDED(function());
-    }
-
-    // "Name=value; ..." of the values of HKLM\`key`, sorted by name.
-    static std::wstring Values(const std::wstring& key)
-    {
-        Quillcast::System::Types::CRegistryKey handle;
-        std::vector<std::wstring> values;
-        std::vector<BYTE> data(64 * 1024);
-        wchar_t name[256];
-        DWORD length = 256;
-        DWORD type = 0;
-        DWORD size = static_cast<DWORD>(data.size());
-        if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, key.c_str(), 0, KEY_READ, handle.Put()) != ERROR_SUCCESS)
-        {
-            return L"";
-        }
-        for (DWORD i = 0;
-             ::RegEnumValueW(handle.Get(), i, name, &length, nullptr, &type, data.data(), &size) == ERROR_SUCCESS;
-             ++i, length = 256, size = static_cast<DWORD>(data.size()))
-        {
-            const std::wstring text = type == REG_DWORD ? std::to_wstring(*reinterpret_cast<const DWORD*>(data.data()))
-                                                        : std::wstring(reinterpret_cast<const wchar_t*>(data.data()));
-            values.push_back(std::wstring(name, length) + L"=" + text);
-        }
-        std::sort(values.begin(), values.end());
-        std::wstring joined;
-        for (const std::wstring& value : values)
-        {
-            joined += (joined.empty() ? L"" : L"; ") + value;
-        }
-        return joined;
     }
 
     Quillcast::System::Types::CModule m_module;
