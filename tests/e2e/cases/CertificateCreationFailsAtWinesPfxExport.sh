@@ -10,19 +10,18 @@ package include -D Name=Certificates
 install --exit 1603 QC_CREATE_AND_INSTALL_ROOT_CERTIFICATE=1 QC_CREATE_AND_INSTALL_ROOT_CERTIFICATE_ROOTCERTNAME="$root" \
     QC_CREATE_AND_INSTALL_SIGNED_SERVER_CERTIFICATE=1 QC_CREATE_AND_INSTALL_SIGNED_SERVER_CERTIFICATE_ROOTCERTNAME="$root"
 expect_dll_line --in QcCreateAndInstallRootCertificate "Workbench (#) Processing custom action: CreateAndInstallRootCertificate."
-expect_arguments QcCreateAndInstallRootCertificate "$root"
+expect_arguments <<<"QcCreateAndInstallRootCertificate|$root"
 expect_dll_line --in InstallFinalize "QcCryptLog (#) CreateCertAndConvertToPFX()."
 # Wine's log formats "[ERROR]" as the (empty) property ERROR.
 expect_dll_line --in InstallFinalize " QcCryptLog (#) CreateCertAndConvertToPFX() - ERROR: PFXExportCertStoreEx1 failed (0).."
 expect_dll_line --in InstallFinalize " QcCryptLog (#) InternalCreateCertificate() - ERROR: CreateCertAndConvertToPFX failed.."
 expect_dll_line --in InstallFinalize " Certificates (#) CreateCertificate failed with error -6."
 expect_dll_line --in QcUndoCreateAndInstallRootCertificate "Workbench (#) Processing custom action: UninstallRootCertificate."
-expect_arguments QcUndoCreateAndInstallRootCertificate "$root"
+expect_arguments <<<"QcUndoCreateAndInstallRootCertificate|$root"
 # The failed root creation ends the script: the server certificate is never tried. (Wine's
 # rollback also runs the server's undo, which Windows keeps for actions the script reached.)
 expect_no_dll_line "*Processing custom action: CreateAndInstallSignedServerCertificate*"
-expect_no_reg 'HKLM\Software\Quillcast\E2E\Certificates'
-expect_product_absent
+expect_removed Certificates
 
 expect_store Root "^$root\\|"
 expect_lines "key containers" "$(wine_run "$certificate_tool" containers | tr -d '\r')" "$containers_before"

@@ -3,10 +3,8 @@
 # name ("Root"). The certificates are made by OpenSSL and placed with the test
 # tool beforehand; another issuer's certificate and a second root of the name
 # stay. The install, with nothing switched on, runs none of the DLL.
-root="Quillcast E2E Uninstall Root"
-other="Quillcast E2E Other Root"
+root="Quillcast E2E Uninstall Root" other="Quillcast E2E Other Root" certs="$work_dir/certs"
 ours="Quillcast E2E (Uninstall|Other) Root"
-certs="$work_dir/certs"
 mkdir -p "$certs"
 make_root "$root" "$certs/root1"
 make_root "$root" "$certs/root2"
@@ -29,8 +27,7 @@ expect_dll_line --in QcUninstallRootCertificate "Workbench (#) Processing custom
 expect_no_dll_line "*CertStore (*"
 expect_store MY "$ours" "server-other|$other"
 expect_store Root "$ours" "$root|$root"
-expect_no_reg 'HKLM\Software\Quillcast\E2E\Certificates'
-expect_product_absent
+expect_removed Certificates
 
 wine_run "$certificate_tool" remove MY "$other" >/dev/null
 wine_run "$certificate_tool" remove Root "$root" >/dev/null

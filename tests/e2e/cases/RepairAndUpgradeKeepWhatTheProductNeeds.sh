@@ -11,9 +11,7 @@
 service=QcE2eUpgrade root="Quillcast E2E Upgrade Root" certs="$work_dir/certs"
 add_test_service "$service"
 use_test_firewall
-ica='HKLM\SOFTWARE\Citrix\ICA Client\Engine\Configuration\Advanced\Modules\ICA 3.0'
-ica32='HKLM\SOFTWARE\Wow6432Node\Citrix\ICA Client\Engine\Configuration\Advanced\Modules\ICA 3.0'
-wine_run reg add "$ica" /v VirtualDriver /d DrvA /reg:32 /f >/dev/null
+machine_key 32 "$ica" VirtualDriver DrvA
 mkdir -p "$certs"
 make_root "$root" "$certs/root"
 make_leaf qc-e2e-server "$certs/root" "$certs/server"
@@ -34,6 +32,7 @@ expect_setup() {
     expect_reg "$test_firewall_key\\Rules\\1" Name 'QC E2E Upgrade'
     expect_no_reg "$test_firewall_key\\Rules\\2"
     expect_reg "$ica32" VirtualDriver 'DrvA,QCClnIca'
+    expect_no_reg "$ica" VirtualDriver
     expect_service_state "$service" RUNNING
     expect_store Root "^$root\\|" "$root|$root"
     expect_store MY "\\|$root\$" "qc-e2e-server|$root"
@@ -50,7 +49,7 @@ expect_setup
 package include --as version2 -D Name=Upgrade -D Version=2.0.0.0
 msibuild "$current_msi" -q "DELETE FROM \`InstallExecuteSequence\` WHERE \`Action\` = 'RemoveExistingProducts'"
 install "${on_install[@]}" "${create[@]}"
-expect_log '^Property\(S\): WIX_UPGRADE_DETECTED = \{'
+expect_property WIX_UPGRADE_DETECTED '\{.*'
 expect_no_dll_line "*Processing custom action: CreateAndInstall*"
 use_package version1
 uninstall UPGRADINGPRODUCTCODE="$(product_code "$work_dir/version2.msi")" "${on_removal[@]}"
@@ -67,6 +66,4 @@ expect_reg "$ica32" VirtualDriver DrvA
 expect_service_state "$service" STOPPED
 expect_store Root "^$root\\|"
 expect_store MY "\\|$root\$"
-expect_no_reg 'HKLM\Software\Quillcast\E2E\Upgrade'
-expect_product_absent
-wine_run reg delete "$ica" /reg:32 /f >/dev/null
+expect_removed Upgrade
