@@ -1,13 +1,10 @@
 #!/usr/bin/env bash
-# Runs one end-to-end case: builds installer packages with wixl, installs them
-# with Wine's msiexec and checks what the installation did.
-#   msi-case.sh CASE_FILE WORK_DIR [ARGS...]
-# CASE_FILE is a bash script made of the commands below (see README.md); ARGS
-# become its positional parameters. WORK_DIR receives the packages, the
-# msiexec command files and the verbose logs, and is emptied first.
-# Environment: QC_WINEPREFIX (the prefix), QC_BIN_DIR (holds the DLL),
-# QC_PROJECT_VERSION (default: the build's CMake cache beside QC_BIN_DIR),
-# QC_E2E_QUIET=1 (print failed checks only, not the passed ones).
+# Runs one end-to-end case: builds installer packages with wixl, installs them with Wine's msiexec
+# and checks what the installation did.   msi-case.sh CASE_FILE WORK_DIR [ARGS...]
+# CASE_FILE is a bash script of the commands below (see README.md), ARGS its positional parameters.
+# WORK_DIR, emptied first, receives the packages, the msiexec command files and the verbose logs.
+# Environment: QC_WINEPREFIX (the prefix), QC_BIN_DIR (holds the DLL), QC_PROJECT_VERSION (default:
+# the build's CMake cache beside QC_BIN_DIR), QC_E2E_QUIET=1 (print only the failed checks).
 set -euo pipefail
 [ $# -ge 2 ] || { echo "usage: $0 CASE_FILE WORK_DIR [ARGS...]" >&2; exit 2; }
 e2e_dir=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
@@ -27,7 +24,7 @@ if [ -n "$(ls -A "$work_dir" 2>/dev/null)" ] && [ ! -f "$work_dir/.msi-case" ]; 
 fi
 rm -rf "$work_dir" && mkdir -p "$work_dir" && work_dir=$(realpath "$work_dir") && touch "$work_dir/.msi-case"
 
-checks=0 failures=0 runs=0 current_msi="" current_log="" logs=() installed=() background=() undo=()
+checks=0 failures=0 runs=0 current_msi="" current_log="" logs=() background=() undo=()
 wine_run() { timeout 120 wine "$@" </dev/null; }       # a Windows program in the prefix
 windows_path() { printf 'Z:%s' "${1//\//\\}"; }       # the prefix maps Z: to the Unix root
 say() { [ "${QC_E2E_QUIET:-0}" = 1 ] || echo "$@"; }
@@ -35,10 +32,19 @@ fail() { checks=$((checks + 1)) failures=$((failures + 1)); echo "  FAIL  $*"; }
 outcome() { # STATUS OK_TEXT FAIL_TEXT
     if [ "$1" = 0 ]; then checks=$((checks + 1)) && say "  ok    $2"; else fail "$3"; fi
 }
+# with ARRAY ACTION [KEY=VALUE]... [ACTION [KEY=VALUE]...]...: ARRAY becomes the msiexec properties
+# that switch each ACTION on (QC_<ACTION>=1) and give its inputs (QC_<ACTION>_<KEY>=VALUE).
+with() {
+    local -n properties=$1
+    local word action
+    properties=()
+    for word in "${@:2}"; do
+        if [[ "$word" == *=* ]]; then properties+=("QC_${action}_$word"); else action=$word properties+=("QC_$word=1"); fi
+    done
+}
 # on_exit PROGRAM [ARGS...]: the case's end runs it in the prefix (last added, first run).
 on_exit() { undo=("$(printf '%q ' "$@")" "${undo[@]}"); }
 product_code() { msiinfo export "$1" Property | tr -d '\r' | awk -F '\t' '$1 == "ProductCode" { print $2 }'; }
-product_key() { echo "HKLM\\Software\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\$(product_code "$current_msi")"; }
 
 # log_lines [ACTION]: the current log without CRs; with ACTION only its last block
 # between "Action start ...: ACTION." and "Action ended ...: ACTION." (status 3 without one).
@@ -65,10 +71,7 @@ dll_line_check() {
     shift
     if [ "$1" = --in ]; then scope=$2 where=" in action $2" && shift 2; fi
     pattern="^$(printf '%s' "$1" | sed -e 's/[][\.^$+?(){}|/]/\\&/g' -e 's/\*/.*/g')\$"
-    if [ -n "$scope" ] && ! log_lines "$scope" >/dev/null; then
-        fail "action $scope did not run"
-        return
-    fi
+    [ -z "$scope" ] || log_lines "$scope" >/dev/null || { fail "action $scope did not run"; return; }
     # Held in a variable: grep -q's early exit would fail the producer under pipefail.
     lines=$(dll_bodies ${scope:+"$scope"})
     hit=$(grep -m1 -E -e "$pattern" <<<"$lines") && found=yes
@@ -100,9 +103,12 @@ expect_no_reg() {
     out=$(reg_query "$@") || status=$?
     outcome "$([ $status = 1 ]; echo $?)" "no registry $*" "registry $* $([ $status = 0 ] && echo exists || echo "query failed: $out")"
 }
-expect_product_absent() { expect_no_reg "$(product_key)"; }
-# expect_removed KEY: the product and the case's marker key are gone.
-expect_removed() { expect_no_reg "HKLM\\Software\\Quillcast\\E2E\\$1"; expect_product_absent; }
+product_key() { echo "HKLM\\Software\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\$(product_code "$current_msi")"; }
+# expect_removed KEY: the current package's product and its key HKLM\Software\Quillcast\KEY are gone.
+expect_removed() {
+    expect_no_reg "HKLM\\Software\\Quillcast\\$1"
+    expect_no_reg "$(product_key)"
+}
 # expect_property NAME ERE: the property's value at the end of the session matches ERE.
 expect_property() {
     local value
@@ -139,8 +145,8 @@ package() {
     if ! (cd "$work_dir" && wixl -a x64 -I "$authoring_dir" -D "QcCustomActionDll=$relative" "$@" \
         -o "$current_msi" "$e2e_dir/packages/$name.wxs" && "$authoring_dir/fix-rollback-types.sh" "$current_msi" &&
         for set in "${sets[@]}"; do
-            msibuild "$current_msi" -q "INSERT INTO \`Property\` (\`Property\`, \`Value\`) VALUES ('${set%%=*}', '${set#*=}')" ||
-                exit 1
+            msibuild "$current_msi" -q \
+                "INSERT INTO \`Property\` (\`Property\`, \`Value\`) VALUES ('${set%%=*}', '${set#*=}')" || exit 1
         done) >"$work_dir/$file.wixl.txt" 2>&1; then
         cat "$work_dir/$file.wixl.txt"
         echo "msi-case: could not build packages/$name.wxs" >&2
@@ -153,7 +159,7 @@ use_package() { current_msi="$work_dir/$1.msi"; }   # FILE: an earlier package b
 # msiexec_run /i|/x LABEL [--exit CODE] [PUBLIC_NAME=VALUE]...: runs msiexec through
 # cmd, whose %ERRORLEVEL% holds the full result code (wine's exit status keeps its low byte).
 msiexec_run() {
-    local mode=$1 label=$2 expected=0 line output code base property value kept=() msi
+    local mode=$1 label=$2 expected=0 line output code base property value
     shift 2
     if [ "${1:-}" = --exit ]; then expected=$2 && shift 2; fi
     runs=$((runs + 1)) base="$work_dir/$runs-$label-$(basename "$current_msi" .msi)"
@@ -161,10 +167,8 @@ msiexec_run() {
     line="msiexec $mode \"$(windows_path "$current_msi")\" /qn /l*v \"$(windows_path "$current_log")\""
     for property in "$@"; do
         # Wine's msiexec drops private (mixed-case) properties of the command line.
-        if [[ ! "$property" =~ ^[A-Z_][A-Z0-9_.]*= || "$property" == *[\"$'\n'$'\r']* ]]; then
-            echo "msi-case: '$property' is not PUBLIC_NAME=VALUE without quotes or line breaks" >&2
-            exit 2
-        fi
+        [[ "$property" =~ ^[A-Z_][A-Z0-9_.]*= && "$property" != *[\"$'\n'$'\r']* ]] ||
+            { echo "msi-case: '$property' is not PUBLIC_NAME=VALUE without quotes or line breaks" >&2; exit 2; }
         value=${property#*=}
         line+=" ${property%%=*}=\"${value//%/%%}\""
     done
@@ -174,15 +178,9 @@ msiexec_run() {
     wine_run cmd /c "$(windows_path "$base.cmd")" >"$base.out" 2>&1 || true
     output=$(cat "$base.out")
     code=$(tr -d '\r' <<<"$output" | sed -n 's/^QC_E2E_EXIT=\(-\{0,1\}[0-9]\{1,\}\)$/\1/p' | tail -n 1)
-    say "$label: msiexec $mode $(basename "$current_msi")${*:+ $*} -> ${code:-no result}"
-    outcome "$([ "$code" = "$expected" ]; echo $?)" "$label exited with $code" \
+    outcome "$([ "$code" = "$expected" ]; echo $?)" "$label: msiexec $mode $(basename "$current_msi") $* -> $code" \
         "$label exited with '${code:-no result (timed out?)}', expected $expected: $output"
     [ -f "$current_log" ] || { fail "msiexec wrote no log $current_log"; current_log=/dev/null; }
-    if [[ "$code" == 0 || "$code" == 3010 ]]; then
-        for msi in "${installed[@]}"; do [ "$msi" = "$current_msi" ] || kept+=("$msi"); done
-        installed=("${kept[@]}")
-        [ "$mode" = /x ] || installed+=("$current_msi")
-    fi
 }
 install() { msiexec_run /i install "$@"; }
 uninstall() { msiexec_run /x uninstall "$@"; }
@@ -210,39 +208,24 @@ expect_arguments() {
 
 # expect_include_authoring: the current package's rows of the include keep its rules. The package
 # checker finds nothing (each deferred action has its setter before it, every pair given or padded),
-# and each undo QcUndo<X> is a rollback action (in-script and rollback bits) that calls the
-# counterpart of <X> under <X>'s condition, sequenced before <X>: Wine runs every scheduled undo
-# whatever its place, so only the rows tell.
+# and each undo QcUndo<X> is a rollback action (in-script and rollback bits) sequenced before <X>
+# under <X>'s condition: Wine runs every scheduled undo wherever it is, so only the rows tell.
 expect_include_authoring() {
-    local findings problems
+    local findings sequence problems
     findings=$(wine_run "$QC_BIN_DIR/QcPackageCheck.exe" "$(windows_path "$current_msi")" 2>&1 | tr -d '\r' |
         grep -E '^(error|warning) ' || true)
     outcome "$([ -z "$findings" ]; echo $?)" "the package checker finds nothing" "the package checker finds: $findings"
-    problems=$(awk -F'\t' -v pairs="AddIcaClient:RemoveIcaClient ServiceStop:ServiceStart \
-        AddPortException:RemovePortException AddProgramException:RemoveProgramException \
-        CreateAndInstallRootCertificate:UninstallRootCertificate \
-        CreateAndInstallSignedServerCertificate:UninstallSignedCertificate" '
-        FNR == 1 { file++ }
-        FNR <= 3 { next }
-        file == 1 { type[$1] = $2; target[$1] = $4 }
-        file == 2 { condition[$1] = $2; sequence[$1] = $3 }
-        END {
-            for (i = split(pairs, pair, "[ :]+"); i > 0; i -= 2) {
-                x = pair[i - 1]
-                undo = "QcUndo" x
-                if (int(type[undo] / 256) % 2 == 0 || int(type[undo] / 1024) % 2 == 0) print undo " has type " type[undo]
-                if (target[undo] != pair[i]) print undo " calls " target[undo]
-                if (!(undo in sequence) || sequence[undo] >= sequence["Qc" x] || condition[undo] != condition["Qc" x])
-                    print undo " is not sequenced before Qc" x " under its condition"
-            }
-        }' <(msiinfo export "$current_msi" CustomAction | tr -d '\r') \
-           <(msiinfo export "$current_msi" InstallExecuteSequence | tr -d '\r') | sort)
+    sequence=$(msiinfo export "$current_msi" InstallExecuteSequence | tr -d '\r' | LC_ALL=C sort)
+    problems=$(LC_ALL=C join -t $'\t' <(sed -n 's/^QcUndo/Qc/p' <<<"$sequence" | LC_ALL=C sort) - <<<"$sequence" |
+        awk -F'\t' '$3 >= $5 || $2 != $4 { print "QcUndo" substr($1, 3) " is not before " $1 " under its condition" }'
+        msiinfo export "$current_msi" CustomAction | tr -d '\r' |
+        awk -F'\t' '$1 ~ /^QcUndo/ && (int($2 / 256) % 2 == 0 || int($2 / 1024) % 2 == 0) { print $1 " has type " $2 }')
     outcome "$([ -z "$problems" ]; echo $?)" "the undo rows keep their rules" \
         "the undo rows break their rules: $(paste -sd';' - <<<"$problems")"
 }
 
-# add_test_service NAME [SERVICE ARGUMENTS...]: the project's test service
-# (tests/services/QcTestService.cpp), demand-start, started, deleted at the end.
+# add_test_service NAME [SERVICE ARGUMENTS...]: the test service (tests/services/QcTestService.cpp),
+# demand-start, started; the case's end deletes it.
 add_test_service() {
     wine_run sc delete "$1" >/dev/null 2>&1 || true
     wine_run sc create "$1" binPath= "$(windows_path "$QC_BIN_DIR/QcTestService.exe") $*" start= demand >/dev/null
@@ -257,9 +240,8 @@ expect_service_state() {
     outcome "$([ "$state" = "$2" ]; echo $?)" "service $1 is $2" "service $1 is '$state', not $2"
 }
 
-# use_test_firewall [SWITCH...]: registers the project's test firewall
-# (tests/firewall/QcTestFirewall.c) with empty state and the named DWORD
-# switches set to 1; the case's end unregisters it (Wine's stub returns).
+# use_test_firewall [SWITCH...]: registers the test firewall (tests/firewall/QcTestFirewall.c) with empty
+# state and the named DWORD switches set to 1; the case's end unregisters it (Wine's stub returns).
 test_firewall_key='HKLM\Software\QuillcastTest\Firewall'
 use_test_firewall() {
     local switch firewall
@@ -288,32 +270,37 @@ end_each_start() {
     background+=($!)
 }
 
-# Certificates made by OpenSSL (DER files FILE.der, with FILE.pem and FILE.key), placed in
-# the machine's stores with the test tool: make_root NAME FILE, make_leaf SUBJECT ISSUER_FILE FILE,
-# place_certificate STORE FILE; expect_store STORE ERE LINE...: exactly these "subject|issuer"
-# lines (sorted) of the store match ERE.
+# certificate STORE SUBJECT NAME [ISSUER_NAME]: an OpenSSL certificate WORK_DIR/NAME.der (with
+# NAME.pem and NAME.key), self-signed or issued by ISSUER_NAME's, put into the machine's STORE
+# with the test tool ("-": into none). expect_store STORE ERE LINE...: exactly these
+# "subject|issuer" lines (sorted) of the store match ERE.
 certificate_tool=$(windows_path "$QC_BIN_DIR/QcCertStoreTool.exe")
-make_root() {
-    openssl req -x509 -newkey rsa:2048 -nodes -keyout "$2.key" -subj "/CN=$1" -days 30 -out "$2.pem" 2>/dev/null
-    openssl x509 -in "$2.pem" -outform DER -out "$2.der"
+certificate() {
+    local file="$work_dir/$3" issuer="$work_dir/${4:-}"
+    if [ $# -lt 4 ]; then
+        openssl req -x509 -newkey rsa:2048 -nodes -keyout "$file.key" -subj "/CN=$2" -days 30 -out "$file.pem" 2>/dev/null
+    else
+        openssl req -newkey rsa:2048 -nodes -keyout "$file.key" -subj "/CN=$2" 2>/dev/null |
+            openssl x509 -req -CA "$issuer.pem" -CAkey "$issuer.key" -CAcreateserial -days 30 -out "$file.pem" 2>/dev/null
+    fi
+    openssl x509 -in "$file.pem" -outform DER -out "$file.der"
+    [ "$1" = - ] || wine_run "$certificate_tool" add "$1" "$(windows_path "$file.der")"
 }
-make_leaf() {
-    openssl req -newkey rsa:2048 -nodes -keyout "$3.key" -subj "/CN=$1" -out "$3.csr" 2>/dev/null
-    openssl x509 -req -in "$3.csr" -CA "$2.pem" -CAkey "$2.key" -CAcreateserial -days 30 -outform DER -out "$3.der" 2>/dev/null
-}
-place_certificate() { wine_run "$certificate_tool" add "$1" "$(windows_path "$2.der")"; }
 expect_store() {
     expect_lines "$1 holds" "$(wine_run "$certificate_tool" list "$1" | tr -d '\r' | { grep -E "$2" || true; } | sort)" "${@:3}"
 }
 
 finish() {
-    local status=$? msi command job log
+    local status=$? command job log
     trap - EXIT
     for job in "${background[@]}"; do kill "$job" 2>/dev/null || true; done
     # A case that stopped early must still leave the prefix as it found it.
-    for msi in "${installed[@]}"; do
-        echo "cleanup: msiexec /x $(basename "$msi")"
-        wine_run msiexec /x "$(windows_path "$msi")" /qn >/dev/null 2>&1 || true
+    # Only a registered product: Wine's msiexec /x of one that is not installed runs the package's
+    # removal sequence, custom actions included, and returns 0.
+    for current_msi in "$work_dir"/*.msi; do
+        [ -f "$current_msi" ] && reg_query "$(product_key)" >/dev/null || continue
+        echo "cleanup: msiexec /x $(basename "$current_msi")"
+        wine_run msiexec /x "$(windows_path "$current_msi")" /qn >/dev/null 2>&1 || true
     done
     for command in "${undo[@]}"; do eval "wine_run $command" >/dev/null 2>&1 || true; done
     if [ $status -eq 0 ] && [ $failures -eq 0 ]; then

@@ -7,8 +7,9 @@ root="Quillcast E2E Stub Root"
 containers_before=$(wine_run "$certificate_tool" containers | tr -d '\r')
 
 package include -D Name=Certificates
-install --exit 1603 QC_CREATE_AND_INSTALL_ROOT_CERTIFICATE=1 QC_CREATE_AND_INSTALL_ROOT_CERTIFICATE_ROOTCERTNAME="$root" \
-    QC_CREATE_AND_INSTALL_SIGNED_SERVER_CERTIFICATE=1 QC_CREATE_AND_INSTALL_SIGNED_SERVER_CERTIFICATE_ROOTCERTNAME="$root"
+with creating CREATE_AND_INSTALL_ROOT_CERTIFICATE ROOTCERTNAME="$root" \
+    CREATE_AND_INSTALL_SIGNED_SERVER_CERTIFICATE ROOTCERTNAME="$root"
+install --exit 1603 "${creating[@]}"
 expect_dll_line --in QcCreateAndInstallRootCertificate "Workbench (#) Processing custom action: CreateAndInstallRootCertificate."
 expect_arguments <<<"QcCreateAndInstallRootCertificate|$root"
 expect_dll_line --in InstallFinalize "QcCryptLog (#) CreateCertAndConvertToPFX()."
@@ -21,7 +22,7 @@ expect_arguments <<<"QcUndoCreateAndInstallRootCertificate|$root"
 # The failed root creation ends the script: the server certificate is never tried. (Wine's
 # rollback also runs the server's undo, which Windows keeps for actions the script reached.)
 expect_no_dll_line "*Processing custom action: CreateAndInstallSignedServerCertificate*"
-expect_removed Certificates
+expect_removed 'E2E\Certificates'
 
 expect_store Root "^$root\\|"
 expect_lines "key containers" "$(wine_run "$certificate_tool" containers | tr -d '\r')" "$containers_before"

@@ -8,6 +8,6 @@ install QC_GET_CUSTOM_ACTION_VERSION=1
 expect_dll_line --in InstallFinalize "Workbench (#) Custom Action Dll '*' has version '$QC_PROJECT_VERSION'."
 expect_dll_line --in QcGetCustomActionVersion "Workbench (#) Custom Action Dll '*' has version '$QC_PROJECT_VERSION'."
 expect_no_dll_line "* Processing custom action: *"
-expect_reg 'HKLM\Software\Quillcast\E2E\Version' Installed 1.0.0.0
+expect_reg 'HKLM\Software\Quillcast\E2E\Version' Shows 1.0.0.0
 uninstall
-expect_removed Version
+expect_removed 'E2E\Version'

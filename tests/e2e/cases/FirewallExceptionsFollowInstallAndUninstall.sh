@@ -4,19 +4,16 @@
 # switch) each port and the program go into the legacy lists and out again. The program's ports
 # are left out: the include pads them.
 program='C:\Program Files\Quillcast\qc.exe' firewall=$test_firewall_key
+with adding ADD_PORT_EXCEPTION RULENAME="QC E2E Port" RULEDESCRIPTION="Quillcast print server" PROFILE=3 \
+    LOCALPORTS=8080,8081 LOCALADDRESSES="*" REMOTEPORTS="*" REMOTEADDRESSES=LocalSubnet SERVICENAME="*" \
+    ADD_PROGRAM_EXCEPTION RULENAME="QC E2E Program" RULEDESCRIPTION="Quillcast client" PROGRAMNAME="$program" \
+    LOCALADDRESSES="*" REMOTEADDRESSES="*" SERVICENAME="*"
+with removing REMOVE_PORT_EXCEPTION RULENAME="QC E2E Port" LOCALPORTS=8080,8081 \
+    REMOVE_PROGRAM_EXCEPTION RULENAME="QC E2E Program" PROGRAMNAME="$program"
 package include -D Name=Firewall
 for switches in "" NoPolicy2; do
     use_test_firewall $switches
-    install QC_ADD_PORT_EXCEPTION=1 QC_ADD_PORT_EXCEPTION_RULENAME="QC E2E Port" \
-        QC_ADD_PORT_EXCEPTION_RULEDESCRIPTION="Quillcast print server" QC_ADD_PORT_EXCEPTION_PROFILE=3 \
-        QC_ADD_PORT_EXCEPTION_LOCALPORTS=8080,8081 QC_ADD_PORT_EXCEPTION_LOCALADDRESSES="*" \
-        QC_ADD_PORT_EXCEPTION_REMOTEPORTS="*" QC_ADD_PORT_EXCEPTION_REMOTEADDRESSES=LocalSubnet \
-        QC_ADD_PORT_EXCEPTION_SERVICENAME="*" QC_ADD_PROGRAM_EXCEPTION=1 QC_ADD_PROGRAM_EXCEPTION_RULENAME="QC E2E Program" \
-        QC_ADD_PROGRAM_EXCEPTION_RULEDESCRIPTION="Quillcast client" QC_ADD_PROGRAM_EXCEPTION_PROGRAMNAME="$program" \
-        QC_ADD_PROGRAM_EXCEPTION_LOCALADDRESSES="*" QC_ADD_PROGRAM_EXCEPTION_REMOTEADDRESSES="*" \
-        QC_ADD_PROGRAM_EXCEPTION_SERVICENAME="*"
-    expect_dll_line --in QcAddPortException "Workbench (#) Processing custom action: AddPortException."
-    expect_dll_line --in QcAddProgramException "Workbench (#) Processing custom action: AddProgramException."
+    install "${adding[@]}"
     expect_arguments <<EOF
 QcAddPortException|QC E2E Port|Quillcast print server|3|8080,8081|*|*|LocalSubnet|*
 QcAddProgramException|QC E2E Program|Quillcast client|2147483647|$program|NOT DEFINED|*|NOT DEFINED|*|*
@@ -39,14 +36,12 @@ EOF
         expect_reg "$firewall\\AuthorizedApplications\\1" RemoteAddresses '*'
         expect_no_reg "$firewall\\Rules"
     fi
-    uninstall QC_REMOVE_PORT_EXCEPTION=1 QC_REMOVE_PORT_EXCEPTION_RULENAME="QC E2E Port" \
-        QC_REMOVE_PORT_EXCEPTION_LOCALPORTS=8080,8081 QC_REMOVE_PROGRAM_EXCEPTION=1 \
-        QC_REMOVE_PROGRAM_EXCEPTION_RULENAME="QC E2E Program" QC_REMOVE_PROGRAM_EXCEPTION_PROGRAMNAME="$program"
+    uninstall "${removing[@]}"
     expect_dll_line --in QcRemovePortException "Workbench (#) Processing custom action: RemovePortException."
     expect_dll_line --in QcRemoveProgramException "Workbench (#) Processing custom action: RemoveProgramException."
     [ -n "$switches" ] || expect_no_dll_line "*Firewall (*"
     for entry in Rules\\1 Rules\\2 OpenPorts\\8080-6 OpenPorts\\8081-6 AuthorizedApplications\\1; do
         expect_no_reg "$firewall\\$entry"
     done
-    expect_removed Firewall
+    expect_removed 'E2E\Firewall'
 done

@@ -26,7 +26,7 @@ while read -r file a b compared; do
         expect_no_reg 'HKLM\Software\Quillcast\E2E\Steer' Steered
     fi
     uninstall
-    expect_removed Steer
+    expect_removed 'E2E\Steer'
 done <<EOF
 1_2_3_4 1.10 1.9 1
 7_1_0_0 1.2 1.2.5 0

@@ -1,7 +1,6 @@
-# CloseProcessImmediately closes a running instance of a program (started here,
-# windowless, so it is terminated without a wait), and the install script's
-# CreateProcessDeferred starts the test program hidden and waits for its end.
-# The program (tests/process/QcTestProgram.cpp) records each start in
+# CloseProcessImmediately closes a running instance of a program (started here, windowless, so it is
+# terminated without a wait), and the install script's CreateProcessDeferred starts the test program
+# hidden and waits for its end. The program (tests/process/QcTestProgram.cpp) records each start in
 # <program>.record: command line, directory, show command.
 program="$work_dir/QcE2eProgram.exe"
 cp "$QC_BIN_DIR/QcTestProgram.exe" "$program"
@@ -31,4 +30,4 @@ expect_lines "the started program's record" "$(cut -f1,3 <"$record" | tr -d '\r'
     "$(windows_path "$program") --run-ms=1500 --exit-code=3"$'\t'0
 
 uninstall
-expect_removed Processes
+expect_removed 'E2E\Processes'

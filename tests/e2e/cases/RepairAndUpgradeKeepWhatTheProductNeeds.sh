@@ -1,32 +1,24 @@
-# A repair and a major upgrade keep what the product set up: one firewall rule,
-# one ICA registration, the running service, the one root certificate and its
-# server certificate (made by OpenSSL and placed beforehand, standing in for the
-# first install's: Wine cannot make them). The certificate creations are
-# switched on for the repair and the upgrade, where they must not run (they
-# would fail under Wine). The removal goes last and takes everything away.
-# Wine's RemoveExistingProducts removes the old product without setting
-# UPGRADINGPRODUCTCODE, which Windows sets: the upgrade package here has no
-# RemoveExistingProducts, and the case removes the old product the Windows way,
-# after the new one is in place, as a late RemoveExistingProducts does.
-service=QcE2eUpgrade root="Quillcast E2E Upgrade Root" certs="$work_dir/certs"
+# A repair and a major upgrade keep what the product set up: one firewall rule, one ICA registration
+# (in the 32-bit view only), the running service, the one root certificate and its server certificate
+# (placed beforehand, standing in for the first install's: Wine cannot make them). The certificate
+# creations are switched on for the repair and the upgrade, where they must not run. The removal goes
+# last and takes everything away. Wine's RemoveExistingProducts removes the old product without
+# setting UPGRADINGPRODUCTCODE, which Windows sets: the upgrade package has none, and the case removes
+# the old product the Windows way, after the new one is in place (a late RemoveExistingProducts).
+service=QcE2eUpgrade root="Quillcast E2E Upgrade Root"
 add_test_service "$service"
 use_test_firewall
 machine_key 32 "$ica" VirtualDriver DrvA
-mkdir -p "$certs"
-make_root "$root" "$certs/root"
-make_leaf qc-e2e-server "$certs/root" "$certs/server"
-place_certificate Root "$certs/root"
-place_certificate MY "$certs/server"
+certificate Root "$root" root
+certificate MY qc-e2e-server server root
 
-on_install=(QC_ADD_ICA_CLIENT=1 QC_ADD_PORT_EXCEPTION=1 QC_ADD_PORT_EXCEPTION_RULENAME="QC E2E Upgrade"
-    QC_ADD_PORT_EXCEPTION_LOCALPORTS=8080 QC_SERVICE_RESTART=1 QC_SERVICE_RESTART_SERVICENAME="$service")
-create=(QC_CREATE_AND_INSTALL_ROOT_CERTIFICATE=1 QC_CREATE_AND_INSTALL_ROOT_CERTIFICATE_ROOTCERTNAME="$root"
-    QC_CREATE_AND_INSTALL_SIGNED_SERVER_CERTIFICATE=1
-    QC_CREATE_AND_INSTALL_SIGNED_SERVER_CERTIFICATE_ROOTCERTNAME="$root")
-on_removal=(QC_REMOVE_ICA_CLIENT=1 QC_REMOVE_PORT_EXCEPTION=1 QC_REMOVE_PORT_EXCEPTION_RULENAME="QC E2E Upgrade"
-    QC_REMOVE_PORT_EXCEPTION_LOCALPORTS=8080 QC_SERVICE_STOP=1 QC_SERVICE_STOP_SERVICENAME="$service"
-    QC_UNINSTALL_SIGNED_CERTIFICATE=1 QC_UNINSTALL_SIGNED_CERTIFICATE_ROOTCERTNAME="$root"
-    QC_UNINSTALL_ROOT_CERTIFICATE=1 QC_UNINSTALL_ROOT_CERTIFICATE_ROOTCERTNAME="$root")
+with on_install ADD_ICA_CLIENT ADD_PORT_EXCEPTION RULENAME="QC E2E Upgrade" LOCALPORTS=8080 \
+    SERVICE_RESTART SERVICENAME="$service"
+with create CREATE_AND_INSTALL_ROOT_CERTIFICATE ROOTCERTNAME="$root" \
+    CREATE_AND_INSTALL_SIGNED_SERVER_CERTIFICATE ROOTCERTNAME="$root"
+with on_removal REMOVE_ICA_CLIENT REMOVE_PORT_EXCEPTION RULENAME="QC E2E Upgrade" LOCALPORTS=8080 \
+    SERVICE_STOP SERVICENAME="$service" UNINSTALL_SIGNED_CERTIFICATE ROOTCERTNAME="$root" \
+    UNINSTALL_ROOT_CERTIFICATE ROOTCERTNAME="$root"
 # expect_setup: what the product set up is there, once.
 expect_setup() {
     expect_reg "$test_firewall_key\\Rules\\1" Name 'QC E2E Upgrade'
@@ -66,4 +58,4 @@ expect_reg "$ica32" VirtualDriver DrvA
 expect_service_state "$service" STOPPED
 expect_store Root "^$root\\|"
 expect_store MY "\\|$root\$"
-expect_removed Upgrade
+expect_removed 'E2E\Upgrade'

@@ -8,15 +8,14 @@ add_test_service "$service" "--journal=$(windows_path "$journal")"
 machine_key 32 "$ica" VirtualDriver DrvA
 program='C:\Program Files\Quillcast\qc.exe'
 
+with failing ADD_ICA_CLIENT ADD_PORT_EXCEPTION RULENAME="QC E2E Rollback Port" LOCALPORTS=8080 \
+    ADD_PROGRAM_EXCEPTION RULENAME="QC E2E Rollback Program" PROGRAMNAME="$program" SERVICE_STOP SERVICENAME="$service" \
+    SERVICE_START SERVICENAME=QcE2eNoSuchService TIMEOUT=5
 package include -D Name=Rollback
 for switches in "" NoPolicy2; do
     use_test_firewall $switches
     : >"$journal"
-    install --exit 1603 QC_ADD_ICA_CLIENT=1 \
-        QC_ADD_PORT_EXCEPTION=1 QC_ADD_PORT_EXCEPTION_RULENAME="QC E2E Rollback Port" QC_ADD_PORT_EXCEPTION_LOCALPORTS=8080 \
-        QC_ADD_PROGRAM_EXCEPTION=1 QC_ADD_PROGRAM_EXCEPTION_RULENAME="QC E2E Rollback Program" \
-        QC_ADD_PROGRAM_EXCEPTION_PROGRAMNAME="$program" QC_SERVICE_STOP=1 QC_SERVICE_STOP_SERVICENAME="$service" \
-        QC_SERVICE_START=1 QC_SERVICE_START_SERVICENAME=QcE2eNoSuchService QC_SERVICE_START_TIMEOUT=5
+    install --exit 1603 "${failing[@]}"
     expect_dll_line --in QcServiceStart " Daemon (#) OpenService failed."
     # Each addition ran, then its undo with the addition's own inputs.
     for action in AddIcaClient:RemoveIcaClient AddPortException:RemovePortException \
@@ -36,5 +35,5 @@ EOF
     expect_reg "$ica32" VirtualDriver DrvA
     expect_lines "service journal" "$(cat "$journal")" "$service stopped" "$service running"
     expect_service_state "$service" RUNNING
-    expect_removed Rollback
+    expect_removed 'E2E\Rollback'
 done

@@ -1,11 +1,9 @@
-# The sample of scripts/sample.sh: the package authored with the include alone,
-# every action that runs under Wine switched on, installed and removed. Its
-# arguments (PUBLIC_NAME=VALUE, such as SAMPLE_VERSIONA=2.0) go to the install.
-# The machine gets what the actions work on: the sample service (the project's
-# test service), the test firewall (Wine's is a stub), the ICA client's list, the
-# client's configuration key, the 7.6 print engine's entry and the auto-connect
-# service's image path; QcSampleApp.exe and QCAutoConnect.exe are copies of the
-# project's test program, which holds until it is closed.
+# The sample of scripts/sample.sh: the package authored with the include alone, every action that
+# runs under Wine switched on, installed and removed; the case's arguments (PUBLIC_NAME=VALUE, such as
+# SAMPLE_VERSIONA=2.0) go to the install. The machine gets what the actions work on: the sample
+# service (the test service), the test firewall (Wine's is a stub), the ICA client's list, the
+# client's configuration key, the 7.6 print engine's entry and the auto-connect service's image path;
+# QcSampleApp.exe and QCAutoConnect.exe are copies of the test program, which holds until closed.
 service=QuillcastSampleService journal="$work_dir/service-journal.txt"
 add_test_service "$service" "--journal=$(windows_path "$journal")"
 : >"$journal"
@@ -90,7 +88,6 @@ expect_lines "starts of QCAutoConnect.exe" "$(wc -l <"$app/QCAutoConnect.exe.rec
 # The removal's close actions ended both copies of the app that the shell actions opened.
 outcome "$(! wine_run taskkill /f /im QcSampleApp.exe >/dev/null 2>&1; echo $?)" "no QcSampleApp.exe runs" \
     "a QcSampleApp.exe still ran"
-expect_no_reg 'HKLM\Software\Quillcast\Sample'
-expect_product_absent
+expect_removed Sample
 # What scripts/sample.sh shows: each run's actions, msiexec's verdict and the lines of the DLL.
 for log in "${logs[@]}"; do wine_run "$QC_BIN_DIR/QcLogRead.exe" "$(windows_path "$log")" | tr -d '\r' || true; done

@@ -8,4 +8,4 @@ expect_dll_line --in InstallFinalize "Workbench (#) Processing custom action: Se
 # Wine's log formats "[ERROR]" as the (empty) property ERROR, which leaves a blank where the level was.
 expect_dll_line --in InstallFinalize " Daemon (#) OpenService failed."
 expect_dll_line --in InstallFinalize " Daemon (#) QueryServiceStatus failed with error 6."
-expect_removed ServiceStop
+expect_removed 'E2E\ServiceStop'
