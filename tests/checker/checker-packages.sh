@@ -1,9 +1,8 @@
 #!/usr/bin/env bash
-# The package checker, one row per rule: a package built with wixl from
-# template.wxs with one mistake (a -D that replaces one of its defaults, or an
-# SQL edit of the built tables with msibuild), the exit code and exactly the
-# findings expected. The sample package, made with the include, gives no
-# finding, and no package the e2e tests built gives an error.
+# The package checker, one row per rule: a package built with wixl from template.wxs with one mistake (a -D
+# that replaces one of its defaults, or an SQL edit of the built tables with msibuild), the exit code and
+# exactly the findings expected. The sample package, made with the include, gives no finding, and no
+# package the e2e tests built gives an error.
 #   checker-packages.sh WORK_DIR   (QC_WINEPREFIX, QC_BIN_DIR, QC_SOURCE_DIR as CTest sets them)
 set -uo pipefail
 here=$(cd "$(dirname "$0")" && pwd)

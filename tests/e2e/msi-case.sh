@@ -39,7 +39,8 @@ with() {
     local word action
     properties=()
     for word in "${@:2}"; do
-        if [[ "$word" == *=* ]]; then properties+=("QC_${action}_$word"); else action=$word properties+=("QC_$word=1"); fi
+        if [[ "$word" == *=* ]]; then word="_$word"; else action=$word word="=1"; fi
+        properties+=("QC_$action$word")
     done
 }
 # on_exit PROGRAM [ARGS...]: the case's end runs it in the prefix (last added, first run).
@@ -154,7 +155,6 @@ package() {
     fi
     say "package: $file.msi (product $(product_code "$current_msi"))"
 }
-use_package() { current_msi="$work_dir/$1.msi"; }   # FILE: an earlier package becomes the current one
 
 # msiexec_run /i|/x LABEL [--exit CODE] [PUBLIC_NAME=VALUE]...: runs msiexec through
 # cmd, whose %ERRORLEVEL% holds the full result code (wine's exit status keeps its low byte).
@@ -184,8 +184,6 @@ msiexec_run() {
 }
 install() { msiexec_run /i install "$@"; }
 uninstall() { msiexec_run /x uninstall "$@"; }
-# repair: the installed product again, every file and value rewritten (Installed is set).
-repair() { msiexec_run /i repair REINSTALL=ALL REINSTALLMODE=omus "$@"; }
 
 # expect_lines WHAT ACTUAL [LINE...]: ACTUAL (text) holds exactly these lines, in this order.
 expect_lines() {
@@ -317,6 +315,5 @@ finish() {
 }
 trap finish EXIT
 
-say "case: $(basename "$case_file" .sh)"
 # shellcheck source=/dev/null
 source "$case_file"

@@ -33,7 +33,8 @@ expect_setup() {
 package include --as version1 -D Name=Upgrade
 install "${on_install[@]}"
 expect_setup
-repair "${on_install[@]}" "${create[@]}"
+# The installed product again, every file and value rewritten (Installed is set).
+msiexec_run /i repair REINSTALL=ALL REINSTALLMODE=omus "${on_install[@]}" "${create[@]}"
 expect_dll_line --in QcAddIcaClient "*Found QCClnIca registry value."
 expect_no_dll_line "*Processing custom action: CreateAndInstall*"
 expect_setup
@@ -43,12 +44,12 @@ msibuild "$current_msi" -q "DELETE FROM \`InstallExecuteSequence\` WHERE \`Actio
 install "${on_install[@]}" "${create[@]}"
 expect_property WIX_UPGRADE_DETECTED '\{.*'
 expect_no_dll_line "*Processing custom action: CreateAndInstall*"
-use_package version1
+current_msi=$work_dir/version1.msi
 uninstall UPGRADINGPRODUCTCODE="$(product_code "$work_dir/version2.msi")" "${on_removal[@]}"
 expect_no_dll_line "*Processing custom action: *"
 expect_setup
 
-use_package version2
+current_msi=$work_dir/version2.msi
 uninstall "${on_removal[@]}"
 for action in RemoveIcaClient RemovePortException ServiceStop UninstallSignedCertificate UninstallRootCertificate; do
     expect_dll_line --in "Qc$action" "Workbench (#) Processing custom action: $action."

@@ -1,8 +1,6 @@
-# An install that fails after its additions (ServiceStart of a service that is
-# not there returns 1603) is rolled back: the include's rollback actions take
-# the firewall rules (or, without the rule interface, the legacy list entries)
-# and the ICA registration away again and start the stopped service, and the
-# machine is as it was.
+# An install that fails after its additions (ServiceStart of a missing service returns 1603) is rolled back:
+# the include's rollback actions take the firewall rules (or, without the rule interface, the legacy list
+# entries) and the ICA registration away and start the stopped service again: the machine is as it was.
 service=QcE2eRollback journal="$work_dir/service-journal.txt"
 add_test_service "$service" "--journal=$(windows_path "$journal")"
 machine_key 32 "$ica" VirtualDriver DrvA
