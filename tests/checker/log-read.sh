@@ -1,9 +1,8 @@
 #!/usr/bin/env bash
-# The log reader, one row per log: small verbose logs made here in the forms
-# msiexec writes them (Wine's: ANSI, the level marks formatted away; Windows':
-# UTF-16 LE with its byte-order mark, CRLF, deferred actions without start and
-# end lines), the exit code and exactly the output expected. Then any log the
-# e2e tests left must read.
+# The log reader, one row per log: small verbose logs made here in the forms msiexec writes them (Wine's:
+# ANSI, the level marks formatted away; Windows': UTF-16 LE with its byte-order mark, CRLF, deferred actions
+# without start and end lines), the exit code and exactly the output expected. Then any log the e2e tests
+# left must read.
 #   log-read.sh WORK_DIR   (QC_WINEPREFIX, QC_BIN_DIR as CTest sets them)
 set -uo pipefail
 work=$1

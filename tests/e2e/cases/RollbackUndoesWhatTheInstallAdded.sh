@@ -1,39 +1,31 @@
-# An install that fails after its additions (ServiceStart of a service that is
-# not there returns 1603) is rolled back: the include's rollback actions take
-# the firewall rules (or, without the rule interface, the legacy list entries)
-# and the ICA registration away again and start the stopped service, and the
-# machine is as it was.
+# An install that fails after its additions (ServiceStart of a missing service returns 1603) is rolled back:
+# the include's rollback actions take the firewall rules (or, without the rule interface, the legacy list
+# entries) and the ICA registration away and start the stopped service again: the machine is as it was.
 service=QcE2eRollback journal="$work_dir/service-journal.txt"
 add_test_service "$service" "--journal=$(windows_path "$journal")"
-use_test_firewall
-ica='HKLM\SOFTWARE\Citrix\ICA Client\Engine\Configuration\Advanced\Modules\ICA 3.0'
-ica32='HKLM\SOFTWARE\Wow6432Node\Citrix\ICA Client\Engine\Configuration\Advanced\Modules\ICA 3.0'
-wine_run reg add "$ica" /v VirtualDriver /d DrvA /reg:32 /f >/dev/null
+machine_key 32 "$ica" VirtualDriver DrvA
 program='C:\Program Files\Quillcast\qc.exe'
 
+with failing ADD_ICA_CLIENT ADD_PORT_EXCEPTION RULENAME="QC E2E Rollback Port" LOCALPORTS=8080 \
+    ADD_PROGRAM_EXCEPTION RULENAME="QC E2E Rollback Program" PROGRAMNAME="$program" SERVICE_STOP SERVICENAME="$service" \
+    SERVICE_START SERVICENAME=QcE2eNoSuchService TIMEOUT=5
 package include -D Name=Rollback
-for firewall in rules legacy; do
-    if [ $firewall = legacy ]; then
-        wine_run reg add "$test_firewall_key" /v NoPolicy2 /t REG_DWORD /d 1 /f >/dev/null
-    fi
+for switches in "" NoPolicy2; do
+    use_test_firewall $switches
     : >"$journal"
-    install --exit 1603 QC_ADD_ICA_CLIENT=1 \
-        QC_ADD_PORT_EXCEPTION=1 QC_ADD_PORT_EXCEPTION_RULENAME="QC E2E Rollback Port" QC_ADD_PORT_EXCEPTION_LOCALPORTS=8080 \
-        QC_ADD_PROGRAM_EXCEPTION=1 QC_ADD_PROGRAM_EXCEPTION_RULENAME="QC E2E Rollback Program" \
-        QC_ADD_PROGRAM_EXCEPTION_PROGRAMNAME="$program" QC_SERVICE_STOP=1 QC_SERVICE_STOP_SERVICENAME="$service" \
-        QC_SERVICE_START=1 QC_SERVICE_START_SERVICENAME=QcE2eNoSuchService QC_SERVICE_START_TIMEOUT=5
+    install --exit 1603 "${failing[@]}"
     expect_dll_line --in QcServiceStart " Daemon (#) OpenService failed."
     # Each addition ran, then its undo with the addition's own inputs.
-    while IFS='|' read -r action undo values; do
-        IFS='|' read -r -a list <<<"$values"
-        expect_dll_line --in "Qc$action" "Workbench (#) Processing custom action: $action."
-        expect_dll_line --in "QcUndo$action" "Workbench (#) Processing custom action: $undo."
-        expect_arguments "QcUndo$action" "${list[@]}"
-    done <<EOF
-AddIcaClient|RemoveIcaClient|
-AddPortException|RemovePortException|QC E2E Rollback Port|8080
-AddProgramException|RemoveProgramException|QC E2E Rollback Program|$program
-ServiceStop|ServiceStart|$service|NOT DEFINED|NOT DEFINED
+    for action in AddIcaClient:RemoveIcaClient AddPortException:RemovePortException \
+        AddProgramException:RemoveProgramException ServiceStop:ServiceStart; do
+        expect_dll_line --in "Qc${action%:*}" "Workbench (#) Processing custom action: ${action%:*}."
+        expect_dll_line --in "QcUndo${action%:*}" "Workbench (#) Processing custom action: ${action#*:}."
+    done
+    expect_arguments <<EOF
+QcUndoAddIcaClient|
+QcUndoAddPortException|QC E2E Rollback Port|8080
+QcUndoAddProgramException|QC E2E Rollback Program|$program
+QcUndoServiceStop|$service|NOT DEFINED|NOT DEFINED
 EOF
     for entry in Rules\\1 Rules\\2 OpenPorts\\8080-6 AuthorizedApplications\\1; do
         expect_no_reg "$test_firewall_key\\$entry"
@@ -41,7 +33,5 @@ EOF
     expect_reg "$ica32" VirtualDriver DrvA
     expect_lines "service journal" "$(cat "$journal")" "$service stopped" "$service running"
     expect_service_state "$service" RUNNING
-    expect_no_reg 'HKLM\Software\Quillcast\E2E\Rollback'
-    expect_product_absent
+    expect_removed 'E2E\Rollback'
 done
-wine_run reg delete "$ica" /reg:32 /f >/dev/null
