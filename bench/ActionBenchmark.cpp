@@ -15,7 +15,7 @@
 #include "ActionHost.h"
 #include "logging/Log.h"
 #include "logging/msi/LogStreamMsi.h"
-#include "support/LibraryLogger.h"
+#include "support/LogCapture.h"
 #include "support/ShippedDll.h"
 
 namespace {
@@ -174,7 +174,7 @@ int wmain(int argc, wchar_t** argv)
     AfterOneLongLine(library);
 
     std::printf("Logger into installer sessions (each thread its own session):\n");
-    QcTest::CLibraryLogger logger;
+    QcTest::CLogCapture logger(&g_MsiLogStream); // the logger the DLL installs at load
     LogLinesPerSecond(1);
     LogLinesPerSecond(8);
     return 0;

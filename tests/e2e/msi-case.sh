@@ -238,7 +238,7 @@ expect_service_state() {
     outcome "$([ "$state" = "$2" ]; echo $?)" "service $1 is $2" "service $1 is '$state', not $2"
 }
 
-# use_test_firewall [SWITCH...]: registers the test firewall (tests/firewall/QcTestFirewall.c) with empty
+# use_test_firewall [SWITCH...]: registers the test firewall (tests/firewall/QcTestFirewall.cpp) with empty
 # state and the named DWORD switches set to 1; the case's end unregisters it (Wine's stub returns).
 test_firewall_key='HKLM\Software\QuillcastTest\Firewall'
 use_test_firewall() {

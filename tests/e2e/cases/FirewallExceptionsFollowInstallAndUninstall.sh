@@ -1,9 +1,10 @@
 # Deferred AddPortException and AddProgramException on install, the two removals on uninstall, run
-# by Wine's msiexec against the test firewall (tests/firewall/QcTestFirewall.c): one rule per
+# by Wine's msiexec against the test firewall (tests/firewall/QcTestFirewall.cpp): one rule per
 # exception, gone afterwards. Where the rule interface is missing (the test firewall's NoPolicy2
 # switch) each port and the program go into the legacy lists and out again. The program's ports
 # are left out: the include pads them.
-program='C:\Program Files\Quillcast\qc.exe' firewall=$test_firewall_key
+# The firewall takes only a fully qualified path to an existing program.
+program='C:\windows\notepad.exe' firewall=$test_firewall_key
 with adding ADD_PORT_EXCEPTION RULENAME="QC E2E Port" RULEDESCRIPTION="Quillcast print server" PROFILE=3 \
     LOCALPORTS=8080,8081 LOCALADDRESSES="*" REMOTEPORTS="*" REMOTEADDRESSES=LocalSubnet SERVICENAME="*" \
     ADD_PROGRAM_EXCEPTION RULENAME="QC E2E Program" RULEDESCRIPTION="Quillcast client" PROGRAMNAME="$program" \

@@ -4,7 +4,7 @@
 service=QcE2eRollback journal="$work_dir/service-journal.txt"
 add_test_service "$service" "--journal=$(windows_path "$journal")"
 machine_key 32 "$ica" VirtualDriver DrvA
-program='C:\Program Files\Quillcast\qc.exe'
+program='C:\windows\notepad.exe' # an existing program: the firewall takes no other
 
 with failing ADD_ICA_CLIENT ADD_PORT_EXCEPTION RULENAME="QC E2E Rollback Port" LOCALPORTS=8080 \
     ADD_PROGRAM_EXCEPTION RULENAME="QC E2E Rollback Program" PROGRAMNAME="$program" SERVICE_STOP SERVICENAME="$service" \
