@@ -12,13 +12,10 @@
 #include <numeric>
 #include <process.h>
 
-#include "actions/Workers.h"
-#include "host/MsiProperty.h"
 #include "support/ActionCall.h"
 #include "support/ComChangedMode.h"
 #include "support/ImportPatch.h"
 #include "system/Process.h"
-#include "system/Registry.h"
 #include "system/Shell.h"
 
 namespace QcTest {
@@ -268,12 +265,7 @@ const Case kCases[] = {
     // An empty command line is refused before anything is started or logged.
     Row("EmptyCommandLineFailsSilently", "CreateProcessImmediately", {}).Fails(L""),
 
-    // Closing by name. Exit codes: 0 terminated by the action, 7 ended by its own WM_CLOSE handling. The
-    // deferred action needs two pairs: without TIMEOUT another pair takes its place.
-    Row("NoTimeoutArgumentWaitsTheDefaultMinute", "CloseProcessDeferred", Data(L";PROCESSNAME=Qc{name}.exe;UNUSED=1"))
-        .Text(Error(L"Process", L"Timeout reached after 60 seconds"))
-        .Waits({0, 60000})
-        .Launch({L"--window=ignore"}, {0}),
+    // Closing by name. Exit codes: 0 terminated by the action, 7 ended by its own WM_CLOSE handling.
     Row("TimeoutWithoutDigitsIsZeroNotTheDefault", "CloseProcessDeferred",
         Data(L";PROCESSNAME=Qc{name}.exe;TIMEOUT=abc"))
         .Text(Error(L"Process", L"Timeout reached after 0 seconds"))
@@ -358,28 +350,15 @@ const Case kCases[] = {
 INSTANTIATE_TEST_SUITE_P(Runs, ProcessAction, ::testing::ValuesIn(kCases),
                          [](const auto& paramInfo) { return std::string(paramInfo.param.name); });
 
-// What the wrappers and workers keep where no action shows it: a call's results (the wrapper's answer, its last-error
-// value, HRESULTs) and the log bodies it left.
+// What the wrappers keep where no action shows it: a call's results (the wrapper's answer, its last-error value,
+// HRESULTs) and the log bodies it left.
 struct CodeCase
 {
     const char* name;
     std::function<std::vector<DWORD>()> call;
     std::vector<DWORD> results;
-    Lines log;
+    Lines log{};
 };
-
-// A worker given a context without a session: no session refuses a property read, a context without one does. The
-// entry names the property and carries the thread's last-error value, not the installer's (ERROR_INVALID_HANDLE).
-// The context's own reading of "CustomActionData" has failed before.
-const wchar_t kNoSession[] = L"[ERROR] MsiArguments (#) Invalid MSI handle.";
-std::function<std::vector<DWORD>()> WithoutSession(Quillcast::Host::ActionWorker worker)
-{
-    return [worker] {
-        Quillcast::Host::CWorkbench workbench(0);
-        ::SetLastError(4242);
-        return std::vector<DWORD>{worker(&workbench)};
-    };
-}
 
 using WrapperCode = ::testing::TestWithParam<CodeCase>;
 
@@ -394,40 +373,28 @@ TEST_P(WrapperCode, Case)
 using Quillcast::System::CProcess;
 using Quillcast::System::CShell;
 
-// A wrapper's answer and its last-error value.
+// A call on a fresh wrapper: its answer and the wrapper's last-error value.
 template <typename TWrapper>
-std::vector<DWORD> Answer(bool bAnswer, const TWrapper& wrapper)
+std::function<std::vector<DWORD>()> Answer(bool (*call)(TWrapper&))
 {
-    return {bAnswer, wrapper.LastError()};
+    return [call] {
+        TWrapper wrapper;
+        const bool bAnswer = call(wrapper);
+        return std::vector<DWORD>{bAnswer, wrapper.LastError()};
+    };
 }
 
 const CodeCase kCodeCases[] = {
-    {"EmptyCommandLineIsAnInvalidParameter",
-     [] {
-         CProcess p;
-         return Answer(p.Create(L""), p);
-     },
-     {false, 87},
-     {}},
+    {"EmptyCommandLineIsAnInvalidParameter", Answer<CProcess>([](CProcess& p) { return p.Create(L""); }), {false, 87}},
     {"CloseWithoutASnapshotIsAnInvalidParameter",
-     [] {
-         CProcess p;
-         return Answer(p.CloseByName(L"Qc.exe", 0), p);
-     },
-     {false, 87},
-     {}},
+     Answer<CProcess>([](CProcess& p) { return p.CloseByName(L"Qc.exe", 0); }),
+     {false, 87}},
     {"NoAssociationKeepsItsHResult",
-     [] {
-         CShell s;
-         return Answer(s.Execute(L"Plain.qcnoassoc", L"."), s);
-     },
+     Answer<CShell>([](CShell& s) { return s.Execute(L"Plain.qcnoassoc", L"."); }),
      {false, 0x80070483},
      {L"[ERROR] Shell (#) ShellExec failed with return code31."}},
     {"MissingDirectoryKeepsTheInvalidAttributesThemselves",
-     [] {
-         CShell s;
-         return Answer(s.Execute(L"x", L"Z:\\QcNoSuchFolder"), s);
-     },
+     Answer<CShell>([](CShell& s) { return s.Execute(L"x", L"Z:\\QcNoSuchFolder"); }),
      {false, 0xFFFFFFFF},
      {L"[ERROR] Shell (#) Invalid File Attributes."}},
     // Kept on purpose: the shell wrapper counts RPC_E_CHANGED_MODE as its own initialisation and uninitialises all
@@ -438,53 +405,11 @@ const CodeCase kCodeCases[] = {
          return std::vector<DWORD>{static_cast<DWORD>(outcome.first), outcome.lastError,
                                    static_cast<DWORD>(outcome.again)};
      },
-     {S_OK, 0, S_OK},
-     {}},
-    {"CreateProcessPropertyUnreadable",
-     WithoutSession(Quillcast::Actions::CreateProcessImmediatelyWorker),
-     {1603},
-     {kNoSession, L"[ERROR] Various (#) MsiGetProperty CreateProcessProperty failed with error 4242."}},
-    {"CloseProcessPropertyUnreadable",
-     WithoutSession(Quillcast::Actions::CloseProcessImmediatelyWorker),
-     {1603},
-     {kNoSession, L"[ERROR] Various (#) MsiGetProperty CloseProcessProperty failed with error 4242."}},
-    {"ShellExecuteTargetUnreadable",
-     WithoutSession(Quillcast::Actions::ShellExecuteImmediatelyWorker),
-     {1603},
-     {kNoSession, L"[ERROR] Various (#) MsiGetProperty ShellExecuteTarget failed with error 4242."}},
+     {S_OK, 0, S_OK}},
 };
 
 INSTANTIATE_TEST_SUITE_P(Calls, WrapperCode, ::testing::ValuesIn(kCodeCases),
                          [](const auto& paramInfo) { return std::string(paramInfo.param.name); });
-
-// Helpers that log for their caller write the caller's source and line, so that a log line leads to the call and
-// not to the helper. Both entries carry the thread's last-error value: a failed open leaves it alone, and its status
-// (ERROR_FILE_NOT_FOUND) is not what the entry shows.
-TEST(ProcessAndShellCode, HelperEntriesCarryTheCallersSourceAndLine)
-{
-    constexpr Quillcast::Logging::CLogSource kCaller{L"Various", 7000};
-    CLogCapture log;
-    Quillcast::System::Types::CWideBuffer value;
-    Quillcast::System::Types::CRegistryKey key;
-    ::SetLastError(4242);
-    const uint32_t readLine = __LINE__ + 1;
-    EXPECT_FALSE(QC_READ_PROPERTY_OR_LOG(0, L"CloseProcessProperty", value, kCaller));
-    ::SetLastError(4243);
-    const uint32_t openLine = __LINE__ + 2; // the line of the macro's name
-    const bool bOpened =
-        QC_OPEN_KEY_OR_LOG(HKEY_LOCAL_MACHINE, L"SYSTEM\\QcNoSuchKey", KEY_READ, key,
-                           Quillcast::Logging::LOG_LEVEL_WARNING, kCaller, L"Open registry key failed with error ");
-    EXPECT_FALSE(bOpened);
-    Lines lines;
-    for (const std::wstring& line : log.Lines())
-    {
-        lines.push_back(WithoutPrefixes(line));
-    }
-    EXPECT_EQ(lines, (Lines{L"[ERROR] Various (" + std::to_wstring(7000 + readLine) +
-                                L") MsiGetProperty CloseProcessProperty failed with error 4242.",
-                            L"[WARNING] Various (" + std::to_wstring(7000 + openLine) +
-                                L") Open registry key failed with error 4243."}));
-}
 
 } // namespace
 } // namespace QcTest

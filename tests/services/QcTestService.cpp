@@ -7,13 +7,11 @@
 //     --stop-delay=MS|hold the same for STOP_PENDING after the stop control, then STOPPED
 //     --refuse-stop        does not accept the stop control at all (1052)
 //     --fail-start         reports STOPPED with a service-specific error instead of running
-//     --abort-held-start   a start that had to wait for the continue event reports
-//                          STOPPED when it comes; a start that finds it set runs
-//     --pausable           accepts the pause control (SERVICE_PAUSED)
 //     --journal=PATH       appends "<name> running" / "<name> stopped" lines to PATH
 //
-// Without a stop delay the control handler reports SERVICE_STOPPED itself, so
-// that ControlService already returns the stopped state.
+// Running or paused, it accepts the pause control. Without a stop delay the
+// control handler reports SERVICE_STOPPED itself, so that ControlService
+// already returns the stopped state.
 //
 // Two manual-reset events, created by whichever side comes first:
 //   "Global\QcTestService.<name>.Continue" ends a held or delayed pending state;
@@ -36,8 +34,6 @@ struct Options
     DWORD stopDelay = 0;
     bool refuseStop = false;
     bool failStart = false;
-    bool abortHeldStart = false;
-    bool pausable = false;
     std::wstring journal;
 };
 
@@ -66,11 +62,9 @@ bool ParseOptions(int argc, wchar_t** argv)
     {
         const std::wstring option = argv[i];
         const wchar_t* value = argv[i] + option.find(L'=') + 1;
-        bool* flag = option == L"--refuse-stop"        ? &g_Options.refuseStop
-                     : option == L"--fail-start"       ? &g_Options.failStart
-                     : option == L"--abort-held-start" ? &g_Options.abortHeldStart
-                     : option == L"--pausable"         ? &g_Options.pausable
-                                                       : nullptr;
+        bool* flag = option == L"--refuse-stop"  ? &g_Options.refuseStop
+                     : option == L"--fail-start" ? &g_Options.failStart
+                                                 : nullptr;
         if (flag != nullptr)
         {
             *flag = true;
@@ -106,7 +100,7 @@ void Report(DWORD state, DWORD specificError = 0)
         g_Status.dwControlsAccepted = !bSteady
                                           ? 0
                                           : (g_Options.refuseStop ? 0 : SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_SHUTDOWN) |
-                                                (g_Options.pausable ? SERVICE_ACCEPT_PAUSE_CONTINUE : 0);
+                                                SERVICE_ACCEPT_PAUSE_CONTINUE;
         g_Status.dwWin32ExitCode = specificError != 0 ? ERROR_SERVICE_SPECIFIC_ERROR : NO_ERROR;
         g_Status.dwServiceSpecificExitCode = specificError;
         // A pending state promises progress within its wait hint.
@@ -172,9 +166,7 @@ void WINAPI ServiceMain(DWORD /*argc*/, LPWSTR* /*argv*/)
         Report(SERVICE_STOPPED, 42);
         return;
     }
-    const bool bHeld = g_Options.startDelay != 0 && ::WaitForSingleObject(g_hContinue, 0) != WAIT_OBJECT_0;
-    if (g_Options.startDelay != 0 &&
-        (!Pending(SERVICE_START_PENDING, g_Options.startDelay) || (bHeld && g_Options.abortHeldStart)))
+    if (g_Options.startDelay != 0 && !Pending(SERVICE_START_PENDING, g_Options.startDelay))
     {
         Report(SERVICE_STOPPED);
         return;

@@ -18,8 +18,6 @@
 #include "ActionHost.h"
 #include "services/ServiceKit.h"
 #include "support/ActionCall.h"
-#include "support/LogCapture.h"
-#include "system/Daemon.h"
 
 namespace QcTest {
 namespace {
@@ -85,9 +83,9 @@ struct ServiceSetup
 // dependents, unless the row says otherwise. "{role}" in data, lines, journal and opens stands for that service's name.
 struct Case
 {
+    const char* action;
     const char* behaviour;
     std::vector<ServiceSetup> services;
-    const char* action = "ServiceStart";
     std::wstring data = L";SERVICENAME={S};DEPENDENCIES=0;TIMEOUT=30"; // CustomActionData
     UINT result = 0;
     Lines lines{};                       // the controller's, without the frame's
@@ -97,10 +95,8 @@ struct Case
     Lines opens{};                       // checked when given
     const wchar_t* atCallSite = nullptr; // the entry holding it names a line of the source that holds it too
 
-    Case& Action(const char* name) { return action = name, *this; }
     // The pairs after SERVICENAME={S}.
     Case& Args(const std::wstring& pairs) { return data = L";SERVICENAME={S};" + pairs, *this; }
-    Case& Data(const std::wstring& whole) { return data = whole, *this; }
     Case& Logs(Lines expected) { return lines = std::move(expected), *this; }
     Case& Fails(Lines expected) { return result = 1603, Logs(std::move(expected)); }
     Case& Journal(Lines expected) { return journal = std::move(expected), *this; }
@@ -110,18 +106,9 @@ struct Case
     Case& AtCallSite(const wchar_t* text) { return atCallSite = text, *this; }
 };
 
-// A row of the action its name says.
-Case ServiceStart(const char* behaviour, std::vector<ServiceSetup> services)
+Case Row(const char* action, const char* behaviour, std::vector<ServiceSetup> services)
 {
-    return Case{behaviour, std::move(services)};
-}
-Case ServiceStop(const char* behaviour, std::vector<ServiceSetup> services)
-{
-    return ServiceStart(behaviour, std::move(services)).Action("ServiceStop");
-}
-Case ServiceRestart(const char* behaviour, std::vector<ServiceSetup> services)
-{
-    return ServiceStart(behaviour, std::move(services)).Action("ServiceRestart");
+    return Case{action, behaviour, std::move(services)};
 }
 
 // Far beyond any wait the cases expect (the longest is a few poll intervals).
@@ -266,82 +253,59 @@ TEST_P(ServiceAction, Case)
 
 const Case kCases[] = {
     // Running by the first poll, yet 1.5 s are more than a limit of 0.
-    ServiceStart("TimeoutZeroWinsOverTheStateReadOnTheSamePoll", {{L"S", Stopped, Running}})
+    Row("ServiceStart", "TimeoutZeroWinsOverTheStateReadOnTheSamePoll", {{L"S", Stopped, Running}})
         .Args(L"DEPENDENCIES=0;TIMEOUT=0")
         .Fails({Error(L"{S} timeout, after 0 seconds")})
         .Journal({L"{S} running"}),
     // 4294969 s are 4294969000 ms, 1704 ms in 32 bits: the poll at 1.5 s passes, the next times out. Without the wrap
     // it would never time out.
-    ServiceStart("TimeoutInMillisecondsWrapsIn32Bits", {{L"S", Stopped, StartPending, L"--start-delay=hold"}})
+    Row("ServiceStart", "TimeoutInMillisecondsWrapsIn32Bits", {{L"S", Stopped, StartPending, L"--start-delay=hold"}})
         .Args(L"DEPENDENCIES=0;TIMEOUT=4294969")
         .Fails({Error(L"{S} timeout, after 1 seconds")}),
-    // 4294966296 ms; read as 0 it would fail the first poll.
-    ServiceStart("TimeoutOfMinusOneIsInEffectNoLimit", {{L"S", Stopped, Running, L"--start-delay=2000"}})
-        .Args(L"DEPENDENCIES=0;TIMEOUT=-1")
-        .Journal({L"{S} running"}),
     // Three pairs are required, so a stand-in takes TIMEOUT's place: no limit, and four polls find the service pending
     // before it is let run.
-    ServiceStart("WithoutTimeoutStartPollsUntilTheServiceRuns", {{L"S", Stopped, Running, L"--start-delay=hold"}})
+    Row("ServiceStart", "WithoutTimeoutStartPollsUntilTheServiceRuns",
+        {{L"S", Stopped, Running, L"--start-delay=hold"}})
         .Args(L"DEPENDENCIES=0;UNUSED=1")
         .Journal({L"{S} running"})
         .ContinueAfter(5),
     // Still pending at the first poll, done by the second: a second start or stop control would fail and say so.
-    ServiceStart("StartPendingServiceIsAwaitedWithoutASecondStart",
-                 {{L"S", StartPending, Running, L"--start-delay=hold"}})
+    Row("ServiceStart", "StartPendingServiceIsAwaitedWithoutASecondStart",
+        {{L"S", StartPending, Running, L"--start-delay=hold"}})
         .Logs({Warning(L"{S} pending start")})
         .Journal({L"{S} running"})
         .ContinueAfter(2),
-    ServiceStart("StartPendingThatEndsStoppedIsStartedByTheAction",
-                 {{L"S", StartPending, Running, L"--start-delay=hold --abort-held-start"}})
-        .Logs({Warning(L"{S} pending start")})
-        .Journal({L"{S} stopped", L"{S} running"})
-        .ContinueAfter(2),
-    ServiceStop("StopPendingServiceIsAwaitedWithoutASecondControl",
-                {{L"S", StopPending, Stopped, L"--stop-delay=hold"}})
+    Row("ServiceStop", "StopPendingServiceIsAwaitedWithoutASecondControl",
+        {{L"S", StopPending, Stopped, L"--stop-delay=hold"}})
         .Logs({Warning(L"{S} pending stop")})
         .Journal({L"{S} stopped"})
         .ContinueAfter(2),
-    ServiceStart("PausedServiceOnStartWarnsUnknownStatusAndItsStartFails", {{L"S", Paused, Paused, L"--pausable"}})
+    Row("ServiceStart", "PausedServiceOnStartWarnsUnknownStatusAndItsStartFails", {{L"S", Paused, Paused}})
         .Fails({Warning(L"{S} status, unknown #7"), Error(L"StartService failed with error 1056")}),
-    ServiceStop("PausedServiceOnStopWarnsUnknownStatusAndIsStopped", {{L"S", Paused, Stopped, L"--pausable"}})
+    Row("ServiceStop", "PausedServiceOnStopWarnsUnknownStatusAndIsStopped", {{L"S", Paused, Stopped}})
         .Logs({Warning(L"{S} status, unknown #7")})
         .Journal({L"{S} stopped"}),
-    ServiceRestart("RestartOfAStoppedServiceWarnsAlreadyStoppedAndStartsIt", {{L"S", Stopped, Running}})
+    Row("ServiceRestart", "RestartOfAStoppedServiceWarnsAlreadyStoppedAndStartsIt", {{L"S", Stopped, Running}})
         .Logs({Warning(L"{S} is already stopped")})
         .Journal({L"{S} running"}),
-    ServiceRestart("RestartAwaitsTheStopThenStartsTheService", {{L"S", Running, Running, L"--stop-delay=2000"}})
-        .Journal({L"{S} stopped", L"{S} running"}),
     // A start would have warned " is already started". The entry is written through a helper, yet under the line of
     // the failed control itself.
-    ServiceRestart("RestartWhoseStopIsRefusedTriesNoStart", {{L"S", Running, Running, L"--refuse-stop"}})
+    Row("ServiceRestart", "RestartWhoseStopIsRefusedTriesNoStart", {{L"S", Running, Running, L"--refuse-stop"}})
         .Fails({Error(L"ControlService failed with error 1052")})
         .AtCallSite(L"ControlService failed with error "),
-    ServiceStart("UnknownServiceOnStartFailsAtOpenAndAtTheFirstQuery", {})
+    Row("ServiceStart", "UnknownServiceOnStartFailsAtOpenAndAtTheFirstQuery", {})
         .Args(L"DEPENDENCIES=1;TIMEOUT=30")
         .Fails({Error(L"OpenService failed"), Error(L"QueryServiceStatus failed with error 6")}),
-    // The frame rejects it before any service call.
-    ServiceStart("EmptyServiceNameIsRejected", {}).Data(L";SERVICENAME=;DEPENDENCIES=1;TIMEOUT=30").Fails({}),
-
-    // Only the inactive dependents are enumerated (D3 is not met at all) and started in start order.
-    ServiceStart("StartOfARunningServiceStartsItsInactiveDependentsInStartOrder",
-                 {{L"S", Running, Running},
-                  {L"D1", Stopped, Running, L"", Auto, {L"S"}},
-                  {L"D2", Stopped, Running, L"", Auto, {L"D1"}},
-                  {L"D3", Running, Running, L"", Auto, {L"S"}}})
-        .Args(L"DEPENDENCIES=1;TIMEOUT=30")
-        .Logs({Warning(L"{S} is already started")})
-        .Journal({L"{D1} running", L"{D2} running"})
-        .Enumerates({Inactive, Inactive}),
     // Active dependents in reverse start order: D4 (needs D1), D3, D1. They stop in that order before the service and
     // start again in the reverse order after it, from the list the stop enumerated (one size query and one read); D3
     // only starts on demand and D2 did not run. The service is opened for everything, each dependent with only what its
     // walk needs.
-    ServiceRestart("RestartWithDependentsRestartsExactlyThoseThatRanSkippingDemandStart",
-                   {{L"S", Running, Running},
-                    {L"D1", Running, Running, L"", Auto, {L"S"}},
-                    {L"D2", Stopped, Stopped, L"", Auto, {L"S"}},
-                    {L"D3", Running, Stopped, L"", Demand, {L"S"}},
-                    {L"D4", Running, Running, L"", Auto, {L"D1"}}})
+    Row("ServiceRestart", "RestartWithDependentsRestartsExactlyThoseThatRanSkippingDemandStart",
+        {{L"S", Running, Running},
+         {L"D1", Running, Running, L"", Auto, {L"S"}},
+         {L"D2", Stopped, Stopped, L"", Auto, {L"S"}},
+         {L"D3", Running, Stopped, L"", Demand, {L"S"}},
+         {L"D4", Running, Running, L"", Auto, {L"D1"}}})
         .Args(L"DEPENDENCIES=1;TIMEOUT=30")
         .Logs({Warning(L"{D3} only starts on demand, will skip")})
         .Journal({L"{D4} stopped", L"{D3} stopped", L"{D1} stopped", L"{S} stopped", L"{S} running", L"{D1} running",
@@ -353,11 +317,11 @@ const Case kCases[] = {
     // nothing resets the measure after that, the service's own wait goes on from it and fails at its first poll,
     // although the service stops a millisecond after its control. Held states and a stop that needs no poll keep the
     // outcome the same on a busy machine.
-    ServiceStop("DependentStopTimeoutLeavesTheMeasureRunningForTheService",
-                {{L"S", Running, Stopped, L"--stop-delay=1"},
-                 {L"A", Running, StopPending, L"--stop-delay=hold", Auto, {L"S"}},
-                 {L"B", Running, Stopped, L"", Auto, {L"A"}},
-                 {L"C", Running, StopPending, L"--stop-delay=hold", Auto, {L"B"}}})
+    Row("ServiceStop", "DependentStopTimeoutLeavesTheMeasureRunningForTheService",
+        {{L"S", Running, Stopped, L"--stop-delay=1"},
+         {L"A", Running, StopPending, L"--stop-delay=hold", Auto, {L"S"}},
+         {L"B", Running, Stopped, L"", Auto, {L"A"}},
+         {L"C", Running, StopPending, L"--stop-delay=hold", Auto, {L"B"}}})
         .Args(L"DEPENDENCIES=1;TIMEOUT=2")
         .Fails({Warning(L"{C} timeout, after 2 seconds"), Warning(L"{A} timeout, after 2 seconds"),
                 Error(L"{S} timeout, after 2 seconds")})
@@ -365,89 +329,60 @@ const Case kCases[] = {
         .Enumerates({Active, Active}),
     // C times out after three polls; paused B refuses the stop, which ends the walk and starts the measure afresh: the
     // service's wait has its full limit.
-    ServiceStop("DependentStopFailureEndsTheWalkAndResetsTheMeasure",
-                {{L"S", Running, Stopped, L"--stop-delay=1"},
-                 {L"A", Running, Running, L"", Auto, {L"S"}},
-                 {L"B", Paused, Paused, L"--pausable --refuse-stop", Auto, {L"A"}},
-                 {L"C", Running, StopPending, L"--stop-delay=hold", Auto, {L"B"}}})
+    Row("ServiceStop", "DependentStopFailureEndsTheWalkAndResetsTheMeasure",
+        {{L"S", Running, Stopped, L"--stop-delay=1"},
+         {L"A", Running, Running, L"", Auto, {L"S"}},
+         {L"B", Paused, Paused, L"--refuse-stop", Auto, {L"A"}},
+         {L"C", Running, StopPending, L"--stop-delay=hold", Auto, {L"B"}}})
         .Args(L"DEPENDENCIES=1;TIMEOUT=4")
         .Logs({Warning(L"{C} timeout, after 4 seconds"), Error(L"ControlService failed with error 1052")})
         .Journal({L"{S} stopped"})
         .Enumerates({Active, Active}),
-    // Enumerated while stopping (active), stopped by the time the walk reaches it after D2's longer stop.
-    ServiceStop("DependentThatStoppedMeanwhileWarnsAlreadyStopped",
-                {{L"S", Running, Stopped},
-                 {L"D1", StopPending, Stopped, L"--stop-delay=3000", Auto, {L"S"}},
-                 {L"D2", Running, Stopped, L"--stop-delay=6000", Auto, {L"D1"}}})
-        .Args(L"DEPENDENCIES=1;TIMEOUT=60")
-        .Logs({Warning(L"{D1} is already stopped")})
-        .Journal({L"{D1} stopped", L"{D2} stopped", L"{S} stopped"})
-        .Enumerates({Active, Active}),
     // D1 is started before D2: a disabled one is skipped, another failure ends the walk (Wine's manager answers 1053
     // when ServiceMain reports SERVICE_STOPPED with an error), a time-out does not; none fails the action.
-    ServiceStart("DisabledDependentIsSkippedAndTheWalkGoesOn", {{L"S", Running, Running},
-                                                                {L"D1", Stopped, Stopped, L"", Disabled, {L"S"}},
-                                                                {L"D2", Stopped, Running, L"", Auto, {L"S"}}})
+    Row("ServiceStart", "DisabledDependentIsSkippedAndTheWalkGoesOn",
+        {{L"S", Running, Running},
+         {L"D1", Stopped, Stopped, L"", Disabled, {L"S"}},
+         {L"D2", Stopped, Running, L"", Auto, {L"S"}}})
         .Args(L"DEPENDENCIES=1;TIMEOUT=30")
         .Logs({Warning(L"{S} is already started"), Error(L"StartService failed with error 1058")})
         .Journal({L"{D2} running"})
         .Enumerates({Inactive, Inactive}),
-    ServiceStart("OtherStartFailureEndsTheWalkButNotTheAction",
-                 {{L"S", Running, Running},
-                  {L"D1", Stopped, Stopped, L"--fail-start", Auto, {L"S"}},
-                  {L"D2", Stopped, Stopped, L"", Auto, {L"S"}}})
+    Row("ServiceStart", "OtherStartFailureEndsTheWalkButNotTheAction",
+        {{L"S", Running, Running},
+         {L"D1", Stopped, Stopped, L"--fail-start", Auto, {L"S"}},
+         {L"D2", Stopped, Stopped, L"", Auto, {L"S"}}})
         .Args(L"DEPENDENCIES=1;TIMEOUT=30")
         .Logs({Warning(L"{S} is already started"), Error(L"StartService failed with error 1053")})
         .Journal({L"{D1} stopped"})
         .Enumerates({Inactive, Inactive}),
     // 4 s leave D2's first poll (at 1.5 s) well inside the limit.
-    ServiceStart("DependentStartTimeoutIsAnErrorAndTheWalkGoesOn",
-                 {{L"S", Running, Running},
-                  {L"D1", Stopped, StartPending, L"--start-delay=hold", Auto, {L"S"}},
-                  {L"D2", Stopped, Running, L"", Auto, {L"S"}}})
+    Row("ServiceStart", "DependentStartTimeoutIsAnErrorAndTheWalkGoesOn",
+        {{L"S", Running, Running},
+         {L"D1", Stopped, StartPending, L"--start-delay=hold", Auto, {L"S"}},
+         {L"D2", Stopped, Running, L"", Auto, {L"S"}}})
         .Args(L"DEPENDENCIES=1;TIMEOUT=4")
         .Logs({Warning(L"{S} is already started"), Error(L"{D1} timeout, after 4 seconds")})
         .Journal({L"{D2} running"})
         .Enumerates({Inactive, Inactive}),
-    // Dependents are left alone when the service was already stopped, and unless DEPENDENCIES is exactly "1". A stop
-    // the control reports done needs no poll, so a limit of 0 is no failure; a held stop fails its first poll, as an
-    // empty or junk limit converts to 0.
-    ServiceStop("StopWhenAlreadyStoppedLeavesDependentsAlone",
-                {{L"S", Stopped, Stopped}, {L"D", Running, Running, L"", Auto, {L"S"}}})
+    // Dependents are left alone when the service was already stopped, and unless DEPENDENCIES is exactly "1". A held
+    // stop fails its first poll, as an empty or junk limit converts to 0.
+    Row("ServiceStop", "StopWhenAlreadyStoppedLeavesDependentsAlone",
+        {{L"S", Stopped, Stopped}, {L"D", Running, Running, L"", Auto, {L"S"}}})
         .Args(L"DEPENDENCIES=1;TIMEOUT=30")
         .Logs({Warning(L"{S} is already stopped")}),
-    ServiceStop("Dependencies0", {{L"S", Running, Stopped}, {L"D", Running, Running, L"", Auto, {L"S"}}})
-        .Args(L"DEPENDENCIES=0;TIMEOUT=0")
-        .Journal({L"{S} stopped"}),
-    ServiceStop("Dependencies01AndJunkTimeout",
-                {{L"S", Running, StopPending, L"--stop-delay=hold"}, {L"D", Running, Running, L"", Auto, {L"S"}}})
+    Row("ServiceStop", "Dependencies01AndJunkTimeout",
+        {{L"S", Running, StopPending, L"--stop-delay=hold"}, {L"D", Running, Running, L"", Auto, {L"S"}}})
         .Args(L"DEPENDENCIES=01;TIMEOUT=junk")
         .Fails({Error(L"{S} timeout, after 0 seconds")}),
-    ServiceStop("EmptyDependenciesAndTimeout",
-                {{L"S", Running, StopPending, L"--stop-delay=hold"}, {L"D", Running, Running, L"", Auto, {L"S"}}})
+    Row("ServiceStop", "EmptyDependenciesAndTimeout",
+        {{L"S", Running, StopPending, L"--stop-delay=hold"}, {L"D", Running, Running, L"", Auto, {L"S"}}})
         .Args(L"DEPENDENCIES=;TIMEOUT=")
         .Fails({Error(L"{S} timeout, after 0 seconds")}),
 };
 
 INSTANTIATE_TEST_SUITE_P(Cases, ServiceAction, ::testing::ValuesIn(kCases),
                          [](const auto& paramInfo) { return std::string(paramInfo.param.behaviour); });
-
-// CDaemon built directly, for what the action frame never lets through (a null or empty service name) and the
-// dependency action no action asks for.
-TEST(DaemonObject, NullOrEmptyNameFailsAtTheFirstQueryAndAnUnknownDependencyActionDoesNothing)
-{
-    for (const wchar_t* name : {static_cast<const wchar_t*>(nullptr), L""})
-    {
-        CLogCapture log;
-        Quillcast::System::CDaemon daemon(name);
-        daemon.SetDependencies(true);
-        EXPECT_FALSE(name == nullptr ? daemon.Stop() : daemon.Start());
-        EXPECT_TRUE(daemon.HandleDependencies(0) && daemon.HandleDependencies(2) && daemon.HandleDependencies(5));
-        const Lines expected = {Error(L"ERROR_INVALID_PARAMETER"), Error(L"QueryServiceStatus failed with error 6")};
-        EXPECT_EQ(log.Bodies(), expected);
-        EXPECT_EQ(daemon.LastError(), 87u);
-    }
-}
 
 } // namespace
 } // namespace QcTest

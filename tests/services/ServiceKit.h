@@ -50,12 +50,6 @@ public:
     {
         s_Registrations.emplace_back(service, dependsOn);
     }
-    static void Forget(const std::wstring& service)
-    {
-        s_Registrations.erase(std::remove_if(s_Registrations.begin(), s_Registrations.end(),
-                                             [&service](const auto& entry) { return entry.first == service; }),
-                              s_Registrations.end());
-    }
     // The state filter of each call since the last ClearCalls(), in order; read once the action has returned.
     static const std::vector<DWORD>& Calls() { return s_Calls; }
     static void ClearCalls() { s_Calls.clear(); }
@@ -83,7 +77,8 @@ private:
         std::vector<std::wstring> found{pConfig->lpDisplayName};
         for (const auto& [service, dependsOn] : s_Registrations)
         {
-            if (std::find_first_of(dependsOn.begin(), dependsOn.end(), found.begin(), found.end()) != dependsOn.end())
+            if (std::find(found.begin(), found.end(), service) == found.end() &&
+                std::find_first_of(dependsOn.begin(), dependsOn.end(), found.begin(), found.end()) != dependsOn.end())
             {
                 found.push_back(service);
             }
@@ -175,8 +170,8 @@ public:
             // manager waiting for an answer.
             ::SetEvent(m_hExit.Get());
             Await(SERVICE_STOPPED);
+            // Its definition stays with the seam (once per name): a deleted service cannot be opened, so is never found.
             ::DeleteService(m_hService.Get());
-            CDependentsSeam::Forget(m_Name);
         }
     }
 
