@@ -12,10 +12,12 @@
 #include <numeric>
 #include <process.h>
 
+#include "host/MsiProperty.h"
 #include "support/ActionCall.h"
 #include "support/ComChangedMode.h"
 #include "support/ImportPatch.h"
 #include "system/Process.h"
+#include "system/Registry.h"
 #include "system/Shell.h"
 
 namespace QcTest {
@@ -410,6 +412,35 @@ const CodeCase kCodeCases[] = {
 
 INSTANTIATE_TEST_SUITE_P(Calls, WrapperCode, ::testing::ValuesIn(kCodeCases),
                          [](const auto& paramInfo) { return std::string(paramInfo.param.name); });
+
+// Helpers that log for their caller write the caller's source and line, so that a log line leads to the call and
+// not to the helper. Both entries carry the thread's last-error value: a failed open leaves it alone, and its status
+// (ERROR_FILE_NOT_FOUND) is not what the entry shows.
+TEST(ProcessAndShellCode, HelperEntriesCarryTheCallersSourceAndLine)
+{
+    constexpr Quillcast::Logging::CLogSource kCaller{L"Various", 7000};
+    CLogCapture log;
+    Quillcast::System::Types::CWideBuffer value;
+    Quillcast::System::Types::CRegistryKey key;
+    ::SetLastError(4242);
+    const uint32_t readLine = __LINE__ + 1;
+    EXPECT_FALSE(QC_READ_PROPERTY_OR_LOG(0, L"CloseProcessProperty", value, kCaller));
+    ::SetLastError(4243);
+    const uint32_t openLine = __LINE__ + 2; // the line of the macro's name
+    const bool bOpened =
+        QC_OPEN_KEY_OR_LOG(HKEY_LOCAL_MACHINE, L"SYSTEM\\QcNoSuchKey", KEY_READ, key,
+                           Quillcast::Logging::LOG_LEVEL_WARNING, kCaller, L"Open registry key failed with error ");
+    EXPECT_FALSE(bOpened);
+    Lines lines;
+    for (const std::wstring& line : log.Lines())
+    {
+        lines.push_back(WithoutPrefixes(line));
+    }
+    EXPECT_EQ(lines, (Lines{L"[ERROR] Various (" + std::to_wstring(7000 + readLine) +
+                                L") MsiGetProperty CloseProcessProperty failed with error 4242.",
+                            L"[WARNING] Various (" + std::to_wstring(7000 + openLine) +
+                                L") Open registry key failed with error 4243."}));
+}
 
 } // namespace
 } // namespace QcTest
