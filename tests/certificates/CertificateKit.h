@@ -60,10 +60,7 @@ inline std::vector<BYTE> KeyProviderInfo(PCCERT_CONTEXT pCert)
     if (::CertGetCertificateContextProperty(pCert, CERT_KEY_PROV_INFO_PROP_ID, nullptr, &cbInfo))
     {
         info.resize(cbInfo);
-        if (!::CertGetCertificateContextProperty(pCert, CERT_KEY_PROV_INFO_PROP_ID, info.data(), &cbInfo))
-        {
-            info.clear();
-        }
+        ::CertGetCertificateContextProperty(pCert, CERT_KEY_PROV_INFO_PROP_ID, info.data(), &cbInfo);
     }
     return info;
 }

@@ -95,11 +95,6 @@ inline BOOL WINAPI ExportStandIn(HCERTSTORE hStore, CRYPT_DATA_BLOB* pPFX, LPCWS
     const Types::CCertContext certificate(::CertEnumCertificatesInStore(hStore, nullptr));
     Header header{"QCPFX1", certificate ? certificate.Get()->cbCertEncoded : 0, 0};
     std::vector<BYTE> key;
-    if (pPFX == nullptr || !certificate)
-    {
-        ::SetLastError(static_cast<DWORD>(E_INVALIDARG));
-        return FALSE;
-    }
     if ((dwFlags & EXPORT_PRIVATE_KEYS) != 0 && !ExportPrivateKey(certificate.Get(), key, header.keySpec))
     {
         return FALSE;
