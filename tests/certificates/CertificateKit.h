@@ -1,8 +1,7 @@
 #pragma once
 
-// The local machine's certificate stores and the key containers, read and
-// restored by the certificate tests, the end-to-end cases' store tool and the
-// benchmark.
+// The local machine's certificate stores and the key containers, read and restored by the certificate
+// tests, the end-to-end cases' store tool and the benchmark.
 #include <windows.h>
 #include <wincrypt.h>
 
@@ -65,9 +64,8 @@ inline std::vector<BYTE> KeyProviderInfo(PCCERT_CONTEXT pCert)
     return info;
 }
 
-// The names of the key containers of the machine key set or the user's. Wine
-// keeps each as a registry key (PP_ENUMCONTAINERS does not reach the machine
-// key set from a verification context).
+// The names of the key containers of the machine key set or the user's. Wine keeps each as a registry
+// key (PP_ENUMCONTAINERS does not reach the machine key set from a verification context).
 inline std::set<std::string> KeyContainers(bool machine)
 {
     std::set<std::string> names;

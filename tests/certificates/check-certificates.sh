@@ -1,10 +1,9 @@
 #!/usr/bin/env bash
-# OpenSSL's judgement of the certificates qc_certificate_tests wrote as DER into
-# DIR: root.der and server.der (the actions' root and server certificate),
-# purposes.der (the engine with purposes 0x11 and sha1RSA). Every field and
-# extension is checked against what the engine must make; the server
-# certificate must chain to the root. The files are removed afterwards, so
-# that only a fresh test run can satisfy the next check.
+# OpenSSL's judgement of the certificates qc_certificate_tests wrote as DER into DIR: root.der and
+# server.der (the actions' root and server certificate), purposes.der (the engine with purposes 0x11 and
+# sha1RSA). Every field and extension is checked against what the engine must make; the server
+# certificate must chain to the root (which names the issuers). The files are removed afterwards, so that
+# only a fresh test run can satisfy the next check.
 #   check-certificates.sh DIR
 set -uo pipefail
 dir=${1:?usage: check-certificates.sh DIR}
@@ -56,10 +55,8 @@ check_common() {
 
 check_common root.der 2048 "Digital Signature, Non Repudiation, Certificate Sign, CRL Sign" "CA:TRUE, pathlen:1"
 expect_eq "root subject" "CN = Quillcast Chain Root" "$(field root.der -subject)"
-expect_eq "root issuer is itself" "CN = Quillcast Chain Root" "$(field root.der -issuer)"
 check_common server.der 1024 "Digital Signature, Key Encipherment, Data Encipherment, Key Agreement" "CA:FALSE"
 expect_eq "server subject" "CN = $(hostname)" "$(field server.der -subject)"
-expect_eq "server issuer" "CN = Quillcast Chain Root" "$(field server.der -issuer)"
 # Both name the root's key, its issuer (itself) and its serial number, the
 # INTEGER after the version at the start of the to-be-signed part.
 root_key_id=$(extension root.der "X509v3 Subject Key Identifier" | tr -d ':')
