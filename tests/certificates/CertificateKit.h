@@ -20,7 +20,7 @@ using Quillcast::System::Types::CCertStoreHandle;
 // One certificate of a store, as the tests compare them.
 struct StoredCertificate
 {
-    std::wstring thumbprint; // SHA-1, hex
+    std::wstring thumbprint; // SHA-1, a byte per character: compared, never shown
     std::wstring subject;    // simple display names
     std::wstring issuer;
     std::vector<BYTE> der;
@@ -38,10 +38,7 @@ inline StoredCertificate Describe(PCCERT_CONTEXT pCert)
     BYTE hash[20] = {};
     DWORD cbHash = sizeof(hash);
     ::CertGetCertificateContextProperty(pCert, CERT_SHA1_HASH_PROP_ID, hash, &cbHash);
-    for (DWORD i = 0; i < cbHash; ++i)
-    {
-        certificate.thumbprint += {L"0123456789ABCDEF"[hash[i] >> 4], L"0123456789ABCDEF"[hash[i] & 15]};
-    }
+    certificate.thumbprint.assign(hash, hash + cbHash);
     wchar_t name[512] = {};
     ::CertGetNameStringW(pCert, CERT_NAME_SIMPLE_DISPLAY_TYPE, 0, nullptr, name, 512);
     certificate.subject = name;
