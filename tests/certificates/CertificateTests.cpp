@@ -49,7 +49,6 @@ Lines CryptLines(Lines texts)
     return texts;
 }
 
-// `items` followed by `more`.
 Lines Then(Lines items, const Lines& more)
 {
     items.insert(items.end(), more.begin(), more.end());
@@ -93,8 +92,7 @@ SYSTEMTIME YearsFromNow(int years)
 // Keeps `der` as `name` in the build's folder that the OpenSSL judge reads (made when CMake configures).
 void KeepForOpenSsl(const wchar_t* name, const std::vector<BYTE>& der)
 {
-    const std::filesystem::path folder = BinFolder() + L"..\\tests\\certificates\\out";
-    std::ofstream file(folder / name, std::ios::binary);
+    std::ofstream file(std::filesystem::path(BinFolder() + L"..\\tests\\certificates\\out") / name, std::ios::binary);
     file.write(reinterpret_cast<const char*>(der.data()), static_cast<std::streamsize>(der.size()));
     EXPECT_TRUE(file.good()) << "cannot write the file for OpenSSL";
 }
@@ -424,10 +422,10 @@ TEST_F(Engine, ExpiredNamesakeIsPassedOverAndAnIssuerWithoutKeyIdentifierGivesNo
 
 TEST_F(Engine, ImportRefusesBadInputAndExpiredCertificatesAndReplacesTheSameCertificate)
 {
-    // The import of `pfx` into the user's `store`: its result and the last entry it logged.
-    const auto importPfx = [](const std::vector<BYTE>& pfx, const wchar_t* store, DWORD exportable) {
+    // The import of `pfx` into the user's issuer store: its result and the last entry it logged.
+    const auto importPfx = [](const std::vector<BYTE>& pfx, DWORD exportable) {
         Cert::ImportCertificateParams params{
-            32, const_cast<BYTE*>(pfx.data()), static_cast<DWORD>(pfx.size()), 0, store, exportable};
+            32, const_cast<BYTE*>(pfx.data()), static_cast<DWORD>(pfx.size()), 0, kIssuerStore, exportable};
         CLogCapture capture;
         const int32_t result = Cert::ImportCertificate(&params);
         return std::make_pair(result, capture.Bodies().back());
@@ -435,14 +433,13 @@ TEST_F(Engine, ImportRefusesBadInputAndExpiredCertificatesAndReplacesTheSameCert
     const auto refused = [](int32_t result, const std::wstring& error) {
         return std::make_pair(result, Crypt(L"InternalImportCertificate() - ERROR: " + error));
     };
-    const std::vector<BYTE> garbage = {1, 2, 3};
-    EXPECT_EQ(importPfx(garbage, kIssuerStore, 1), refused(-7, L"PFXImportCertStore failed (-2146885630)."));
+    EXPECT_EQ(importPfx({1, 2, 3}, 1), refused(-7, L"PFXImportCertStore failed (-2146885630)."));
     const Created expired = Create(L"Quillcast Import", [](auto& p) { p.stValidTo = YearsFromNow(-1); });
-    EXPECT_EQ(importPfx(expired.pfx, kIssuerStore, 1), refused(-8, L"CertVerifyTimeValidity failed."));
+    EXPECT_EQ(importPfx(expired.pfx, 1), refused(-8, L"CertVerifyTimeValidity failed."));
     // The same certificate twice is replaced, not duplicated.
     const Created created = Create(L"Quillcast Import");
-    EXPECT_EQ(importPfx(created.pfx, kIssuerStore, 0).first, 0);
-    EXPECT_EQ(importPfx(created.pfx, kIssuerStore, 0).first, 0);
+    EXPECT_EQ(importPfx(created.pfx, 0).first, 0);
+    EXPECT_EQ(importPfx(created.pfx, 0).first, 0);
     EXPECT_EQ(IssuerStoreExpiry().size(), 1u);
     // Current user: CRYPT_USER_KEYSET, with CRYPT_EXPORTABLE when asked.
     EXPECT_EQ(CPfxSeam::ImportFlags(), std::vector<DWORD>({0x1001, 0x1001, 0x1000, 0x1000}));

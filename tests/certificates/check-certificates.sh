@@ -4,7 +4,6 @@
 # sha1RSA). Every field and extension is checked against what the engine must make; the server
 # certificate must chain to the root (which names the issuers). The files are removed afterwards, so that
 # only a fresh test run can satisfy the next check.
-#   check-certificates.sh DIR
 set -uo pipefail
 dir=${1:?usage: check-certificates.sh DIR}
 failures=0
