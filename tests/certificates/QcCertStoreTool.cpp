@@ -1,6 +1,8 @@
-// Machine certificate stores for the end-to-end cases:
+// Machine certificate stores and key containers for the end-to-end cases:
 //   QcCertStoreTool add STORE FILE.der    adds the certificate (committed)
 //   QcCertStoreTool list STORE            prints "subject|issuer" per certificate
+//   QcCertStoreTool remove STORE NAME     removes every certificate whose subject or issuer is NAME
+//   QcCertStoreTool containers            prints the key containers, "machine:" or "user:" first
 #include <windows.h>
 #include <wincrypt.h>
 
@@ -37,6 +39,30 @@ int wmain(int argc, wchar_t** argv)
         }
         return 0;
     }
-    std::fputws(L"usage: QcCertStoreTool add STORE FILE | list STORE\n", stderr);
+    if (argc == 4 && command == L"remove")
+    {
+        std::set<std::wstring> thumbprints;
+        for (const StoredCertificate& certificate : MachineCertificates(argv[2]))
+        {
+            if (certificate.subject == argv[3] || certificate.issuer == argv[3])
+            {
+                thumbprints.insert(certificate.thumbprint);
+            }
+        }
+        RemoveMachineCertificates(argv[2], thumbprints);
+        return 0;
+    }
+    if (argc == 2 && command == L"containers")
+    {
+        for (const bool machine : {true, false})
+        {
+            for (const std::string& name : KeyContainers(machine))
+            {
+                std::printf("%s:%s\n", machine ? "machine" : "user", name.c_str());
+            }
+        }
+        return 0;
+    }
+    std::fputws(L"usage: QcCertStoreTool add STORE FILE | list STORE | remove STORE NAME | containers\n", stderr);
     return 2;
 }
