@@ -1,8 +1,7 @@
 #pragma once
 
-// The local machine's certificate stores and the key containers, read and
-// restored by the certificate tests, the end-to-end cases' store tool and the
-// benchmark.
+// The local machine's certificate stores and the key containers, read and restored by the certificate
+// tests, the end-to-end cases' store tool and the benchmark.
 #include <windows.h>
 #include <wincrypt.h>
 
@@ -21,7 +20,7 @@ using Quillcast::System::Types::CCertStoreHandle;
 // One certificate of a store, as the tests compare them.
 struct StoredCertificate
 {
-    std::wstring thumbprint; // SHA-1, hex
+    std::wstring thumbprint; // SHA-1, a byte per character: compared, never shown
     std::wstring subject;    // simple display names
     std::wstring issuer;
     std::vector<BYTE> der;
@@ -39,10 +38,7 @@ inline StoredCertificate Describe(PCCERT_CONTEXT pCert)
     BYTE hash[20] = {};
     DWORD cbHash = sizeof(hash);
     ::CertGetCertificateContextProperty(pCert, CERT_SHA1_HASH_PROP_ID, hash, &cbHash);
-    for (DWORD i = 0; i < cbHash; ++i)
-    {
-        certificate.thumbprint += {L"0123456789ABCDEF"[hash[i] >> 4], L"0123456789ABCDEF"[hash[i] & 15]};
-    }
+    certificate.thumbprint.assign(hash, hash + cbHash);
     wchar_t name[512] = {};
     ::CertGetNameStringW(pCert, CERT_NAME_SIMPLE_DISPLAY_TYPE, 0, nullptr, name, 512);
     certificate.subject = name;
@@ -60,17 +56,13 @@ inline std::vector<BYTE> KeyProviderInfo(PCCERT_CONTEXT pCert)
     if (::CertGetCertificateContextProperty(pCert, CERT_KEY_PROV_INFO_PROP_ID, nullptr, &cbInfo))
     {
         info.resize(cbInfo);
-        if (!::CertGetCertificateContextProperty(pCert, CERT_KEY_PROV_INFO_PROP_ID, info.data(), &cbInfo))
-        {
-            info.clear();
-        }
+        ::CertGetCertificateContextProperty(pCert, CERT_KEY_PROV_INFO_PROP_ID, info.data(), &cbInfo);
     }
     return info;
 }
 
-// The names of the key containers of the machine key set or the user's. Wine
-// keeps each as a registry key (PP_ENUMCONTAINERS does not reach the machine
-// key set from a verification context).
+// The names of the key containers of the machine key set or the user's. Wine keeps each as a registry
+// key (PP_ENUMCONTAINERS does not reach the machine key set from a verification context).
 inline std::set<std::string> KeyContainers(bool machine)
 {
     std::set<std::string> names;

@@ -1,22 +1,18 @@
 #pragma once
 
-// Wine's PFXExportCertStoreEx is a stub, and its PFXImportCertStore gives
-// imported keys an unusable provider property. While a CPfxSeam lives, one
-// module's imports of both are answered by a stand-in that carries the
-// certificate and its private key in a plain blob (a header, the encoded
-// certificate, the PRIVATEKEYBLOB) and keeps Windows' rules where the engine
-// meets them: the size query with a null buffer, ERROR_MORE_DATA for a small
-// one; EXPORT_PRIVATE_KEYS reads the key the key-provider property names,
-// which must be exportable (NTE_BAD_KEY_STATE otherwise); the import puts the
-// key into a new container (machine key set with CRYPT_MACHINE_KEYSET,
-// exportable only with CRYPT_EXPORTABLE) named in the key-provider property;
+// Wine's PFXExportCertStoreEx is a stub, and its PFXImportCertStore gives imported keys an unusable
+// provider property. While a CPfxSeam lives, one module's imports of both are answered by a stand-in
+// whose blob holds a header, the encoded certificate and the PRIVATEKEYBLOB, and which keeps Windows'
+// rules where the engine meets them: the size query with a null buffer, ERROR_MORE_DATA for a small
+// one; EXPORT_PRIVATE_KEYS reads the key the key-provider property names, which must be exportable
+// (NTE_BAD_KEY_STATE otherwise); the import puts the key into a new container (machine key set with
+// CRYPT_MACHINE_KEYSET, exportable only with CRYPT_EXPORTABLE) named in the key-provider property;
 // other bytes fail with CRYPT_E_BAD_ENCODE. Key blobs are wiped after use.
 //
-// Wine writes a generated key into its container only when the context that
-// made it is released, so a second context sees no key while the engine holds
-// its own: the seam notes the module's CryptAcquireContextW calls (changing
-// nothing) and reads the key through the context that created the container,
-// as Windows would read it from the container itself.
+// Wine writes a generated key into its container only when the context that made it is released, so
+// a second context sees no key while the engine holds its own: the seam notes the module's
+// CryptAcquireContextW calls (changing nothing) and reads the key through the context that created
+// the container, as Windows would read it from the container itself.
 #include <windows.h>
 #include <wincrypt.h>
 
@@ -95,11 +91,6 @@ inline BOOL WINAPI ExportStandIn(HCERTSTORE hStore, CRYPT_DATA_BLOB* pPFX, LPCWS
     const Types::CCertContext certificate(::CertEnumCertificatesInStore(hStore, nullptr));
     Header header{"QCPFX1", certificate ? certificate.Get()->cbCertEncoded : 0, 0};
     std::vector<BYTE> key;
-    if (pPFX == nullptr || !certificate)
-    {
-        ::SetLastError(static_cast<DWORD>(E_INVALIDARG));
-        return FALSE;
-    }
     if ((dwFlags & EXPORT_PRIVATE_KEYS) != 0 && !ExportPrivateKey(certificate.Get(), key, header.keySpec))
     {
         return FALSE;

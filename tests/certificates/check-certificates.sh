@@ -1,15 +1,13 @@
 #!/usr/bin/env bash
-# OpenSSL's judgement of the certificates qc_certificate_tests wrote as DER into
-# DIR: root.der and server.der (the actions' root and server certificate),
-# purposes.der (the engine with purposes 0x11 and sha1RSA). Every field and
-# extension is checked against what the engine must make; the server
-# certificate must chain to the root. The files are removed afterwards, so
-# that only a fresh test run can satisfy the next check.
-#   check-certificates.sh DIR
+# OpenSSL's judgement of the certificates qc_certificate_tests wrote as DER into DIR: root.der and
+# server.der (the actions' root and server certificate), purposes.der (the engine with purposes 0x11 and
+# sha1RSA). Every field and extension is checked against what the engine must make; the server
+# certificate must chain to the root (which names the issuers). The files are removed afterwards, so that
+# only a fresh test run can satisfy the next check.
 set -uo pipefail
 dir=${1:?usage: check-certificates.sh DIR}
 failures=0
-trap 'rm -f "$dir"/root.der "$dir"/server.der "$dir"/purposes.der "$dir"/*.pem' EXIT
+trap 'rm -f "$dir"/root.der "$dir"/server.der "$dir"/purposes.der' EXIT
 
 # expect_eq WHAT EXPECTED ACTUAL
 expect_eq() {
@@ -54,17 +52,10 @@ check_common() {
     expect_eq "valid 51 years ($before .. $after), seconds short" "ok" "$([ "$gap" -le 0 ] && [ "$gap" -ge -5 ] && echo ok || echo "$gap")"
 }
 
-if [ ! -f "$dir/root.der" ] || [ ! -f "$dir/server.der" ] || [ ! -f "$dir/purposes.der" ]; then
-    echo "check-certificates: the DER files are missing in $dir; run qc_certificate_tests first" >&2
-    exit 1
-fi
-
 check_common root.der 2048 "Digital Signature, Non Repudiation, Certificate Sign, CRL Sign" "CA:TRUE, pathlen:1"
 expect_eq "root subject" "CN = Quillcast Chain Root" "$(field root.der -subject)"
-expect_eq "root issuer is itself" "CN = Quillcast Chain Root" "$(field root.der -issuer)"
 check_common server.der 1024 "Digital Signature, Key Encipherment, Data Encipherment, Key Agreement" "CA:FALSE"
 expect_eq "server subject" "CN = $(hostname)" "$(field server.der -subject)"
-expect_eq "server issuer" "CN = Quillcast Chain Root" "$(field server.der -issuer)"
 # Both name the root's key, its issuer (itself) and its serial number, the
 # INTEGER after the version at the start of the to-be-signed part.
 root_key_id=$(extension root.der "X509v3 Subject Key Identifier" | tr -d ':')
@@ -75,9 +66,8 @@ for file in root.der server.der; do
     expect_eq "$file: old authority key id (key, issuer, serial)" "30$(printf %02X $((${#aki} / 2)))$aki" "$(old_authority_key_id "$file")"
 done
 
-openssl x509 -inform DER -in "$dir/root.der" -out "$dir/root.pem"
-openssl x509 -inform DER -in "$dir/server.der" -out "$dir/server.pem"
-expect_eq "server chains to the root" "$dir/server.pem: OK" "$(openssl verify -CAfile "$dir/root.pem" "$dir/server.pem" 2>&1)"
+pem() { openssl x509 -inform DER -in "$dir/$1"; }
+expect_eq "server chains to the root" "OK" "$(openssl verify -CAfile <(pem root.der) <(pem server.der) 2>&1 | sed 's/^.*: //')"
 
 echo purposes.der
 expect_eq "signature algorithm" "sha1WithRSAEncryption" "$(text purposes.der | awk '/Signature Algorithm:/ { print $3; exit }')"
