@@ -9,6 +9,7 @@
 #include <wincrypt.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -18,6 +19,7 @@
 #include <regex>
 #include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "certificates/CertName.h"
@@ -421,6 +423,43 @@ TEST_F(Engine, ImportRefusesBadInputAndExpiredCertificatesAndReplacesTheSameCert
     std::set_difference(containers.begin(), containers.end(), m_UserContainers.begin(), m_UserContainers.end(),
                         std::back_inserter(m_Owned));
     EXPECT_EQ(m_Owned.size(), 2u);
+}
+
+// The engine's files all log as "QcCryptLog", each with its own line base
+// (QcCryptLog.h): the printed line, less the base, is the line of the call that
+// wrote the entry, in that file.
+TEST(EngineLog, EntriesCarryTheLineOfTheirCallInTheFileOfTheirLineBase)
+{
+    const char* pszSource = std::getenv("QC_SOURCE_DIR"); // a Unix path: Wine maps the root to Z:
+    if (pszSource == nullptr)
+    {
+        GTEST_SKIP() << "QC_SOURCE_DIR is set by CTest";
+    }
+    CLogCapture capture;
+    Cert::CreateCertificateParams create{};
+    Cert::ImportCertificateParams import{};
+    EXPECT_EQ(Cert::CreateCertificate(&create), -1);
+    EXPECT_EQ(Cert::ImportCertificate(&import), -1);
+    // The first entry of each: its file, that file's line base and the call.
+    const std::tuple<const char*, unsigned, const char*> rows[] = {
+        {"CertificateCreation.cpp", 2000, "QC_CRYPT_LOG(L\"CreateCertificate(pParam = %X)\""},
+        {"CertificateImport.cpp", 4000, "QC_CRYPT_LOG(L\"ImportCertificate(pParam = %X)\""},
+    };
+    ASSERT_EQ(capture.Lines().size(), 4u) << ::testing::PrintToString(capture.Lines());
+    for (size_t i = 0; i < std::size(rows); ++i)
+    {
+        const auto& [file, base, call] = rows[i];
+        std::wsmatch match;
+        ASSERT_TRUE(std::regex_search(capture.Lines()[2 * i], match, std::wregex(L" QcCryptLog \\(([0-9]+)\\) ")));
+        const unsigned line = static_cast<unsigned>(std::stoul(match[1].str()));
+        ASSERT_TRUE(line > base && line < base + 1000) << line;
+        std::ifstream source("Z:" + std::string(pszSource) + "/src/certificates/" + file);
+        std::string text;
+        for (unsigned number = base; number < line && std::getline(source, text); ++number)
+        {
+        }
+        EXPECT_NE(text.find(call), std::string::npos) << file << ":" << line - base;
+    }
 }
 
 TEST(CertStore, RefusesEmptyNamesAndDeletesOnlyFromAnOpenStoreAndANullCertificateHasNoName)
