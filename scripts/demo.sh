@@ -7,5 +7,5 @@ set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${QC_BUILD_DIR:-$root/build}
 "$root/scripts/setup.sh"
-QC_BUILD_TESTS=OFF "$root/scripts/build.sh" "$build" QuillcastCommonSystem QcActionRunner QcTestService QcTestProgram QcTestFirewall
+QC_BUILD_TESTS=OFF "$root/scripts/build.sh" "$build" QuillcastCommonSystem QcActionRunner QcTestService QcTestProgram QcTestFirewall QcLogRead
 exec "$root/scripts/sample.sh" "$build"

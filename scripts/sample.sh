@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Installs and removes the sample installer package with Wine's msiexec (/qn /l*v)
-# in a headless prefix of its own, prints one table (each custom action that ran,
-# msiexec's verdict, the lines it wrote into the installer log), stops the prefix
-# and says where the full logs are. The package is authored with the include
+# in a headless prefix of its own, prints each run through the log reader
+# (QcLogRead: each custom action that ran, msiexec's verdict, the lines it wrote
+# into the installer log), stops the prefix and says where the full logs are. The package is authored with the include
 # authoring/Quillcast.Common.System.wxi alone and switches on every action that
 # runs under Wine.
 #   scripts/sample.sh [BUILD_DIR] [PUBLIC_NAME=VALUE...]
