@@ -63,7 +63,8 @@ inline const Header* HeaderOf(const BYTE* pb, DWORD cb)
     return valid ? header : nullptr;
 }
 
-// The PRIVATEKEYBLOB of the key that the certificate's key-provider property names, and its key spec.
+// The PRIVATEKEYBLOB of the key that the certificate's key-provider property names, and whether it is an exchange
+// or a signature key (AT_KEYEXCHANGE or AT_SIGNATURE).
 inline bool ExportPrivateKey(PCCERT_CONTEXT pCert, std::vector<BYTE>& key, DWORD& keySpec)
 {
     const std::vector<BYTE> bytes = KeyProviderInfo(pCert);
