@@ -4,7 +4,11 @@
 # Counts the files git tracks (plus new, not yet ignored ones), so build output
 # never counts.
 #
-#   production  src/, runner/ and checker/ (the shipped DLL and tools)
+#   production  src/, runner/ and checker/ (the shipped DLL and tools), and
+#               the authoring kit the release bundle ships: the include
+#               (authoring/*.wxi) and authoring/fix-rollback-types.sh. The
+#               include's Fragment variant ships too, but make-fragment.sh
+#               writes it from the include, so it would count the include twice
 #   tests       test cases, their fixtures and data, e2e case files:
 #               tests/**/*Test.cpp, *Tests.cpp, *Fixture.h, *Fixture.cpp,
 #               tests/**/data/*, tests/e2e/cases/*, and the CMakeLists.txt
@@ -26,7 +30,7 @@ classify() {
     local path=$1
     case $path in
     *.md) ;;
-    src/* | runner/* | checker/*) echo production ;;
+    src/* | runner/* | checker/* | authoring/*.wxi | authoring/fix-rollback-types.sh) echo production ;;
     bench/*) echo bench ;;
     tests/CMakeLists.txt) echo kit ;;
     *Test.cpp | *Tests.cpp | *Fixture.h | *Fixture.cpp | tests/*/data/* | tests/*/*/data/* | tests/e2e/cases/* | \
@@ -41,10 +45,10 @@ while IFS= read -r path; do
     bucket=$(classify "$path")
     [ -n "$bucket" ] || continue
     lines[$bucket]=$((lines[$bucket] + $(wc -l <"$path")))
-done < <(files src runner checker tests bench)
+done < <(files src runner checker authoring tests bench)
 
 ratio() { awk -v a="$1" -v b="${lines[production]}" 'BEGIN { printf "%.2f", b ? a / b : 0 }'; }
-printf 'production (src/, runner/, checker/)  %6d\n' "${lines[production]}"
+printf 'production (src, runner, checker, .wxi)%6d\n' "${lines[production]}"
 printf 'tests                                  %6d  %sx production\n' "${lines[tests]}" "$(ratio "${lines[tests]}")"
 printf 'test kit                               %6d  %sx production\n' "${lines[kit]}" "$(ratio "${lines[kit]}")"
 printf 'tests and kit together                 %6d  %sx production\n' "$((lines[tests] + lines[kit]))" \
