@@ -122,17 +122,16 @@ inline HCERTSTORE WINAPI ImportStandIn(CRYPT_DATA_BLOB* pPFX, LPCWSTR /*szPasswo
     {
         return nullptr;
     }
-    GUID guid{};
-    wchar_t container[40] = {};
-    (void)::CoCreateGuid(&guid);
-    ::StringFromGUID2(guid, container, 40);
+    // A new container per import, also for the same certificate again.
+    std::wstring container =
+        L"QcPfxImport" + std::to_wstring(::GetTickCount64()) + L"." + std::to_wstring(g_ImportFlags.size());
     const DWORD keySet = dwFlags & CRYPT_MACHINE_KEYSET;
-    CRYPT_KEY_PROV_INFO info{container,      const_cast<LPWSTR>(MS_ENHANCED_PROV_W), PROV_RSA_FULL, keySet, 0, nullptr,
-                             header->keySpec};
+    CRYPT_KEY_PROV_INFO info{
+        container.data(), const_cast<LPWSTR>(MS_ENHANCED_PROV_W), PROV_RSA_FULL, keySet, 0, nullptr, header->keySpec};
     Types::CCryptProvider provider;
     Types::CCryptKey key;
     const bool keyed =
-        cbKey == 0 || (::CryptAcquireContextW(provider.Put(), container, MS_ENHANCED_PROV_W, PROV_RSA_FULL,
+        cbKey == 0 || (::CryptAcquireContextW(provider.Put(), container.c_str(), MS_ENHANCED_PROV_W, PROV_RSA_FULL,
                                               CRYPT_NEWKEYSET | keySet) &&
                        ::CryptImportKey(provider.Get(), pbCertificate + header->cbCertificate, cbKey, 0,
                                         dwFlags & CRYPT_EXPORTABLE, key.Put()) &&
