@@ -103,15 +103,15 @@ inline std::set<std::wstring> Thumbprints(const std::vector<StoredCertificate>& 
     return thumbprints;
 }
 
-// Removes the certificates with these thumbprints from the machine's store,
-// and the key containers they name, committing the store.
-inline void RemoveMachineCertificates(const wchar_t* store, const std::set<std::wstring>& thumbprints)
+// Removes the certificates of `hStore` that `picked` chooses, with the key containers they name, and commits
+// the store.
+template <typename TPick>
+void RemoveCertificates(HCERTSTORE hStore, TPick picked)
 {
-    const CCertStoreHandle hStore = OpenMachineStore(store);
-    CStoreCertificates certificates(hStore.Get());
+    CStoreCertificates certificates(hStore);
     for (PCCERT_CONTEXT pCert = certificates.Next(); pCert != nullptr; pCert = certificates.Next())
     {
-        if (thumbprints.count(Describe(pCert).thumbprint) == 0)
+        if (!picked(Describe(pCert)))
         {
             continue;
         }
@@ -125,7 +125,13 @@ inline void RemoveMachineCertificates(const wchar_t* store, const std::set<std::
         }
         ::CertDeleteCertificateFromStore(certificates.Detach()); // the walk starts over
     }
-    ::CertControlStore(hStore.Get(), 0, CERT_STORE_CTRL_COMMIT, nullptr);
+    ::CertControlStore(hStore, 0, CERT_STORE_CTRL_COMMIT, nullptr);
+}
+
+inline void RemoveMachineCertificates(const wchar_t* store, const std::set<std::wstring>& thumbprints)
+{
+    RemoveCertificates(OpenMachineStore(store).Get(),
+                       [&](const StoredCertificate& certificate) { return thumbprints.count(certificate.thumbprint); });
 }
 
 } // namespace QcTest

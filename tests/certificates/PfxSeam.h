@@ -7,12 +7,13 @@
 // one; EXPORT_PRIVATE_KEYS reads the key the key-provider property names, which must be exportable
 // (NTE_BAD_KEY_STATE otherwise); the import puts the key into a new container (machine key set with
 // CRYPT_MACHINE_KEYSET, exportable only with CRYPT_EXPORTABLE) named in the key-provider property;
-// other bytes fail with CRYPT_E_BAD_ENCODE. Key blobs are wiped after use.
+// other bytes fail with CRYPT_E_BAD_ENCODE.
 //
 // Wine writes a generated key into its container only when the context that made it is released, so
 // a second context sees no key while the engine holds its own: the seam notes the module's
 // CryptAcquireContextW calls (changing nothing) and reads the key through the context that created
-// the container, as Windows would read it from the container itself.
+// the container, as Windows would read it from the container itself; a key of any other container is
+// not found.
 #include <windows.h>
 #include <wincrypt.h>
 
@@ -63,23 +64,17 @@ inline const Header* HeaderOf(const BYTE* pb, DWORD cb)
     return valid ? header : nullptr;
 }
 
-// The PRIVATEKEYBLOB of the key that the certificate's key-provider property names, and whether it is an exchange
-// or a signature key (AT_KEYEXCHANGE or AT_SIGNATURE).
+// The PRIVATEKEYBLOB of the key that the certificate's key-provider property names, read through the context that
+// created its container, and whether it is an exchange or a signature key (AT_KEYEXCHANGE or AT_SIGNATURE).
 inline bool ExportPrivateKey(PCCERT_CONTEXT pCert, std::vector<BYTE>& key, DWORD& keySpec)
 {
     const std::vector<BYTE> bytes = KeyProviderInfo(pCert);
     const auto* info = reinterpret_cast<const CRYPT_KEY_PROV_INFO*>(bytes.data());
-    Types::CCryptProvider own;
-    HCRYPTPROV hProv = info != nullptr && info->pwszContainerName == g_CreatedContainer ? g_hCreator : 0;
-    if (info != nullptr && hProv == 0 &&
-        ::CryptAcquireContextW(own.Put(), info->pwszContainerName, info->pwszProvName, info->dwProvType,
-                               info->dwFlags & CRYPT_MACHINE_KEYSET))
-    {
-        hProv = own.Get();
-    }
     Types::CCryptKey hKey;
     DWORD cbKey = 0;
-    const bool sized = hProv != 0 && ::CryptGetUserKey(hProv, info->dwKeySpec, hKey.Put()) &&
+    const bool sized = info != nullptr && info->pwszContainerName != nullptr &&
+                       info->pwszContainerName == g_CreatedContainer &&
+                       ::CryptGetUserKey(g_hCreator, info->dwKeySpec, hKey.Put()) &&
                        ::CryptExportKey(hKey.Get(), 0, PRIVATEKEYBLOB, 0, nullptr, &cbKey);
     key.resize(cbKey);
     keySpec = sized ? info->dwKeySpec : 0;
@@ -105,8 +100,6 @@ inline BOOL WINAPI ExportStandIn(HCERTSTORE hStore, CRYPT_DATA_BLOB* pPFX, LPCWS
         std::memcpy(pPFX->pbData, blob.data(), blob.size());
     }
     pPFX->cbData = static_cast<DWORD>(blob.size());
-    ::SecureZeroMemory(key.data(), key.size());
-    ::SecureZeroMemory(blob.data(), blob.size());
     ::SetLastError(fits ? ERROR_SUCCESS : ERROR_MORE_DATA);
     return fits ? TRUE : FALSE;
 }
@@ -129,17 +122,16 @@ inline HCERTSTORE WINAPI ImportStandIn(CRYPT_DATA_BLOB* pPFX, LPCWSTR /*szPasswo
     {
         return nullptr;
     }
-    GUID guid{};
-    wchar_t container[40] = {};
-    (void)::CoCreateGuid(&guid);
-    ::StringFromGUID2(guid, container, 40);
+    // A new container per import, also for the same certificate again.
+    std::wstring container =
+        L"QcPfxImport" + std::to_wstring(::GetTickCount64()) + L"." + std::to_wstring(g_ImportFlags.size());
     const DWORD keySet = dwFlags & CRYPT_MACHINE_KEYSET;
-    CRYPT_KEY_PROV_INFO info{container,      const_cast<LPWSTR>(MS_ENHANCED_PROV_W), PROV_RSA_FULL, keySet, 0, nullptr,
-                             header->keySpec};
+    CRYPT_KEY_PROV_INFO info{
+        container.data(), const_cast<LPWSTR>(MS_ENHANCED_PROV_W), PROV_RSA_FULL, keySet, 0, nullptr, header->keySpec};
     Types::CCryptProvider provider;
     Types::CCryptKey key;
     const bool keyed =
-        cbKey == 0 || (::CryptAcquireContextW(provider.Put(), container, MS_ENHANCED_PROV_W, PROV_RSA_FULL,
+        cbKey == 0 || (::CryptAcquireContextW(provider.Put(), container.c_str(), MS_ENHANCED_PROV_W, PROV_RSA_FULL,
                                               CRYPT_NEWKEYSET | keySet) &&
                        ::CryptImportKey(provider.Get(), pbCertificate + header->cbCertificate, cbKey, 0,
                                         dwFlags & CRYPT_EXPORTABLE, key.Put()) &&

@@ -41,15 +41,9 @@ int wmain(int argc, wchar_t** argv)
     }
     if (argc == 4 && command == L"remove")
     {
-        std::set<std::wstring> thumbprints;
-        for (const StoredCertificate& certificate : MachineCertificates(argv[2]))
-        {
-            if (certificate.subject == argv[3] || certificate.issuer == argv[3])
-            {
-                thumbprints.insert(certificate.thumbprint);
-            }
-        }
-        RemoveMachineCertificates(argv[2], thumbprints);
+        RemoveCertificates(OpenMachineStore(argv[2]).Get(), [&](const StoredCertificate& certificate) {
+            return certificate.subject == argv[3] || certificate.issuer == argv[3];
+        });
         return 0;
     }
     if (argc == 2 && command == L"containers")
