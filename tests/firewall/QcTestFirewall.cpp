@@ -609,37 +609,17 @@ public:
 
 // ---- class objects and registration ----------------------------------------
 
-// The class object of TObject: every creation is journaled as "Create.<class>"
-// (and may be switched to fail).
-template <typename TObject>
-class CFactory : public CClassFactory<TObject>
-{
-public:
-    explicit CFactory(const wchar_t* name) : m_name(name) {}
-    STDMETHODIMP CreateInstance(IUnknown* pOuter, REFIID riid, void** ppv) override
-    {
-        return Journaled(std::wstring(L"Create.") + m_name,
-                         [&] { return CClassFactory<TObject>::CreateInstance(pOuter, riid, ppv); });
-    }
-
-private:
-    const wchar_t* m_name;
-};
-
-CFactory<CPolicy2> g_policy2(L"NetFwPolicy2");
-CFactory<CRule> g_rule(L"NetFwRule");
-CFactory<CMgr> g_mgr(L"NetFwMgr");
-CFactory<COpenPort> g_openPort(L"NetFwOpenPort");
-CFactory<CAuthorizedApp> g_authorizedApp(L"NetFwAuthorizedApplication");
+// The classes served here, by the name their creation is journaled with.
 const struct
 {
     CLSID clsid;
-    IClassFactory* pFactory;
-} kClasses[] = {{__uuidof(NetFwPolicy2), &g_policy2},
-                {__uuidof(NetFwRule), &g_rule},
-                {__uuidof(NetFwMgr), &g_mgr},
-                {__uuidof(NetFwOpenPort), &g_openPort},
-                {__uuidof(NetFwAuthorizedApplication), &g_authorizedApp}};
+    const wchar_t* name;
+    HRESULT (*classObject)(REFIID riid, void** ppv);
+} kClasses[] = {{__uuidof(NetFwPolicy2), L"NetFwPolicy2", ClassObject<CPolicy2>},
+                {__uuidof(NetFwRule), L"NetFwRule", ClassObject<CRule>},
+                {__uuidof(NetFwMgr), L"NetFwMgr", ClassObject<CMgr>},
+                {__uuidof(NetFwOpenPort), L"NetFwOpenPort", ClassObject<COpenPort>},
+                {__uuidof(NetFwAuthorizedApplication), L"NetFwAuthorizedApplication", ClassObject<CAuthorizedApp>}};
 
 // Wine's registration while this one replaces it (not part of the state).
 constexpr const wchar_t* kSaved = L"Software\\QuillcastTest\\FirewallSavedRegistration";
@@ -649,7 +629,10 @@ constexpr const wchar_t* kSaved = L"Software\\QuillcastTest\\FirewallSavedRegist
 
 extern "C" IMAGE_DOS_HEADER __ImageBase; // this module
 
-// NetFwPolicy2 can play "not registered" (the NoPolicy2 switch).
+// COM asks for the class object at every creation: each is journaled as
+// "Create.<class>" and may be switched to fail, and NetFwPolicy2 can play "not
+// registered" (the NoPolicy2 switch). (Wine's COM answers a failure here with
+// REGDB_E_CLASSNOTREG when the caller allowed a server out of process.)
 extern "C" HRESULT WINAPI DllGetClassObject(REFCLSID clsid, REFIID riid, void** ppv)
 {
     *ppv = nullptr;
@@ -661,7 +644,8 @@ extern "C" HRESULT WINAPI DllGetClassObject(REFCLSID clsid, REFIID riid, void** 
     {
         if (clsid == entry.clsid)
         {
-            return entry.pFactory->QueryInterface(riid, ppv);
+            return QcTest::Journaled(std::wstring(L"Create.") + entry.name,
+                                     [&] { return entry.classObject(riid, ppv); });
         }
     }
     return CLASS_E_CLASSNOTAVAILABLE;
