@@ -35,12 +35,10 @@ std::wstring Failed(const std::wstring& text, const wchar_t* code = kAccessDenie
 }
 // The switch that makes `method` of the test firewall fail with E_ACCESSDENIED.
 const auto Fails = [](const std::wstring& method) { return L"Fail\\" + method + L"=" + kAccessDenied; };
-const auto Unavailable = [](const std::wstring& code) {
-    return L"[WARNING] Firewall (#) Failed to get firewall exceptions object with error " + code + L".";
-};
 // The policy class is not registered: every operation goes to the legacy lists.
 const std::wstring kLegacy = L"NoPolicy2=1";
-const std::wstring kLegacyWarning = Unavailable(kClassNotReg);
+const std::wstring kLegacyWarning =
+    L"[WARNING] Firewall (#) Failed to get firewall exceptions object with error " + std::wstring(kClassNotReg) + L".";
 
 struct Call
 {
@@ -99,10 +97,8 @@ const std::wstring kApp = L"C:\\Program Files\\Internet Explorer\\iexplore.exe";
 const std::wstring kR80 = L"RULENAME=R;LOCALPORTS=80";
 const std::wstring kP = L"RULENAME=P;PROGRAMNAME=" + kApp;
 const std::wstring kAddPortFailed = L"Failed to add port exception";
-const std::wstring kAddFailed = L"Failed to add exception";
 const std::wstring kFindFailed = L"Failed trying to find existing exception";
 const std::wstring kCheckPortFailed = L"Failed to check local ports";
-const std::wstring kCheckAppFailed = L"Failed to check app exception";
 
 // Rows on the legacy lists: the policy class missing, its warning first.
 FirewallCase Legacy(FirewallCase test)
@@ -160,7 +156,8 @@ const FirewallCase kCases[] = {
     {.behaviour = "ProgramRuleWithLocalPortsFailsAtTheLocalPorts",
      .call = AddProgram(kP + L";LOCALPORTS=80"),
      .result = 1603,
-     .lines = {Failed(L"Failed to set authorized local ports", kInvalidArg), Failed(kAddFailed, kInvalidArg)}},
+     .lines = {Failed(L"Failed to set authorized local ports", kInvalidArg),
+               Failed(L"Failed to add exception", kInvalidArg)}},
     {.behaviour = "WithoutRule2EdgeTraversalIsTheOlderFlag",
      .setup = {L"NoRule2=1"},
      .call = AddPort(kR80),
@@ -232,7 +229,8 @@ const FirewallCase kCases[] = {
     Legacy({.behaviour = "LegacyRemovalOfAMissingProgramFails",
             .call = RemoveProgram(kP),
             .result = 1603,
-            .lines = {Failed(L"Failed to retrieve authorized app", kNotFound), Failed(kCheckAppFailed, kNotFound)}}),
+            .lines = {Failed(L"Failed to retrieve authorized app", kNotFound),
+                      Failed(L"Failed to check app exception", kNotFound)}}),
     Legacy({.behaviour = "LegacyRemovalRemovesTheProgramByItsPath",
             .before = {AddProgram(kP)},
             .call = RemoveProgram(L"RULENAME=Other;PROGRAMNAME=" + kApp)}),

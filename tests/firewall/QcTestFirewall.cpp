@@ -56,19 +56,14 @@ bool IsKeyword(const std::wstring& item, std::initializer_list<const wchar_t*> k
                        [&](const wchar_t* k) { return _wcsicmp(k, item.c_str()) == 0; });
 }
 
-// Empty or "*" is "any", accepted wherever a list is.
-bool IsAny(const std::wstring& list)
-{
-    return list.empty() || list == L"*";
-}
-
-// Comma-separated items, none empty, each one accepted by `accepts`.
+// Empty or "*" is "any", accepted wherever a list is; otherwise comma-separated
+// items, none empty, each one accepted by `accepts`.
 bool IsList(const std::wstring& list, bool (*accepts)(const std::wstring& item))
 {
-    for (size_t start = 0, comma = 0; !IsAny(list) && start <= list.size(); start = comma + 1)
+    for (size_t start = 0, comma = 0; list != L"*" && start < list.size(); start = comma + 1)
     {
         comma = std::min(list.find(L',', start), list.size());
-        if (comma == start || !accepts(list.substr(start, comma - start)))
+        if (comma == start || comma + 1 == list.size() || !accepts(list.substr(start, comma - start)))
         {
             return false;
         }
@@ -208,16 +203,14 @@ private:
     void Store(const std::wstring& name, const Value& value) const
     {
         const DWORD number = static_cast<DWORD>(value.number);
-        if (m_key.empty())
-        {
-            return;
-        }
-        if (value.bText)
+        if (!m_key.empty() && value.bText)
         {
             WriteText(m_key, name.c_str(), value.text);
-            return;
         }
-        RegSetKeyValueW(HKEY_LOCAL_MACHINE, m_key.c_str(), name.c_str(), REG_DWORD, &number, sizeof(number));
+        else if (!m_key.empty())
+        {
+            RegSetKeyValueW(HKEY_LOCAL_MACHINE, m_key.c_str(), name.c_str(), REG_DWORD, &number, sizeof(number));
+        }
     }
 
     std::wstring m_object;
@@ -243,7 +236,8 @@ struct Accepts
     // Ports only with TCP or UDP; "any" with every protocol.
     static bool Ports(const CItem& item, const std::wstring& text, LONG)
     {
-        return IsAny(text) || (TcpOrUdp(item, text, item.Number(L"Protocol")) && IsList(text, IsPortItem));
+        return text.empty() || text == L"*" ||
+               (TcpOrUdp(item, text, item.Number(L"Protocol")) && IsList(text, IsPortItem));
     }
     static bool Addresses(const CItem&, const std::wstring& text, LONG) { return IsList(text, IsAddressItem); }
     // A mask of one or more of the known profiles, or all of them.
