@@ -20,7 +20,9 @@
 
 #include <algorithm>
 #include <cwctype>
+#include <map>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "firewall/TestFirewall.h"
@@ -46,186 +48,180 @@ HRESULT Journaled(const std::wstring& method, TBody body)
     return FAILED(hResult) ? hResult : body();
 }
 
+// ---- the documented rules for the values -----------------------------------
+
+bool IsKeyword(const std::wstring& item, std::initializer_list<const wchar_t*> keywords)
+{
+    return std::any_of(keywords.begin(), keywords.end(),
+                       [&](const wchar_t* k) { return _wcsicmp(k, item.c_str()) == 0; });
+}
+
+// Empty or "*" is "any", accepted wherever a list is; otherwise comma-separated
+// items, none empty, each one accepted by `accepts`.
+bool IsList(const std::wstring& list, bool (*accepts)(const std::wstring& item))
+{
+    for (size_t start = 0, comma = 0; list != L"*" && start < list.size(); start = comma + 1)
+    {
+        comma = std::min(list.find(L',', start), list.size());
+        if (comma == start || comma + 1 == list.size() || !accepts(list.substr(start, comma - start)))
+        {
+            return false;
+        }
+    }
+    return true;
+}
+
+// A decimal number of one to five digits in [0, high]; -1 otherwise.
+long Number(const std::wstring& text, long high)
+{
+    const bool bDigits =
+        !text.empty() && text.size() <= 5 && text.find_first_not_of(L"0123456789") == std::wstring::npos;
+    const long value = bDigits ? std::stol(text) : -1;
+    return value <= high ? value : -1;
+}
+
+// A port, a range of ports "low-high" or a port keyword.
+bool IsPortItem(const std::wstring& item)
+{
+    const size_t dash = item.find(L'-');
+    const long low = Number(item.substr(0, dash), 65535);
+    const long high = dash == std::wstring::npos ? low : Number(item.substr(dash + 1), 65535);
+    return IsKeyword(item, {L"RPC", L"RPC-EPMap", L"IPHTTPS", L"Teredo", L"Ply2Disc", L"mDNS"}) ||
+           (low >= 0 && high >= low);
+}
+
+bool IsAddress(const std::wstring& text)
+{
+    BYTE buffer[16];
+    return InetPtonW(text.find(L':') != std::wstring::npos ? AF_INET6 : AF_INET, text.c_str(), buffer) == 1;
+}
+
+// An address, a subnet "address/prefix length" or "address/mask", a range
+// "low-high" or an address keyword (a service name is none of these).
+bool IsAddressItem(const std::wstring& item)
+{
+    const size_t cut = item.find_first_of(L"/-");
+    const std::wstring second = cut == std::wstring::npos ? item : item.substr(cut + 1);
+    const bool bPrefixLength = cut != std::wstring::npos && item[cut] == L'/' && Number(second, 128) >= 0;
+    return IsKeyword(item, {L"LocalSubnet", L"DNS", L"DHCP", L"WINS", L"DefaultGateway"}) ||
+           (IsAddress(item.substr(0, cut)) && (bPrefixLength || IsAddress(second)));
+}
+
 class CItem;
 
 // A property of a rule, an open port or an authorized program: its registry
-// value, its kind, its default (a text is stored once it is set), whether the
-// documentation calls it required (no empty text, no 0) and, where it limits
-// the values further, the rule they must meet.
-enum class Kind
-{
-    Text,
-    Number,
-    Flag // a VARIANT_BOOL, stored as 0 or 1
-};
+// value, its default, whether the documentation calls it required (no empty
+// text, no 0) and, where it limits the values further, the rule they must meet.
 struct Property
 {
     const wchar_t* name;
-    Kind kind;
     LONG lDefault;
     bool bRequired;
     bool (*accepts)(const CItem& item, const std::wstring& text, LONG number);
 };
 
-// A rule, an open port or an authorized program: its properties in memory
-// and, once it is in a list (or read from one), in its registry key too.
+// A rule, an open port or an authorized program: the values put so far, in
+// memory until the item is an entry of a list (added, or found there), and
+// from then on in the entry.
 class CItem
 {
 public:
     template <size_t N>
-    CItem(const wchar_t* object, const Property (&properties)[N]) : m_object(object)
+    CItem(const wchar_t* object, const Property (&properties)[N])
+            : m_object(object), m_properties(properties, properties + N)
     {
-        for (const Property& property : properties)
-        {
-            m_values.push_back({&property, property.kind != Kind::Text, L"", property.lDefault});
-        }
     }
     virtual ~CItem() = default;
 
-    HRESULT Put(const wchar_t* name, const wchar_t* text) { return Set(name, text != nullptr ? text : L"", 0); }
-    HRESULT Put(const wchar_t* name, LONG number) { return Set(name, L"", number); }
+    HRESULT Put(const wchar_t* name, BSTR text) { return Set(name, {true, text != nullptr ? text : L"", 0}); }
+    // A VARIANT_BOOL is kept as 0 or 1.
+    template <typename TNumber>
+    HRESULT Put(const wchar_t* name, TNumber number)
+    {
+        const bool bFlag = std::is_same<TNumber, VARIANT_BOOL>::value;
+        return Set(name, {false, L"", bFlag ? static_cast<LONG>(number != 0) : static_cast<LONG>(number)});
+    }
+    // The DLL only asks items found in a list.
     HRESULT GetEnabled(VARIANT_BOOL* pEnabled) const
     {
         return Journaled(m_object + L".GetEnabled", [&] {
-            *pEnabled = Number(L"Enabled") != 0 ? VARIANT_TRUE : VARIANT_FALSE;
+            *pEnabled = ReadDword(m_key, L"Enabled", 0) != 0 ? VARIANT_TRUE : VARIANT_FALSE;
             return S_OK;
         });
     }
-    const std::wstring& Text(const wchar_t* name) const { return m_values[IndexOf(name)].text; }
-    LONG Number(const wchar_t* name) const { return m_values[IndexOf(name)].number; }
-    // Every required property is set: the item may go into a list.
+    // The number put, or the property's default.
+    LONG Number(const wchar_t* name) const
+    {
+        const auto found = m_values.find(name);
+        return found != m_values.end() ? found->second.number : PropertyOf(name).lDefault;
+    }
+    // A text put (of a required property, once the item is complete).
+    const std::wstring& Text(const wchar_t* name) const { return m_values.at(name).text; }
     bool IsComplete() const
     {
-        return std::none_of(m_values.begin(), m_values.end(), [](const Value& value) {
-            return value.pProperty->bRequired && (!value.bSet || (value.text.empty() && value.number == 0));
+        return std::all_of(m_properties.begin(), m_properties.end(), [&](const Property& property) {
+            return !property.bRequired || m_values.count(property.name);
         });
     }
-
-    // Binds the item to the entry `key` (under the root); written there when `bWrite`, read from it otherwise.
-    void Bind(const std::wstring& key, bool bWrite)
+    // The item is `entry` of a list from now on: the values put so far go there.
+    void Bind(const std::wstring& entry)
     {
-        m_key = FirewallKey(key);
-        for (Value& value : m_values)
+        m_key = FirewallKey(entry);
+        for (const auto& [name, value] : m_values)
         {
-            if (bWrite)
-            {
-                Store(value);
-                continue;
-            }
-            value.bSet = value.bSet || ReadText(m_key, value.pProperty->name, value.text);
-            value.number = static_cast<LONG>(ReadDword(m_key, value.pProperty->name, value.number));
+            Store(name, value);
         }
     }
 
 private:
     struct Value
     {
-        const Property* pProperty;
-        bool bSet;
+        bool bText;
         std::wstring text;
         LONG number;
     };
 
-    size_t IndexOf(const wchar_t* name) const
+    const Property& PropertyOf(const std::wstring& name) const
     {
-        return std::find_if(m_values.begin(), m_values.end(),
-                            [&](const Value& value) { return wcscmp(value.pProperty->name, name) == 0; }) -
-               m_values.begin();
+        return *std::find_if(m_properties.begin(), m_properties.end(),
+                             [&](const Property& property) { return name == property.name; });
     }
-    HRESULT Set(const wchar_t* name, const std::wstring& text, LONG number)
+    HRESULT Set(const wchar_t* name, const Value& value)
     {
         return Journaled(m_object + L"." + name, [&] {
-            Value& value = m_values[IndexOf(name)];
-            const Property& property = *value.pProperty;
-            const LONG stored = property.kind == Kind::Flag ? (number != 0 ? 1 : 0) : number;
-            if ((property.bRequired && text.empty() && stored == 0) ||
-                (property.accepts != nullptr && !property.accepts(*this, text, stored)))
+            const Property& property = PropertyOf(name);
+            if ((property.bRequired && value.text.empty() && value.number == 0) ||
+                (property.accepts != nullptr && !property.accepts(*this, value.text, value.number)))
             {
                 return E_INVALIDARG;
             }
-            value = {&property, true, text, stored};
-            Store(value);
+            m_values[name] = value;
+            Store(name, value);
             return S_OK;
         });
     }
-    void Store(const Value& value) const
+    void Store(const std::wstring& name, const Value& value) const
     {
         const DWORD number = static_cast<DWORD>(value.number);
-        if (m_key.empty() || !value.bSet)
+        if (!m_key.empty() && value.bText)
         {
-            return;
+            WriteText(m_key, name.c_str(), value.text);
         }
-        if (value.pProperty->kind == Kind::Text)
+        else if (!m_key.empty())
         {
-            WriteText(m_key, value.pProperty->name, value.text);
-            return;
+            RegSetKeyValueW(HKEY_LOCAL_MACHINE, m_key.c_str(), name.c_str(), REG_DWORD, &number, sizeof(number));
         }
-        RegSetKeyValueW(HKEY_LOCAL_MACHINE, m_key.c_str(), value.pProperty->name, REG_DWORD, &number, sizeof(number));
     }
 
     std::wstring m_object;
-    std::vector<Value> m_values;
-    std::wstring m_key; // once in a list
+    std::vector<Property> m_properties;
+    std::map<std::wstring, Value> m_values; // by property name
+    std::wstring m_key;                     // once in a list
 };
 
-// The documented rules for property values, quoting the documentation where
-// it words them; the last ones are the rules of the rows below.
+// The rules of the rows below, quoting the documentation where it words them.
 struct Accepts
 {
-    // Empty or "*" is "any", accepted wherever a list is.
-    static bool IsAny(const std::wstring& list) { return list.empty() || list == L"*"; }
-    // Comma-separated items, none empty, each one accepted by `accepts`.
-    static bool IsList(const std::wstring& list, bool (*accepts)(const std::wstring& item))
-    {
-        std::wstring rest = IsAny(list) ? L"" : list + L",";
-        for (size_t comma = 0; !rest.empty(); rest.erase(0, comma + 1))
-        {
-            comma = rest.find(L',');
-            if (comma == 0 || !accepts(rest.substr(0, comma)))
-            {
-                return false;
-            }
-        }
-        return true;
-    }
-    static bool IsKeyword(const std::wstring& item, std::initializer_list<const wchar_t*> keywords)
-    {
-        return std::any_of(keywords.begin(), keywords.end(),
-                           [&](const wchar_t* k) { return _wcsicmp(k, item.c_str()) == 0; });
-    }
-    // A decimal number of at most five digits in [0, high]; -1 otherwise.
-    static long Number(const std::wstring& text, long high)
-    {
-        const bool bDigits =
-            !text.empty() && text.size() <= 5 && text.find_first_not_of(L"0123456789") == std::wstring::npos;
-        const long value = bDigits ? std::stol(text) : -1;
-        return value <= high ? value : -1;
-    }
-    // A port, a range of ports "low-high" or a port keyword.
-    static bool IsPortItem(const std::wstring& item)
-    {
-        const size_t dash = item.find(L'-');
-        const long low = Number(item.substr(0, dash), 65535);
-        const long high = dash == std::wstring::npos ? low : Number(item.substr(dash + 1), 65535);
-        return IsKeyword(item, {L"RPC", L"RPC-EPMap", L"IPHTTPS", L"Teredo", L"Ply2Disc", L"mDNS"}) ||
-               (low >= 0 && high >= low);
-    }
-    static bool IsAddress(const std::wstring& text)
-    {
-        BYTE buffer[16];
-        return InetPtonW(text.find(L':') != std::wstring::npos ? AF_INET6 : AF_INET, text.c_str(), buffer) == 1;
-    }
-    // An address, a subnet "address/prefix length" or "address/mask", a range
-    // "low-high" or an address keyword (a service name is none of these).
-    static bool IsAddressItem(const std::wstring& item)
-    {
-        const size_t cut = item.find_first_of(L"/-");
-        const std::wstring second = cut == std::wstring::npos ? item : item.substr(cut + 1);
-        const bool bPrefixLength = cut != std::wstring::npos && item[cut] == L'/' && Number(second, 128) >= 0;
-        return IsKeyword(item, {L"LocalSubnet", L"DNS", L"DHCP", L"WINS", L"DefaultGateway"}) ||
-               (IsAddress(item.substr(0, cut)) && (bPrefixLength || IsAddress(second)));
-    }
-
     template <LONG kLow, LONG kHigh>
     static bool Range(const CItem&, const std::wstring&, LONG number)
     {
@@ -233,20 +229,21 @@ struct Accepts
     }
     // A rule's name and description: "The string must not contain the "|" character."
     static bool NoBar(const CItem&, const std::wstring& text, LONG) { return text.find(L'|') == std::wstring::npos; }
-    // Ports only with TCP or UDP; "any" with every protocol.
-    static bool Ports(const CItem& item, const std::wstring& text, LONG)
-    {
-        return IsAny(text) || (TcpOrUdp(item, text, item.Number(L"Protocol")) && IsList(text, IsPortItem));
-    }
-    static bool Addresses(const CItem&, const std::wstring& text, LONG) { return IsList(text, IsAddressItem); }
-    // A mask of the known profiles, or all of them.
-    static bool Profiles(const CItem&, const std::wstring&, LONG mask)
-    {
-        return mask == NET_FW_PROFILE2_ALL || (mask & ~7) == 0;
-    }
     static bool TcpOrUdp(const CItem&, const std::wstring&, LONG protocol)
     {
         return protocol == NET_FW_IP_PROTOCOL_TCP || protocol == NET_FW_IP_PROTOCOL_UDP;
+    }
+    // Ports only with TCP or UDP; "any" with every protocol.
+    static bool Ports(const CItem& item, const std::wstring& text, LONG)
+    {
+        return text.empty() || text == L"*" ||
+               (TcpOrUdp(item, text, item.Number(L"Protocol")) && IsList(text, IsPortItem));
+    }
+    static bool Addresses(const CItem&, const std::wstring& text, LONG) { return IsList(text, IsAddressItem); }
+    // A mask of one or more of the known profiles, or all of them.
+    static bool Profiles(const CItem&, const std::wstring&, LONG mask)
+    {
+        return mask == NET_FW_PROFILE2_ALL || (mask != 0 && (mask & ~7) == 0);
     }
     // "The image file name must be a fully qualified path and reference an
     // existing application. The name may contain environment variables."
@@ -264,33 +261,32 @@ struct Accepts
 
 // clang-format off
 const Property kRuleProperties[] = {
-    {L"Name", Kind::Text, 0, true, Accepts::NoBar},
-    {L"Description", Kind::Text, 0, false, Accepts::NoBar},
-    {L"ApplicationName", Kind::Text, 0, false, nullptr},
-    {L"ServiceName", Kind::Text, 0, false, nullptr},
-    {L"Protocol", Kind::Number, kAnyProtocol, false, Accepts::Range<0, kAnyProtocol>},
-    {L"LocalPorts", Kind::Text, 0, false, Accepts::Ports},
-    {L"RemotePorts", Kind::Text, 0, false, Accepts::Ports},
-    {L"LocalAddresses", Kind::Text, 0, false, Accepts::Addresses},
-    {L"RemoteAddresses", Kind::Text, 0, false, Accepts::Addresses},
-    {L"Direction", Kind::Number, NET_FW_RULE_DIR_IN, false, Accepts::Range<NET_FW_RULE_DIR_IN, NET_FW_RULE_DIR_OUT>},
-    {L"Enabled", Kind::Flag, 0, false, nullptr},
-    {L"Profiles", Kind::Number, NET_FW_PROFILE2_ALL, true, Accepts::Profiles},
-    {L"EdgeTraversal", Kind::Flag, 0, false, nullptr},
-    {L"EdgeTraversalOptions", Kind::Number, 0, false, Accepts::Range<0, 3>},
+    {L"Name", 0, true, Accepts::NoBar},
+    {L"Description", 0, false, Accepts::NoBar},
+    {L"ApplicationName", 0, false, nullptr},
+    {L"Protocol", kAnyProtocol, false, Accepts::Range<0, kAnyProtocol>},
+    {L"LocalPorts", 0, false, Accepts::Ports},
+    {L"RemotePorts", 0, false, Accepts::Ports},
+    {L"LocalAddresses", 0, false, Accepts::Addresses},
+    {L"RemoteAddresses", 0, false, Accepts::Addresses},
+    {L"Direction", NET_FW_RULE_DIR_IN, false, Accepts::Range<NET_FW_RULE_DIR_IN, NET_FW_RULE_DIR_OUT>},
+    {L"Enabled", 0, false, nullptr},
+    {L"Profiles", NET_FW_PROFILE2_ALL, false, Accepts::Profiles},
+    {L"EdgeTraversal", 0, false, nullptr},
+    {L"EdgeTraversalOptions", 0, false, Accepts::Range<0, 3>},
 };
 const Property kOpenPortProperties[] = {
-    {L"Name", Kind::Text, 0, true, nullptr},
-    {L"Port", Kind::Number, 0, true, Accepts::Range<1, 65535>},
-    {L"Protocol", Kind::Number, NET_FW_IP_PROTOCOL_TCP, false, Accepts::TcpOrUdp},
-    {L"RemoteAddresses", Kind::Text, 0, false, Accepts::Addresses},
-    {L"Enabled", Kind::Flag, 1, false, nullptr},
+    {L"Name", 0, true, nullptr},
+    {L"Port", 0, true, Accepts::Range<1, 65535>},
+    {L"Protocol", NET_FW_IP_PROTOCOL_TCP, false, Accepts::TcpOrUdp},
+    {L"RemoteAddresses", 0, false, Accepts::Addresses},
+    {L"Enabled", 1, false, nullptr},
 };
 const Property kAuthorizedAppProperties[] = {
-    {L"Name", Kind::Text, 0, true, nullptr},
-    {L"ProcessImageFileName", Kind::Text, 0, true, Accepts::ImagePath},
-    {L"RemoteAddresses", Kind::Text, 0, false, Accepts::Addresses},
-    {L"Enabled", Kind::Flag, 1, false, nullptr},
+    {L"Name", 0, true, nullptr},
+    {L"ProcessImageFileName", 0, true, Accepts::ImagePath},
+    {L"RemoteAddresses", 0, false, Accepts::Addresses},
+    {L"Enabled", 1, false, nullptr},
 };
 // clang-format on
 
@@ -315,19 +311,24 @@ const Property kAuthorizedAppProperties[] = {
         return Put(L## #Property, value);                                                                              \
     }
 
-template <typename TInterface>
-class CObject : public CComObject<CNoTypeInfo<TInterface>>
+// An object of the interfaces TInterfaces... (one object may serve several
+// views of one state).
+template <typename... TInterfaces>
+class CObject : public CComObject<CNoTypeInfo<TInterfaces>...>
 {
 protected:
-    void* Find(REFIID riid) override { return InterfaceOf<TInterface>(this, riid); }
+    void* Find(REFIID riid) override { return InterfaceOf<TInterfaces...>(this, riid); }
 };
 
-// A new object of class TObject for *ppv.
-template <typename TObject, typename TInterface>
-HRESULT Make(TInterface** ppv)
+// Another interface of the same object, as the answer of `method`.
+template <typename TInterface, typename TObject>
+HRESULT View(const wchar_t* method, TObject* pObject, TInterface** ppView)
 {
-    *ppv = new (std::nothrow) TObject();
-    return *ppv != nullptr ? S_OK : E_OUTOFMEMORY;
+    return Journaled(method, [&] {
+        *ppView = pObject;
+        pObject->AddRef();
+        return S_OK;
+    });
 }
 
 // ---- the lists: entries of the registry state ------------------------------
@@ -346,25 +347,21 @@ std::wstring FindEntry(const std::wstring& list, const wchar_t* name, const wcha
     return L"";
 }
 
-// A new numbered entry of `list`: the numbers count on over all lists.
-std::wstring NewEntry(const std::wstring& list)
-{
-    const DWORD next = ReadDword(kFirewallRoot, L"NextId", 1);
-    const DWORD following = next + 1;
-    RegSetKeyValueW(HKEY_LOCAL_MACHINE, kFirewallRoot, L"NextId", REG_DWORD, &following, sizeof(following));
-    return list + L"\\" + std::to_wstring(next);
-}
-
 bool Exists(const std::wstring& entry)
 {
     Quillcast::System::Types::CRegistryKey key;
     return RegOpenKeyExW(HKEY_LOCAL_MACHINE, FirewallKey(entry).c_str(), 0, KEY_READ, key.Put()) == ERROR_SUCCESS;
 }
 
-void DeleteEntry(const std::wstring& entry)
+// A new numbered entry of `list`: the first free number.
+std::wstring NewEntry(const std::wstring& list)
 {
-    RegDeleteTreeW(HKEY_LOCAL_MACHINE, FirewallKey(entry).c_str());
-    RegDeleteKeyW(HKEY_LOCAL_MACHINE, FirewallKey(entry).c_str());
+    int number = 1;
+    while (Exists(list + L"\\" + std::to_wstring(number)))
+    {
+        ++number;
+    }
+    return list + L"\\" + std::to_wstring(number);
 }
 
 // Item: the item of `entry` for *ppItem; not found when the entry is missing.
@@ -373,12 +370,13 @@ HRESULT ItemOf(const wchar_t* method, const std::wstring& entry, TInterface** pp
 {
     *ppItem = nullptr;
     return Journaled(method, [&] {
-        const HRESULT hResult = entry.empty() || !Exists(entry) ? kNotFound : Make<TItem>(ppItem);
-        if (SUCCEEDED(hResult))
+        TItem* pItem = entry.empty() || !Exists(entry) ? nullptr : new (std::nothrow) TItem();
+        if (pItem != nullptr)
         {
-            static_cast<TItem*>(*ppItem)->Bind(entry, false);
+            pItem->Bind(entry);
         }
-        return hResult;
+        *ppItem = pItem;
+        return pItem != nullptr ? S_OK : kNotFound;
     });
 }
 
@@ -392,21 +390,17 @@ HRESULT AddTo(const wchar_t* method, TInterface* pInterface, TEntryOf entryOf)
         {
             return E_INVALIDARG;
         }
-        pItem->Bind(entryOf(*pItem), true);
+        pItem->Bind(entryOf(*pItem));
         return S_OK;
     });
 }
 
-// Remove: the entry goes; not found when it is missing.
+// Remove: the entry goes; not found when it is missing (an empty entry is none: it would name the root).
 HRESULT RemoveFrom(const wchar_t* method, const std::wstring& entry)
 {
     return Journaled(method, [&] {
-        if (entry.empty() || !Exists(entry)) // (an empty entry would name the root)
-        {
-            return kNotFound;
-        }
-        DeleteEntry(entry);
-        return S_OK;
+        const bool bGone = !entry.empty() && RegDeleteTreeW(HKEY_LOCAL_MACHINE, FirewallKey(entry).c_str()) == 0;
+        return bGone ? S_OK : kNotFound;
     });
 }
 
@@ -418,7 +412,7 @@ public:
     QC_SET(Name, BSTR)
     QC_SET(Description, BSTR)
     QC_SET(ApplicationName, BSTR)
-    QC_SET(ServiceName, BSTR)
+    QC_UNUSED_PROPERTY(ServiceName, BSTR)
     QC_SET(Protocol, LONG)
     QC_SET(LocalPorts, BSTR)
     QC_SET(RemotePorts, BSTR)
@@ -474,11 +468,34 @@ public:
     STDMETHODIMP put_Enabled(VARIANT_BOOL value) override { return Put(L"Enabled", value); }
 };
 
-// Rules are found by name; a new one gets a new entry, and a removal takes
-// every rule of the name (none is no failure).
-class CRules : public CObject<INetFwRules>
+// The rule interface: the policy and its rules, one object. Rules are found
+// by name; a new one gets a new entry, and a removal takes every rule of the
+// name (none is no failure).
+class CPolicy2 : public CObject<INetFwPolicy2, INetFwRules>
 {
 public:
+    STDMETHODIMP get_CurrentProfileTypes(LONG* pProfiles) override
+    {
+        return Journaled(L"Policy2.CurrentProfileTypes", [&] {
+            *pProfiles = static_cast<LONG>(ReadDword(kFirewallRoot, L"CurrentProfileTypes", NET_FW_PROFILE2_PRIVATE));
+            return S_OK;
+        });
+    }
+    STDMETHODIMP get_Rules(INetFwRules** ppRules) override { return View(L"Policy2.Rules", this, ppRules); }
+    QC_UNUSED_PROFILE_PROPERTY(FirewallEnabled, VARIANT_BOOL)
+    QC_UNUSED_PROFILE_PROPERTY(ExcludedInterfaces, VARIANT)
+    QC_UNUSED_PROFILE_PROPERTY(BlockAllInboundTraffic, VARIANT_BOOL)
+    QC_UNUSED_PROFILE_PROPERTY(NotificationsDisabled, VARIANT_BOOL)
+    QC_UNUSED_PROFILE_PROPERTY(UnicastResponsesToMulticastBroadcastDisabled, VARIANT_BOOL)
+    QC_UNUSED(get_ServiceRestriction, INetFwServiceRestriction**)
+    QC_UNUSED(EnableRuleGroup, LONG, BSTR, VARIANT_BOOL)
+    QC_UNUSED(IsRuleGroupEnabled, LONG, BSTR, VARIANT_BOOL*)
+    QC_UNUSED(RestoreLocalFirewallDefaults, void)
+    QC_UNUSED_PROFILE_PROPERTY(DefaultInboundAction, NET_FW_ACTION)
+    QC_UNUSED_PROFILE_PROPERTY(DefaultOutboundAction, NET_FW_ACTION)
+    QC_UNUSED(get_IsRuleGroupCurrentlyEnabled, BSTR, VARIANT_BOOL*)
+    QC_UNUSED(get_LocalPolicyModifyState, NET_FW_MODIFY_STATE*)
+
     QC_UNUSED_COUNT_AND_ENUM
     STDMETHODIMP Item(BSTR name, INetFwRule** ppRule) override
     {
@@ -493,43 +510,12 @@ public:
         return Journaled(L"Rules.Remove", [&] {
             for (std::wstring entry; !(entry = FindEntry(L"Rules", L"Name", name)).empty();)
             {
-                DeleteEntry(entry);
+                RegDeleteTreeW(HKEY_LOCAL_MACHINE, FirewallKey(entry).c_str());
             }
             return S_OK;
         });
     }
 };
-
-class CPolicy2 : public CObject<INetFwPolicy2>
-{
-public:
-    STDMETHODIMP get_CurrentProfileTypes(LONG* pProfiles) override
-    {
-        return Journaled(L"Policy2.CurrentProfileTypes", [&] {
-            *pProfiles = static_cast<LONG>(ReadDword(kFirewallRoot, L"CurrentProfileTypes", NET_FW_PROFILE2_PRIVATE));
-            return S_OK;
-        });
-    }
-    STDMETHODIMP get_Rules(INetFwRules** ppRules) override
-    {
-        return Journaled(L"Policy2.Rules", [&] { return Make<CRules>(ppRules); });
-    }
-    QC_UNUSED_PROFILE_PROPERTY(FirewallEnabled, VARIANT_BOOL)
-    QC_UNUSED_PROFILE_PROPERTY(ExcludedInterfaces, VARIANT)
-    QC_UNUSED_PROFILE_PROPERTY(BlockAllInboundTraffic, VARIANT_BOOL)
-    QC_UNUSED_PROFILE_PROPERTY(NotificationsDisabled, VARIANT_BOOL)
-    QC_UNUSED_PROFILE_PROPERTY(UnicastResponsesToMulticastBroadcastDisabled, VARIANT_BOOL)
-    QC_UNUSED(get_ServiceRestriction, INetFwServiceRestriction**)
-    QC_UNUSED(EnableRuleGroup, LONG, BSTR, VARIANT_BOOL)
-    QC_UNUSED(IsRuleGroupEnabled, LONG, BSTR, VARIANT_BOOL*)
-    QC_UNUSED(RestoreLocalFirewallDefaults, void)
-    QC_UNUSED_PROFILE_PROPERTY(DefaultInboundAction, NET_FW_ACTION)
-    QC_UNUSED_PROFILE_PROPERTY(DefaultOutboundAction, NET_FW_ACTION)
-    QC_UNUSED(get_IsRuleGroupCurrentlyEnabled, BSTR, VARIANT_BOOL*)
-    QC_UNUSED(get_LocalPolicyModifyState, NET_FW_MODIFY_STATE*)
-};
-
-// ---- the legacy lists of the current profile -------------------------------
 
 // Open ports are keyed by port and protocol: an open port of the same pair is replaced.
 std::wstring PortEntry(LONG port, LONG protocol)
@@ -537,37 +523,70 @@ std::wstring PortEntry(LONG port, LONG protocol)
     return L"OpenPorts\\" + std::to_wstring(port) + L"-" + std::to_wstring(protocol);
 }
 
-class COpenPorts : public CObject<INetFwOpenPorts>
-{
-public:
-    QC_UNUSED_COUNT_AND_ENUM
-    STDMETHODIMP Item(LONG port, NET_FW_IP_PROTOCOL protocol, INetFwOpenPort** ppPort) override
-    {
-        return ItemOf<COpenPort>(L"OpenPorts.Item", PortEntry(port, protocol), ppPort);
-    }
-    STDMETHODIMP Add(INetFwOpenPort* pPort) override
-    {
-        return AddTo<COpenPort>(L"OpenPorts.Add", pPort, [](const CItem& item) {
-            DeleteEntry(PortEntry(item.Number(L"Port"), item.Number(L"Protocol")));
-            return PortEntry(item.Number(L"Port"), item.Number(L"Protocol"));
-        });
-    }
-    STDMETHODIMP Remove(LONG port, NET_FW_IP_PROTOCOL protocol) override
-    {
-        return RemoveFrom(L"OpenPorts.Remove", PortEntry(port, protocol));
-    }
-};
-
 // Authorized programs are keyed by image path: a program already listed is replaced.
 std::wstring AppEntry(const wchar_t* path)
 {
     return FindEntry(L"AuthorizedApplications", L"ProcessImageFileName", path);
 }
 
-class CAuthorizedApps : public CObject<INetFwAuthorizedApplications>
+// The legacy firewall: the manager, its local policy, the current profile and
+// the profile's lists of open ports and authorized programs, one object.
+class CMgr : public CObject<INetFwMgr, INetFwPolicy, INetFwProfile, INetFwOpenPorts, INetFwAuthorizedApplications>
 {
 public:
-    QC_UNUSED_COUNT_AND_ENUM
+    STDMETHODIMP get_LocalPolicy(INetFwPolicy** ppPolicy) override { return View(L"Mgr.LocalPolicy", this, ppPolicy); }
+    QC_UNUSED(get_CurrentProfileType, NET_FW_PROFILE_TYPE*)
+    QC_UNUSED(RestoreDefaults, void)
+    QC_UNUSED(IsPortAllowed, BSTR, NET_FW_IP_VERSION, LONG, BSTR, NET_FW_IP_PROTOCOL, VARIANT*, VARIANT*)
+    QC_UNUSED(IsIcmpTypeAllowed, NET_FW_IP_VERSION, BSTR, BYTE, VARIANT*, VARIANT*)
+
+    STDMETHODIMP get_CurrentProfile(INetFwProfile** ppProfile) override
+    {
+        return View(L"Policy.CurrentProfile", this, ppProfile);
+    }
+    QC_UNUSED(GetProfileByType, NET_FW_PROFILE_TYPE, INetFwProfile**)
+
+    // The value is written before the call may fail, as a failing getter may leave it.
+    STDMETHODIMP get_ExceptionsNotAllowed(VARIANT_BOOL* pNotAllowed) override
+    {
+        *pNotAllowed = ReadDword(kFirewallRoot, L"ExceptionsNotAllowed", 0) != 0 ? VARIANT_TRUE : VARIANT_FALSE;
+        return Call(L"Profile.ExceptionsNotAllowed");
+    }
+    STDMETHODIMP get_GloballyOpenPorts(INetFwOpenPorts** ppPorts) override
+    {
+        return View(L"Profile.GloballyOpenPorts", this, ppPorts);
+    }
+    STDMETHODIMP get_AuthorizedApplications(INetFwAuthorizedApplications** ppApps) override
+    {
+        return View(L"Profile.AuthorizedApplications", this, ppApps);
+    }
+    QC_UNUSED(get_Type, NET_FW_PROFILE_TYPE*)
+    QC_UNUSED_PROPERTY(FirewallEnabled, VARIANT_BOOL)
+    QC_UNUSED(put_ExceptionsNotAllowed, VARIANT_BOOL)
+    QC_UNUSED_PROPERTY(NotificationsDisabled, VARIANT_BOOL)
+    QC_UNUSED_PROPERTY(UnicastResponsesToMulticastBroadcastDisabled, VARIANT_BOOL)
+    QC_UNUSED(get_RemoteAdminSettings, INetFwRemoteAdminSettings**)
+    QC_UNUSED(get_IcmpSettings, INetFwIcmpSettings**)
+    QC_UNUSED(get_Services, INetFwServices**)
+
+    QC_UNUSED_COUNT_AND_ENUM // of either list
+        STDMETHODIMP
+        Item(LONG port, NET_FW_IP_PROTOCOL protocol, INetFwOpenPort** ppPort) override
+    {
+        return ItemOf<COpenPort>(L"OpenPorts.Item", PortEntry(port, protocol), ppPort);
+    }
+    STDMETHODIMP Add(INetFwOpenPort* pPort) override
+    {
+        return AddTo<COpenPort>(L"OpenPorts.Add", pPort, [](const CItem& item) {
+            const std::wstring entry = PortEntry(item.Number(L"Port"), item.Number(L"Protocol"));
+            RegDeleteTreeW(HKEY_LOCAL_MACHINE, FirewallKey(entry).c_str());
+            return entry;
+        });
+    }
+    STDMETHODIMP Remove(LONG port, NET_FW_IP_PROTOCOL protocol) override
+    {
+        return RemoveFrom(L"OpenPorts.Remove", PortEntry(port, protocol));
+    }
     STDMETHODIMP Item(BSTR path, INetFwAuthorizedApplication** ppApp) override
     {
         return ItemOf<CAuthorizedApp>(L"AuthorizedApps.Item", AppEntry(path), ppApp);
@@ -582,93 +601,19 @@ public:
     STDMETHODIMP Remove(BSTR path) override { return RemoveFrom(L"AuthorizedApps.Remove", AppEntry(path)); }
 };
 
-class CProfile : public CObject<INetFwProfile>
-{
-public:
-    // The value is written before the call may fail, as a failing getter may leave it.
-    STDMETHODIMP get_ExceptionsNotAllowed(VARIANT_BOOL* pNotAllowed) override
-    {
-        *pNotAllowed = ReadDword(kFirewallRoot, L"ExceptionsNotAllowed", 0) != 0 ? VARIANT_TRUE : VARIANT_FALSE;
-        return Call(L"Profile.ExceptionsNotAllowed");
-    }
-    STDMETHODIMP get_GloballyOpenPorts(INetFwOpenPorts** ppPorts) override
-    {
-        return Journaled(L"Profile.GloballyOpenPorts", [&] { return Make<COpenPorts>(ppPorts); });
-    }
-    STDMETHODIMP get_AuthorizedApplications(INetFwAuthorizedApplications** ppApps) override
-    {
-        return Journaled(L"Profile.AuthorizedApplications", [&] { return Make<CAuthorizedApps>(ppApps); });
-    }
-    QC_UNUSED(get_Type, NET_FW_PROFILE_TYPE*)
-    QC_UNUSED_PROPERTY(FirewallEnabled, VARIANT_BOOL)
-    QC_UNUSED(put_ExceptionsNotAllowed, VARIANT_BOOL)
-    QC_UNUSED_PROPERTY(NotificationsDisabled, VARIANT_BOOL)
-    QC_UNUSED_PROPERTY(UnicastResponsesToMulticastBroadcastDisabled, VARIANT_BOOL)
-    QC_UNUSED(get_RemoteAdminSettings, INetFwRemoteAdminSettings**)
-    QC_UNUSED(get_IcmpSettings, INetFwIcmpSettings**)
-    QC_UNUSED(get_Services, INetFwServices**)
-};
-
-class CPolicy : public CObject<INetFwPolicy>
-{
-public:
-    STDMETHODIMP get_CurrentProfile(INetFwProfile** ppProfile) override
-    {
-        return Journaled(L"Policy.CurrentProfile", [&] { return Make<CProfile>(ppProfile); });
-    }
-    QC_UNUSED(GetProfileByType, NET_FW_PROFILE_TYPE, INetFwProfile**)
-};
-
-class CMgr : public CObject<INetFwMgr>
-{
-public:
-    STDMETHODIMP get_LocalPolicy(INetFwPolicy** ppPolicy) override
-    {
-        return Journaled(L"Mgr.LocalPolicy", [&] { return Make<CPolicy>(ppPolicy); });
-    }
-    QC_UNUSED(get_CurrentProfileType, NET_FW_PROFILE_TYPE*)
-    QC_UNUSED(RestoreDefaults, void)
-    QC_UNUSED(IsPortAllowed, BSTR, NET_FW_IP_VERSION, LONG, BSTR, NET_FW_IP_PROTOCOL, VARIANT*, VARIANT*)
-    QC_UNUSED(IsIcmpTypeAllowed, NET_FW_IP_VERSION, BSTR, BYTE, VARIANT*, VARIANT*)
-};
-
 // ---- class objects and registration ----------------------------------------
 
-// The class object of TObject: every creation is journaled as "Create.<class>",
-// and NetFwPolicy2 can play "not registered" (the NoPolicy2 switch).
-template <typename TObject>
-class CFactory : public CClassFactory<TObject>
-{
-public:
-    explicit CFactory(const wchar_t* name) : m_name(name) {}
-    STDMETHODIMP CreateInstance(IUnknown* pOuter, REFIID riid, void** ppv) override
-    {
-        if (wcscmp(m_name, L"NetFwPolicy2") == 0 && ReadDword(kFirewallRoot, L"NoPolicy2", 0) != 0)
-        {
-            return REGDB_E_CLASSNOTREG;
-        }
-        return Journaled(std::wstring(L"Create.") + m_name,
-                         [&] { return CClassFactory<TObject>::CreateInstance(pOuter, riid, ppv); });
-    }
-
-private:
-    const wchar_t* m_name;
-};
-
-CFactory<CPolicy2> g_policy2(L"NetFwPolicy2");
-CFactory<CRule> g_rule(L"NetFwRule");
-CFactory<CMgr> g_mgr(L"NetFwMgr");
-CFactory<COpenPort> g_openPort(L"NetFwOpenPort");
-CFactory<CAuthorizedApp> g_authorizedApp(L"NetFwAuthorizedApplication");
+// The classes served here, by the name their creation is journaled with.
 const struct
 {
     CLSID clsid;
-    IClassFactory* pFactory;
-} kClasses[] = {{__uuidof(NetFwPolicy2), &g_policy2},
-                {__uuidof(NetFwRule), &g_rule},
-                {__uuidof(NetFwMgr), &g_mgr},
-                {__uuidof(NetFwOpenPort), &g_openPort},
-                {__uuidof(NetFwAuthorizedApplication), &g_authorizedApp}};
+    const wchar_t* name;
+    HRESULT (*classObject)(REFIID riid, void** ppv);
+} kClasses[] = {{__uuidof(NetFwPolicy2), L"NetFwPolicy2", ClassObject<CPolicy2>},
+                {__uuidof(NetFwRule), L"NetFwRule", ClassObject<CRule>},
+                {__uuidof(NetFwMgr), L"NetFwMgr", ClassObject<CMgr>},
+                {__uuidof(NetFwOpenPort), L"NetFwOpenPort", ClassObject<COpenPort>},
+                {__uuidof(NetFwAuthorizedApplication), L"NetFwAuthorizedApplication", ClassObject<CAuthorizedApp>}};
 
 // Wine's registration while this one replaces it (not part of the state).
 constexpr const wchar_t* kSaved = L"Software\\QuillcastTest\\FirewallSavedRegistration";
@@ -678,16 +623,25 @@ constexpr const wchar_t* kSaved = L"Software\\QuillcastTest\\FirewallSavedRegist
 
 extern "C" IMAGE_DOS_HEADER __ImageBase; // this module
 
+// COM asks for the class object at every creation: each is journaled as
+// "Create.<class>" and may be switched to fail, and NetFwPolicy2 can play "not
+// registered" (the NoPolicy2 switch). (Wine's COM answers a failure here with
+// REGDB_E_CLASSNOTREG when the caller allowed a server out of process.)
 extern "C" HRESULT WINAPI DllGetClassObject(REFCLSID clsid, REFIID riid, void** ppv)
 {
+    *ppv = nullptr;
+    if (clsid == __uuidof(NetFwPolicy2) && QcTest::ReadDword(QcTest::kFirewallRoot, L"NoPolicy2", 0) != 0)
+    {
+        return REGDB_E_CLASSNOTREG;
+    }
     for (const auto& entry : QcTest::kClasses)
     {
         if (clsid == entry.clsid)
         {
-            return entry.pFactory->QueryInterface(riid, ppv);
+            return QcTest::Journaled(std::wstring(L"Create.") + entry.name,
+                                     [&] { return entry.classObject(riid, ppv); });
         }
     }
-    *ppv = nullptr;
     return CLASS_E_CLASSNOTAVAILABLE;
 }
 

@@ -120,10 +120,9 @@ public:
 private:
     bool Run(const char* entry) const
     {
-        using Entry = HRESULT(WINAPI*)();
         const FARPROC address = m_module ? ::GetProcAddress(m_module.Get(), entry) : nullptr;
-        const auto function = reinterpret_cast<Entry>(reinterpret_cast<void*>(address));
-        return function != nullptr && SUCCEEDED(function());
+        return address != nullptr &&
+               SUCCEEDED(reinterpret_cast<HRESULT(WINAPI*)()>(reinterpret_cast<void*>(address))());
     }
 
     Quillcast::System::Types::CModule m_module;
