@@ -420,9 +420,11 @@ const EngineCase kEngineCases[] = {
     {"Version70WithSecondAt0_1SetsDesktopKit702", kEngine, L"7.0", L"DESKTOPKIT702", L"_0_1_2_3"},
     {"Version70WithSecondAt0_0SetsRdpKitXp70", kEngine, L"7.0", L"RDPKITXP70", L"_0_0_5_6"},
     {"Version70WithoutSecondSetsRdpKitXp70", kRdp, L"7.0", L"RDPKITXP70", nullptr, false, Ws, kNoSecond},
-    // The whole high word of the file version is compared: neither major 1 nor minor 1 alone decides.
+    // The whole high word of the file version is compared: neither minor 1 nor minor 0 alone decides.
     {"Version70WithSecondAt1_1SetsNothing", kEngine, L"7.0", nullptr, L"_1_1_0_0"},
+    {"Version70WithSecondAt1_0SetsNothing", kEngine, L"7.0", nullptr, L"_1_0_0_0"},
     {"Version701IsNot70", kEngine, L"7.0.1", nullptr, nullptr, true},
+    {"EmptyVersionSetsNothing", kEngine, L"", nullptr, nullptr, true},
     {"KeyIn32BitViewOnlyIsNoKey", kEngine32, L"7.6", nullptr, nullptr, false, Ws, kNoKeys, 1603},
 };
 
