@@ -3,13 +3,16 @@
 
 #include <windows.h>
 #include <msiquery.h>
+#include <objsel.h>
+#include <wbemcli.h>
 
 #include <cstring>
 #include <memory>
+#include <numeric>
 #include <set>
 
-#include "directory/DirectoryDouble.h"
 #include "support/ActionCall.h"
+#include "support/ComServer.h"
 #include "support/ImportPatch.h"
 #include "system/Directory.h"
 
@@ -19,6 +22,9 @@ namespace {
 constexpr wchar_t kTitle[] = L"Quillcast Picker Test";
 constexpr wchar_t kDialogTitle[] = L"Quillcast Dialog"; // only a standard dialog has it
 const std::wstring kDoubleServer = BinFolder() + L"QcDirectoryDouble.dll";
+// Where the double takes its answers from and writes its journal to (QcDirectoryDouble.cpp lists the values).
+const std::wstring kDoubleKey = L"Software\\Quillcast\\Tests\\DirectoryDouble";
+const std::wstring kSavedServers = kDoubleKey + L"\\Saved servers";
 // A server that cannot be loaded: creating the class fails with ERROR_MOD_NOT_FOUND.
 const std::wstring kMissingServer = L"C:\\windows\\system32\\QcMissingServer.dll";
 
@@ -41,6 +47,27 @@ std::wstring Error(const std::wstring& source, const std::wstring& text)
     return L"[ERROR] " + source + L" (#) " + text + L".";
 }
 
+// For its lifetime `server` serves CLSID_WbemLocator and CLSID_DsObjectPicker in the test prefix; the servers
+// found before (Wine's own) are put back afterwards, and the answers and the journal are dropped.
+struct CServedBy
+{
+    explicit CServedBy(const std::wstring& server)
+            : bRegistered(ReplaceServer(CLSID_WbemLocator, server, kSavedServers) &&
+                          ReplaceServer(CLSID_DsObjectPicker, server, kSavedServers))
+    {
+    }
+    CServedBy(const CServedBy&) = delete;
+    CServedBy& operator=(const CServedBy&) = delete;
+    ~CServedBy()
+    {
+        RestoreServer(CLSID_WbemLocator, kSavedServers);
+        RestoreServer(CLSID_DsObjectPicker, kSavedServers);
+        RegDeleteTreeW(HKEY_LOCAL_MACHINE, kDoubleKey.c_str());
+    }
+
+    const bool bRegistered;
+};
+
 // The double's answer that makes `call` answer hResult instead of going on.
 std::pair<std::wstring, std::wstring> Fail(const wchar_t* call, HRESULT hResult)
 {
@@ -54,7 +81,7 @@ struct Row
 {
     const char* name = "";
     std::wstring server = kDoubleServer; // "": Wine's own parts
-    Properties answers = {};             // the double's (DirectoryDouble.h)
+    Properties answers = {};             // the double's
     Properties properties = {};          // besides the product name and the results' earlier values
     std::set<std::wstring> failingReads = {};
     int apartment = -1; // the caller's COM apartment
@@ -69,8 +96,8 @@ TEST_P(DirectoryAction, Case)
 {
     const Row& row = GetParam();
     const bool bDomain = std::strstr(::testing::UnitTest::GetInstance()->current_test_suite()->name(), "GetDomain");
-    const auto pDouble = row.server.empty() ? nullptr : std::make_unique<CDirectoryDouble>(row.server);
-    ASSERT_TRUE(!pDouble || pDouble->IsRegistered());
+    const auto pDouble = row.server.empty() ? nullptr : std::make_unique<CServedBy>(row.server);
+    ASSERT_TRUE(!pDouble || pDouble->bRegistered);
     for (const auto& answer : row.answers)
     {
         WriteText(kDoubleKey, answer.first.c_str(), answer.second);
@@ -105,12 +132,8 @@ TEST_P(DirectoryAction, Case)
     EXPECT_EQ(outcome.values, row.values.empty() ? earlier : row.values);
     std::wstring journal;
     ReadText(kDoubleKey, L"Journal", journal);
-    std::wstring expected;
-    for (const std::wstring& line : row.journal)
-    {
-        expected += line + L"\n";
-    }
-    EXPECT_EQ(journal, expected);
+    const auto addLine = [](const std::wstring& text, const std::wstring& line) { return text + line + L"\n"; };
+    EXPECT_EQ(journal, std::accumulate(row.journal.begin(), row.journal.end(), std::wstring(), addLine));
     // GetDomain leaves a caller's apartment initialised; the picker's unbalanced CoUninitialize ends it.
     EXPECT_EQ(outcome.comAfter, bDomain && row.apartment != -1 ? S_FALSE : S_OK);
 }
@@ -231,10 +254,6 @@ Lines Picked(const wchar_t* options, const std::wstring& scope, const std::wstri
     return {L"Initialize " + std::to_wstring(sizeof(DSOP_INIT_INFO)) + L" null 2 " + options + L" 0", scope,
             L"Scope 0 0x0 0x0 0x0 0x0 0x0 0x0 null null", L"InvokeDialog " + parent, L"Picker released"};
 }
-Properties Options(const wchar_t* userFlag, const wchar_t* multiSelect)
-{
-    return {{L"PickUserFlagProperty", userFlag}, {L"PickMultiSelectProperty", multiSelect}};
-}
 // The picker's one selection (QcDirectoryDouble.cpp), each path as DOMAIN\name, one without a path adding an empty
 // entry.
 const Lines kPicked = {L"CORP\\alice;;CORP\\Print Operators"};
@@ -242,7 +261,7 @@ const Lines kPicked = {L"CORP\\alice;;CORP\\Print Operators"};
 const Row kPickRows[] = {
     // Only a failed read of an option is worth a warning, not a failed size query; both read as 0.
     {.name = "UnreadableOptionsOfferUsersAndGroupsOverTheWizardAndJoinTheSelection",
-     .properties = Options(L"2", L"1"),
+     .properties = {{L"PickUserFlagProperty", L"2"}, {L"PickMultiSelectProperty", L"1"}},
      .failingReads = {L"PickUserFlagProperty", L"PickMultiSelectProperty:size"},
      .lines = {L"[WARNING] Various (#) MsiGetProperty PickUserFlagProperty failed with error 1627."},
      .values = kPicked,
@@ -251,7 +270,7 @@ const Row kPickRows[] = {
     // unbalanced on purpose, ends the caller's own initialisation (a balanced object would leave it, S_FALSE).
     // User flag 3 is like 0, and any number but 0 turns multi-selection on, a negative one too.
     {.name = "UserFlag3WithMultiSelectInAMultithreadedCaller",
-     .properties = Options(L"3", L" -7 apples"),
+     .properties = {{L"PickUserFlagProperty", L"3"}, {L"PickMultiSelectProperty", L" -7 apples"}},
      .apartment = COINIT_MULTITHREADED,
      .values = kPicked,
      .journal = Picked(L"0x1", kUsersAndGroups)},
@@ -262,7 +281,7 @@ const Row kPickRows[] = {
     // The records stay unprepared; the picker refuses them and no dialog is shown. COM is uninitialised at once
     // and again by the destructor, both on purpose: the caller's own initialisation ends with the action.
     {.name = "UserFlag4IsRefusedAndNoDialogShown",
-     .properties = Options(L"4", L"1"),
+     .properties = {{L"PickUserFlagProperty", L"4"}, {L"PickMultiSelectProperty", L"1"}},
      .apartment = COINIT_APARTMENTTHREADED,
      .lines = {Error(L"Directory", L"dwUserFlag not valid"),
                Error(L"Directory", L"InitObjectPicker failed with error 2147942487"), kShowFailed},
@@ -273,7 +292,7 @@ const Row kPickRows[] = {
      .lines = {Error(L"Directory", L"ProcessSelectedObjects failed with error 2147942487"), kShowFailed}},
     {.name = "FailingPickerOfGroupsWithMultiSelectFails",
      .answers = {Fail(L"InvokeDialog", E_ACCESSDENIED)},
-     .properties = Options(L"2", L"1"),
+     .properties = {{L"PickUserFlagProperty", L"2"}, {L"PickMultiSelectProperty", L"1"}},
      .lines = {Error(L"Directory", L"InvokeDialog failed with error 2147942405"), kShowFailed},
      .journal = Picked(L"0x1", kGroups)},
     {.name = "PickerThatCannotBeCreatedIsNotUsed",

@@ -1,21 +1,36 @@
 // An in-process COM server standing in for the two parts Wine lacks: a WMI locator whose Win32_ComputerSystem
 // says what the test wants (a domain member or not, another CIM type, no instance, a failing step) and a directory
-// object picker that returns one fixed selection in the CFSTR_DSOP_DS_SELECTION_LIST format. It takes its answers
-// from, and records each call and each object's final release in, the values DirectoryDouble.h lists; its calls
-// refuse what the platform's documentation says they refuse.
+// object picker that returns one fixed selection in the CFSTR_DSOP_DS_SELECTION_LIST format. Its calls refuse what
+// the platform's documentation says they refuse.
+//
+// It takes its answers from values under kDoubleKey, all text and all optional (numbers in decimal):
+//   Instances           how many Win32_ComputerSystem the query finds (default 1)
+//   Domain, PartOfDomain  each instance's property as "<CIM type>:<text>", "<CIM type>:" for one without a
+//                       value; absent: WBEM_E_NOT_FOUND
+//   ImpersonationLevel  what the proxies report before a set (default 2, identify)
+//   ConnectServer, QueryBlanket, SetBlanket, ExecQuery, Next, InvokeDialog: the HRESULT that call answers instead
+// and writes there:
+//   Journal             a line per call worth checking, its name and arguments in order, and one per object's
+//                       final release, "<object> released", each ended by '\n'
 #include <windows.h>
 #include <shlwapi.h>
 
+#include <objsel.h>
+#include <wbemcli.h>
+
 #include <sstream>
 
-#include "directory/DirectoryDouble.h"
 #include "host/types/ComPtr.h"
+#include "support/ComServer.h"
 
 // mingw's objsel.h gives the picker's interface no uuid of its own.
 __CRT_UUID_DECL(IDsObjectPicker, 0x0c87e64e, 0x3b7a, 0x11d2, 0xb9, 0xe0, 0x00, 0xc0, 0x4f, 0xd8, 0xdb, 0xf7)
 
 namespace QcTest {
 namespace {
+
+// The tests' DirectoryActionTests.cpp writes and reads the same key.
+const std::wstring kDoubleKey = L"Software\\Quillcast\\Tests\\DirectoryDouble";
 
 namespace Types = Quillcast::System::Types;
 using CGlobalMemory = Types::CUniqueHandle<HGLOBAL, Types::CloseWith<HGLOBAL, ::GlobalFree>>;
