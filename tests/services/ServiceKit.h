@@ -1,7 +1,8 @@
 #pragma once
 
 // The kit of the service tests and the service benchmark: test services registered in the run's prefix for one test,
-// the stand-in for the dependent enumeration Wine lacks, and a recorder of what the shipped DLL asks of the manager.
+// and a seam between one loaded module and the service manager that answers the dependent enumeration Wine lacks and
+// records what the module asks.
 #include <windows.h>
 
 #include <algorithm>
@@ -29,36 +30,57 @@ struct CServiceHandle
     SC_HANDLE get() const noexcept { return Get(); } // the benchmark's spelling
 };
 
-// Wine's EnumDependentServicesW is a stub that never reports a dependent. For the seam's lifetime, one loaded module's
-// import of it is answered as Windows would, from the dependencies of the services the kit registered: every service
-// that depends on the given one, directly or through others, in reverse start order (the order of registration stands
-// for the order of start), filtered by the real state each reports. Buffer protocol as documented: a buffer too small
-// fails with ERROR_MORE_DATA, the bytes needed and no entries; otherwise the entries come first and their strings
-// follow them. No dependents: TRUE with 0 entries.
-class CDependentsSeam
+// What one loaded module asked of the service manager while a seam lived.
+struct ServiceCalls
+{
+    std::vector<DWORD> sleeps;       // every Sleep's argument
+    std::vector<std::wstring> opens; // "manager 0xACCESS" / "<service> 0xACCESS", in order
+    std::vector<SC_HANDLE> opened;   // every handle those calls returned
+    std::vector<HANDLE> closedByCloseHandle;
+};
+
+// For its lifetime, one loaded module's service-manager opens, status queries, sleeps and CloseHandle calls are
+// recorded on their way to the real functions (QueryServiceStatus never reaches the service, so this is the only way
+// to watch a poll loop from outside; a handle released with CloseServiceHandle shows as missing from the CloseHandle
+// calls). Only the action's thread writes them: read them once it has returned.
+//
+// Its EnumDependentServicesW, a stub in Wine that never reports a dependent, is answered as Windows would, from the
+// dependencies of the services the kit registered: every service that depends on the given one, directly or through
+// others, in reverse start order (the order of registration stands for the order of start), filtered by the real
+// state each reports. Buffer protocol as documented: a buffer too small fails with ERROR_MORE_DATA, the bytes needed
+// and no entries; otherwise the entries come first and their strings follow them. No dependents: TRUE, 0 entries.
+class CServiceManagerSeam
 {
 public:
-    explicit CDependentsSeam(HMODULE hModule)
-            : m_Patch(hModule, "ADVAPI32.dll", "EnumDependentServicesW", reinterpret_cast<const void*>(&Enumerate))
+    explicit CServiceManagerSeam(HMODULE hModule)
+            : m_Patches{{hModule, "ADVAPI32.dll", "EnumDependentServicesW", reinterpret_cast<const void*>(&Enumerate)},
+                        {hModule, "ADVAPI32.dll", "QueryServiceStatus", reinterpret_cast<const void*>(&Query)},
+                        {hModule, "ADVAPI32.dll", "OpenSCManagerW", reinterpret_cast<const void*>(&OpenManager)},
+                        {hModule, "ADVAPI32.dll", "OpenServiceW", reinterpret_cast<const void*>(&OpenOneService)},
+                        {hModule, "KERNEL32.dll", "CloseHandle", reinterpret_cast<const void*>(&Close)},
+                        {hModule, "KERNEL32.dll", "Sleep", reinterpret_cast<const void*>(&Sleeping)}}
     {
-        ClearCalls();
+        s_Calls = {};
+        s_Count = 0;
     }
 
-    bool IsInstalled() const { return m_Patch.IsApplied(); }
+    bool IsInstalled() const
+    {
+        return std::all_of(std::begin(m_Patches), std::end(m_Patches), [](const auto& p) { return p.IsApplied(); });
+    }
+    // The status queries so far.
+    int Count() const { return s_Count.load(); }
+    static const ServiceCalls& Calls() { return s_Calls; }
     // `service` depends on `dependsOn`, and starts after every service defined before it.
     static void Define(const std::wstring& service, const std::vector<std::wstring>& dependsOn)
     {
         s_Registrations.emplace_back(service, dependsOn);
     }
-    // The state filter of each call since the last ClearCalls(), in order; read once the action has returned.
-    static const std::vector<DWORD>& Calls() { return s_Calls; }
-    static void ClearCalls() { s_Calls.clear(); }
 
 private:
     static BOOL WINAPI Enumerate(SC_HANDLE hService, DWORD dwState, LPENUM_SERVICE_STATUSW lpServices, DWORD cbBufSize,
                                  LPDWORD pcbBytesNeeded, LPDWORD lpServicesReturned)
     {
-        s_Calls.push_back(dwState);
         if (pcbBytesNeeded == nullptr || lpServicesReturned == nullptr || dwState == 0 ||
             (dwState & ~SERVICE_STATE_ALL) != 0)
         {
@@ -93,7 +115,7 @@ private:
                 (dwState &
                  (entry.ServiceStatus.dwCurrentState == SERVICE_STOPPED ? SERVICE_INACTIVE : SERVICE_ACTIVE)) != 0)
             {
-                needed += static_cast<DWORD>(sizeof(entry) + 2 * (name->size() + 1) * sizeof(wchar_t));
+                needed += static_cast<DWORD>(sizeof(entry) + (name->size() + 1) * sizeof(wchar_t));
                 entries.push_back(entry);
             }
         }
@@ -104,25 +126,61 @@ private:
             ::SetLastError(ERROR_MORE_DATA);
             return FALSE;
         }
+        // Service name and display name share one string.
         auto* text = reinterpret_cast<wchar_t*>(lpServices + entries.size());
-        const auto copy = [&text](const wchar_t* value) {
-            wchar_t* start = std::wcscpy(text, value);
-            text += std::wcslen(value) + 1;
-            return start;
-        };
         for (size_t i = 0; i < entries.size(); ++i)
         {
-            lpServices[i] = {copy(entries[i].lpServiceName), copy(entries[i].lpDisplayName), entries[i].ServiceStatus};
+            lpServices[i] = {std::wcscpy(text, entries[i].lpServiceName), text, entries[i].ServiceStatus};
+            text += std::wcslen(text) + 1;
         }
         *pcbBytesNeeded = 0;
         *lpServicesReturned = static_cast<DWORD>(entries.size());
         return TRUE;
     }
+    // Notes an open that has been made, leaving its last-error value as it was.
+    static SC_HANDLE NotedOpen(SC_HANDLE handle, const wchar_t* what, DWORD access)
+    {
+        const DWORD dwError = ::GetLastError();
+        wchar_t hex[16] = {};
+        ::_snwprintf(hex, 15, L" 0x%lX", access);
+        s_Calls.opens.push_back(what + std::wstring(hex));
+        s_Calls.opened.push_back(handle);
+        ::SetLastError(dwError);
+        return handle;
+    }
+    static BOOL WINAPI Query(SC_HANDLE hService, LPSERVICE_STATUS pStatus)
+    {
+        ++s_Count;
+        return ::QueryServiceStatus(hService, pStatus);
+    }
+    static SC_HANDLE WINAPI OpenManager(LPCWSTR machine, LPCWSTR database, DWORD access)
+    {
+        return NotedOpen(::OpenSCManagerW(machine, database, access), L"manager", access);
+    }
+    static SC_HANDLE WINAPI OpenOneService(SC_HANDLE hManager, LPCWSTR name, DWORD access)
+    {
+        return NotedOpen(::OpenServiceW(hManager, name, access), name, access);
+    }
+    static BOOL WINAPI Close(HANDLE handle)
+    {
+        s_Calls.closedByCloseHandle.push_back(handle);
+        return ::CloseHandle(handle);
+    }
+    static void WINAPI Sleeping(DWORD ms)
+    {
+        s_Calls.sleeps.push_back(ms);
+        ::Sleep(ms);
+    }
 
-    static inline std::vector<DWORD> s_Calls;
     static inline std::vector<std::pair<std::wstring, std::vector<std::wstring>>> s_Registrations;
-    CImportPatch m_Patch;
+    static inline ServiceCalls s_Calls;
+    static inline std::atomic<int> s_Count{0};
+    CImportPatch m_Patches[6];
 };
+
+// The benchmark's names for it.
+using CDependentsSeam = CServiceManagerSeam;
+using CStatusQueryCounter = CServiceManagerSeam;
 
 // How to register one QcTestService.exe instance (see QcTestService.cpp), after the services it depends on.
 struct ServiceDefinition
@@ -145,19 +203,20 @@ public:
     {
         const std::wstring commandLine = L"\"" + BinFolder() + L"QcTestService.exe\" " + m_Name + L" " +
                                          definition.options + L" \"--journal=" + journalPath + L"\"";
+        // A list of strings, each ended by a NUL, then one more NUL: the one c_str() adds.
         std::wstring dependencies;
         for (const std::wstring& dependency : definition.dependsOn)
         {
             dependencies += dependency + L'\0';
         }
-        m_hService.Reset(::CreateServiceW(
-            m_hManager.Get(), m_Name.c_str(), m_Name.c_str(), SERVICE_ALL_ACCESS, SERVICE_WIN32_OWN_PROCESS,
-            definition.startType, SERVICE_ERROR_NORMAL, commandLine.c_str(), nullptr, nullptr,
-            dependencies.empty() ? nullptr : (dependencies + L'\0').c_str(), nullptr, nullptr));
+        m_hService.Reset(::CreateServiceW(m_hManager.Get(), m_Name.c_str(), m_Name.c_str(), SERVICE_ALL_ACCESS,
+                                          SERVICE_WIN32_OWN_PROCESS, definition.startType, SERVICE_ERROR_NORMAL,
+                                          commandLine.c_str(), nullptr, nullptr, dependencies.c_str(), nullptr,
+                                          nullptr));
         m_Error = m_hService ? L"" : L"CreateService failed with error " + std::to_wstring(::GetLastError());
         if (m_hService)
         {
-            CDependentsSeam::Define(m_Name, definition.dependsOn);
+            CServiceManagerSeam::Define(m_Name, definition.dependsOn);
         }
     }
     CTestService(const CTestService&) = delete;
@@ -170,7 +229,7 @@ public:
             // manager waiting for an answer.
             ::SetEvent(m_hExit.Get());
             Await(SERVICE_STOPPED);
-            // Its definition stays with the seam (once per name): a deleted service cannot be opened, so is never found.
+            // Its definition stays with the seam: a deleted service cannot be opened, so is never found.
             ::DeleteService(m_hService.Get());
         }
     }
@@ -189,11 +248,11 @@ public:
     {
         return ::StartServiceW(m_hService.Get(), 0, nullptr) && (!wait || Await(SERVICE_RUNNING));
     }
-    // ControlService; returns as soon as the service has answered.
-    bool Control(DWORD control) const
+    // Pauses a running service, and waits until it is paused.
+    bool Pause() const
     {
         SERVICE_STATUS status{};
-        return ::ControlService(m_hService.Get(), control, &status) != FALSE;
+        return ::ControlService(m_hService.Get(), SERVICE_CONTROL_PAUSE, &status) && Await(SERVICE_PAUSED);
     }
     // Waits up to a minute for `state`.
     bool Await(DWORD state) const
@@ -280,83 +339,5 @@ private:
     std::wstring m_JournalPath;
     std::vector<std::unique_ptr<CTestService>> m_Services;
 };
-
-// What one loaded module asked of the service manager while a recorder lived.
-struct ServiceCalls
-{
-    std::vector<DWORD> sleeps;       // every Sleep's argument
-    std::vector<std::wstring> opens; // "manager 0xACCESS" / "<service> 0xACCESS", in order
-    std::vector<SC_HANDLE> opened;   // every handle those calls returned
-    std::vector<HANDLE> closedByCloseHandle;
-};
-
-// Records one loaded module's status queries, sleeps, service-manager opens and CloseHandle calls while it lives;
-// every call goes on to the real function. QueryServiceStatus never reaches the service, so this is the only way to
-// watch a poll loop from outside. A handle released with CloseServiceHandle shows as missing from the CloseHandle calls.
-// Only the action's thread writes the calls; read them once the action has returned.
-class CServiceCallRecorder
-{
-public:
-    explicit CServiceCallRecorder(HMODULE hModule)
-            : m_Patches{{hModule, "ADVAPI32.dll", "QueryServiceStatus", reinterpret_cast<const void*>(&Query)},
-                        {hModule, "ADVAPI32.dll", "OpenSCManagerW", reinterpret_cast<const void*>(&OpenManager)},
-                        {hModule, "ADVAPI32.dll", "OpenServiceW", reinterpret_cast<const void*>(&OpenOneService)},
-                        {hModule, "KERNEL32.dll", "CloseHandle", reinterpret_cast<const void*>(&Close)},
-                        {hModule, "KERNEL32.dll", "Sleep", reinterpret_cast<const void*>(&Sleeping)}}
-    {
-        s_Calls = {};
-        s_Count = 0;
-    }
-
-    bool IsInstalled() const
-    {
-        return std::all_of(std::begin(m_Patches), std::end(m_Patches), [](const auto& p) { return p.IsApplied(); });
-    }
-    int Count() const { return s_Count.load(); }
-    static const ServiceCalls& Calls() { return s_Calls; }
-
-private:
-    // Notes an open that has been made, leaving its last-error value as it was.
-    static SC_HANDLE NotedOpen(SC_HANDLE handle, const wchar_t* what, DWORD access)
-    {
-        const DWORD dwError = ::GetLastError();
-        wchar_t hex[16] = {};
-        ::_snwprintf(hex, 15, L" 0x%lX", access);
-        s_Calls.opens.push_back(what + std::wstring(hex));
-        s_Calls.opened.push_back(handle);
-        ::SetLastError(dwError);
-        return handle;
-    }
-    static BOOL WINAPI Query(SC_HANDLE hService, LPSERVICE_STATUS pStatus)
-    {
-        ++s_Count;
-        return ::QueryServiceStatus(hService, pStatus);
-    }
-    static SC_HANDLE WINAPI OpenManager(LPCWSTR machine, LPCWSTR database, DWORD access)
-    {
-        return NotedOpen(::OpenSCManagerW(machine, database, access), L"manager", access);
-    }
-    static SC_HANDLE WINAPI OpenOneService(SC_HANDLE hManager, LPCWSTR name, DWORD access)
-    {
-        return NotedOpen(::OpenServiceW(hManager, name, access), name, access);
-    }
-    static BOOL WINAPI Close(HANDLE handle)
-    {
-        s_Calls.closedByCloseHandle.push_back(handle);
-        return ::CloseHandle(handle);
-    }
-    static void WINAPI Sleeping(DWORD ms)
-    {
-        s_Calls.sleeps.push_back(ms);
-        ::Sleep(ms);
-    }
-
-    static inline ServiceCalls s_Calls;
-    static inline std::atomic<int> s_Count{0};
-    CImportPatch m_Patches[5];
-};
-
-// The benchmark's name for it.
-using CStatusQueryCounter = CServiceCallRecorder;
 
 } // namespace QcTest
