@@ -1,17 +1,15 @@
 // A real Windows service for the service action tests and the end-to-end cases. Its command line says how it behaves:
 //
 //   QcTestService.exe <service name> [options]
-//     --start-delay=MS|hold  START_PENDING for MS ms (hold: until the continue event is set), then RUNNING
-//     --stop-delay=MS|hold   the same for STOP_PENDING after the stop control, then STOPPED
-//     --refuse-stop          does not accept the stop control at all (1052)
-//     --fail-start           reports STOPPED with a service-specific error instead of running
-//     --journal=PATH         appends "<name> running" / "<name> stopped" lines to PATH
+//     --start-delay=MS   START_PENDING for MS ms, then RUNNING
+//     --stop-delay=MS    the same for STOP_PENDING after the stop control, then STOPPED
+//     --refuse-stop      does not accept the stop control at all (1052)
+//     --journal=PATH     appends "<name> running" / "<name> stopped" lines to PATH
 //
 // Running or paused, it accepts the pause control. Without a stop delay the control handler reports SERVICE_STOPPED
-// itself, so that ControlService already returns the stopped state. Of two manual-reset events, created by whichever
-// side comes first, "Global\QcTestService.<name>.Continue" ends a held or delayed pending state, and
-// "Global\QcTestService.<name>.Exit" makes the service report SERVICE_STOPPED and exit, whatever it is doing: tests
-// clean up with it. The service's handles live as long as its process.
+// itself, so that ControlService already returns the stopped state. The manual-reset event
+// "Global\QcTestService.<name>.Exit", created by whichever side comes first, makes the service report SERVICE_STOPPED
+// and exit, whatever it is doing: tests clean up with it. The service's handles live as long as its process.
 #include <windows.h>
 #include <shellapi.h>
 
@@ -26,17 +24,15 @@ std::wstring g_Journal;
 DWORD g_StartDelay = 0;
 DWORD g_StopDelay = 0;
 bool g_bRefuseStop = false;
-bool g_bFailStart = false;
 
 SERVICE_STATUS_HANDLE g_hStatus = nullptr;
 CRITICAL_SECTION g_StatusLock;
 SERVICE_STATUS g_Status{SERVICE_WIN32_OWN_PROCESS, 0, 0, 0, 0, 0, 0};
-HANDLE g_hContinue = nullptr;
 HANDLE g_hExit = nullptr;
 HANDLE g_hStopRequested = nullptr;
 bool g_bStoppedInHandler = false;
 
-// `option` is `prefix` followed by "hold" or a number of milliseconds.
+// `option` is `prefix` followed by a number of milliseconds.
 bool ParseDelay(const std::wstring& option, const wchar_t* prefix, DWORD& delay)
 {
     if (option.rfind(prefix, 0) != 0)
@@ -45,8 +41,8 @@ bool ParseDelay(const std::wstring& option, const wchar_t* prefix, DWORD& delay)
     }
     const wchar_t* text = option.c_str() + std::wcslen(prefix);
     wchar_t* end = nullptr;
-    delay = std::wcscmp(text, L"hold") == 0 ? INFINITE : static_cast<DWORD>(std::wcstoul(text, &end, 10));
-    return delay == INFINITE || (*text != L'\0' && *end == L'\0');
+    delay = static_cast<DWORD>(std::wcstoul(text, &end, 10));
+    return *text != L'\0' && *end == L'\0';
 }
 
 bool ParseOptions(int argc, wchar_t** argv)
@@ -54,9 +50,9 @@ bool ParseOptions(int argc, wchar_t** argv)
     for (int i = 2; i < argc; ++i)
     {
         const std::wstring option = argv[i];
-        if (option == L"--refuse-stop" || option == L"--fail-start")
+        if (option == L"--refuse-stop")
         {
-            (option == L"--refuse-stop" ? g_bRefuseStop : g_bFailStart) = true;
+            g_bRefuseStop = true;
         }
         else if (option.rfind(L"--journal=", 0) == 0)
         {
@@ -73,7 +69,7 @@ bool ParseOptions(int argc, wchar_t** argv)
 
 // Reports a state; nothing after STOPPED. The journal line is written before the state is visible to anyone polling
 // for it.
-void Report(DWORD state, DWORD specificError = 0)
+void Report(DWORD state)
 {
     ::EnterCriticalSection(&g_StatusLock);
     if (g_Status.dwCurrentState != SERVICE_STOPPED)
@@ -82,8 +78,6 @@ void Report(DWORD state, DWORD specificError = 0)
         const DWORD stop = g_bRefuseStop ? 0 : SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_SHUTDOWN;
         g_Status.dwCurrentState = state;
         g_Status.dwControlsAccepted = bSteady ? stop | SERVICE_ACCEPT_PAUSE_CONTINUE : 0;
-        g_Status.dwWin32ExitCode = specificError != 0 ? ERROR_SERVICE_SPECIFIC_ERROR : NO_ERROR;
-        g_Status.dwServiceSpecificExitCode = specificError;
         // A pending state promises progress within its wait hint.
         g_Status.dwWaitHint = bSteady || state == SERVICE_STOPPED ? 0 : 2000;
         g_Status.dwCheckPoint = g_Status.dwWaitHint != 0 ? g_Status.dwCheckPoint + 1 : 0;
@@ -98,12 +92,11 @@ void Report(DWORD state, DWORD specificError = 0)
     ::LeaveCriticalSection(&g_StatusLock);
 }
 
-// Waits `delay` ms (or until the continue event) in the pending `state`; false when the exit event ended the wait.
+// Waits `delay` ms in the pending `state`; false when the exit event ended the wait.
 bool Pending(DWORD state, DWORD delay)
 {
     Report(state);
-    const HANDLE waits[] = {g_hExit, g_hContinue};
-    return ::WaitForMultipleObjects(2, waits, FALSE, delay) != WAIT_OBJECT_0;
+    return ::WaitForSingleObject(g_hExit, delay) != WAIT_OBJECT_0;
 }
 
 DWORD WINAPI Handler(DWORD control, DWORD /*eventType*/, LPVOID /*eventData*/, LPVOID /*context*/)
@@ -137,16 +130,10 @@ void WINAPI ServiceMain(DWORD /*argc*/, LPWSTR* /*argv*/)
     {
         return;
     }
-    const std::wstring prefix = L"Global\\QcTestService." + g_Name;
-    g_hContinue = ::CreateEventW(nullptr, TRUE, FALSE, (prefix + L".Continue").c_str());
-    g_hExit = ::CreateEventW(nullptr, TRUE, FALSE, (prefix + L".Exit").c_str());
+    g_hExit = ::CreateEventW(nullptr, TRUE, FALSE, (L"Global\\QcTestService." + g_Name + L".Exit").c_str());
     g_hStopRequested = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    if (g_hContinue == nullptr || g_hExit == nullptr || g_hStopRequested == nullptr || g_bFailStart)
-    {
-        Report(SERVICE_STOPPED, 42);
-        return;
-    }
-    if (g_StartDelay == 0 || Pending(SERVICE_START_PENDING, g_StartDelay))
+    if (g_hExit != nullptr && g_hStopRequested != nullptr &&
+        (g_StartDelay == 0 || Pending(SERVICE_START_PENDING, g_StartDelay)))
     {
         Report(SERVICE_RUNNING);
         const HANDLE waits[] = {g_hStopRequested, g_hExit};

@@ -186,7 +186,7 @@ using CStatusQueryCounter = CServiceManagerSeam;
 struct ServiceDefinition
 {
     std::wstring name;
-    std::wstring options; // of QcTestService, e.g. L"--stop-delay=hold"
+    std::wstring options; // of QcTestService, e.g. L"--stop-delay=30000"
     DWORD startType = SERVICE_DEMAND_START;
     std::vector<std::wstring> dependsOn;
 };
@@ -199,8 +199,10 @@ class CTestService
 public:
     CTestService(const ServiceDefinition& definition, const std::wstring& journalPath)
             : m_Name(definition.name), m_hManager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS)),
-              m_hContinue(Event(L".Continue")), m_hExit(Event(L".Exit"))
+              m_hExit(::CreateEventW(nullptr, TRUE, FALSE, (L"Global\\QcTestService." + m_Name + L".Exit").c_str()))
     {
+        // Shared by name with the service, manual-reset, and cleared: a name can outlive its service.
+        ::ResetEvent(m_hExit.Get());
         const std::wstring commandLine = L"\"" + BinFolder() + L"QcTestService.exe\" " + m_Name + L" " +
                                          definition.options + L" \"--journal=" + journalPath + L"\"";
         // A list of strings, each ended by a NUL, then one more NUL: the one c_str() adds.
@@ -266,23 +268,12 @@ public:
         }
         return true;
     }
-    // Ends a held or delayed pending state.
-    void Continue() const { ::SetEvent(m_hContinue.Get()); }
 
 private:
-    // Manual-reset, shared by name with the service, and cleared: a name can outlive its service.
-    CKernelHandle Event(const wchar_t* what) const
-    {
-        CKernelHandle hEvent(::CreateEventW(nullptr, TRUE, FALSE, (L"Global\\QcTestService." + m_Name + what).c_str()));
-        ::ResetEvent(hEvent.Get());
-        return hEvent;
-    }
-
     std::wstring m_Name;
     std::wstring m_Error;
     CServiceHandle m_hManager;
     CServiceHandle m_hService;
-    CKernelHandle m_hContinue;
     CKernelHandle m_hExit;
 };
 
@@ -291,15 +282,7 @@ private:
 class CTestServices
 {
 public:
-    CTestServices()
-    {
-        wchar_t folder[MAX_PATH + 1] = {};
-        wchar_t file[MAX_PATH + 1] = {};
-        if (::GetTempPathW(MAX_PATH, folder) != 0 && ::GetTempFileNameW(folder, L"qcj", 0, file) != 0)
-        {
-            m_JournalPath = file;
-        }
-    }
+    CTestServices() : m_JournalPath(BinFolder() + L"QcTestService." + std::to_wstring(::GetCurrentProcessId())) {}
     CTestServices(const CTestServices&) = delete;
     CTestServices& operator=(const CTestServices&) = delete;
     ~CTestServices()
@@ -314,14 +297,6 @@ public:
     CTestService& Add(const ServiceDefinition& definition)
     {
         return *m_Services.emplace_back(std::make_unique<CTestService>(definition, m_JournalPath));
-    }
-    // Ends every held pending state.
-    void ContinueAll() const
-    {
-        for (const auto& service : m_Services)
-        {
-            service->Continue();
-        }
     }
     std::vector<std::wstring> Journal() const
     {
