@@ -6,7 +6,6 @@
 #include <windows.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cwchar>
 #include <fstream>
 #include <memory>
@@ -37,18 +36,18 @@ struct ServiceCalls
     std::vector<std::wstring> opens; // "manager 0xACCESS" / "<service> 0xACCESS", in order
     std::vector<SC_HANDLE> opened;   // every handle those calls returned
     std::vector<HANDLE> closedByCloseHandle;
+    int statusQueries = 0;
 };
 
 // For its lifetime, one loaded module's service-manager opens, status queries, sleeps and CloseHandle calls are
-// recorded on their way to the real functions (QueryServiceStatus never reaches the service, so this is the only way
-// to watch a poll loop from outside; a handle released with CloseServiceHandle shows as missing from the CloseHandle
-// calls). Only the action's thread writes them: read them once it has returned.
+// recorded on their way to the real functions: the only way to watch its poll loops and its releases from outside.
+// Only the action's thread writes them: read them once it has returned.
 //
-// Its EnumDependentServicesW, a stub in Wine that never reports a dependent, is answered as Windows would, from the
-// dependencies of the services the kit registered: every service that depends on the given one, directly or through
-// others, in reverse start order (the order of registration stands for the order of start), filtered by the real
-// state each reports. Buffer protocol as documented: a buffer too small fails with ERROR_MORE_DATA, the bytes needed
-// and no entries; otherwise the entries come first and their strings follow them. No dependents: TRUE, 0 entries.
+// Its EnumDependentServicesW, which Wine stubs, is answered as Windows would, from the dependencies of the services
+// the kit registered: every service that depends on the given one, directly or through others, in reverse start order
+// (the order of registration), filtered by the real state each reports. Buffer protocol as documented: too small a
+// buffer fails with ERROR_MORE_DATA, the bytes needed and no entries; otherwise the entries come first, their strings
+// after them. No dependents: TRUE, 0 entries.
 class CServiceManagerSeam
 {
 public:
@@ -61,7 +60,6 @@ public:
                         {hModule, "KERNEL32.dll", "Sleep", reinterpret_cast<const void*>(&Sleeping)}}
     {
         s_Calls = {};
-        s_Count = 0;
     }
 
     bool IsInstalled() const
@@ -69,7 +67,7 @@ public:
         return std::all_of(std::begin(m_Patches), std::end(m_Patches), [](const auto& p) { return p.IsApplied(); });
     }
     // The status queries so far.
-    int Count() const { return s_Count.load(); }
+    int Count() const { return s_Calls.statusQueries; }
     static const ServiceCalls& Calls() { return s_Calls; }
     // `service` depends on `dependsOn`, and starts after every service defined before it.
     static void Define(const std::wstring& service, const std::vector<std::wstring>& dependsOn)
@@ -150,7 +148,7 @@ private:
     }
     static BOOL WINAPI Query(SC_HANDLE hService, LPSERVICE_STATUS pStatus)
     {
-        ++s_Count;
+        ++s_Calls.statusQueries;
         return ::QueryServiceStatus(hService, pStatus);
     }
     static SC_HANDLE WINAPI OpenManager(LPCWSTR machine, LPCWSTR database, DWORD access)
@@ -174,7 +172,6 @@ private:
 
     static inline std::vector<std::pair<std::wstring, std::vector<std::wstring>>> s_Registrations;
     static inline ServiceCalls s_Calls;
-    static inline std::atomic<int> s_Count{0};
     CImportPatch m_Patches[6];
 };
 
@@ -236,7 +233,6 @@ public:
         }
     }
 
-    bool IsRegistered() const { return static_cast<bool>(m_hService); }
     const std::wstring& Error() const { return m_Error; }
     const std::wstring& Name() const { return m_Name; }
     // The current dwCurrentState, or 0 when it cannot be read.
