@@ -3,13 +3,12 @@
 //   QcTestService.exe <service name> [options]
 //     --start-delay=MS   START_PENDING for MS ms, then RUNNING
 //     --stop-delay=MS    the same for STOP_PENDING after the stop control, then STOPPED
-//     --refuse-stop      does not accept the stop control at all (1052)
 //     --journal=PATH     appends "<name> running" / "<name> stopped" lines to PATH
 //
-// Running or paused, it accepts the pause control. Without a stop delay the control handler reports SERVICE_STOPPED
-// itself, so that ControlService already returns the stopped state. The manual-reset event
-// "Global\QcTestService.<name>.Exit", created by whichever side comes first, makes the service report SERVICE_STOPPED
-// and exit, whatever it is doing: tests clean up with it. The service's handles live as long as its process.
+// Running, it accepts the pause and stop controls; paused, it refuses the stop control (1052). Without a stop delay the
+// control handler reports SERVICE_STOPPED itself, so that ControlService already returns the stopped state. The
+// manual-reset event "Global\QcTestService.<name>.Exit", created by whichever side comes first, makes the service
+// report SERVICE_STOPPED and exit, whatever it is doing: tests clean up with it. Its handles live as long as it does.
 #include <windows.h>
 #include <shellapi.h>
 
@@ -23,7 +22,6 @@ std::wstring g_Name;
 std::wstring g_Journal;
 DWORD g_StartDelay = 0;
 DWORD g_StopDelay = 0;
-bool g_bRefuseStop = false;
 
 SERVICE_STATUS_HANDLE g_hStatus = nullptr;
 CRITICAL_SECTION g_StatusLock;
@@ -50,11 +48,7 @@ bool ParseOptions(int argc, wchar_t** argv)
     for (int i = 2; i < argc; ++i)
     {
         const std::wstring option = argv[i];
-        if (option == L"--refuse-stop")
-        {
-            g_bRefuseStop = true;
-        }
-        else if (option.rfind(L"--journal=", 0) == 0)
+        if (option.rfind(L"--journal=", 0) == 0)
         {
             g_Journal = option.substr(10);
         }
@@ -75,7 +69,7 @@ void Report(DWORD state)
     if (g_Status.dwCurrentState != SERVICE_STOPPED)
     {
         const bool bSteady = state == SERVICE_RUNNING || state == SERVICE_PAUSED;
-        const DWORD stop = g_bRefuseStop ? 0 : SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_SHUTDOWN;
+        const DWORD stop = state == SERVICE_RUNNING ? SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_SHUTDOWN : 0;
         g_Status.dwCurrentState = state;
         g_Status.dwControlsAccepted = bSteady ? stop | SERVICE_ACCEPT_PAUSE_CONTINUE : 0;
         // A pending state promises progress within its wait hint.
@@ -105,10 +99,6 @@ DWORD WINAPI Handler(DWORD control, DWORD /*eventType*/, LPVOID /*eventData*/, L
     {
     case SERVICE_CONTROL_STOP:
     case SERVICE_CONTROL_SHUTDOWN:
-        if (g_bRefuseStop)
-        {
-            return ERROR_CALL_NOT_IMPLEMENTED;
-        }
         g_bStoppedInHandler = g_StopDelay == 0;
         Report(g_StopDelay == 0 ? SERVICE_STOPPED : SERVICE_STOP_PENDING);
         ::SetEvent(g_hStopRequested);
