@@ -191,7 +191,7 @@ const Case kCases[] = {
         .Fails({Error(L"{S} timeout, after 0 seconds")})
         .Journal({L"{S} running"}),
     // 4294969 s are 4294969000 ms, 1704 ms in 32 bits: the poll at 1.5 s passes, the next times out. Without the wrap
-    // it would never time out.
+    // the service would run, after 30 s.
     Row("ServiceStart", "TimeoutInMillisecondsWrapsIn32Bits", {{L"S", Stopped, StartPending, L"--start-delay=30000"}})
         .Args(L"DEPENDENCIES=0;TIMEOUT=4294969")
         .Fails({Error(L"{S} timeout, after 1 seconds")}),
