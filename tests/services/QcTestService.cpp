@@ -1,23 +1,14 @@
-// A real Windows service for the service-control tests. The service
-// configuration's command line says how it behaves:
+// A real Windows service for the service action tests and the end-to-end cases. Its command line says how it behaves:
 //
 //   QcTestService.exe <service name> [options]
-//     --start-delay=MS     START_PENDING for MS ms, then RUNNING
-//     --start-delay=hold   START_PENDING until the continue event is set
-//     --stop-delay=MS|hold the same for STOP_PENDING after the stop control, then STOPPED
-//     --refuse-stop        does not accept the stop control at all (1052)
-//     --fail-start         reports STOPPED with a service-specific error instead of running
-//     --journal=PATH       appends "<name> running" / "<name> stopped" lines to PATH
+//     --start-delay=MS   START_PENDING for MS ms, then RUNNING
+//     --stop-delay=MS    the same for STOP_PENDING after the stop control, then STOPPED
+//     --journal=PATH     appends "<name> running" / "<name> stopped" lines to PATH
 //
-// Running or paused, it accepts the pause control. Without a stop delay the
-// control handler reports SERVICE_STOPPED itself, so that ControlService
-// already returns the stopped state.
-//
-// Two manual-reset events, created by whichever side comes first:
-//   "Global\QcTestService.<name>.Continue" ends a held or delayed pending state;
-//   "Global\QcTestService.<name>.Exit" makes the service report SERVICE_STOPPED
-//   and exit, whatever it is doing. Tests use it to clean up.
-// The service's handles live as long as its process.
+// Running, it accepts the pause and stop controls; paused, it refuses the stop control (1052). Without a stop delay the
+// control handler reports SERVICE_STOPPED itself, so that ControlService already returns the stopped state. The
+// manual-reset event "Global\QcTestService.<name>.Exit", created by whichever side comes first, makes the service
+// report SERVICE_STOPPED and exit, whatever it is doing: tests clean up with it. Its handles live as long as it does.
 #include <windows.h>
 #include <shellapi.h>
 
@@ -27,54 +18,42 @@
 
 namespace {
 
-struct Options
-{
-    std::wstring name;
-    DWORD startDelay = 0;
-    DWORD stopDelay = 0;
-    bool refuseStop = false;
-    bool failStart = false;
-    std::wstring journal;
-};
+std::wstring g_Name;
+std::wstring g_Journal;
+DWORD g_StartDelay = 0;
+DWORD g_StopDelay = 0;
 
-Options g_Options;
 SERVICE_STATUS_HANDLE g_hStatus = nullptr;
 CRITICAL_SECTION g_StatusLock;
-SERVICE_STATUS g_Status{};
-HANDLE g_hContinue = nullptr;
+SERVICE_STATUS g_Status{SERVICE_WIN32_OWN_PROCESS, 0, 0, 0, 0, 0, 0};
 HANDLE g_hExit = nullptr;
 HANDLE g_hStopRequested = nullptr;
-bool g_bStoppedReported = false;
 bool g_bStoppedInHandler = false;
 
-// "hold" or a number of milliseconds.
-bool ParseDelay(const wchar_t* text, DWORD& delay)
+// `option` is `prefix` followed by a number of milliseconds.
+bool ParseDelay(const std::wstring& option, const wchar_t* prefix, DWORD& delay)
 {
+    if (option.rfind(prefix, 0) != 0)
+    {
+        return false;
+    }
+    const wchar_t* text = option.c_str() + std::wcslen(prefix);
     wchar_t* end = nullptr;
-    delay = std::wcscmp(text, L"hold") == 0 ? INFINITE : static_cast<DWORD>(std::wcstoul(text, &end, 10));
-    return delay == INFINITE || (*text != L'\0' && *end == L'\0');
+    delay = static_cast<DWORD>(std::wcstoul(text, &end, 10));
+    return *text != L'\0' && *end == L'\0';
 }
 
 bool ParseOptions(int argc, wchar_t** argv)
 {
-    g_Options.name = argc > 1 ? argv[1] : L"";
     for (int i = 2; i < argc; ++i)
     {
         const std::wstring option = argv[i];
-        const wchar_t* value = argv[i] + option.find(L'=') + 1;
-        bool* flag = option == L"--refuse-stop"  ? &g_Options.refuseStop
-                     : option == L"--fail-start" ? &g_Options.failStart
-                                                 : nullptr;
-        if (flag != nullptr)
+        if (option.rfind(L"--journal=", 0) == 0)
         {
-            *flag = true;
+            g_Journal = option.substr(10);
         }
-        else if (option.rfind(L"--journal=", 0) == 0)
-        {
-            g_Options.journal = value;
-        }
-        else if (!(option.rfind(L"--start-delay=", 0) == 0 && ParseDelay(value, g_Options.startDelay)) &&
-                 !(option.rfind(L"--stop-delay=", 0) == 0 && ParseDelay(value, g_Options.stopDelay)))
+        else if (!ParseDelay(option, L"--start-delay=", g_StartDelay) &&
+                 !ParseDelay(option, L"--stop-delay=", g_StopDelay))
         {
             return false;
         }
@@ -82,35 +61,24 @@ bool ParseOptions(int argc, wchar_t** argv)
     return argc > 1;
 }
 
-FILE* OpenJournal()
-{
-    return g_Options.journal.empty() ? nullptr : ::_wfopen(g_Options.journal.c_str(), L"ab");
-}
-
-// Reports a state; STOPPED is reported (and journaled) once only. The journal
-// line is written before the state is visible to anyone polling for it.
-void Report(DWORD state, DWORD specificError = 0)
+// Reports a state; nothing after STOPPED. The journal line is written before the state is visible to anyone polling
+// for it.
+void Report(DWORD state)
 {
     ::EnterCriticalSection(&g_StatusLock);
-    if (!g_bStoppedReported)
+    if (g_Status.dwCurrentState != SERVICE_STOPPED)
     {
         const bool bSteady = state == SERVICE_RUNNING || state == SERVICE_PAUSED;
-        g_Status.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
+        const DWORD stop = state == SERVICE_RUNNING ? SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_SHUTDOWN : 0;
         g_Status.dwCurrentState = state;
-        g_Status.dwControlsAccepted = !bSteady
-                                          ? 0
-                                          : (g_Options.refuseStop ? 0 : SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_SHUTDOWN) |
-                                                SERVICE_ACCEPT_PAUSE_CONTINUE;
-        g_Status.dwWin32ExitCode = specificError != 0 ? ERROR_SERVICE_SPECIFIC_ERROR : NO_ERROR;
-        g_Status.dwServiceSpecificExitCode = specificError;
+        g_Status.dwControlsAccepted = bSteady ? stop | SERVICE_ACCEPT_PAUSE_CONTINUE : 0;
         // A pending state promises progress within its wait hint.
         g_Status.dwWaitHint = bSteady || state == SERVICE_STOPPED ? 0 : 2000;
         g_Status.dwCheckPoint = g_Status.dwWaitHint != 0 ? g_Status.dwCheckPoint + 1 : 0;
-        g_bStoppedReported = state == SERVICE_STOPPED;
-        FILE* journal = state == SERVICE_STOPPED || state == SERVICE_RUNNING ? OpenJournal() : nullptr;
-        if (journal != nullptr)
+        const bool bJournaled = !g_Journal.empty() && (state == SERVICE_STOPPED || state == SERVICE_RUNNING);
+        if (FILE* journal = bJournaled ? ::_wfopen(g_Journal.c_str(), L"ab") : nullptr)
         {
-            std::fprintf(journal, "%ls %s\n", g_Options.name.c_str(), state == SERVICE_STOPPED ? "stopped" : "running");
+            std::fprintf(journal, "%ls %s\n", g_Name.c_str(), state == SERVICE_STOPPED ? "stopped" : "running");
             std::fclose(journal);
         }
         ::SetServiceStatus(g_hStatus, &g_Status);
@@ -118,12 +86,11 @@ void Report(DWORD state, DWORD specificError = 0)
     ::LeaveCriticalSection(&g_StatusLock);
 }
 
-// Waits `delay` ms (or until the continue event) in the pending `state`; false when the exit event ended the wait.
+// Waits `delay` ms in the pending `state`; false when the exit event ended the wait.
 bool Pending(DWORD state, DWORD delay)
 {
     Report(state);
-    const HANDLE waits[] = {g_hExit, g_hContinue};
-    return ::WaitForMultipleObjects(2, waits, FALSE, delay) != WAIT_OBJECT_0;
+    return ::WaitForSingleObject(g_hExit, delay) != WAIT_OBJECT_0;
 }
 
 DWORD WINAPI Handler(DWORD control, DWORD /*eventType*/, LPVOID /*eventData*/, LPVOID /*context*/)
@@ -132,12 +99,8 @@ DWORD WINAPI Handler(DWORD control, DWORD /*eventType*/, LPVOID /*eventData*/, L
     {
     case SERVICE_CONTROL_STOP:
     case SERVICE_CONTROL_SHUTDOWN:
-        if (g_Options.refuseStop)
-        {
-            return ERROR_CALL_NOT_IMPLEMENTED;
-        }
-        g_bStoppedInHandler = g_Options.stopDelay == 0;
-        Report(g_Options.stopDelay == 0 ? SERVICE_STOPPED : SERVICE_STOP_PENDING);
+        g_bStoppedInHandler = g_StopDelay == 0;
+        Report(g_StopDelay == 0 ? SERVICE_STOPPED : SERVICE_STOP_PENDING);
         ::SetEvent(g_hStopRequested);
         return NO_ERROR;
     case SERVICE_CONTROL_PAUSE:
@@ -152,30 +115,22 @@ DWORD WINAPI Handler(DWORD control, DWORD /*eventType*/, LPVOID /*eventData*/, L
 
 void WINAPI ServiceMain(DWORD /*argc*/, LPWSTR* /*argv*/)
 {
-    g_hStatus = ::RegisterServiceCtrlHandlerExW(g_Options.name.c_str(), Handler, nullptr);
+    g_hStatus = ::RegisterServiceCtrlHandlerExW(g_Name.c_str(), Handler, nullptr);
     if (g_hStatus == nullptr)
     {
         return;
     }
-    const std::wstring prefix = L"Global\\QcTestService." + g_Options.name;
-    g_hContinue = ::CreateEventW(nullptr, TRUE, FALSE, (prefix + L".Continue").c_str());
-    g_hExit = ::CreateEventW(nullptr, TRUE, FALSE, (prefix + L".Exit").c_str());
+    g_hExit = ::CreateEventW(nullptr, TRUE, FALSE, (L"Global\\QcTestService." + g_Name + L".Exit").c_str());
     g_hStopRequested = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    if (g_hContinue == nullptr || g_hExit == nullptr || g_hStopRequested == nullptr || g_Options.failStart)
+    if (g_hExit != nullptr && g_hStopRequested != nullptr &&
+        (g_StartDelay == 0 || Pending(SERVICE_START_PENDING, g_StartDelay)))
     {
-        Report(SERVICE_STOPPED, 42);
-        return;
-    }
-    if (g_Options.startDelay != 0 && !Pending(SERVICE_START_PENDING, g_Options.startDelay))
-    {
-        Report(SERVICE_STOPPED);
-        return;
-    }
-    Report(SERVICE_RUNNING);
-    const HANDLE waits[] = {g_hStopRequested, g_hExit};
-    if (::WaitForMultipleObjects(2, waits, FALSE, INFINITE) == WAIT_OBJECT_0 && g_Options.stopDelay != 0)
-    {
-        Pending(SERVICE_STOP_PENDING, g_Options.stopDelay);
+        Report(SERVICE_RUNNING);
+        const HANDLE waits[] = {g_hStopRequested, g_hExit};
+        if (::WaitForMultipleObjects(2, waits, FALSE, INFINITE) == WAIT_OBJECT_0 && g_StopDelay != 0)
+        {
+            Pending(SERVICE_STOP_PENDING, g_StopDelay);
+        }
     }
     Report(SERVICE_STOPPED);
 }
@@ -191,18 +146,18 @@ int main()
         std::fprintf(stderr, "usage: QcTestService.exe <service name> [options] (see QcTestService.cpp)\n");
         return 2;
     }
+    g_Name = argv[1];
     ::InitializeCriticalSection(&g_StatusLock);
-    SERVICE_TABLE_ENTRYW table[] = {{g_Options.name.data(), ServiceMain}, {nullptr, nullptr}};
+    SERVICE_TABLE_ENTRYW table[] = {{g_Name.data(), ServiceMain}, {nullptr, nullptr}};
     if (!::StartServiceCtrlDispatcherW(table))
     {
         std::fprintf(stderr, "QcTestService: StartServiceCtrlDispatcher failed with error %lu\n", ::GetLastError());
         return 1;
     }
-    // A handler that reported SERVICE_STOPPED itself answers the stop control
-    // only after it returns; should the process be gone by then, Wine's manager
-    // fails the caller's ControlService with 109 (broken pipe). Nothing tells
-    // when the answer has left, so linger, generously for a busy machine; a
-    // service ended through its exit event owes no answer and goes at once.
+    // A handler that reported SERVICE_STOPPED itself answers the stop control only after it returns; should the
+    // process be gone by then, Wine's manager fails the caller's ControlService with 109 (broken pipe). Nothing tells
+    // when the answer has left, so linger, generously for a busy machine; a service ended through its exit event owes
+    // no answer and goes at once.
     if (g_bStoppedInHandler)
     {
         ::Sleep(3000);
