@@ -307,6 +307,12 @@ finish() {
     exit 1
 }
 trap finish EXIT
+# Wine ends the prefix, and every service in it without a stop, seconds after the last process that is not a
+# service exits: on a busy machine a service would die between two steps. A held copy of the test program
+# keeps the prefix up until the case ends.
+cp "$QC_BIN_DIR/QcTestProgram.exe" "$work_dir/QcE2eKeeper.exe"
+wine "$work_dir/QcE2eKeeper.exe" --hold --release-event=QcE2eKeeperNeverReleased </dev/null >/dev/null 2>&1 &
+background+=($!)
 
 # shellcheck source=/dev/null
 source "$case_file"
