@@ -10,10 +10,8 @@ with creating CREATE_AND_INSTALL_ROOT_CERTIFICATE ROOTCERTNAME="$root" \
     CREATE_AND_INSTALL_SIGNED_SERVER_CERTIFICATE ROOTCERTNAME="$root"
 install --exit 1603 "${creating[@]}"
 expect_arguments <<<"QcCreateAndInstallRootCertificate|$root"
-expect_dll_line --in InstallFinalize "QcCryptLog (#) CreateCertAndConvertToPFX()."
 # Wine's log formats "[ERROR]" as the (empty) property ERROR.
 expect_dll_line --in InstallFinalize " QcCryptLog (#) CreateCertAndConvertToPFX() - ERROR: PFXExportCertStoreEx1 failed (0).."
-expect_dll_line --in InstallFinalize " QcCryptLog (#) InternalCreateCertificate() - ERROR: CreateCertAndConvertToPFX failed.."
 expect_dll_line --in InstallFinalize " Certificates (#) CreateCertificate failed with error -6."
 expect_dll_line --in QcUndoCreateAndInstallRootCertificate "Workbench (#) Processing custom action: UninstallRootCertificate."
 expect_arguments <<<"QcUndoCreateAndInstallRootCertificate|$root"
