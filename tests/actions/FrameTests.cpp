@@ -8,13 +8,11 @@
 #include <string>
 #include <vector>
 
-#include "actions/Workers.h"
 #include "host/Workbench.h"
 #include "logging/msi/LogStreamMsi.h"
 #include "support/LogCapture.h"
 
 using namespace Quillcast::Host;
-using Lines = std::vector<std::wstring>;
 
 namespace {
 
@@ -84,9 +82,6 @@ const ValidationCase kValidationCases[] = {
     {"WorkerResultIsReturnedUnchanged", ACTION_CompareVersionString, nullptr, 42, L""},
     {"ExceptionFromTheWorkerFailsTheAction", ACTION_GetDomain, nullptr, 1603, L"",
      [](CWorkbench*) -> UINT { throw std::runtime_error("worker failed"); }},
-    {"AbsentCustomActionDataFailsOnTheCountAlone", ACTION_ShowMessageDeferred, nullptr, 1603,
-     L"[ERROR] Argument[MESSAGE] = NOT DEFINED.\n[ERROR] Argument[TYPE] = NOT DEFINED.\n"
-     L"[ERROR] Got less arguments than expected -> expected=2 received=0."},
     // The pair count must reach the number of known names, required or not.
     {"TooFewPairsFailsThoughTheRequiredNameIsPresent", ACTION_ServiceStart, L";SERVICENAME=Spooler", 1603,
      L"Argument[SERVICENAME] = Spooler.\n[ERROR] Argument[DEPENDENCIES] = NOT DEFINED.\n"
@@ -119,17 +114,4 @@ TEST(ArgumentRules, DependenciesMustBeExactly0Or1ThoughNoRowRequiresIt)
         EXPECT_EQ(CheckArgumentValue(L"dependencies", value), valid) << value;
     }
     EXPECT_FALSE(CheckArgumentValue(nullptr, L"1"));
-}
-
-// The version comparison worker where no installer session can provide its properties.
-TEST(CompareVersionStringWorker, UnreadablePropertyFailsWithTheThreadsLastErrorAndWritesNothing)
-{
-    QcTest::CLogCapture log;
-    CWorkbench workbench(0);
-    ::SetLastError(4242);
-    EXPECT_EQ(Quillcast::Actions::CompareVersionStringWorker(&workbench), 1603u);
-    // The argument read's own entry, then the worker's. The number is the thread's last-error value, not the
-    // installer's answer (ERROR_INVALID_HANDLE), as installer logs have always shown it.
-    EXPECT_EQ(log.Bodies(), (Lines{L"[ERROR] MsiArguments (#) Invalid MSI handle.",
-                                   L"[ERROR] Various (#) MsiGetProperty VersionA failed with error 4242."}));
 }

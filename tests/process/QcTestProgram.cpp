@@ -72,10 +72,7 @@ LRESULT CALLBACK WindowProc(HWND hWindow, UINT message, WPARAM wParam, LPARAM lP
     {
         ::DestroyWindow(hWindow);
     }
-    if (g_hClosedEvent != nullptr)
-    {
-        ::SetEvent(g_hClosedEvent);
-    }
+    ::SetEvent(g_hClosedEvent); // without --closed-event: a null handle, refused harmlessly
     if (g_WindowMode == L"exit")
     {
         ::PostQuitMessage(7);

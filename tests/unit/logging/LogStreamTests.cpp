@@ -4,15 +4,12 @@
 #include <msiquery.h>
 
 #include <atomic>
-#include <string>
 #include <thread>
 #include <vector>
 
-#include "logging/LogStreamMem.h"
 #include "logging/msi/LogStreamMsi.h"
 #include "support/ImportPatch.h"
 
-using Quillcast::Logging::CLogStreamMem;
 using Quillcast::Logging::MSI::CLogStreamMsi;
 
 namespace {
@@ -28,24 +25,6 @@ int WINAPI AnswerMessage(MSIHANDLE, INSTALLMESSAGE, MSIHANDLE)
 }
 
 } // namespace
-
-TEST(LogStreamMem, WriteGrowsExactlyRefusesAnEmptyWriteAndClearKeepsTheCapacity)
-{
-    CLogStreamMem line;
-    ASSERT_TRUE(line.Write(L"abc", 3));
-    EXPECT_FALSE(line.Write(nullptr, 4));
-    EXPECT_FALSE(line.Write(L"def", 0));
-    ASSERT_TRUE(line.Write(L"defgh", 2));
-    EXPECT_EQ(std::wstring(line.Data(), line.Length()), L"abcde");
-    EXPECT_EQ(line.Capacity(), 5u);
-
-    line.Clear();
-    ASSERT_TRUE(line.Write(L"xy", 2));
-    ASSERT_TRUE(line.Terminate());
-    EXPECT_EQ(line.Length(), 3u);
-    EXPECT_EQ(line.Capacity(), 5u);
-    EXPECT_STREQ(line.Data(), L"xy");
-}
 
 TEST(LogStreamMsi, EachThreadHasOneEntryThatBindSwitchesAndUnbindRemovesWithoutDisturbingOthers)
 {

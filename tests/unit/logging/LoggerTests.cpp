@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <climits>
 #include <cstdint>
 #include <cwchar>
 #include <functional>
@@ -70,15 +69,10 @@ TEST(LoggerLayout, EveryAppendWritesItsFormatBetweenCopiesOfThePrefixesAndPostfi
         {[](CLogger& log) { log.Append(true); }, L"True"},
         {[](CLogger& log) { log.Append(false); }, L"False"},
         {[](CLogger& log) { log.Append(static_cast<uint32_t>(UINT32_MAX)); }, L"4294967295"},
-        {[](CLogger& log) { log.Append(static_cast<unsigned long>(ULONG_MAX)); }, L"4294967295"},
         {[](CLogger& log) { log.AppendHex(0xDEADBEEF); }, L"DEADBEEF"},
         // Only the low 32 bits of a 64-bit number appear.
         {[](CLogger& log) { log.Append(static_cast<uint64_t>(0x100000005ull)); }, L"5"},
         {[](CLogger& log) { log.Append(static_cast<int32_t>(INT32_MIN)); }, L"-2147483648"},
-        {[](CLogger& log) { log.Append(static_cast<int16_t>(-32768)); }, L"-32768"},
-        {[](CLogger& log) { log.Append(static_cast<uint16_t>(65535)); }, L"65535"},
-        {[](CLogger& log) { log.Append(-0.125f); }, L"-0.125000"},
-        {[](CLogger& log) { log.Append(1e20); }, L"100000000000000000000.000000"},
         {[](CLogger& log) { log.Append("narrow text"); }, L"narrow text"},
         {[](CLogger& log) { log.Append(CTextPiece(L"piece")); }, L"piece"},
         {[](CLogger& log) { log.Source(L"Daemon", 4294967295u); }, L"Daemon (4294967295) "},
@@ -160,11 +154,12 @@ TEST(LoggerThreads, ConcurrentEntriesComeOutWholeAndInOrderWithTheirOwnThreadId)
             {
                 std::this_thread::yield();
             }
-            // Many small appends per entry, so that unserialised entries would mix.
+            // Many small appends and a yield per entry: unserialised entries mix even on a loaded machine.
             for (uint32_t i = 0; i < kLines; ++i)
             {
                 LogEntry(logger, 2, [&](CLogger& log) {
                     log.Source(L"Worker", t).Append(L"line ");
+                    std::this_thread::yield();
                     log.Append(i);
                     log.Append(L" end");
                 });
