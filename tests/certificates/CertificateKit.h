@@ -20,8 +20,7 @@ using Quillcast::System::Types::CCertStoreHandle;
 // One certificate of a store, as the tests compare them.
 struct StoredCertificate
 {
-    std::wstring thumbprint; // SHA-1, a byte per character: compared, never shown
-    std::wstring subject;    // simple display names
+    std::wstring subject; // simple display names
     std::wstring issuer;
     std::vector<BYTE> der;
 };
@@ -35,10 +34,6 @@ inline CCertStoreHandle OpenMachineStore(const wchar_t* store)
 inline StoredCertificate Describe(PCCERT_CONTEXT pCert)
 {
     StoredCertificate certificate;
-    BYTE hash[20] = {};
-    DWORD cbHash = sizeof(hash);
-    ::CertGetCertificateContextProperty(pCert, CERT_SHA1_HASH_PROP_ID, hash, &cbHash);
-    certificate.thumbprint.assign(hash, hash + cbHash);
     wchar_t name[512] = {};
     ::CertGetNameStringW(pCert, CERT_NAME_SIMPLE_DISPLAY_TYPE, 0, nullptr, name, 512);
     certificate.subject = name;
@@ -61,21 +56,22 @@ inline std::vector<BYTE> KeyProviderInfo(PCCERT_CONTEXT pCert)
     return info;
 }
 
-// The names of the key containers of the machine key set or the user's. Wine keeps each as a registry
-// key (PP_ENUMCONTAINERS does not reach the machine key set from a verification context).
-inline std::set<std::string> KeyContainers(bool machine)
+// The key containers of the machine key set and the user's, as "machine:NAME" and "user:NAME". Wine keeps
+// each as a registry key (PP_ENUMCONTAINERS does not reach the machine key set from a verification context).
+inline std::set<std::string> KeyContainers()
 {
     std::set<std::string> names;
-    Quillcast::System::Types::CRegistryKey key;
-    if (::RegOpenKeyExA(machine ? HKEY_LOCAL_MACHINE : HKEY_CURRENT_USER, "Software\\Wine\\Crypto\\RSA", 0, KEY_READ,
-                        key.Put()) == ERROR_SUCCESS)
+    for (const bool machine : {true, false})
     {
+        Quillcast::System::Types::CRegistryKey key;
+        ::RegOpenKeyExA(machine ? HKEY_LOCAL_MACHINE : HKEY_CURRENT_USER, "Software\\Wine\\Crypto\\RSA", 0, KEY_READ,
+                        key.Put());
         char name[1024] = {};
         for (DWORD index = 0, length = sizeof(name);
              ::RegEnumKeyExA(key.Get(), index, name, &length, nullptr, nullptr, nullptr, nullptr) == ERROR_SUCCESS;
              ++index, length = sizeof(name))
         {
-            names.insert(name);
+            names.insert(std::string(machine ? "machine:" : "user:") + name);
         }
     }
     return names;
@@ -93,25 +89,15 @@ inline std::vector<StoredCertificate> MachineCertificates(const wchar_t* store)
     return certificates;
 }
 
-inline std::set<std::wstring> Thumbprints(const std::vector<StoredCertificate>& certificates)
-{
-    std::set<std::wstring> thumbprints;
-    for (const StoredCertificate& certificate : certificates)
-    {
-        thumbprints.insert(certificate.thumbprint);
-    }
-    return thumbprints;
-}
-
-// Removes the certificates of `hStore` that `picked` chooses, with the key containers they name, and commits
-// the store.
-template <typename TPick>
-void RemoveCertificates(HCERTSTORE hStore, TPick picked)
+// Removes the certificates of `hStore` whose subject or issuer is `name` (every one for null), with the key
+// containers they name, and commits the store.
+inline void RemoveCertificates(HCERTSTORE hStore, const wchar_t* name)
 {
     CStoreCertificates certificates(hStore);
     for (PCCERT_CONTEXT pCert = certificates.Next(); pCert != nullptr; pCert = certificates.Next())
     {
-        if (!picked(Describe(pCert)))
+        const StoredCertificate certificate = Describe(pCert);
+        if (name != nullptr && certificate.subject != name && certificate.issuer != name)
         {
             continue;
         }
@@ -126,12 +112,6 @@ void RemoveCertificates(HCERTSTORE hStore, TPick picked)
         ::CertDeleteCertificateFromStore(certificates.Detach()); // the walk starts over
     }
     ::CertControlStore(hStore, 0, CERT_STORE_CTRL_COMMIT, nullptr);
-}
-
-inline void RemoveMachineCertificates(const wchar_t* store, const std::set<std::wstring>& thumbprints)
-{
-    RemoveCertificates(OpenMachineStore(store).Get(),
-                       [&](const StoredCertificate& certificate) { return thumbprints.count(certificate.thumbprint); });
 }
 
 } // namespace QcTest

@@ -14,7 +14,6 @@
 #include <fstream>
 #include <functional>
 #include <iterator>
-#include <map>
 #include <regex>
 #include <set>
 #include <string>
@@ -80,15 +79,6 @@ Lines Masked(Lines bodies)
     return bodies;
 }
 
-// The UTC time now, `years` later (same month, day and time of day).
-SYSTEMTIME YearsFromNow(int years)
-{
-    SYSTEMTIME time{};
-    ::GetSystemTime(&time);
-    time.wYear = static_cast<WORD>(time.wYear + years);
-    return time;
-}
-
 // Keeps `der` as `name` in the build's folder that the OpenSSL judge reads (made when CMake configures).
 void KeepForOpenSsl(const wchar_t* name, const std::vector<BYTE>& der)
 {
@@ -112,7 +102,7 @@ std::vector<bool> IssuerStoreExpiry()
 void ClearIssuerStore()
 {
     const Types::CCertStoreHandle hStore(::CertOpenSystemStoreW(0, kIssuerStore));
-    RemoveCertificates(hStore.Get(), [](const StoredCertificate&) { return true; });
+    RemoveCertificates(hStore.Get(), nullptr);
 }
 
 // Issuer-signed by the issuer store's `name` (location 0, the current user's).
@@ -181,21 +171,26 @@ std::pair<int32_t, std::wstring> ImportIntoIssuerStore(const std::vector<BYTE>& 
     return {result, capture.Bodies().back()};
 }
 
-// A sha1RSA root of the engine in the user's issuer store, valid for a year from now; an expired one goes
-// in without its key.
-void AddIssuer(const wchar_t* name, bool expired)
+// A sha1RSA root of the engine in the user's issuer store, valid for a year (the default) or expired a year
+// ago; an expired one goes in without its key. Returns its PKCS #12 blob, key included.
+std::vector<BYTE> AddIssuer(const wchar_t* name, bool expired)
 {
-    const Created issuer =
-        Create(name, [expired](auto& p) { p.dwHashAlgorithm = 2, p.stValidTo = YearsFromNow(expired ? -1 : 1); });
+    const Created issuer = Create(name, [expired](auto& p) {
+        p.dwHashAlgorithm = 2;
+        p.stValidTo.wYear = static_cast<WORD>(p.stValidTo.wYear - (expired ? 2 : 0));
+    });
     const Types::CCertStoreHandle hStore(::CertOpenSystemStoreW(0, kIssuerStore));
     EXPECT_TRUE(expired ? ::CertAddEncodedCertificateToStore(hStore.Get(), X509_ASN_ENCODING, issuer.der.data(),
                                                              static_cast<DWORD>(issuer.der.size()), CERT_STORE_ADD_NEW,
                                                              nullptr)
                         : ImportIntoIssuerStore(issuer.pfx, 0).first == 0);
+    return issuer.pfx;
 }
 
-// Every test leaves the key containers of the machine and the user, the machine's "Root" and "MY" and the
-// user's issuer store as it found them, and fails when the code under test left a key container behind.
+constexpr wchar_t kChainRoot[] = L"Quillcast Chain Root"; // the actions' root
+
+// Every test leaves the key containers, the machine's "Root" and "MY" (of the chain root's certificates) and
+// the user's issuer store as it found them, and fails when the code under test left a key container behind.
 class CertificateTest : public ::testing::Test
 {
 protected:
@@ -204,18 +199,13 @@ protected:
         ASSERT_TRUE(ShippedLibrary().IsLoaded()) << "cannot load the DLL";
         ASSERT_TRUE(m_EngineSeam.IsInstalled() && m_LibrarySeam.IsInstalled())
             << "a module does not import the PKCS #12 functions";
-        m_UserContainers = KeyContainers(false);
-        m_MachineContainers = KeyContainers(true);
-        for (const wchar_t* store : {L"Root", L"MY"})
-        {
-            m_Before[store] = Thumbprints(MachineCertificates(store));
-        }
+        m_Containers = KeyContainers();
     }
     void TearDown() override
     {
         for (const wchar_t* store : {L"Root", L"MY"})
         {
-            RemoveMachineCertificates(store, Thumbprints(Added(store)));
+            RemoveCertificates(OpenMachineStore(store).Get(), kChainRoot);
         }
         ClearIssuerStore();
         for (const std::string& container : m_Owned)
@@ -223,28 +213,14 @@ protected:
             HCRYPTPROV hProv = 0;
             ::CryptAcquireContextA(&hProv, container.c_str(), MS_ENHANCED_PROV_A, PROV_RSA_FULL, CRYPT_DELETEKEYSET);
         }
-        EXPECT_EQ(KeyContainers(false), m_UserContainers);
-        EXPECT_EQ(KeyContainers(true), m_MachineContainers);
-    }
-
-    // The certificates added to the machine store since SetUp.
-    std::vector<StoredCertificate> Added(const wchar_t* store) const
-    {
-        std::vector<StoredCertificate> added = MachineCertificates(store);
-        added.erase(
-            std::remove_if(added.begin(), added.end(),
-                           [&](const auto& certificate) { return m_Before.at(store).count(certificate.thumbprint); }),
-            added.end());
-        return added;
+        EXPECT_EQ(KeyContainers(), m_Containers);
     }
 
     // The PKCS #12 stand-in for the engine linked into this program and for the shipped DLL.
     const CPfxSeam m_EngineSeam{::GetModuleHandleW(nullptr)};
     const CPfxSeam m_LibrarySeam{ShippedLibrary().Module()};
-    std::set<std::string> m_UserContainers;
-    std::set<std::string> m_MachineContainers;
-    std::map<std::wstring, std::set<std::wstring>> m_Before; // thumbprints of the machine's "Root" and "MY"
-    std::vector<std::string> m_Owned;                        // the user's key containers deleted when the test ends
+    std::set<std::string> m_Containers; // as KeyContainers() names them
+    std::vector<std::string> m_Owned;   // the user's key containers deleted when the test ends
 };
 
 // ================================================================ the engine of this program
@@ -329,16 +305,18 @@ TEST_F(Engine, SelfSignedCertificateOfAProviderChosenByIndexSharingAnExistingScr
     KeepForOpenSsl(L"purposes.der", created.der);
 }
 
-TEST_F(Engine, ExpiredNamesakeIsPassedOverAndTheIssuerSignsWithItsOwnAlgorithmAndIsFoundInItsOwnCaseOnly)
+TEST_F(Engine, IssuerNamesakesAreLookedUpValidAndInTheirOwnCaseAndImportsRefuseOrReplace)
 {
     // The expired one carries no key: had it been taken, the look-up would fail. Whatever order the store
     // keeps (insertion or thumbprint), one of a few fresh pairs lists the expired one first.
     const std::vector<bool> expiredFirst = {true, false};
+    std::vector<BYTE> expired;
+    std::vector<BYTE> valid;
     for (int attempt = 0; attempt < 16 && IssuerStoreExpiry() != expiredFirst; ++attempt)
     {
         ClearIssuerStore();
-        AddIssuer(L"Quillcast Engine Namesake", true);
-        AddIssuer(L"Quillcast Engine Namesake", false);
+        expired = AddIssuer(L"Quillcast Engine Namesake", true);
+        valid = AddIssuer(L"Quillcast Engine Namesake", false);
     }
     ASSERT_EQ(IssuerStoreExpiry(), expiredFirst) << "the store lists the expired one first";
     const Created created = Create(L"Quillcast Engine Leaf", IssuedBy(L"Quillcast Engine Namesake"));
@@ -357,28 +335,27 @@ TEST_F(Engine, ExpiredNamesakeIsPassedOverAndTheIssuerSignsWithItsOwnAlgorithmAn
                                              L"FindCertificate() - ERROR: valid certificate 'quillcast engine "
                                              L"namesake' not found."},
                                             Failed(L"PrepareCertificateExtensions", L"FindCertificate failed."))));
-}
 
-TEST_F(Engine, ImportRefusesBadInputAndExpiredCertificatesAndReplacesTheSameCertificate)
-{
+    // The import refuses bad bytes and the expired namesake, and replaces the valid one rather than add it twice.
     const auto refused = [](int32_t result, const std::wstring& error) {
         return std::make_pair(result, Crypt(L"InternalImportCertificate() - ERROR: " + error));
     };
     EXPECT_EQ(ImportIntoIssuerStore({1, 2, 3}, 1), refused(-7, L"PFXImportCertStore failed (-2146885630)."));
-    const Created expired = Create(L"Quillcast Import", [](auto& p) { p.stValidTo = YearsFromNow(-1); });
-    EXPECT_EQ(ImportIntoIssuerStore(expired.pfx, 1), refused(-8, L"CertVerifyTimeValidity failed."));
-    // The same certificate twice is replaced, not duplicated.
-    const Created created = Create(L"Quillcast Import");
-    EXPECT_EQ(ImportIntoIssuerStore(created.pfx, 0).first, 0);
-    EXPECT_EQ(ImportIntoIssuerStore(created.pfx, 0).first, 0);
-    EXPECT_EQ(IssuerStoreExpiry().size(), 1u);
+    EXPECT_EQ(ImportIntoIssuerStore(expired, 1), refused(-8, L"CertVerifyTimeValidity failed."));
+    EXPECT_EQ(ImportIntoIssuerStore(valid, 0).first, 0);
+    EXPECT_EQ(IssuerStoreExpiry().size(), 2u);
     // Current user: CRYPT_USER_KEYSET, with CRYPT_EXPORTABLE when asked.
-    EXPECT_EQ(CPfxSeam::ImportFlags(), std::vector<DWORD>({0x1001, 0x1001, 0x1000, 0x1000}));
-    // Each import made a key container; the replaced copy's is an orphan, as
-    // the import leaves it. Both go here; the engine's own left none.
-    const std::set<std::string> containers = KeyContainers(false);
-    std::set_difference(containers.begin(), containers.end(), m_UserContainers.begin(), m_UserContainers.end(),
-                        std::back_inserter(m_Owned));
+    const std::vector<DWORD>& flags = CPfxSeam::ImportFlags();
+    EXPECT_EQ(std::vector<DWORD>(flags.end() - 3, flags.end()), std::vector<DWORD>({0x1001, 0x1001, 0x1000}));
+    // The valid namesake's two imports each made a key container; the replaced copy's is an orphan, as the
+    // import leaves it. Both go here ("user:" dropped); the refused import and the engine's own left none.
+    for (const std::string& container : KeyContainers())
+    {
+        if (m_Containers.count(container) == 0)
+        {
+            m_Owned.push_back(container.substr(container.find(':') + 1));
+        }
+    }
     EXPECT_EQ(m_Owned.size(), 2u);
 }
 
@@ -388,26 +365,22 @@ TEST_F(Engine, ImportRefusesBadInputAndExpiredCertificatesAndReplacesTheSameCert
 TEST(EngineLog, EntriesCarryTheLineOfTheirCallInTheFileOfTheirLineBase)
 {
     const char* pszSource = std::getenv("QC_SOURCE_DIR"); // a Unix path: Wine maps the root to Z:
-    if (pszSource == nullptr)
-    {
-        GTEST_SKIP() << "QC_SOURCE_DIR is set by CTest";
-    }
+    ASSERT_NE(pszSource, nullptr) << "QC_SOURCE_DIR is set by CTest";
     CLogCapture capture;
     Cert::CreateCertificateParams create{};
     Cert::ImportCertificateParams import{};
     EXPECT_EQ(Cert::CreateCertificate(&create), -1);
     EXPECT_EQ(Cert::ImportCertificate(&import), -1);
-    // The first entry of each: its file, that file's line base and the call.
-    const std::tuple<const char*, unsigned, const char*> rows[] = {
-        {"CertificateCreation.cpp", 2000, "QC_CRYPT_LOG(L\"CreateCertificate(pParam = %X)\""},
-        {"CertificateImport.cpp", 4000, "QC_CRYPT_LOG(L\"ImportCertificate(pParam = %X)\""},
-    };
     ASSERT_EQ(capture.Lines().size(), 4u) << ::testing::PrintToString(capture.Lines());
-    for (size_t i = 0; i < std::size(rows); ++i)
+    // The first entry of each: its file, that file's line base and the call.
+    const std::tuple<std::wstring, const char*, unsigned, const char*> rows[] = {
+        {capture.Lines()[0], "CertificateCreation.cpp", 2000, "QC_CRYPT_LOG(L\"CreateCertificate(pParam = %X)\""},
+        {capture.Lines()[2], "CertificateImport.cpp", 4000, "QC_CRYPT_LOG(L\"ImportCertificate(pParam = %X)\""},
+    };
+    for (const auto& [entry, file, base, call] : rows)
     {
-        const auto& [file, base, call] = rows[i];
         std::wsmatch match;
-        ASSERT_TRUE(std::regex_search(capture.Lines()[2 * i], match, std::wregex(L" QcCryptLog \\(([0-9]+)\\) ")));
+        ASSERT_TRUE(std::regex_search(entry, match, std::wregex(L" QcCryptLog \\(([0-9]+)\\) ")));
         const unsigned line = static_cast<unsigned>(std::stoul(match[1].str()));
         ASSERT_TRUE(line > base && line < base + 1000) << line;
         std::ifstream source("Z:" + std::string(pszSource) + "/src/certificates/" + file);
@@ -458,18 +431,25 @@ Outcome RunWithRoot(const char* exportName, const std::wstring& rootName)
 
 TEST_F(CertificateActions, RootAndServerCertificatesAreInstalledAndNamesInOtherCaseUninstallNothing)
 {
-    EXPECT_EQ(RunWithRoot("CreateAndInstallRootCertificate", L"Quillcast Chain Root"),
-              Outcome(0, Then(kCreationStart, kImport)));
+    EXPECT_EQ(RunWithRoot("CreateAndInstallRootCertificate", kChainRoot), Outcome(0, Then(kCreationStart, kImport)));
     // This program's Winsock stays usable: the action pairs its own start and
     // clean-up. (Wine's gethostname works without a start; socket does not.)
     const Types::CWinsockInitialization winsock(MAKEWORD(2, 2));
     ASSERT_TRUE(winsock);
-    Outcome server = RunWithRoot("CreateAndInstallSignedServerCertificate", L"Quillcast Chain Root");
+    Outcome server = RunWithRoot("CreateAndInstallSignedServerCertificate", kChainRoot);
     const SOCKET probe = ::socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
     EXPECT_NE(probe, INVALID_SOCKET) << ::WSAGetLastError();
     ::closesocket(probe);
-    const std::vector<StoredCertificate> roots = Added(L"Root");
-    const std::vector<StoredCertificate> servers = Added(L"MY");
+    // The certificates the chain root issued, itself included.
+    const auto issued = [](const wchar_t* store) {
+        std::vector<StoredCertificate> certificates = MachineCertificates(store);
+        certificates.erase(std::remove_if(certificates.begin(), certificates.end(),
+                                          [](const auto& certificate) { return certificate.issuer != kChainRoot; }),
+                           certificates.end());
+        return certificates;
+    };
+    const std::vector<StoredCertificate> roots = issued(L"Root");
+    const std::vector<StoredCertificate> servers = issued(L"MY");
     ASSERT_TRUE(roots.size() == 1 && servers.size() == 1);
     // The stored name is the log's oracle; OpenSSL judges it against the host.
     // One "IsCertNameEqualTo()" per certificate of "Root" the look-up walks.
@@ -487,7 +467,7 @@ TEST_F(CertificateActions, RootAndServerCertificatesAreInstalledAndNamesInOtherC
     {
         EXPECT_EQ(RunWithRoot(exportName, L"quillcast chain root"), Outcome(0, Lines())) << exportName;
     }
-    EXPECT_EQ(Added(L"Root").size() + Added(L"MY").size(), 2u);
+    EXPECT_EQ(issued(L"Root").size() + issued(L"MY").size(), 2u);
 }
 
 } // namespace

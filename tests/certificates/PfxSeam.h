@@ -9,11 +9,10 @@
 // CRYPT_MACHINE_KEYSET, exportable only with CRYPT_EXPORTABLE) named in the key-provider property;
 // other bytes fail with CRYPT_E_BAD_ENCODE.
 //
-// Wine writes a generated key into its container only when the context that made it is released, so
-// a second context sees no key while the engine holds its own: the seam notes the module's
-// CryptAcquireContextW calls (changing nothing) and reads the key through the context that created
-// the container, as Windows would read it from the container itself; a key of any other container is
-// not found.
+// Wine writes a generated key into its container only when the context that made it is released, so a
+// second context sees no key while the engine holds its own: the seam reads the key through the context
+// that created the container (noted from the module's CryptAcquireContextW calls), as Windows would read
+// it from the container itself; a key of any other container is not found.
 #include <windows.h>
 #include <wincrypt.h>
 
@@ -64,32 +63,29 @@ inline const Header* HeaderOf(const BYTE* pb, DWORD cb)
     return valid ? header : nullptr;
 }
 
-// The PRIVATEKEYBLOB of the key that the certificate's key-provider property names, read through the context that
-// created its container, and whether it is an exchange or a signature key (AT_KEYEXCHANGE or AT_SIGNATURE).
-inline bool ExportPrivateKey(PCCERT_CONTEXT pCert, std::vector<BYTE>& key, DWORD& keySpec)
-{
-    const std::vector<BYTE> bytes = KeyProviderInfo(pCert);
-    const auto* info = reinterpret_cast<const CRYPT_KEY_PROV_INFO*>(bytes.data());
-    Types::CCryptKey hKey;
-    DWORD cbKey = 0;
-    const bool sized = info != nullptr && info->pwszContainerName != nullptr &&
-                       info->pwszContainerName == g_CreatedContainer &&
-                       ::CryptGetUserKey(g_hCreator, info->dwKeySpec, hKey.Put()) &&
-                       ::CryptExportKey(hKey.Get(), 0, PRIVATEKEYBLOB, 0, nullptr, &cbKey);
-    key.resize(cbKey);
-    keySpec = sized ? info->dwKeySpec : 0;
-    return sized && ::CryptExportKey(hKey.Get(), 0, PRIVATEKEYBLOB, 0, key.data(), &cbKey);
-}
-
 inline BOOL WINAPI ExportStandIn(HCERTSTORE hStore, CRYPT_DATA_BLOB* pPFX, LPCWSTR /*szPassword*/, void* /*pvPara*/,
                                  DWORD dwFlags)
 {
     const Types::CCertContext certificate(::CertEnumCertificatesInStore(hStore, nullptr));
     Header header{"QCPFX1", certificate ? certificate.Get()->cbCertEncoded : 0, 0};
     std::vector<BYTE> key;
-    if ((dwFlags & EXPORT_PRIVATE_KEYS) != 0 && !ExportPrivateKey(certificate.Get(), key, header.keySpec))
+    if ((dwFlags & EXPORT_PRIVATE_KEYS) != 0)
     {
-        return FALSE;
+        // The key the certificate's key-provider property names, with its kind (AT_KEYEXCHANGE or AT_SIGNATURE).
+        const std::vector<BYTE> bytes = KeyProviderInfo(certificate.Get());
+        const auto* info = reinterpret_cast<const CRYPT_KEY_PROV_INFO*>(bytes.data());
+        Types::CCryptKey hKey;
+        DWORD cbKey = 0;
+        const bool sized = info != nullptr && info->pwszContainerName != nullptr &&
+                           info->pwszContainerName == g_CreatedContainer &&
+                           ::CryptGetUserKey(g_hCreator, info->dwKeySpec, hKey.Put()) &&
+                           ::CryptExportKey(hKey.Get(), 0, PRIVATEKEYBLOB, 0, nullptr, &cbKey);
+        key.resize(cbKey);
+        if (!sized || !::CryptExportKey(hKey.Get(), 0, PRIVATEKEYBLOB, 0, key.data(), &cbKey))
+        {
+            return FALSE;
+        }
+        header.keySpec = info->dwKeySpec;
     }
     std::vector<BYTE> blob(reinterpret_cast<const BYTE*>(&header), reinterpret_cast<const BYTE*>(&header + 1));
     blob.insert(blob.end(), certificate.Get()->pbCertEncoded, certificate.Get()->pbCertEncoded + header.cbCertificate);
