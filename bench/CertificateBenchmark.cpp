@@ -15,7 +15,6 @@
 
 #include "ActionHost.h"
 #include "certificates/CertificateKit.h"
-#include "certificates/PfxSeam.h"
 #include "support/ShippedDll.h"
 
 namespace {
