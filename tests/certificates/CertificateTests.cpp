@@ -157,7 +157,7 @@ std::pair<int32_t, std::wstring> ImportIntoIssuerStore(const std::vector<BYTE>& 
 }
 
 // A sha1RSA root of the engine in the user's issuer store, valid for a year (the default) or expired a year
-// ago; an expired one goes in without its key. Returns its PKCS #12 blob, key included.
+// ago; an expired one goes in without its key, if made (Wine's store crashes on none). Returns its PKCS #12 blob.
 std::vector<BYTE> AddIssuer(const wchar_t* name, bool expired)
 {
     const Created issuer = Create(name, [expired](auto& p) {
@@ -165,8 +165,8 @@ std::vector<BYTE> AddIssuer(const wchar_t* name, bool expired)
         p.stValidTo.wYear = static_cast<WORD>(p.stValidTo.wYear - (expired ? 2 : 0));
     });
     const Types::CCertStoreHandle hStore(::CertOpenSystemStoreW(0, kIssuerStore));
-    EXPECT_TRUE(expired ? ::CertAddCertificateContextToStore(hStore.Get(), issuer.certificate.Get(), CERT_STORE_ADD_NEW,
-                                                             nullptr)
+    EXPECT_TRUE(expired ? issuer.certificate && ::CertAddCertificateContextToStore(
+                                                    hStore.Get(), issuer.certificate.Get(), CERT_STORE_ADD_NEW, nullptr)
                         : ImportIntoIssuerStore(issuer.pfx, 0).first == 0);
     return issuer.pfx;
 }
