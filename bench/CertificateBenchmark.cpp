@@ -15,7 +15,6 @@
 
 #include "ActionHost.h"
 #include "certificates/CertificateKit.h"
-#include "certificates/PfxSeam.h"
 #include "support/ShippedDll.h"
 
 namespace {
@@ -56,8 +55,6 @@ int wmain(int argc, wchar_t** argv)
         std::fprintf(stderr, "cannot load the DLL or redirect its PKCS #12 imports\n");
         return 1;
     }
-    const std::set<std::wstring> rootBefore = QcTest::Thumbprints(QcTest::MachineCertificates(L"Root"));
-    const std::set<std::wstring> myBefore = QcTest::Thumbprints(QcTest::MachineCertificates(L"MY"));
     const std::wstring root = L"Quillcast Benchmark Root";
     std::vector<double> roots;
     std::vector<double> servers;
@@ -66,24 +63,10 @@ int wmain(int argc, wchar_t** argv)
         roots.push_back(TimeAction(library, "CreateAndInstallRootCertificate", root));
         servers.push_back(TimeAction(library, "CreateAndInstallSignedServerCertificate", root));
         // One root at a time, so that every server look-up walks the same store.
-        std::set<std::wstring> added;
-        for (const QcTest::StoredCertificate& certificate : QcTest::MachineCertificates(L"Root"))
+        for (const wchar_t* store : {L"Root", L"MY"})
         {
-            if (rootBefore.count(certificate.thumbprint) == 0)
-            {
-                added.insert(certificate.thumbprint);
-            }
+            QcTest::RemoveCertificates(QcTest::OpenMachineStore(store).Get(), root.c_str());
         }
-        QcTest::RemoveMachineCertificates(L"Root", added);
-        added.clear();
-        for (const QcTest::StoredCertificate& certificate : QcTest::MachineCertificates(L"MY"))
-        {
-            if (myBefore.count(certificate.thumbprint) == 0)
-            {
-                added.insert(certificate.thumbprint);
-            }
-        }
-        QcTest::RemoveMachineCertificates(L"MY", added);
     }
     Print("CreateAndInstallRootCertificate (2048 bits)", roots);
     Print("CreateAndInstallSignedServerCertificate", servers);

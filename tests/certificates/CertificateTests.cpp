@@ -1,5 +1,5 @@
 // The certificate engine called directly and the shipped DLL's four certificate actions, against Wine's
-// real CryptoAPI, key containers and stores; PfxSeam.h stands in for the PKCS #12 export and import Wine
+// real CryptoAPI, key containers and stores; CertificateKit.h stands in for the PKCS #12 export and import Wine
 // lacks, and OpenSSL judges the certificates written here (check-certificates.sh). Winsock 2 precedes windows.h.
 #include <winsock2.h>
 
@@ -13,8 +13,6 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <iterator>
-#include <map>
 #include <regex>
 #include <set>
 #include <string>
@@ -24,14 +22,12 @@
 #include "certificates/CertStore.h"
 #include "certificates/CertificateKit.h"
 #include "certificates/Certificates.h"
-#include "certificates/PfxSeam.h"
 #include "support/ActionCall.h"
 
 namespace QcTest {
 namespace {
 
 namespace Cert = Quillcast::Certificates;
-namespace Types = Quillcast::System::Types;
 using Change = std::function<void(Cert::CreateCertificateParams&)>;
 
 constexpr wchar_t kIssuerStore[] = L"QcEngineIssuers"; // of the current user
@@ -80,15 +76,6 @@ Lines Masked(Lines bodies)
     return bodies;
 }
 
-// The UTC time now, `years` later (same month, day and time of day).
-SYSTEMTIME YearsFromNow(int years)
-{
-    SYSTEMTIME time{};
-    ::GetSystemTime(&time);
-    time.wYear = static_cast<WORD>(time.wYear + years);
-    return time;
-}
-
 // Keeps `der` as `name` in the build's folder that the OpenSSL judge reads (made when CMake configures).
 void KeepForOpenSsl(const wchar_t* name, const std::vector<BYTE>& der)
 {
@@ -107,18 +94,6 @@ std::vector<bool> IssuerStoreExpiry()
         expired.push_back(::CertVerifyTimeValidity(nullptr, pCert->pCertInfo) != 0);
     }
     return expired;
-}
-
-void ClearIssuerStore()
-{
-    const Types::CCertStoreHandle hStore(::CertOpenSystemStoreW(0, kIssuerStore));
-    RemoveCertificates(hStore.Get(), [](const StoredCertificate&) { return true; });
-}
-
-// Issuer-signed by the issuer store's `name` (location 0, the current user's).
-Change IssuedBy(const wchar_t* name)
-{
-    return [name](auto& p) { p.bSelfSigned = 0, p.pszIssuerName = name, p.pszIssuerStore = kIssuerStore; };
 }
 
 // The bytes of the engine's last public key export, as CryptExportPublicKeyInfo filled them.
@@ -181,21 +156,25 @@ std::pair<int32_t, std::wstring> ImportIntoIssuerStore(const std::vector<BYTE>& 
     return {result, capture.Bodies().back()};
 }
 
-// A sha1RSA root of the engine in the user's issuer store, valid for a year from now; an expired one goes
-// in without its key.
-void AddIssuer(const wchar_t* name, bool expired)
+// A sha1RSA root of the engine in the user's issuer store, valid for a year (the default) or expired a year
+// ago; an expired one goes in without its key, if made (Wine's store crashes on none). Returns its PKCS #12 blob.
+std::vector<BYTE> AddIssuer(const wchar_t* name, bool expired)
 {
-    const Created issuer =
-        Create(name, [expired](auto& p) { p.dwHashAlgorithm = 2, p.stValidTo = YearsFromNow(expired ? -1 : 1); });
+    const Created issuer = Create(name, [expired](auto& p) {
+        p.dwHashAlgorithm = 2;
+        p.stValidTo.wYear = static_cast<WORD>(p.stValidTo.wYear - (expired ? 2 : 0));
+    });
     const Types::CCertStoreHandle hStore(::CertOpenSystemStoreW(0, kIssuerStore));
-    EXPECT_TRUE(expired ? ::CertAddEncodedCertificateToStore(hStore.Get(), X509_ASN_ENCODING, issuer.der.data(),
-                                                             static_cast<DWORD>(issuer.der.size()), CERT_STORE_ADD_NEW,
-                                                             nullptr)
+    EXPECT_TRUE(expired ? issuer.certificate && ::CertAddCertificateContextToStore(
+                                                    hStore.Get(), issuer.certificate.Get(), CERT_STORE_ADD_NEW, nullptr)
                         : ImportIntoIssuerStore(issuer.pfx, 0).first == 0);
+    return issuer.pfx;
 }
 
-// Every test leaves the key containers of the machine and the user, the machine's "Root" and "MY" and the
-// user's issuer store as it found them, and fails when the code under test left a key container behind.
+constexpr wchar_t kChainRoot[] = L"Quillcast Chain Root"; // the actions' root
+
+// Every test leaves the key containers, the machine's "Root" and "MY" (of the chain root's certificates) and
+// the user's issuer store as it found them, and fails when the code under test left a key container behind.
 class CertificateTest : public ::testing::Test
 {
 protected:
@@ -204,47 +183,22 @@ protected:
         ASSERT_TRUE(ShippedLibrary().IsLoaded()) << "cannot load the DLL";
         ASSERT_TRUE(m_EngineSeam.IsInstalled() && m_LibrarySeam.IsInstalled())
             << "a module does not import the PKCS #12 functions";
-        m_UserContainers = KeyContainers(false);
-        m_MachineContainers = KeyContainers(true);
-        for (const wchar_t* store : {L"Root", L"MY"})
-        {
-            m_Before[store] = Thumbprints(MachineCertificates(store));
-        }
+        m_Containers = KeyContainers();
     }
     void TearDown() override
     {
         for (const wchar_t* store : {L"Root", L"MY"})
         {
-            RemoveMachineCertificates(store, Thumbprints(Added(store)));
+            RemoveCertificates(OpenMachineStore(store).Get(), kChainRoot);
         }
-        ClearIssuerStore();
-        for (const std::string& container : m_Owned)
-        {
-            HCRYPTPROV hProv = 0;
-            ::CryptAcquireContextA(&hProv, container.c_str(), MS_ENHANCED_PROV_A, PROV_RSA_FULL, CRYPT_DELETEKEYSET);
-        }
-        EXPECT_EQ(KeyContainers(false), m_UserContainers);
-        EXPECT_EQ(KeyContainers(true), m_MachineContainers);
-    }
-
-    // The certificates added to the machine store since SetUp.
-    std::vector<StoredCertificate> Added(const wchar_t* store) const
-    {
-        std::vector<StoredCertificate> added = MachineCertificates(store);
-        added.erase(
-            std::remove_if(added.begin(), added.end(),
-                           [&](const auto& certificate) { return m_Before.at(store).count(certificate.thumbprint); }),
-            added.end());
-        return added;
+        RemoveCertificates(CCertStoreHandle(::CertOpenSystemStoreW(0, kIssuerStore)).Get(), nullptr);
+        EXPECT_EQ(KeyContainers(), m_Containers);
     }
 
     // The PKCS #12 stand-in for the engine linked into this program and for the shipped DLL.
     const CPfxSeam m_EngineSeam{::GetModuleHandleW(nullptr)};
     const CPfxSeam m_LibrarySeam{ShippedLibrary().Module()};
-    std::set<std::string> m_UserContainers;
-    std::set<std::string> m_MachineContainers;
-    std::map<std::wstring, std::set<std::wstring>> m_Before; // thumbprints of the machine's "Root" and "MY"
-    std::vector<std::string> m_Owned;                        // the user's key containers deleted when the test ends
+    std::set<std::string> m_Containers; // as KeyContainers() names them
 };
 
 // ================================================================ the engine of this program
@@ -268,11 +222,6 @@ struct FailureCase
 
 const FailureCase kFailures[] = {
     {"KeyTypeZero", [](auto& p) { p.dwKeyType = 0; }, Failed(L"CheckParameters", L"Invalid keytype specified.")},
-    // ERROR_NO_MORE_ITEMS from the provider list.
-    {"ProviderIndexBeyondTheLast",
-     [](auto& p) { p.nProviderIndex = 999; },
-     {L"GetCryptProvider(dwIndex == 999)", L"GetCryptProvider() - ERROR: RegEnumKeyEx failed (Error=259).",
-      L"InternalCreateCertificate() - ERROR: Invalid provider index specified (999)."}},
     {"EmptySubject",
      [](auto& p) { p.pszSubjectName = L""; },
      {L"InternalCreateCertificate() - ERROR: InitializeCreateEnvironment failed."},
@@ -296,8 +245,6 @@ TEST_F(Engine, FailuresEndWithTheirCodeAndMessagesAndLeaveNoContainer)
 
 TEST_F(Engine, SelfSignedCertificateOfAProviderChosenByIndexSharingAnExistingScratchContainer)
 {
-    // Microsoft's Enhanced provider, which allows 2048-bit exchange keys, is the fifth of Wine's provider list.
-    constexpr int32_t index = 4;
     // Another run's scratch container: opened, and deleted after use (TearDown finds it gone).
     Types::CCryptProvider scratch;
     ASSERT_TRUE(::CryptAcquireContextW(scratch.Put(), L"QcTeMp", MS_DEF_PROV_W, PROV_RSA_FULL, CRYPT_NEWKEYSET));
@@ -306,9 +253,9 @@ TEST_F(Engine, SelfSignedCertificateOfAProviderChosenByIndexSharingAnExistingScr
                                    reinterpret_cast<const void*>(&RecordingExportPublicKeyInfo));
     ASSERT_TRUE(exportPatch.IsApplied());
     g_pExportPublicKeyInfo = exportPatch.Original<decltype(&::CryptExportPublicKeyInfo)>();
-    const Created created = Create(L"Quillcast Engine Purposes", [](auto& p) {
-        p.nProviderIndex = index, p.dwPurposes = 0x11, p.dwHashAlgorithm = 2;
-    });
+    // Microsoft's Enhanced provider, which allows 2048-bit exchange keys, is the fifth of Wine's provider list.
+    const Created created = Create(L"Quillcast Engine Purposes",
+                                   [](auto& p) { p.nProviderIndex = 4, p.dwPurposes = 0x11, p.dwHashAlgorithm = 2; });
     ASSERT_EQ(created.result, 0) << ::testing::PrintToString(created.lines);
     EXPECT_EQ(created.lines.at(9), Crypt(L"CreateTemporaryCryptContainer() - CryptAcquireContext (create new) failed "
                                          L"-> try to open existing."));
@@ -319,29 +266,34 @@ TEST_F(Engine, SelfSignedCertificateOfAProviderChosenByIndexSharingAnExistingScr
     // buffer the export filled, the structure with its trailing data, exactly as many bytes as it reported.
     const CERT_EXTENSION* ski = ::CertFindExtension(szOID_SUBJECT_KEY_IDENTIFIER, info.cExtension, info.rgExtension);
     ASSERT_TRUE(ski != nullptr && ski->Value.cbData == 22u && g_ExportedKeyInfo.size() > sizeof(CERT_PUBLIC_KEY_INFO));
-    BYTE keyHash[20] = {};
-    DWORD cbKeyHash = sizeof(keyHash);
+    std::vector<BYTE> keyHash(20);
+    DWORD cbKeyHash = 20;
     ASSERT_TRUE(::CryptHashCertificate(0, CALG_SHA1, 0, g_ExportedKeyInfo.data(),
-                                       static_cast<DWORD>(g_ExportedKeyInfo.size()), keyHash, &cbKeyHash));
-    EXPECT_EQ(std::vector<BYTE>(keyHash, keyHash + 20),
-              std::vector<BYTE>(ski->Value.pbData + 2, ski->Value.pbData + 22));
+                                       static_cast<DWORD>(g_ExportedKeyInfo.size()), keyHash.data(), &cbKeyHash));
+    EXPECT_EQ(keyHash, std::vector<BYTE>(ski->Value.pbData + 2, ski->Value.pbData + 22));
     // OpenSSL judges the rest: sha1RSA, the Enhanced provider's 2048-bit key, the usages of purposes 0x11.
     KeepForOpenSsl(L"purposes.der", created.der);
 }
 
-TEST_F(Engine, ExpiredNamesakeIsPassedOverAndTheIssuerSignsWithItsOwnAlgorithmAndIsFoundInItsOwnCaseOnly)
+TEST_F(Engine, IssuerNamesakesAreLookedUpValidAndInTheirOwnCaseAndImportsRefuseOrReplace)
 {
     // The expired one carries no key: had it been taken, the look-up would fail. Whatever order the store
     // keeps (insertion or thumbprint), one of a few fresh pairs lists the expired one first.
     const std::vector<bool> expiredFirst = {true, false};
+    std::vector<BYTE> expired;
+    std::vector<BYTE> valid;
     for (int attempt = 0; attempt < 16 && IssuerStoreExpiry() != expiredFirst; ++attempt)
     {
-        ClearIssuerStore();
-        AddIssuer(L"Quillcast Engine Namesake", true);
-        AddIssuer(L"Quillcast Engine Namesake", false);
+        RemoveCertificates(CCertStoreHandle(::CertOpenSystemStoreW(0, kIssuerStore)).Get(), nullptr);
+        expired = AddIssuer(L"Quillcast Engine Namesake", true);
+        valid = AddIssuer(L"Quillcast Engine Namesake", false);
     }
     ASSERT_EQ(IssuerStoreExpiry(), expiredFirst) << "the store lists the expired one first";
-    const Created created = Create(L"Quillcast Engine Leaf", IssuedBy(L"Quillcast Engine Namesake"));
+    // Issuer-signed by the issuer store's `name` (location 0, the current user's).
+    const auto issuedBy = [](const wchar_t* name) -> Change {
+        return [name](auto& p) { p.bSelfSigned = 0, p.pszIssuerName = name, p.pszIssuerStore = kIssuerStore; };
+    };
+    const Created created = Create(L"Quillcast Engine Leaf", issuedBy(L"Quillcast Engine Namesake"));
     ASSERT_EQ(created.result, 0) << ::testing::PrintToString(created.lines);
     // Signed with the issuer's own algorithm (sha1RSA) while the to-be-signed part keeps the md5RSA asked
     // for: kept as it is.
@@ -350,72 +302,68 @@ TEST_F(Engine, ExpiredNamesakeIsPassedOverAndTheIssuerSignsWithItsOwnAlgorithmAn
     const std::vector<BYTE> sha1Rsa = {0x06, 0x09, 0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x01, 0x05};
     EXPECT_NE(std::search(created.der.begin(), created.der.end(), sha1Rsa.begin(), sha1Rsa.end()), created.der.end());
     // Names compare case-sensitively: in other case, neither namesake is the issuer.
-    const Created other = Create(L"Quillcast Engine Leaf", IssuedBy(L"quillcast engine namesake"));
+    const Created other = Create(L"Quillcast Engine Leaf", issuedBy(L"quillcast engine namesake"));
     EXPECT_EQ(other.result, -6);
     EXPECT_EQ(other.lines, Creation(6, Then({L"PrepareCertificateExtensions()", L"FindCertificate()",
                                              L"IsCertNameEqualTo()", L"IsCertNameEqualTo()",
                                              L"FindCertificate() - ERROR: valid certificate 'quillcast engine "
                                              L"namesake' not found."},
                                             Failed(L"PrepareCertificateExtensions", L"FindCertificate failed."))));
-}
 
-TEST_F(Engine, ImportRefusesBadInputAndExpiredCertificatesAndReplacesTheSameCertificate)
-{
-    const auto refused = [](int32_t result, const std::wstring& error) {
-        return std::make_pair(result, Crypt(L"InternalImportCertificate() - ERROR: " + error));
-    };
-    EXPECT_EQ(ImportIntoIssuerStore({1, 2, 3}, 1), refused(-7, L"PFXImportCertStore failed (-2146885630)."));
-    const Created expired = Create(L"Quillcast Import", [](auto& p) { p.stValidTo = YearsFromNow(-1); });
-    EXPECT_EQ(ImportIntoIssuerStore(expired.pfx, 1), refused(-8, L"CertVerifyTimeValidity failed."));
-    // The same certificate twice is replaced, not duplicated.
-    const Created created = Create(L"Quillcast Import");
-    EXPECT_EQ(ImportIntoIssuerStore(created.pfx, 0).first, 0);
-    EXPECT_EQ(ImportIntoIssuerStore(created.pfx, 0).first, 0);
-    EXPECT_EQ(IssuerStoreExpiry().size(), 1u);
+    // The import refuses bad bytes and the expired namesake, and replaces the valid one rather than add it twice.
+    const std::wstring refused = L"InternalImportCertificate() - ERROR: ";
+    EXPECT_EQ(ImportIntoIssuerStore({1, 2, 3}, 1),
+              std::make_pair(-7, Crypt(refused + L"PFXImportCertStore failed (-2146885630).")));
+    EXPECT_EQ(ImportIntoIssuerStore(expired, 1),
+              std::make_pair(-8, Crypt(refused + L"CertVerifyTimeValidity failed.")));
+    EXPECT_EQ(ImportIntoIssuerStore(valid, 0).first, 0);
+    EXPECT_EQ(IssuerStoreExpiry().size(), 2u);
     // Current user: CRYPT_USER_KEYSET, with CRYPT_EXPORTABLE when asked.
-    EXPECT_EQ(CPfxSeam::ImportFlags(), std::vector<DWORD>({0x1001, 0x1001, 0x1000, 0x1000}));
-    // Each import made a key container; the replaced copy's is an orphan, as
-    // the import leaves it. Both go here; the engine's own left none.
-    const std::set<std::string> containers = KeyContainers(false);
-    std::set_difference(containers.begin(), containers.end(), m_UserContainers.begin(), m_UserContainers.end(),
-                        std::back_inserter(m_Owned));
-    EXPECT_EQ(m_Owned.size(), 2u);
+    const std::vector<DWORD>& flags = CPfxSeam::ImportFlags();
+    EXPECT_EQ(std::vector<DWORD>(flags.end() - 3, flags.end()), std::vector<DWORD>({0x1001, 0x1001, 0x1000}));
+    // The valid namesake's two imports each made a key container of the user; the replaced copy's is an orphan,
+    // as the import leaves it. Both go here; the refused import and the engine's own left none.
+    size_t made = 0;
+    for (const std::string& container : KeyContainers())
+    {
+        HCRYPTPROV hProv = 0;
+        if (m_Containers.count(container) == 0 && // deleted by its name past "user:"
+            ::CryptAcquireContextA(&hProv, container.substr(5).c_str(), nullptr, PROV_RSA_FULL, CRYPT_DELETEKEYSET))
+        {
+            ++made;
+        }
+    }
+    EXPECT_EQ(made, 2u);
 }
 
-// The engine's files all log as "QcCryptLog", each with its own line base
-// (QcCryptLog.h): the printed line, less the base, is the line of the call that
-// wrote the entry, in that file.
+// The engine's files all log as "QcCryptLog", each with its own line base (QcCryptLog.h): the printed line, less
+// the base, is the line of the call that wrote the entry, in that file.
 TEST(EngineLog, EntriesCarryTheLineOfTheirCallInTheFileOfTheirLineBase)
 {
     const char* pszSource = std::getenv("QC_SOURCE_DIR"); // a Unix path: Wine maps the root to Z:
-    if (pszSource == nullptr)
-    {
-        GTEST_SKIP() << "QC_SOURCE_DIR is set by CTest";
-    }
+    ASSERT_NE(pszSource, nullptr) << "QC_SOURCE_DIR is set by CTest";
     CLogCapture capture;
     Cert::CreateCertificateParams create{};
     Cert::ImportCertificateParams import{};
     EXPECT_EQ(Cert::CreateCertificate(&create), -1);
     EXPECT_EQ(Cert::ImportCertificate(&import), -1);
-    // The first entry of each: its file, that file's line base and the call.
-    const std::tuple<const char*, unsigned, const char*> rows[] = {
-        {"CertificateCreation.cpp", 2000, "QC_CRYPT_LOG(L\"CreateCertificate(pParam = %X)\""},
-        {"CertificateImport.cpp", 4000, "QC_CRYPT_LOG(L\"ImportCertificate(pParam = %X)\""},
-    };
     ASSERT_EQ(capture.Lines().size(), 4u) << ::testing::PrintToString(capture.Lines());
-    for (size_t i = 0; i < std::size(rows); ++i)
+    // The first entry of each: its file, that file's line base and the call.
+    const std::tuple<std::wstring, const char*, unsigned, const char*> rows[] = {
+        {capture.Lines()[0], "CertificateCreation.cpp", 2000, "QC_CRYPT_LOG(L\"CreateCertificate(pParam = %X)\""},
+        {capture.Lines()[2], "CertificateImport.cpp", 4000, "QC_CRYPT_LOG(L\"ImportCertificate(pParam = %X)\""},
+    };
+    for (const auto& [entry, file, base, call] : rows)
     {
-        const auto& [file, base, call] = rows[i];
         std::wsmatch match;
-        ASSERT_TRUE(std::regex_search(capture.Lines()[2 * i], match, std::wregex(L" QcCryptLog \\(([0-9]+)\\) ")));
-        const unsigned line = static_cast<unsigned>(std::stoul(match[1].str()));
-        ASSERT_TRUE(line > base && line < base + 1000) << line;
+        ASSERT_TRUE(std::regex_search(entry, match, std::wregex(L" QcCryptLog \\(([0-9]+)\\) ")));
+        // A line below the base, or beyond the file, ends on another line than the call's.
         std::ifstream source("Z:" + std::string(pszSource) + "/src/certificates/" + file);
         std::string text;
-        for (unsigned number = base; number < line && std::getline(source, text); ++number)
+        for (unsigned long line = std::stoul(match[1].str()); line > base && std::getline(source, text); --line)
         {
         }
-        EXPECT_NE(text.find(call), std::string::npos) << file << ":" << line - base;
+        EXPECT_NE(text.find(call), std::string::npos) << file << " (" << match[1].str() << ")";
     }
 }
 
@@ -458,18 +406,18 @@ Outcome RunWithRoot(const char* exportName, const std::wstring& rootName)
 
 TEST_F(CertificateActions, RootAndServerCertificatesAreInstalledAndNamesInOtherCaseUninstallNothing)
 {
-    EXPECT_EQ(RunWithRoot("CreateAndInstallRootCertificate", L"Quillcast Chain Root"),
-              Outcome(0, Then(kCreationStart, kImport)));
+    EXPECT_EQ(RunWithRoot("CreateAndInstallRootCertificate", kChainRoot), Outcome(0, Then(kCreationStart, kImport)));
     // This program's Winsock stays usable: the action pairs its own start and
     // clean-up. (Wine's gethostname works without a start; socket does not.)
     const Types::CWinsockInitialization winsock(MAKEWORD(2, 2));
     ASSERT_TRUE(winsock);
-    Outcome server = RunWithRoot("CreateAndInstallSignedServerCertificate", L"Quillcast Chain Root");
+    Outcome server = RunWithRoot("CreateAndInstallSignedServerCertificate", kChainRoot);
     const SOCKET probe = ::socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
     EXPECT_NE(probe, INVALID_SOCKET) << ::WSAGetLastError();
     ::closesocket(probe);
-    const std::vector<StoredCertificate> roots = Added(L"Root");
-    const std::vector<StoredCertificate> servers = Added(L"MY");
+    // The certificates the chain root issued, itself included.
+    const std::vector<StoredCertificate> roots = MachineCertificates(L"Root", kChainRoot);
+    const std::vector<StoredCertificate> servers = MachineCertificates(L"MY", kChainRoot);
     ASSERT_TRUE(roots.size() == 1 && servers.size() == 1);
     // The stored name is the log's oracle; OpenSSL judges it against the host.
     // One "IsCertNameEqualTo()" per certificate of "Root" the look-up walks.
@@ -487,7 +435,7 @@ TEST_F(CertificateActions, RootAndServerCertificatesAreInstalledAndNamesInOtherC
     {
         EXPECT_EQ(RunWithRoot(exportName, L"quillcast chain root"), Outcome(0, Lines())) << exportName;
     }
-    EXPECT_EQ(Added(L"Root").size() + Added(L"MY").size(), 2u);
+    EXPECT_EQ(MachineCertificates(L"Root", kChainRoot).size() + MachineCertificates(L"MY", kChainRoot).size(), 2u);
 }
 
 } // namespace

@@ -41,19 +41,14 @@ int wmain(int argc, wchar_t** argv)
     }
     if (argc == 4 && command == L"remove")
     {
-        RemoveCertificates(OpenMachineStore(argv[2]).Get(), [&](const StoredCertificate& certificate) {
-            return certificate.subject == argv[3] || certificate.issuer == argv[3];
-        });
+        RemoveCertificates(OpenMachineStore(argv[2]).Get(), argv[3]);
         return 0;
     }
     if (argc == 2 && command == L"containers")
     {
-        for (const bool machine : {true, false})
+        for (const std::string& name : KeyContainers())
         {
-            for (const std::string& name : KeyContainers(machine))
-            {
-                std::printf("%s:%s\n", machine ? "machine" : "user", name.c_str());
-            }
+            std::printf("%s\n", name.c_str());
         }
         return 0;
     }

@@ -1,9 +1,8 @@
 #!/usr/bin/env bash
-# OpenSSL's judgement of the certificates qc_certificate_tests wrote as DER into DIR: root.der and
-# server.der (the actions' root and server certificate), purposes.der (the engine with purposes 0x11 and
-# sha1RSA). Every field and extension is checked against what the engine must make; the server
-# certificate must chain to the root (which names the issuers). The files are removed afterwards, so that
-# only a fresh test run can satisfy the next check.
+# OpenSSL's judgement of the certificates qc_certificate_tests wrote as DER into DIR: root.der and server.der
+# (the actions' root and server certificate), purposes.der (the engine with purposes 0x11 and sha1RSA): every field
+# and extension, and the server's chain to the root. The files are removed afterwards, so that only a fresh test
+# run can satisfy the next check.
 set -uo pipefail
 dir=${1:?usage: check-certificates.sh DIR}
 failures=0
@@ -30,10 +29,6 @@ extension_order() {
 field() { openssl x509 -inform DER -in "$dir/$1" -noout "$2" | sed 's/^[^=]*=//'; }
 epoch() { date -u -d "$1" +%s; }
 hex() { od -An -tx1 -v | tr -d ' \n' | tr a-f A-F; }
-# The value of the old authority key identifier (2.5.29.1), as hex.
-old_authority_key_id() {
-    openssl asn1parse -inform DER -in "$dir/$1" | awk '/:2\.5\.29\.1$/ { getline; sub(/.*DUMP\]:/, ""); print; exit }'
-}
 
 exchange="Digital Signature, Key Encipherment, Data Encipherment, Key Agreement"
 # check FILE SIGNATURE KEY-BITS KEY-USAGE BASIC-CONSTRAINTS SUBJECT YEARS [EXTENSIONS-BEFORE-BASIC-CONSTRAINTS]
@@ -69,14 +64,13 @@ serial=$(hex <"$dir/root.der")
 serial=${serial#*A003020102}
 aki=8014${root_key_id}A121301F311D301B06035504031314$(printf 'Quillcast Chain Root' | hex)82${serial:2:$((16#${serial:2:2} * 2 + 2))}
 for file in root.der server.der; do
-    expect_eq "$file: old authority key id (key, issuer, serial)" "30$(printf %02X $((${#aki} / 2)))$aki" "$(old_authority_key_id "$file")"
+    # The value of the old authority key identifier (2.5.29.1), as hex.
+    found=$(openssl asn1parse -inform DER -in "$dir/$file" | awk '/:2\.5\.29\.1$/ { getline; sub(/.*DUMP\]:/, ""); print; exit }')
+    expect_eq "$file: old authority key id (key, issuer, serial)" "30$(printf %02X $((${#aki} / 2)))$aki" "$found"
 done
 
 pem() { openssl x509 -inform DER -in "$dir/$1"; }
 expect_eq "server chains to the root" "OK" "$(openssl verify -CAfile <(pem root.der) <(pem server.der) 2>&1 | sed 's/^.*: //')"
 
-if [ "$failures" -ne 0 ]; then
-    echo "$failures check(s) failed"
-    exit 1
-fi
+[ "$failures" -eq 0 ] || { echo "$failures check(s) failed"; exit 1; }
 echo "all checks passed"
