@@ -104,19 +104,6 @@ public:
         return entries;
     }
 
-    // The calls made so far, as "Object.Method".
-    static std::vector<std::wstring> Journal()
-    {
-        std::wstring text;
-        std::vector<std::wstring> calls;
-        ReadText(kFirewallRoot, L"Journal", text);
-        for (size_t end; (end = text.find(L'\n')) != std::wstring::npos; text.erase(0, end + 1))
-        {
-            calls.push_back(text.substr(0, end));
-        }
-        return calls;
-    }
-
 private:
     bool Run(const char* entry) const
     {
