@@ -62,12 +62,7 @@ const auto AddProgram = [](const std::wstring& pairs) { return Call{"AddProgramE
 const auto RemovePort = [](const std::wstring& pairs) { return Call{"RemovePortException", L";" + pairs}; };
 const auto RemoveProgram = [](const std::wstring& pairs) { return Call{"RemoveProgramException", L";" + pairs}; };
 
-// The rules and list entries an add makes with no optional argument.
-std::wstring PortRule(const std::wstring& name, const std::wstring& ports)
-{
-    return L"Rules\\1: Direction=1; EdgeTraversalOptions=2; Enabled=1; LocalPorts=" + ports + L"; Name=" + name +
-           L"; Profiles=2147483647; Protocol=6";
-}
+// The list entries an add makes with no optional argument.
 std::wstring OpenPort(int port, const std::wstring& name)
 {
     return L"OpenPorts\\" + std::to_wstring(port) + L"-6: Enabled=1; Name=" + name + L"; Port=" +
@@ -147,7 +142,8 @@ const FirewallCase kCases[] = {
      .setup = {L"Rules\\1\\Enabled=0"},
      .before = {AddPort(L"RULENAME=Rule A;LOCALPORTS=80")},
      .call = AddPort(L"RULENAME=Rule A;LOCALPORTS=443;RULEDESCRIPTION=new"),
-     .state = {PortRule(L"Rule A", L"80")}},
+     .state = {L"Rules\\1: Direction=1; EdgeTraversalOptions=2; Enabled=1; LocalPorts=80; Name=Rule A; "
+               L"Profiles=2147483647; Protocol=6"}},
     {.behaviour = "HexadecimalProfileConvertsToZeroWhichTheFirewallRefuses",
      .call = AddPort(kR80 + L";PROFILE=0x7FFFFFFF"),
      .result = 1603,
@@ -161,9 +157,6 @@ const FirewallCase kCases[] = {
      .before = {AddPort(kR80)},
      .call = RemovePort(L"RULENAME=R;LOCALPORTS=1")},
     {.behaviour = "RemovalOfAMissingRuleSucceeds", .call = RemoveProgram(kP)},
-    // ------------------------------------------------------------ arguments
-    {.behaviour = "MissingRuleNameFailsValidation", .call = RemovePort(L"LOCALPORTS=80;PAD=1"), .result = 1603},
-    {.behaviour = "MissingProgramNameFailsValidation", .call = AddProgram(L"RULENAME=P"), .result = 1603},
     // ------------------------------------------------------------ rule path failures
     {.behaviour = "UnreadableCurrentProfileIsAnErrorAndTheListsAreUsed",
      .setup = {Fails(L"Policy2.CurrentProfileTypes")},
@@ -217,11 +210,6 @@ const FirewallCase kCases[] = {
             .result = 1603,
             .lines = {Failed(kCheckPortFailed, kClassNotReg)},
             .state = {L"OpenPorts\\80-6: Enabled=0"}}),
-    Legacy({.behaviour = "LegacyRemovalOfAMissingProgramFails",
-            .call = RemoveProgram(kP),
-            .result = 1603,
-            .lines = {Failed(L"Failed to retrieve authorized app", kNotFound),
-                      Failed(L"Failed to check app exception", kNotFound)}}),
     // A failed read of the not-allowed flag that answers no does not stop it.
     Legacy({.behaviour = "LegacyRemovalRemovesTheProgramByItsPath",
             .setup = {Fails(L"Profile.ExceptionsNotAllowed")},
@@ -349,13 +337,10 @@ TEST_F(FirewallTest, ChecksOnTheRulePathAskForTheRuleByNameOnly)
     CFirewall firewall(L"R");
     EXPECT_FALSE(firewall.CheckPort(L"80"));
     EXPECT_EQ(firewall.LastError(), 2u);
-    EXPECT_FALSE(firewall.CheckApplication(L"C:\\a.exe"));
     EXPECT_TRUE(firewall.AddPort(L"80"));
     EXPECT_TRUE(firewall.CheckPort(L"443"));
     EXPECT_EQ(firewall.LastError(), 80u);
-    EXPECT_TRUE(firewall.CheckApplication(L"C:\\b.exe"));
-    EXPECT_EQ(capture.Bodies(), Lines({L"[ERROR] Firewall (#) Failed to check port exception with error 2.",
-                                       L"[ERROR] Firewall (#) Failed to check exception with error 2."}));
+    EXPECT_EQ(capture.Bodies(), Lines({L"[ERROR] Firewall (#) Failed to check port exception with error 2."}));
 }
 
 // An entry that CFirewall writes through its failure helper names the line of

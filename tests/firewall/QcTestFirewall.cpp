@@ -373,14 +373,10 @@ const Kind kAuthorizedApp = {L"AuthorizedApp", {
 
 // The class a COM class creates: an item of kind kKind.
 template <const Kind& kKind>
-class CItemOf : public CItem
+struct CItemOf : CItem
 {
-public:
     CItemOf() : CItem(kKind) {}
 };
-using CRule = CItemOf<kRule>;
-using COpenPort = CItemOf<kOpenPort>;
-using CAuthorizedApp = CItemOf<kAuthorizedApp>;
 
 // ---- the lists: entries of the registry state ------------------------------
 
@@ -486,11 +482,11 @@ public:
     QC_UNUSED_COUNT_AND_ENUM
     STDMETHODIMP Item(BSTR name, INetFwRule** ppRule) override
     {
-        return ItemOf<CRule>(L"Rules.Item", FindEntry(L"Rules", L"Name", name), ppRule);
+        return ItemOf<CItemOf<kRule>>(L"Rules.Item", FindEntry(L"Rules", L"Name", name), ppRule);
     }
     STDMETHODIMP Add(INetFwRule* pRule) override
     {
-        return AddTo<CRule>(L"Rules.Add", pRule, [](const CItem&) { return NewEntry(L"Rules"); });
+        return AddTo<CItemOf<kRule>>(L"Rules.Add", pRule, [](const CItem&) { return NewEntry(L"Rules"); });
     }
     STDMETHODIMP Remove(BSTR name) override
     {
@@ -560,11 +556,11 @@ public:
         STDMETHODIMP
         Item(LONG port, NET_FW_IP_PROTOCOL protocol, INetFwOpenPort** ppPort) override
     {
-        return ItemOf<COpenPort>(L"OpenPorts.Item", PortEntry(port, protocol), ppPort);
+        return ItemOf<CItemOf<kOpenPort>>(L"OpenPorts.Item", PortEntry(port, protocol), ppPort);
     }
     STDMETHODIMP Add(INetFwOpenPort* pPort) override
     {
-        return AddTo<COpenPort>(L"OpenPorts.Add", pPort, [](const CItem& item) {
+        return AddTo<CItemOf<kOpenPort>>(L"OpenPorts.Add", pPort, [](const CItem& item) {
             const std::wstring entry = PortEntry(item.Number(L"Port"), item.Number(L"Protocol"));
             RegDeleteTreeW(HKEY_LOCAL_MACHINE, FirewallKey(entry).c_str());
             return entry;
@@ -576,11 +572,11 @@ public:
     }
     STDMETHODIMP Item(BSTR path, INetFwAuthorizedApplication** ppApp) override
     {
-        return ItemOf<CAuthorizedApp>(L"AuthorizedApps.Item", AppEntry(path), ppApp);
+        return ItemOf<CItemOf<kAuthorizedApp>>(L"AuthorizedApps.Item", AppEntry(path), ppApp);
     }
     STDMETHODIMP Add(INetFwAuthorizedApplication* pApp) override
     {
-        return AddTo<CAuthorizedApp>(L"AuthorizedApps.Add", pApp, [](const CItem& item) {
+        return AddTo<CItemOf<kAuthorizedApp>>(L"AuthorizedApps.Add", pApp, [](const CItem& item) {
             const std::wstring entry = AppEntry(item.Text(L"ProcessImageFileName").c_str());
             return entry.empty() ? NewEntry(L"AuthorizedApplications") : entry;
         });
@@ -596,11 +592,12 @@ const struct
     CLSID clsid;
     const wchar_t* name;
     HRESULT (*classObject)(REFIID riid, void** ppv);
-} kClasses[] = {{__uuidof(NetFwPolicy2), L"NetFwPolicy2", ClassObject<CPolicy2>},
-                {__uuidof(NetFwRule), L"NetFwRule", ClassObject<CRule>},
-                {__uuidof(NetFwMgr), L"NetFwMgr", ClassObject<CMgr>},
-                {__uuidof(NetFwOpenPort), L"NetFwOpenPort", ClassObject<COpenPort>},
-                {__uuidof(NetFwAuthorizedApplication), L"NetFwAuthorizedApplication", ClassObject<CAuthorizedApp>}};
+} kClasses[] = {
+    {__uuidof(NetFwPolicy2), L"NetFwPolicy2", ClassObject<CPolicy2>},
+    {__uuidof(NetFwRule), L"NetFwRule", ClassObject<CItemOf<kRule>>},
+    {__uuidof(NetFwMgr), L"NetFwMgr", ClassObject<CMgr>},
+    {__uuidof(NetFwOpenPort), L"NetFwOpenPort", ClassObject<CItemOf<kOpenPort>>},
+    {__uuidof(NetFwAuthorizedApplication), L"NetFwAuthorizedApplication", ClassObject<CItemOf<kAuthorizedApp>>}};
 
 // Wine's registration while this one replaces it (not part of the state).
 constexpr const wchar_t* kSaved = L"Software\\QuillcastTest\\FirewallSavedRegistration";
@@ -630,12 +627,6 @@ extern "C" HRESULT WINAPI DllGetClassObject(REFCLSID clsid, REFIID riid, void** 
         }
     }
     return CLASS_E_CLASSNOTAVAILABLE;
-}
-
-// The objects keep no count of the module: it stays loaded while the process runs.
-extern "C" HRESULT WINAPI DllCanUnloadNow()
-{
-    return S_FALSE;
 }
 
 // The five classes served here; the registrations they replace are kept (once)
