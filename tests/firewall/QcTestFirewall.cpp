@@ -127,24 +127,19 @@ struct Kind
 
 // ---- the COM objects -------------------------------------------------------
 
+// clang-format off
 // A call the DLL never makes.
-#define QC_UNUSED(Method, ...)                                                                                         \
-    STDMETHODIMP Method(__VA_ARGS__) override                                                                          \
-    {                                                                                                                  \
-        return E_NOTIMPL;                                                                                              \
-    }
+#define QC_UNUSED(Method, ...) STDMETHODIMP Method(__VA_ARGS__) override { return E_NOTIMPL; }
 // A property the DLL neither reads nor sets, one of those a profile indexes, and a list's count and enumerator.
 #define QC_UNUSED_PROPERTY(Property, Type) QC_UNUSED(get_##Property, Type*) QC_UNUSED(put_##Property, Type)
 #define QC_UNUSED_PROFILE_PROPERTY(Property, Type)                                                                     \
     QC_UNUSED(get_##Property, NET_FW_PROFILE_TYPE2, Type*) QC_UNUSED(put_##Property, NET_FW_PROFILE_TYPE2, Type)
 #define QC_UNUSED_COUNT_AND_ENUM QC_UNUSED(get_Count, LONG*) QC_UNUSED(get__NewEnum, IUnknown**)
 // A property the DLL sets through the item's row of the same name; it never reads it.
-#define QC_SET(Property, Type)                                                                                         \
-    QC_UNUSED(get_##Property, Type*)                                                                                   \
-    STDMETHODIMP put_##Property(Type value) override                                                                   \
-    {                                                                                                                  \
-        return Put(L## #Property, value);                                                                              \
-    }
+#define QC_SET(Property, Type)   \
+    QC_UNUSED(get_##Property, Type*) \
+    STDMETHODIMP put_##Property(Type value) override { return Put(L## #Property, value); }
+// clang-format on
 
 // An object of the interfaces TInterfaces... (one object may serve several
 // views of one state).
@@ -552,9 +547,8 @@ public:
     QC_UNUSED(get_IcmpSettings, INetFwIcmpSettings**)
     QC_UNUSED(get_Services, INetFwServices**)
 
-    QC_UNUSED_COUNT_AND_ENUM // of either list
-        STDMETHODIMP
-        Item(LONG port, NET_FW_IP_PROTOCOL protocol, INetFwOpenPort** ppPort) override
+    QC_UNUSED_COUNT_AND_ENUM
+    STDMETHODIMP Item(LONG port, NET_FW_IP_PROTOCOL protocol, INetFwOpenPort** ppPort) override
     {
         return ItemOf<CItemOf<kOpenPort>>(L"OpenPorts.Item", PortEntry(port, protocol), ppPort);
     }

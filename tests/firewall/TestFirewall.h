@@ -49,17 +49,15 @@ inline std::vector<std::wstring> NamesIn(const std::wstring& key, bool bValues =
 class CTestFirewall
 {
 public:
-    CTestFirewall() : m_module(::LoadLibraryW((BinFolder() + L"QcTestFirewall.dll").c_str()))
+    CTestFirewall()
+            : m_module(::LoadLibraryW((BinFolder() + L"QcTestFirewall.dll").c_str())),
+              m_bRegistered(Run("DllRegisterServer"))
     {
-        m_bRegistered = Run("DllRegisterServer");
-        Reset();
     }
-    CTestFirewall(const CTestFirewall&) = delete;
-    CTestFirewall& operator=(const CTestFirewall&) = delete;
-    // Puts Wine's registration back and forgets every rule and list entry.
+    // Puts Wine's registration back (nothing more to do when that fails) and forgets every rule and list entry.
     ~CTestFirewall()
     {
-        (void)Run("DllUnregisterServer"); // nothing more to do when it fails
+        (void)Run("DllUnregisterServer");
         Reset();
     }
 
@@ -113,7 +111,7 @@ private:
     }
 
     Quillcast::System::Types::CModule m_module;
-    bool m_bRegistered = false;
+    bool m_bRegistered;
 };
 
 } // namespace QcTest
