@@ -44,19 +44,11 @@ struct Call
     std::wstring data;
 };
 
-// CustomActionData from `pairs`, filled up with unknown names to `count` pairs
-// so that the count check passes without setting any optional argument.
-std::wstring Data(const std::wstring& pairs, size_t count)
-{
-    std::wstring data = L";" + pairs;
-    for (size_t i = std::count(pairs.begin(), pairs.end(), L';') + 1; i < count; ++i)
-    {
-        data += L";PAD" + std::to_wstring(i) + L"=";
-    }
-    return data;
-}
-const auto AddPort = [](const std::wstring& pairs) { return Call{"AddPortException", Data(pairs, 8)}; };
-const auto AddProgram = [](const std::wstring& pairs) { return Call{"AddProgramException", Data(pairs, 9)}; };
+// The adds' CustomActionData ends with unknown names, enough for the count check (the number of pairs must
+// reach that of the known names) to pass without setting any optional argument.
+const std::wstring kPad = L";PAD1=;PAD2=;PAD3=;PAD4=;PAD5=;PAD6=;PAD7=;PAD8=";
+const auto AddPort = [](const std::wstring& pairs) { return Call{"AddPortException", L";" + pairs + kPad}; };
+const auto AddProgram = [](const std::wstring& pairs) { return Call{"AddProgramException", L";" + pairs + kPad}; };
 const auto RemovePort = [](const std::wstring& pairs) { return Call{"RemovePortException", L";" + pairs}; };
 const auto RemoveProgram = [](const std::wstring& pairs) { return Call{"RemoveProgramException", L";" + pairs}; };
 
@@ -325,19 +317,6 @@ TEST_F(FirewallTest, WorkersWithoutTheirMainArgument)
         EXPECT_EQ(capture.Bodies().empty() ? L"" : capture.Bodies().front(), firstLine) << data;
         EXPECT_EQ(CTestFirewall::State(), Lines()) << data;
     }
-}
-
-// On the rule path a check asks for the rule by its name only: found (80) or not (2, logged).
-TEST_F(FirewallTest, ChecksOnTheRulePathAskForTheRuleByNameOnly)
-{
-    const CLogCapture capture;
-    CFirewall firewall(L"R");
-    EXPECT_FALSE(firewall.CheckPort(L"80"));
-    EXPECT_EQ(firewall.LastError(), 2u);
-    EXPECT_TRUE(firewall.AddPort(L"80"));
-    EXPECT_TRUE(firewall.CheckPort(L"443"));
-    EXPECT_EQ(firewall.LastError(), 80u);
-    EXPECT_EQ(capture.Bodies(), Lines({L"[ERROR] Firewall (#) Failed to check port exception with error 2."}));
 }
 
 // An entry that CFirewall writes through its failure helper names the line of

@@ -1,18 +1,12 @@
-// A test double of the Windows Firewall objects that Wine stubs: an in-process
-// COM server for NetFwPolicy2, NetFwRule, NetFwMgr, NetFwOpenPort and
-// NetFwAuthorizedApplication. It keeps its rules and lists in the registry
-// (TestFirewall.h) so that every process of the prefix sees one firewall and
-// the tests can read what an action left behind:
-//   Rules\<n>                     one key per rule, its properties as values
-//   OpenPorts\<port>-<protocol>   AuthorizedApplications\<n>
-//   Journal                       every call as "Object.Method", one a line
-// Switches, values of the same key: NoPolicy2 (NetFwPolicy2 not registered),
-// NoRule2 (rules without INetFwRule2), CurrentProfileTypes (default 2),
-// ExceptionsNotAllowed; and under Fail\ a DWORD named "Object.Method" makes
-// that call answer the DWORD as its HRESULT.
-// It enforces what Windows documents for the values it takes (each property's
-// row below) and answers a missing item with 0x80070002; the calls the DLL
-// never makes answer E_NOTIMPL.
+// A test double of the Windows Firewall objects that Wine stubs: an in-process COM server for NetFwPolicy2,
+// NetFwRule, NetFwMgr, NetFwOpenPort and NetFwAuthorizedApplication. It keeps its rules and lists in the
+// registry (TestFirewall.h) so that every process of the prefix sees one firewall and the tests can read what
+// an action left behind: Rules\<n>, OpenPorts\<port>-<protocol> and AuthorizedApplications\<n>, one key per
+// item, its properties as values; Journal, every call as "Object.Method", one a line. Switches, values of the
+// same key: NoPolicy2 (NetFwPolicy2 not registered), NoRule2 (rules without INetFwRule2), CurrentProfileTypes
+// (default 2), ExceptionsNotAllowed; and under Fail\ a DWORD named "Object.Method" makes that call answer the
+// DWORD as its HRESULT. It enforces what Windows documents for the values it takes (each property's row
+// below) and answers a missing item with 0x80070002; the calls the DLL never makes answer E_NOTIMPL.
 #include <winsock2.h>
 #include <ws2tcpip.h>
 #include <windows.h>
@@ -47,8 +41,6 @@ HRESULT Journaled(const std::wstring& method, TBody body)
     const HRESULT hResult = Call(method);
     return FAILED(hResult) ? hResult : body();
 }
-
-// ---- the documented rules for the values -----------------------------------
 
 bool IsKeyword(const std::wstring& item, std::initializer_list<const wchar_t*> keywords)
 {
@@ -124,8 +116,6 @@ struct Kind
     const wchar_t* object;
     std::vector<Property> properties;
 };
-
-// ---- the COM objects -------------------------------------------------------
 
 // clang-format off
 // A call the DLL never makes.
@@ -373,8 +363,6 @@ struct CItemOf : CItem
     CItemOf() : CItem(kKind) {}
 };
 
-// ---- the lists: entries of the registry state ------------------------------
-
 // The entry of `list` whose value `name` is `text`; empty when there is none.
 std::wstring FindEntry(const std::wstring& list, const wchar_t* name, const wchar_t* text)
 {
@@ -389,10 +377,10 @@ std::wstring FindEntry(const std::wstring& list, const wchar_t* name, const wcha
     return L"";
 }
 
+// An entry is there while it has values (the firewall never leaves one without).
 bool Exists(const std::wstring& entry)
 {
-    Quillcast::System::Types::CRegistryKey key;
-    return RegOpenKeyExW(HKEY_LOCAL_MACHINE, FirewallKey(entry).c_str(), 0, KEY_READ, key.Put()) == ERROR_SUCCESS;
+    return !NamesIn(FirewallKey(entry), true).empty();
 }
 
 // A new numbered entry of `list`: the first free number.
@@ -578,8 +566,6 @@ public:
     STDMETHODIMP Remove(BSTR path) override { return RemoveFrom(L"AuthorizedApps.Remove", AppEntry(path)); }
 };
 
-// ---- class objects and registration ----------------------------------------
-
 // The classes served here, by the name their creation is journaled with.
 const struct
 {
@@ -629,14 +615,10 @@ extern "C" HRESULT WINAPI DllRegisterServer()
 {
     wchar_t self[MAX_PATH] = {};
     GetModuleFileNameW(reinterpret_cast<HMODULE>(&__ImageBase), self, MAX_PATH);
-    for (const auto& entry : QcTest::kClasses)
-    {
-        if (!QcTest::ReplaceServer(entry.clsid, self, QcTest::kSaved))
-        {
-            return E_ACCESSDENIED;
-        }
-    }
-    return S_OK;
+    const bool bReplaced =
+        std::all_of(std::begin(QcTest::kClasses), std::end(QcTest::kClasses),
+                    [&](const auto& entry) { return QcTest::ReplaceServer(entry.clsid, self, QcTest::kSaved); });
+    return bReplaced ? S_OK : E_ACCESSDENIED;
 }
 
 extern "C" HRESULT WINAPI DllUnregisterServer()
