@@ -1,18 +1,12 @@
-// A test double of the Windows Firewall objects that Wine stubs: an in-process
-// COM server for NetFwPolicy2, NetFwRule, NetFwMgr, NetFwOpenPort and
-// NetFwAuthorizedApplication. It keeps its rules and lists in the registry
-// (TestFirewall.h) so that every process of the prefix sees one firewall and
-// the tests can read what an action left behind:
-//   Rules\<n>                     one key per rule, its properties as values
-//   OpenPorts\<port>-<protocol>   AuthorizedApplications\<n>
-//   Journal                       every call as "Object.Method", one a line
-// Switches, values of the same key: NoPolicy2 (NetFwPolicy2 not registered),
-// NoRule2 (rules without INetFwRule2), CurrentProfileTypes (default 2),
-// ExceptionsNotAllowed; and under Fail\ a DWORD named "Object.Method" makes
-// that call answer the DWORD as its HRESULT.
-// It enforces what Windows documents for the values it takes (each property's
-// row below) and answers a missing item with 0x80070002; the calls the DLL
-// never makes answer E_NOTIMPL.
+// A test double of the Windows Firewall objects that Wine stubs: an in-process COM server for NetFwPolicy2,
+// NetFwRule, NetFwMgr, NetFwOpenPort and NetFwAuthorizedApplication. It keeps its rules and lists in the
+// registry (TestFirewall.h) so that every process of the prefix sees one firewall and the tests can read what
+// an action left behind: Rules\<n>, OpenPorts\<port>-<protocol> and AuthorizedApplications\<n>, one key per
+// item, its properties as values; Journal, every call as "Object.Method", one a line. Switches, values of the
+// same key: NoPolicy2 (NetFwPolicy2 not registered), NoRule2 (rules without INetFwRule2), CurrentProfileTypes
+// (default 2), ExceptionsNotAllowed; and under Fail\ a DWORD named "Object.Method" makes that call answer the
+// DWORD as its HRESULT. It enforces what Windows documents for the values it takes (each property's row
+// below) and answers a missing item with 0x80070002; the calls the DLL never makes answer E_NOTIMPL.
 #include <winsock2.h>
 #include <ws2tcpip.h>
 #include <windows.h>
@@ -47,8 +41,6 @@ HRESULT Journaled(const std::wstring& method, TBody body)
     const HRESULT hResult = Call(method);
     return FAILED(hResult) ? hResult : body();
 }
-
-// ---- the documented rules for the values -----------------------------------
 
 bool IsKeyword(const std::wstring& item, std::initializer_list<const wchar_t*> keywords)
 {
@@ -107,8 +99,6 @@ bool IsAddressItem(const std::wstring& item)
            (IsAddress(item.substr(0, cut)) && (bPrefixLength || IsAddress(second)));
 }
 
-class CItem;
-
 // A property of a rule, an open port or an authorized program: its registry
 // value, its default, whether the documentation calls it required (no empty
 // text, no 0) and, where it limits the values further, the rule they must meet.
@@ -117,38 +107,93 @@ struct Property
     const wchar_t* name;
     LONG lDefault;
     bool bRequired;
-    bool (*accepts)(const CItem& item, const std::wstring& text, LONG number);
+    bool (*accepts)(const class CItem& item, const std::wstring& text, LONG number);
 };
 
-// A rule, an open port or an authorized program: the values put so far, in
-// memory until the item is an entry of a list (added, or found there), and
-// from then on in the entry.
-class CItem
+// A kind of item: the object its calls are journaled as, and its properties.
+struct Kind
+{
+    const wchar_t* object;
+    std::vector<Property> properties;
+};
+
+// clang-format off
+// A call the DLL never makes.
+#define QC_UNUSED(Method, ...) STDMETHODIMP Method(__VA_ARGS__) override { return E_NOTIMPL; }
+// A property the DLL neither reads nor sets, one of those a profile indexes, and a list's count and enumerator.
+#define QC_UNUSED_PROPERTY(Property, Type) QC_UNUSED(get_##Property, Type*) QC_UNUSED(put_##Property, Type)
+#define QC_UNUSED_PROFILE_PROPERTY(Property, Type)                                                                     \
+    QC_UNUSED(get_##Property, NET_FW_PROFILE_TYPE2, Type*) QC_UNUSED(put_##Property, NET_FW_PROFILE_TYPE2, Type)
+#define QC_UNUSED_COUNT_AND_ENUM QC_UNUSED(get_Count, LONG*) QC_UNUSED(get__NewEnum, IUnknown**)
+// A property the DLL sets through the item's row of the same name; it never reads it.
+#define QC_SET(Property, Type)   \
+    QC_UNUSED(get_##Property, Type*) \
+    STDMETHODIMP put_##Property(Type value) override { return Put(L## #Property, value); }
+// clang-format on
+
+// An object of the interfaces TInterfaces... (one object may serve several
+// views of one state).
+template <typename... TInterfaces>
+class CObject : public CComObject<CNoTypeInfo<TInterfaces>...>
+{
+protected:
+    void* Find(REFIID riid) override { return InterfaceOf<TInterfaces...>(this, riid); }
+};
+
+// Another interface of the same object, as the answer of `method`.
+template <typename TInterface, typename TObject>
+HRESULT View(const wchar_t* method, TObject* pObject, TInterface** ppView)
+{
+    return Journaled(method, [&] {
+        *ppView = pObject;
+        pObject->AddRef();
+        return S_OK;
+    });
+}
+
+// A rule, an open port or an authorized program, as its kind says (one class
+// serves the three interfaces, answering only its kind's): the values put so
+// far, in memory until the item is an entry of a list (added, or found
+// there), and from then on in the entry.
+class CItem : public CObject<INetFwRule2, INetFwOpenPort, INetFwAuthorizedApplication>
 {
 public:
-    template <size_t N>
-    CItem(const wchar_t* object, const Property (&properties)[N])
-            : m_object(object), m_properties(properties, properties + N)
-    {
-    }
-    virtual ~CItem() = default;
+    explicit CItem(const Kind& kind) : m_kind(kind) {}
 
-    HRESULT Put(const wchar_t* name, BSTR text) { return Set(name, {true, text != nullptr ? text : L"", 0}); }
-    // A VARIANT_BOOL is kept as 0 or 1.
-    template <typename TNumber>
-    HRESULT Put(const wchar_t* name, TNumber number)
-    {
-        const bool bFlag = std::is_same<TNumber, VARIANT_BOOL>::value;
-        return Set(name, {false, L"", bFlag ? static_cast<LONG>(number != 0) : static_cast<LONG>(number)});
-    }
     // The DLL only asks items found in a list.
-    HRESULT GetEnabled(VARIANT_BOOL* pEnabled) const
+    STDMETHODIMP get_Enabled(VARIANT_BOOL* pEnabled) override
     {
-        return Journaled(m_object + L".GetEnabled", [&] {
+        return Journaled(m_kind.object + std::wstring(L".GetEnabled"), [&] {
             *pEnabled = ReadDword(m_key, L"Enabled", 0) != 0 ? VARIANT_TRUE : VARIANT_FALSE;
             return S_OK;
         });
     }
+    STDMETHODIMP put_Enabled(VARIANT_BOOL value) override { return Put(L"Enabled", value); }
+    QC_SET(Name, BSTR)
+    QC_SET(Description, BSTR)
+    QC_SET(ApplicationName, BSTR)
+    QC_UNUSED_PROPERTY(ServiceName, BSTR)
+    QC_SET(Protocol, LONG)
+    QC_SET(Protocol, NET_FW_IP_PROTOCOL)
+    QC_SET(LocalPorts, BSTR)
+    QC_SET(RemotePorts, BSTR)
+    QC_SET(LocalAddresses, BSTR)
+    QC_SET(RemoteAddresses, BSTR)
+    QC_UNUSED_PROPERTY(IcmpTypesAndCodes, BSTR)
+    QC_SET(Direction, NET_FW_RULE_DIRECTION)
+    QC_UNUSED_PROPERTY(Interfaces, VARIANT)
+    QC_UNUSED_PROPERTY(InterfaceTypes, BSTR)
+    QC_UNUSED_PROPERTY(Grouping, BSTR)
+    QC_SET(Profiles, LONG)
+    QC_SET(EdgeTraversal, VARIANT_BOOL)
+    QC_UNUSED_PROPERTY(Action, NET_FW_ACTION)
+    QC_SET(EdgeTraversalOptions, LONG)
+    QC_UNUSED_PROPERTY(IpVersion, NET_FW_IP_VERSION)
+    QC_SET(Port, LONG)
+    QC_UNUSED_PROPERTY(Scope, NET_FW_SCOPE)
+    QC_UNUSED(get_BuiltIn, VARIANT_BOOL*)
+    QC_SET(ProcessImageFileName, BSTR)
+
     // The number put, or the property's default.
     LONG Number(const wchar_t* name) const
     {
@@ -159,7 +204,7 @@ public:
     const std::wstring& Text(const wchar_t* name) const { return m_values.at(name).text; }
     bool IsComplete() const
     {
-        return std::all_of(m_properties.begin(), m_properties.end(), [&](const Property& property) {
+        return std::all_of(m_kind.properties.begin(), m_kind.properties.end(), [&](const Property& property) {
             return !property.bRequired || m_values.count(property.name);
         });
     }
@@ -173,6 +218,20 @@ public:
         }
     }
 
+protected:
+    // Under the NoRule2 switch a rule is of the older kind, without INetFwRule2.
+    void* Find(REFIID riid) override
+    {
+        const std::wstring object = m_kind.object;
+        if (object != L"Rule")
+        {
+            return object == L"OpenPort" ? InterfaceOf<INetFwOpenPort>(this, riid)
+                                         : InterfaceOf<INetFwAuthorizedApplication>(this, riid);
+        }
+        const bool bHidden = riid == __uuidof(INetFwRule2) && ReadDword(kFirewallRoot, L"NoRule2", 0) != 0;
+        return bHidden ? nullptr : InterfaceOf<INetFwRule2, INetFwRule>(this, riid);
+    }
+
 private:
     struct Value
     {
@@ -181,14 +240,22 @@ private:
         LONG number;
     };
 
+    HRESULT Put(const wchar_t* name, BSTR text) { return Set(name, {true, text != nullptr ? text : L"", 0}); }
+    // A VARIANT_BOOL is kept as 0 or 1.
+    template <typename TNumber>
+    HRESULT Put(const wchar_t* name, TNumber number)
+    {
+        const bool bFlag = std::is_same<TNumber, VARIANT_BOOL>::value;
+        return Set(name, {false, L"", bFlag ? static_cast<LONG>(number != 0) : static_cast<LONG>(number)});
+    }
     const Property& PropertyOf(const std::wstring& name) const
     {
-        return *std::find_if(m_properties.begin(), m_properties.end(),
+        return *std::find_if(m_kind.properties.begin(), m_kind.properties.end(),
                              [&](const Property& property) { return name == property.name; });
     }
     HRESULT Set(const wchar_t* name, const Value& value)
     {
-        return Journaled(m_object + L"." + name, [&] {
+        return Journaled(m_kind.object + std::wstring(L".") + name, [&] {
             const Property& property = PropertyOf(name);
             if ((property.bRequired && value.text.empty() && value.number == 0) ||
                 (property.accepts != nullptr && !property.accepts(*this, value.text, value.number)))
@@ -213,8 +280,7 @@ private:
         }
     }
 
-    std::wstring m_object;
-    std::vector<Property> m_properties;
+    const Kind& m_kind;
     std::map<std::wstring, Value> m_values; // by property name
     std::wstring m_key;                     // once in a list
 };
@@ -260,7 +326,7 @@ struct Accepts
 };
 
 // clang-format off
-const Property kRuleProperties[] = {
+const Kind kRule = {L"Rule", {
     {L"Name", 0, true, Accepts::NoBar},
     {L"Description", 0, false, Accepts::NoBar},
     {L"ApplicationName", 0, false, nullptr},
@@ -274,64 +340,28 @@ const Property kRuleProperties[] = {
     {L"Profiles", NET_FW_PROFILE2_ALL, false, Accepts::Profiles},
     {L"EdgeTraversal", 0, false, nullptr},
     {L"EdgeTraversalOptions", 0, false, Accepts::Range<0, 3>},
-};
-const Property kOpenPortProperties[] = {
+}};
+const Kind kOpenPort = {L"OpenPort", {
     {L"Name", 0, true, nullptr},
     {L"Port", 0, true, Accepts::Range<1, 65535>},
     {L"Protocol", NET_FW_IP_PROTOCOL_TCP, false, Accepts::TcpOrUdp},
     {L"RemoteAddresses", 0, false, Accepts::Addresses},
     {L"Enabled", 1, false, nullptr},
-};
-const Property kAuthorizedAppProperties[] = {
+}};
+const Kind kAuthorizedApp = {L"AuthorizedApp", {
     {L"Name", 0, true, nullptr},
     {L"ProcessImageFileName", 0, true, Accepts::ImagePath},
     {L"RemoteAddresses", 0, false, Accepts::Addresses},
     {L"Enabled", 1, false, nullptr},
-};
+}};
 // clang-format on
 
-// ---- the COM objects -------------------------------------------------------
-
-// A call the DLL never makes.
-#define QC_UNUSED(Method, ...)                                                                                         \
-    STDMETHODIMP Method(__VA_ARGS__) override                                                                          \
-    {                                                                                                                  \
-        return E_NOTIMPL;                                                                                              \
-    }
-// A property the DLL neither reads nor sets, one of those a profile indexes, and a list's count and enumerator.
-#define QC_UNUSED_PROPERTY(Property, Type) QC_UNUSED(get_##Property, Type*) QC_UNUSED(put_##Property, Type)
-#define QC_UNUSED_PROFILE_PROPERTY(Property, Type)                                                                     \
-    QC_UNUSED(get_##Property, NET_FW_PROFILE_TYPE2, Type*) QC_UNUSED(put_##Property, NET_FW_PROFILE_TYPE2, Type)
-#define QC_UNUSED_COUNT_AND_ENUM QC_UNUSED(get_Count, LONG*) QC_UNUSED(get__NewEnum, IUnknown**)
-// A property the DLL sets through the item's row of the same name; it never reads it.
-#define QC_SET(Property, Type)                                                                                         \
-    QC_UNUSED(get_##Property, Type*)                                                                                   \
-    STDMETHODIMP put_##Property(Type value) override                                                                   \
-    {                                                                                                                  \
-        return Put(L## #Property, value);                                                                              \
-    }
-
-// An object of the interfaces TInterfaces... (one object may serve several
-// views of one state).
-template <typename... TInterfaces>
-class CObject : public CComObject<CNoTypeInfo<TInterfaces>...>
+// The class a COM class creates: an item of kind kKind.
+template <const Kind& kKind>
+struct CItemOf : CItem
 {
-protected:
-    void* Find(REFIID riid) override { return InterfaceOf<TInterfaces...>(this, riid); }
+    CItemOf() : CItem(kKind) {}
 };
-
-// Another interface of the same object, as the answer of `method`.
-template <typename TInterface, typename TObject>
-HRESULT View(const wchar_t* method, TObject* pObject, TInterface** ppView)
-{
-    return Journaled(method, [&] {
-        *ppView = pObject;
-        pObject->AddRef();
-        return S_OK;
-    });
-}
-
-// ---- the lists: entries of the registry state ------------------------------
 
 // The entry of `list` whose value `name` is `text`; empty when there is none.
 std::wstring FindEntry(const std::wstring& list, const wchar_t* name, const wchar_t* text)
@@ -347,10 +377,10 @@ std::wstring FindEntry(const std::wstring& list, const wchar_t* name, const wcha
     return L"";
 }
 
+// An entry is there while it has values (the firewall never leaves one without).
 bool Exists(const std::wstring& entry)
 {
-    Quillcast::System::Types::CRegistryKey key;
-    return RegOpenKeyExW(HKEY_LOCAL_MACHINE, FirewallKey(entry).c_str(), 0, KEY_READ, key.Put()) == ERROR_SUCCESS;
+    return !NamesIn(FirewallKey(entry), true).empty();
 }
 
 // A new numbered entry of `list`: the first free number.
@@ -404,70 +434,6 @@ HRESULT RemoveFrom(const wchar_t* method, const std::wstring& entry)
     });
 }
 
-class CRule : public CObject<INetFwRule2>, public CItem
-{
-public:
-    CRule() : CItem(L"Rule", kRuleProperties) {}
-
-    QC_SET(Name, BSTR)
-    QC_SET(Description, BSTR)
-    QC_SET(ApplicationName, BSTR)
-    QC_UNUSED_PROPERTY(ServiceName, BSTR)
-    QC_SET(Protocol, LONG)
-    QC_SET(LocalPorts, BSTR)
-    QC_SET(RemotePorts, BSTR)
-    QC_SET(LocalAddresses, BSTR)
-    QC_SET(RemoteAddresses, BSTR)
-    QC_UNUSED_PROPERTY(IcmpTypesAndCodes, BSTR)
-    QC_SET(Direction, NET_FW_RULE_DIRECTION)
-    QC_UNUSED_PROPERTY(Interfaces, VARIANT)
-    QC_UNUSED_PROPERTY(InterfaceTypes, BSTR)
-    QC_SET(Enabled, VARIANT_BOOL)
-    QC_UNUSED_PROPERTY(Grouping, BSTR)
-    QC_SET(Profiles, LONG)
-    QC_SET(EdgeTraversal, VARIANT_BOOL)
-    QC_UNUSED_PROPERTY(Action, NET_FW_ACTION)
-    QC_SET(EdgeTraversalOptions, LONG)
-
-protected:
-    // Under the NoRule2 switch the rule is of the older kind, without INetFwRule2.
-    void* Find(REFIID riid) override
-    {
-        const bool bHidden = riid == __uuidof(INetFwRule2) && ReadDword(kFirewallRoot, L"NoRule2", 0) != 0;
-        return bHidden ? nullptr : InterfaceOf<INetFwRule2, INetFwRule>(this, riid);
-    }
-};
-
-class COpenPort : public CObject<INetFwOpenPort>, public CItem
-{
-public:
-    COpenPort() : CItem(L"OpenPort", kOpenPortProperties) {}
-
-    QC_SET(Name, BSTR)
-    QC_UNUSED_PROPERTY(IpVersion, NET_FW_IP_VERSION)
-    QC_SET(Protocol, NET_FW_IP_PROTOCOL)
-    QC_SET(Port, LONG)
-    QC_UNUSED_PROPERTY(Scope, NET_FW_SCOPE)
-    QC_SET(RemoteAddresses, BSTR)
-    STDMETHODIMP get_Enabled(VARIANT_BOOL* pEnabled) override { return GetEnabled(pEnabled); }
-    STDMETHODIMP put_Enabled(VARIANT_BOOL value) override { return Put(L"Enabled", value); }
-    QC_UNUSED(get_BuiltIn, VARIANT_BOOL*)
-};
-
-class CAuthorizedApp : public CObject<INetFwAuthorizedApplication>, public CItem
-{
-public:
-    CAuthorizedApp() : CItem(L"AuthorizedApp", kAuthorizedAppProperties) {}
-
-    QC_SET(Name, BSTR)
-    QC_SET(ProcessImageFileName, BSTR)
-    QC_UNUSED_PROPERTY(IpVersion, NET_FW_IP_VERSION)
-    QC_UNUSED_PROPERTY(Scope, NET_FW_SCOPE)
-    QC_SET(RemoteAddresses, BSTR)
-    STDMETHODIMP get_Enabled(VARIANT_BOOL* pEnabled) override { return GetEnabled(pEnabled); }
-    STDMETHODIMP put_Enabled(VARIANT_BOOL value) override { return Put(L"Enabled", value); }
-};
-
 // The rule interface: the policy and its rules, one object. Rules are found
 // by name; a new one gets a new entry, and a removal takes every rule of the
 // name (none is no failure).
@@ -499,11 +465,11 @@ public:
     QC_UNUSED_COUNT_AND_ENUM
     STDMETHODIMP Item(BSTR name, INetFwRule** ppRule) override
     {
-        return ItemOf<CRule>(L"Rules.Item", FindEntry(L"Rules", L"Name", name), ppRule);
+        return ItemOf<CItemOf<kRule>>(L"Rules.Item", FindEntry(L"Rules", L"Name", name), ppRule);
     }
     STDMETHODIMP Add(INetFwRule* pRule) override
     {
-        return AddTo<CRule>(L"Rules.Add", pRule, [](const CItem&) { return NewEntry(L"Rules"); });
+        return AddTo<CItemOf<kRule>>(L"Rules.Add", pRule, [](const CItem&) { return NewEntry(L"Rules"); });
     }
     STDMETHODIMP Remove(BSTR name) override
     {
@@ -569,15 +535,14 @@ public:
     QC_UNUSED(get_IcmpSettings, INetFwIcmpSettings**)
     QC_UNUSED(get_Services, INetFwServices**)
 
-    QC_UNUSED_COUNT_AND_ENUM // of either list
-        STDMETHODIMP
-        Item(LONG port, NET_FW_IP_PROTOCOL protocol, INetFwOpenPort** ppPort) override
+    QC_UNUSED_COUNT_AND_ENUM
+    STDMETHODIMP Item(LONG port, NET_FW_IP_PROTOCOL protocol, INetFwOpenPort** ppPort) override
     {
-        return ItemOf<COpenPort>(L"OpenPorts.Item", PortEntry(port, protocol), ppPort);
+        return ItemOf<CItemOf<kOpenPort>>(L"OpenPorts.Item", PortEntry(port, protocol), ppPort);
     }
     STDMETHODIMP Add(INetFwOpenPort* pPort) override
     {
-        return AddTo<COpenPort>(L"OpenPorts.Add", pPort, [](const CItem& item) {
+        return AddTo<CItemOf<kOpenPort>>(L"OpenPorts.Add", pPort, [](const CItem& item) {
             const std::wstring entry = PortEntry(item.Number(L"Port"), item.Number(L"Protocol"));
             RegDeleteTreeW(HKEY_LOCAL_MACHINE, FirewallKey(entry).c_str());
             return entry;
@@ -589,11 +554,11 @@ public:
     }
     STDMETHODIMP Item(BSTR path, INetFwAuthorizedApplication** ppApp) override
     {
-        return ItemOf<CAuthorizedApp>(L"AuthorizedApps.Item", AppEntry(path), ppApp);
+        return ItemOf<CItemOf<kAuthorizedApp>>(L"AuthorizedApps.Item", AppEntry(path), ppApp);
     }
     STDMETHODIMP Add(INetFwAuthorizedApplication* pApp) override
     {
-        return AddTo<CAuthorizedApp>(L"AuthorizedApps.Add", pApp, [](const CItem& item) {
+        return AddTo<CItemOf<kAuthorizedApp>>(L"AuthorizedApps.Add", pApp, [](const CItem& item) {
             const std::wstring entry = AppEntry(item.Text(L"ProcessImageFileName").c_str());
             return entry.empty() ? NewEntry(L"AuthorizedApplications") : entry;
         });
@@ -601,19 +566,18 @@ public:
     STDMETHODIMP Remove(BSTR path) override { return RemoveFrom(L"AuthorizedApps.Remove", AppEntry(path)); }
 };
 
-// ---- class objects and registration ----------------------------------------
-
 // The classes served here, by the name their creation is journaled with.
 const struct
 {
     CLSID clsid;
     const wchar_t* name;
     HRESULT (*classObject)(REFIID riid, void** ppv);
-} kClasses[] = {{__uuidof(NetFwPolicy2), L"NetFwPolicy2", ClassObject<CPolicy2>},
-                {__uuidof(NetFwRule), L"NetFwRule", ClassObject<CRule>},
-                {__uuidof(NetFwMgr), L"NetFwMgr", ClassObject<CMgr>},
-                {__uuidof(NetFwOpenPort), L"NetFwOpenPort", ClassObject<COpenPort>},
-                {__uuidof(NetFwAuthorizedApplication), L"NetFwAuthorizedApplication", ClassObject<CAuthorizedApp>}};
+} kClasses[] = {
+    {__uuidof(NetFwPolicy2), L"NetFwPolicy2", ClassObject<CPolicy2>},
+    {__uuidof(NetFwRule), L"NetFwRule", ClassObject<CItemOf<kRule>>},
+    {__uuidof(NetFwMgr), L"NetFwMgr", ClassObject<CMgr>},
+    {__uuidof(NetFwOpenPort), L"NetFwOpenPort", ClassObject<CItemOf<kOpenPort>>},
+    {__uuidof(NetFwAuthorizedApplication), L"NetFwAuthorizedApplication", ClassObject<CItemOf<kAuthorizedApp>>}};
 
 // Wine's registration while this one replaces it (not part of the state).
 constexpr const wchar_t* kSaved = L"Software\\QuillcastTest\\FirewallSavedRegistration";
@@ -645,26 +609,16 @@ extern "C" HRESULT WINAPI DllGetClassObject(REFCLSID clsid, REFIID riid, void** 
     return CLASS_E_CLASSNOTAVAILABLE;
 }
 
-// The objects keep no count of the module: it stays loaded while the process runs.
-extern "C" HRESULT WINAPI DllCanUnloadNow()
-{
-    return S_FALSE;
-}
-
 // The five classes served here; the registrations they replace are kept (once)
 // for DllUnregisterServer to put back.
 extern "C" HRESULT WINAPI DllRegisterServer()
 {
     wchar_t self[MAX_PATH] = {};
     GetModuleFileNameW(reinterpret_cast<HMODULE>(&__ImageBase), self, MAX_PATH);
-    for (const auto& entry : QcTest::kClasses)
-    {
-        if (!QcTest::ReplaceServer(entry.clsid, self, QcTest::kSaved))
-        {
-            return E_ACCESSDENIED;
-        }
-    }
-    return S_OK;
+    const bool bReplaced =
+        std::all_of(std::begin(QcTest::kClasses), std::end(QcTest::kClasses),
+                    [&](const auto& entry) { return QcTest::ReplaceServer(entry.clsid, self, QcTest::kSaved); });
+    return bReplaced ? S_OK : E_ACCESSDENIED;
 }
 
 extern "C" HRESULT WINAPI DllUnregisterServer()

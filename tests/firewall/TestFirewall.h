@@ -49,17 +49,15 @@ inline std::vector<std::wstring> NamesIn(const std::wstring& key, bool bValues =
 class CTestFirewall
 {
 public:
-    CTestFirewall() : m_module(::LoadLibraryW((BinFolder() + L"QcTestFirewall.dll").c_str()))
+    CTestFirewall()
+            : m_module(::LoadLibraryW((BinFolder() + L"QcTestFirewall.dll").c_str())),
+              m_bRegistered(Run("DllRegisterServer"))
     {
-        m_bRegistered = Run("DllRegisterServer");
-        Reset();
     }
-    CTestFirewall(const CTestFirewall&) = delete;
-    CTestFirewall& operator=(const CTestFirewall&) = delete;
-    // Puts Wine's registration back and forgets every rule and list entry.
+    // Puts Wine's registration back (nothing more to do when that fails) and forgets every rule and list entry.
     ~CTestFirewall()
     {
-        (void)Run("DllUnregisterServer"); // nothing more to do when it fails
+        (void)Run("DllUnregisterServer");
         Reset();
     }
 
@@ -104,19 +102,6 @@ public:
         return entries;
     }
 
-    // The calls made so far, as "Object.Method".
-    static std::vector<std::wstring> Journal()
-    {
-        std::wstring text;
-        std::vector<std::wstring> calls;
-        ReadText(kFirewallRoot, L"Journal", text);
-        for (size_t end; (end = text.find(L'\n')) != std::wstring::npos; text.erase(0, end + 1))
-        {
-            calls.push_back(text.substr(0, end));
-        }
-        return calls;
-    }
-
 private:
     bool Run(const char* entry) const
     {
@@ -126,7 +111,7 @@ private:
     }
 
     Quillcast::System::Types::CModule m_module;
-    bool m_bRegistered = false;
+    bool m_bRegistered;
 };
 
 } // namespace QcTest
