@@ -54,10 +54,7 @@ HRESULT Failure(const wchar_t* call)
     return static_cast<HRESULT>(wcstoul(Answer(call, L"0").c_str(), nullptr, 10));
 }
 
-const wchar_t* Text(const wchar_t* pszText)
-{
-    return pszText != nullptr ? pszText : L"null";
-}
+const auto Text = [](const wchar_t* pszText) { return pszText != nullptr ? pszText : L"null"; };
 
 std::wstring Hex(ULONG flags)
 {
