@@ -1,4 +1,5 @@
-// GetDomain and DirectoryObjectPick against Wine's own parts, or the test double that records calls and releases.
+// GetDomain and DirectoryObjectPick against the test double, which records calls and releases, in the place of
+// Wine's WMI and picker (the e2e cases run GetDomain on Wine's own WMI).
 #include <gtest/gtest.h>
 
 #include <windows.h>
@@ -56,9 +57,9 @@ const auto Fail = [](const wchar_t* call, HRESULT hResult) {
 struct Row
 {
     const char* name = "";
-    std::wstring server = kDoubleServer; // "": Wine's own parts
-    Properties answers = {};             // the double's
-    Properties properties = {};          // besides the product name and the results' earlier values
+    std::wstring server = kDoubleServer;
+    Properties answers = {};    // the double's
+    Properties properties = {}; // besides the product name and the results' earlier values
     std::set<std::wstring> failingReads = {};
     int apartment = -1; // the caller's COM apartment
     Lines lines = {};
@@ -72,12 +73,9 @@ protected:
     // The servers the double stood in for (Wine's own) are put back, and its answers and journal dropped.
     void TearDown() override
     {
-        if (!GetParam().server.empty())
-        {
-            RestoreServer(CLSID_WbemLocator, kSavedServers);
-            RestoreServer(CLSID_DsObjectPicker, kSavedServers);
-            RegDeleteTreeW(HKEY_LOCAL_MACHINE, kDoubleKey.c_str());
-        }
+        RestoreServer(CLSID_WbemLocator, kSavedServers);
+        RestoreServer(CLSID_DsObjectPicker, kSavedServers);
+        RegDeleteTreeW(HKEY_LOCAL_MACHINE, kDoubleKey.c_str());
     }
 };
 
@@ -86,8 +84,8 @@ TEST_P(DirectoryAction, Case)
     const Row& row = GetParam();
     const bool bDomain = std::strstr(::testing::UnitTest::GetInstance()->current_test_suite()->name(), "GetDomain");
     // `server` serves CLSID_WbemLocator and CLSID_DsObjectPicker in the test prefix for the case.
-    ASSERT_TRUE(row.server.empty() || (ReplaceServer(CLSID_WbemLocator, row.server, kSavedServers) &&
-                                       ReplaceServer(CLSID_DsObjectPicker, row.server, kSavedServers)));
+    ASSERT_TRUE(ReplaceServer(CLSID_WbemLocator, row.server, kSavedServers) &&
+                ReplaceServer(CLSID_DsObjectPicker, row.server, kSavedServers));
     for (const auto& answer : row.answers)
     {
         WriteText(kDoubleKey, answer.first.c_str(), answer.second);
@@ -155,13 +153,11 @@ Lines Calls(size_t steps, const Lines& rest = {})
     calls.insert(calls.end(), {L"Services released", L"Locator released"});
     return calls;
 }
-// The end of an enumeration that finds nothing (more).
-const Lines kNoneLeft = {L"Next -1 1", L"Enumerator released"};
 // A run that finds `instances` computer systems and reads the first; without `bBlankets` no blanket is set.
 Lines FullRun(size_t instances, bool bBlankets = true)
 {
-    Lines rest(instances, kNoneLeft[0]);
-    rest.insert(rest.end(), {kNoneLeft[0], kNoneLeft[1], L"Get PartOfDomain", L"Get Domain"});
+    Lines rest(instances + 1, L"Next -1 1"); // the last finds none left
+    rest.insert(rest.end(), {L"Enumerator released", L"Get PartOfDomain", L"Get Domain"});
     rest.insert(rest.end(), instances, L"Win32_ComputerSystem released");
     Lines calls = Calls(4, rest);
     const auto isBlanket = [&](const std::wstring& call) { return !bBlankets && call.rfind(L"SetBlanket", 0) == 0; };
@@ -218,7 +214,7 @@ const Row kDomainRows[] = {
      .lines = {kConnecting, kQuerying,
                Error(L"WmiConnection", L"Enumerating class objects failed with error 262148 returned = 0"),
                kQueryFailed},
-     .journal = Calls(4, kNoneLeft)},
+     .journal = Calls(4, {L"Next -1 1", L"Enumerator released"})},
 };
 
 // The first scope record (size, types, scope flags, uplevel both/mixed/native filters, downlevel filter, domain
@@ -255,9 +251,11 @@ const Row kPickRows[] = {
      .apartment = COINIT_MULTITHREADED,
      .values = kPicked,
      .journal = Picked(L"0x1", kUsersAndGroups)},
-    {.name = "UserFlag1OffersUsersUnderTheStandardDialogWithoutTheWizard",
+    // A cancel, S_FALSE without a selection, is a failure.
+    {.name = "CancelledPickerOfUsersUnderTheStandardDialogWithoutTheWizardFails",
+     .answers = {Fail(L"InvokeDialog", S_FALSE)},
      .properties = {{L"ProductName", kDialogTitle}, {L"PickUserFlagProperty", L"1"}},
-     .values = kPicked,
+     .lines = {Error(L"Directory", L"ProcessSelectedObjects failed with error 2147942487"), kShowFailed},
      .journal = Picked(L"0x0", kUsers, L"#32770")},
     // The records stay unprepared; the picker refuses them and no dialog is shown. COM is uninitialised at once
     // and again by the destructor, both on purpose: the caller's own initialisation ends with the action.
@@ -267,10 +265,6 @@ const Row kPickRows[] = {
      .lines = {Error(L"Directory", L"dwUserFlag not valid"),
                Error(L"Directory", L"InitObjectPicker failed with error 2147942487"), kShowFailed},
      .journal = {L"Initialize 0 null 0 0x0 0", L"Picker released"}},
-    // Wine's picker answers S_FALSE without a selection, like a cancel, which is a failure.
-    {.name = "WinesOwnPickerEndsLikeACancel",
-     .server = L"",
-     .lines = {Error(L"Directory", L"ProcessSelectedObjects failed with error 2147942487"), kShowFailed}},
     {.name = "FailingPickerOfGroupsWithMultiSelectFails",
      .answers = {Fail(L"InvokeDialog", E_ACCESSDENIED)},
      .properties = {{L"PickUserFlagProperty", L"2"}, {L"PickMultiSelectProperty", L"1"}},
