@@ -231,8 +231,7 @@ Lines Picked(const wchar_t* options, const std::wstring& scope, const std::wstri
     return {L"Initialize " + std::to_wstring(sizeof(DSOP_INIT_INFO)) + L" null 2 " + options + L" 0", scope,
             L"Scope 0 0x0 0x0 0x0 0x0 0x0 0x0 null null", L"InvokeDialog " + parent, L"Picker released"};
 }
-// The picker's one selection (QcDirectoryDouble.cpp), each path as DOMAIN\name, one without a path adding an empty
-// entry.
+// The picker's one selection (QcDirectoryDouble.cpp) as DOMAIN\name each, the entry without a path adding nothing.
 const Lines kPicked = {L"CORP\\alice;;CORP\\Print Operators"};
 
 const Row kPickRows[] = {

@@ -356,12 +356,10 @@ public:
             return E_OUTOFMEMORY;
         }
         auto* pList = static_cast<DS_SELECTION_LIST*>(m_Memory.Get());
-        DS_SELECTION* pSelections = pList->aDsSelection; // cItems records
         pList->cItems = 3;
         for (ULONG i = 0; i < pList->cItems; ++i)
         {
-            pSelections[i].flScopeType = DSOP_SCOPE_TYPE_UPLEVEL_JOINED_DOMAIN;
-            pSelections[i].pwzADsPath = const_cast<PWSTR>(kPaths[i]);
+            pList->aDsSelection[i].pwzADsPath = const_cast<PWSTR>(kPaths[i]); // the path is all the DLL reads
         }
         pMedium->tymed = TYMED_HGLOBAL;
         pMedium->hGlobal = m_Memory.Get();

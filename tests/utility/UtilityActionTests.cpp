@@ -1,7 +1,6 @@
-// The installer utility actions of the shipped DLL, run in real installer sessions (RunAction) against the real
-// registry and version resources of the test run's Wine prefix: the ICA client's virtual-driver list, the remote
-// configuration, the messages, the engine's edition and a file's version. What Wine cannot show (another kind of
-// system, a message box, a refused write) is seen through the DLL's own imports.
+// The installer utility actions of the shipped DLL in real installer sessions (RunAction), against the registry and
+// the version resources of the test run's Wine prefix. What Wine cannot show (another kind of system, a message box,
+// a refused write) is seen through the DLL's own imports.
 #include <gtest/gtest.h>
 
 #include <windows.h>
@@ -212,8 +211,7 @@ const RegistryCase kRegistryCases[] = {
 
 INSTANTIATE_TEST_SUITE_P(Cases, RegistryValue, ::testing::ValuesIn(kRegistryCases), kByBehaviour);
 
-// ---- ShowMessageDeferred and ShowMessageImmediately: the installer's answer decides; the quiet-mode box is shown
-// system-modal and decides nothing ----
+// ---- ShowMessage*: the installer's answer decides; the quiet-mode box, shown system-modal, decides nothing ----
 
 // The user message as the runner records it, with the installer's answer.
 const auto Message = [](const wchar_t* typeHex, const std::wstring& text, int answer) {
@@ -305,8 +303,7 @@ const ImmediateCase kImmediateCases[] = {
 
 INSTANTIATE_TEST_SUITE_P(Cases, ShowMessageImmediately, ::testing::ValuesIn(kImmediateCases), kByBehaviour);
 
-// ---- GetEngineVersion: the edition property chosen from the engine's uninstall entry, the kind of system and the
-// installer programs in the system directory ----
+// ---- GetEngineVersion: the edition from the uninstall entry, the kind of system and the sibling programs ----
 
 const std::wstring kUninstall = L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\";
 const Lines kEditions = {L"SERVERKIT70", L"RDPKIT70",    L"DESKTOPKIT70", L"DESKTOPKIT702",
@@ -411,16 +408,15 @@ TEST_P(GetFileVersion, WritesTheFileVersion)
               std::make_tuple(test.result, test.lines, std::wstring(test.gfvResult)));
 }
 
+// 1812 is Wine's code for a file without a version resource.
+const std::wstring kNoResource = L"[ERROR] FileVersion (#) GetFileVersionInfoSize failed with error 1812.";
+
 const FileVersionCase kFileCases[] = {
     // The folder's own backslash and the joining one make two; the file is still found.
     {"FileVersionOfAVersionResourceInAFolderEndingInBackslash", L"\\", L"QcVersion_65535_0_0_65535.exe",
      L"65535.0.0.65535"},
-    // The test program has no version resource; 1812 is Wine's code for that.
-    {"FileWithoutVersionResourceGivesEmptyResult",
-     L"",
-     L"qc_utility_tests.exe",
-     L"",
-     {L"[ERROR] FileVersion (#) GetFileVersionInfoSize failed with error 1812."}},
+    // The test program has no version resource.
+    {"FileWithoutVersionResourceGivesEmptyResult", L"", L"qc_utility_tests.exe", L"", {kNoResource}},
     {"MissingFileGivesMinusOneAndFails", L"", L"QcMissing.exe", L"-1", {Error(L"Access failed with error 2")}, 1603},
 };
 
