@@ -413,8 +413,7 @@ const std::wstring kNoResource = L"[ERROR] FileVersion (#) GetFileVersionInfoSiz
 
 const FileVersionCase kFileCases[] = {
     // The folder's own backslash and the joining one make two; the file is still found.
-    {"FileVersionOfAVersionResourceInAFolderEndingInBackslash", L"\\", L"QcVersion_65535_0_0_65535.exe",
-     L"65535.0.0.65535"},
+    {"FileVersionOfAVersionResource", L"\\", L"QcVersion_65535_0_0_65535.exe", L"65535.0.0.65535"},
     // The test program has no version resource.
     {"FileWithoutVersionResourceGivesEmptyResult", L"", L"qc_utility_tests.exe", L"", {kNoResource}},
     {"MissingFileGivesMinusOneAndFails", L"", L"QcMissing.exe", L"-1", {Error(L"Access failed with error 2")}, 1603},
