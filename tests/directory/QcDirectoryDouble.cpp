@@ -1,17 +1,15 @@
 // An in-process COM server standing in for the two parts Wine lacks: a WMI locator whose Win32_ComputerSystem
-// says what the test wants (a domain member or not, another CIM type, no instance, a failing step) and a directory
-// object picker that returns one fixed selection in the CFSTR_DSOP_DS_SELECTION_LIST format. Its calls refuse what
-// the platform's documentation says they refuse.
+// says what the test wants, and a directory object picker that returns one fixed selection in the
+// CFSTR_DSOP_DS_SELECTION_LIST format. Its calls refuse what the platform's documentation says they refuse.
 //
-// It takes its answers from values under kDoubleKey, all text and all optional (numbers in decimal):
+// Its answers are values under kDoubleKey, all text and all optional (numbers in decimal):
 //   Instances           how many Win32_ComputerSystem the query finds (default 1)
 //   Domain, PartOfDomain  each instance's property as "<CIM type>:<text>", "<CIM type>:" for one without a
 //                       value; absent: WBEM_E_NOT_FOUND
 //   ImpersonationLevel  what the proxies report before a set (default 2, identify)
 //   ConnectServer, QueryBlanket, SetBlanket, ExecQuery, Next, InvokeDialog: the HRESULT that call answers instead
-// and writes there:
-//   Journal             a line per call worth checking, its name and arguments in order, and one per object's
-//                       final release, "<object> released", each ended by '\n'
+// Its record is the value Journal: a line per call worth checking, its name and arguments in order, and one per
+// object's final release, "<object> released", each ended by '\n'.
 #include <windows.h>
 #include <shlwapi.h>
 
@@ -54,10 +52,7 @@ HRESULT Failure(const wchar_t* call)
     return static_cast<HRESULT>(wcstoul(Answer(call, L"0").c_str(), nullptr, 10));
 }
 
-const wchar_t* Text(const wchar_t* pszText)
-{
-    return pszText != nullptr ? pszText : L"null";
-}
+const auto Text = [](const wchar_t* pszText) { return pszText != nullptr ? pszText : L"null"; };
 
 std::wstring Hex(ULONG flags)
 {
@@ -361,12 +356,10 @@ public:
             return E_OUTOFMEMORY;
         }
         auto* pList = static_cast<DS_SELECTION_LIST*>(m_Memory.Get());
-        DS_SELECTION* pSelections = pList->aDsSelection; // cItems records
         pList->cItems = 3;
         for (ULONG i = 0; i < pList->cItems; ++i)
         {
-            pSelections[i].flScopeType = DSOP_SCOPE_TYPE_UPLEVEL_JOINED_DOMAIN;
-            pSelections[i].pwzADsPath = const_cast<PWSTR>(kPaths[i]);
+            pList->aDsSelection[i].pwzADsPath = const_cast<PWSTR>(kPaths[i]); // the path is all the DLL reads
         }
         pMedium->tymed = TYMED_HGLOBAL;
         pMedium->hGlobal = m_Memory.Get();

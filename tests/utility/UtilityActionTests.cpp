@@ -1,7 +1,6 @@
-// The installer utility actions of the shipped DLL, run in real installer sessions (RunAction) against the real
-// registry and version resources of the test run's Wine prefix: the ICA client's virtual-driver list, the remote
-// configuration, the messages, the engine's edition and a file's version. What Wine cannot show (another kind of
-// system, a message box, a refused write) is seen through the DLL's own imports.
+// The installer utility actions of the shipped DLL in real installer sessions (RunAction), against the registry and
+// the version resources of the test run's Wine prefix. What Wine cannot show (another kind of system, a message box,
+// a refused write) is seen through the DLL's own imports.
 #include <gtest/gtest.h>
 
 #include <windows.h>
@@ -40,7 +39,7 @@ struct Imports
 };
 Imports g_Imports;
 std::vector<std::pair<REGSAM, std::wstring>> g_Keys; // made by SetValue()
-std::vector<std::wstring> g_Files;                   // put by Place()
+std::vector<std::wstring> g_Files;                   // programs placed by a case
 
 // A case of `Case` rows, each named after its `behaviour`: the DLL's imports are redirected as g_Imports says,
 // and every key and file the case made is deleted after it.
@@ -132,41 +131,53 @@ std::pair<DWORD, std::wstring> ReadValue(REGSAM view, const std::wstring& key, c
     return value;
 }
 
-// ---- AddIcaClient and RemoveIcaClient: the virtual-driver list in the 32-bit view, compared byte for byte ----
+// ---- AddIcaClient and RemoveIcaClient: the ICA client's virtual-driver list in the 32-bit view; SetRemoteConfig*:
+// "RmtConf" in the 64-bit view; each value compared byte for byte ----
 
 const wchar_t kModules[] = L"SOFTWARE\\Citrix\\ICA Client\\Engine\\Configuration\\Advanced\\Modules\\ICA 3.0";
-const wchar_t kDriver[] = L"VirtualDriver";
-constexpr DWORD kNoKey = ~0u; // as the type before: no key in the 32-bit view either
+const wchar_t kClient[] = L"SOFTWARE\\Quillcast\\Client";
+constexpr DWORD kNoKey = ~0u; // as the type before: the key only in the other view
 const std::wstring kKept = L"(kept)";
 const std::wstring kNone = L"(none)";
 const char* const kAdd = "AddIcaClient";
 const char* const kRemove = "RemoveIcaClient";
+const char* const kDeferred = "SetRemoteConfigDeferred";
+const char* const kImmediate = "SetRemoteConfigImmediately";
 
-struct IcaCase
+struct RegistryCase
 {
     const char* behaviour;
     const char* action;
     DWORD type;          // of the value before; REG_NONE: the key exists, the value does not
-    std::wstring before; // its bytes, as characters
-    std::wstring after;  // the list written as REG_SZ with its terminator; kKept; kNone: no value
+    std::wstring before; // the list's bytes, as characters; for SetRemoteConfig* the list given instead
+    std::wstring after;  // the bytes written (REG_SZ for the list, REG_MULTI_SZ for "RmtConf"); kKept; kNone: no value
     UINT result = 0;
     Lines lines = {};
+    bool bRefused = false; // the registry refuses the write
 };
 
-using IcaClient = UtilityCases<IcaCase>;
+using RegistryValue = UtilityCases<RegistryCase>;
 
-TEST_P(IcaClient, ChangesTheVirtualDriverList)
+TEST_P(RegistryValue, IsWrittenAsTheActionSays)
 {
-    const IcaCase& test = GetParam();
-    ASSERT_TRUE(test.type == kNoKey ||
-                SetValue(KEY_WOW64_32KEY, kModules, test.type ? kDriver : nullptr, test.type, test.before));
+    const RegistryCase& test = GetParam();
+    const bool bIca = std::string(test.action).find("IcaClient") != std::string::npos;
+    const auto [key, name, view] = bIca ? std::make_tuple(kModules, L"VirtualDriver", KEY_WOW64_32KEY)
+                                        : std::make_tuple(kClient, L"RmtConf", KEY_WOW64_64KEY);
+    const REGSAM keyView = test.type == kNoKey ? view ^ (KEY_WOW64_32KEY | KEY_WOW64_64KEY) : view;
+    ASSERT_TRUE(SetValue(keyView, key, bIca && (test.type == REG_SZ || test.type == REG_EXPAND_SZ) ? name : nullptr,
+                         test.type, test.before));
+    g_Imports.bRefuseWrites = test.bRefused;
+    // Not ";" as the separator: the list itself holds semicolons.
+    const Properties list = {{L"CustomActionData", L"|REMOTECONFIG=" + test.before}, {L"RMTCONF", test.before}};
 
-    const ActionOutcome outcome = RunAction(test.action, {}, {});
+    const ActionOutcome outcome = RunAction(test.action, bIca ? Properties{} : list, {});
     EXPECT_EQ(std::make_pair(outcome.result, outcome.lines), std::make_pair(test.result, test.lines));
-    const auto expected = test.after == kKept   ? std::make_pair(test.type, test.before)
-                          : test.after == kNone ? std::make_pair(DWORD{REG_NONE}, L""s)
-                                                : std::make_pair(DWORD{REG_SZ}, test.after + L'\0');
-    EXPECT_EQ(ReadValue(KEY_WOW64_32KEY, kModules, kDriver), expected);
+    const auto expected = test.after == kKept ? std::make_pair(test.type, test.before)
+                          : test.after == kNone
+                              ? std::make_pair(DWORD{REG_NONE}, L""s)
+                              : std::make_pair(bIca ? DWORD{REG_SZ} : DWORD{REG_MULTI_SZ}, test.after);
+    EXPECT_EQ(ReadValue(view, key, name), expected);
 }
 
 const std::wstring kLong(10000, L'D');
@@ -174,84 +185,38 @@ const std::wstring kFound = Warning(L"Found QCClnIca registry value");
 const std::wstring kNoValue = Error(L"Query registry value failed with error 4242");
 const std::wstring kReplace = Error(L"Replace failed with error 87");
 const std::wstring kNoOpen = Error(L"Open registry key failed with error 4242");
+const std::wstring kRefused = Error(L"Set registry value failed with error 4242");
 
-const IcaCase kIcaCases[] = {
+const RegistryCase kRegistryCases[] = {
     // The value's type is not looked at; the list goes back as REG_SZ.
-    {"AddAppendsCommaAndEntryAsText", kAdd, REG_EXPAND_SZ, L"DrvA,DrvB\0"s, L"DrvA,DrvB,QCClnIca"},
-    {"AddTakesAValueWithoutDataAsAnEmptyList", kAdd, REG_SZ, L"", L"QCClnIca"},
+    {"AddAppendsCommaAndEntryAsText", kAdd, REG_EXPAND_SZ, L"DrvA,DrvB\0"s, L"DrvA,DrvB,QCClnIca\0"s},
+    {"AddTakesAValueWithoutDataAsAnEmptyList", kAdd, REG_SZ, L"", L"QCClnIca\0"s},
     {"AddCountsALongerNameContainingTheEntry", kAdd, REG_SZ, L"DrvA,QCClnIca64\0"s, kKept, 0, {kFound}},
-    {"AddExtendsAListOfTenThousandCharacters", kAdd, REG_SZ, kLong + L'\0', kLong + L",QCClnIca"},
+    {"AddExtendsAListOfTenThousandCharacters", kAdd, REG_SZ, kLong + L'\0', kLong + L",QCClnIca" + L'\0'},
     {"AddFailsWithoutTheValue", kAdd, REG_NONE, L"", kNone, 1603, {kNoValue}},
-    {"AddFailsWithoutTheKeyInThe32BitView", kAdd, kNoKey, L"", kNone, 1603, {kNoOpen}},
-    {"RemoveLeavesAListWithoutTheEntry", kRemove, REG_EXPAND_SZ, L"DrvA,DrvB\0"s, kKept},
+    {"AddFailsWithTheKeyIn64BitViewOnly", kAdd, kNoKey, L"", kNone, 1603, {kNoOpen}},
     {"RemoveDeletesTheValueHoldingOnlyTheEntry", kRemove, REG_SZ, L"QCClnIca\0"s, kNone},
-    {"RemoveTakesEveryOccurrence", kRemove, REG_SZ, L"QCClnIca,DrvA,QCClnIca\0"s, L"DrvA"},
+    {"RemoveTakesEveryOccurrence", kRemove, REG_SZ, L"QCClnIca,DrvA,QCClnIca\0"s, L"DrvA\0"s},
     // Removing ",QCClnIca" first joins a new "QCClnIca," at the front, which the second removal takes: only this
     // order of the first two leaves DrvA.
-    {"RemoveTakesCommaAndEntryBeforeEntryAndComma", kRemove, REG_SZ, L"QCCl,QCClnIcanIca,DrvA\0"s, L"DrvA"},
+    {"RemoveTakesCommaAndEntryBeforeEntryAndComma", kRemove, REG_SZ, L"QCCl,QCClnIcanIca,DrvA\0"s, L"DrvA\0"s},
     // The order of the removals leaves an empty text for the next one, which fails: kept as it is.
     {"RemoveFailsOnCommaAndEntry", kRemove, REG_SZ, L",QCClnIca\0"s, kKept, 1603, {kReplace}},
     {"RemoveFailsOnEntryAndComma", kRemove, REG_SZ, L"QCClnIca,\0"s, kKept, 1603, {kReplace}},
+    // Each ";" becomes a string's end; one terminator only: the count leaves out the list's second zero.
+    {"RemoteConfigGivesAnEmptyLastStringAfterATrailingSemicolon", kImmediate, REG_NONE, L"a;b;", L"a\0b\0\0"s},
+    {"RemoteConfigFailsWithTheKeyIn32BitViewOnly", kDeferred, kNoKey, L"host1", kNone, 1603, {kNoOpen}},
+    {"RemoteConfigWriteRefusedFails", kDeferred, REG_NONE, L"host1", kNone, 1603, {kRefused}, true},
 };
 
-INSTANTIATE_TEST_SUITE_P(Cases, IcaClient, ::testing::ValuesIn(kIcaCases), kByBehaviour);
+INSTANTIATE_TEST_SUITE_P(Cases, RegistryValue, ::testing::ValuesIn(kRegistryCases), kByBehaviour);
 
-// ---- SetRemoteConfigDeferred and SetRemoteConfigImmediately: "RmtConf" as REG_MULTI_SZ ----
-
-const wchar_t kClient[] = L"SOFTWARE\\Quillcast\\Client";
-const char* const kDeferred = "SetRemoteConfigDeferred";
-const char* const kImmediate = "SetRemoteConfigImmediately";
-const std::wstring kUnread = Error(L"MsiGetProperty RMTCONF failed with error 4242");
-const std::wstring kRefused = Error(L"Set registry value failed with error 4242");
-
-struct RemoteConfigCase
-{
-    const char* behaviour;
-    const char* action;
-    const wchar_t* list; // REMOTECONFIG or RMTCONF
-    std::wstring bytes;  // the value's exact data, as characters; empty: no value
-    UINT result = 0;
-    Lines lines = {};
-    const wchar_t* failingRead = L""; // a property whose read fails
-    bool refused = false;             // the registry refuses the write
-    REGSAM keyView = KEY_WOW64_64KEY; // where the key exists
-};
-
-using RemoteConfig = UtilityCases<RemoteConfigCase>;
-
-TEST_P(RemoteConfig, WritesTheListAsStrings)
-{
-    const RemoteConfigCase& test = GetParam();
-    ASSERT_TRUE(SetValue(test.keyView, kClient, nullptr, REG_NONE, L""));
-    g_Imports.failingRead = test.failingRead;
-    g_Imports.bRefuseWrites = test.refused;
-    // Not ";" as the separator: the list itself holds semicolons.
-    const ActionOutcome outcome = RunAction(
-        test.action, {{L"CustomActionData", L"|REMOTECONFIG=" + std::wstring(test.list)}, {L"RMTCONF", test.list}}, {});
-    EXPECT_EQ(std::make_pair(outcome.result, outcome.lines), std::make_pair(test.result, test.lines));
-    EXPECT_EQ(ReadValue(test.keyView, kClient, L"RmtConf"),
-              std::make_pair(test.bytes.empty() ? DWORD{REG_NONE} : DWORD{REG_MULTI_SZ}, test.bytes));
-}
-
-const RemoteConfigCase kRemoteConfigCases[] = {
-    // One terminator only: the count leaves out the list's second zero.
-    {"DeferredWritesEachHostAsAString", kDeferred, L"host1;host2", L"host1\0host2\0"s},
-    {"TrailingSemicolonGivesAnEmptyLastString", kImmediate, L"a;b;", L"a\0b\0\0"s},
-    {"KeyIn32BitViewOnlyIsNoKey", kDeferred, L"host1", L"", 1603, {kNoOpen}, L"", false, KEY_WOW64_32KEY},
-    {"UnreadablePropertyFailsAndWritesNothing", kImmediate, L"host1", L"", 1603, {kUnread}, L"RMTCONF"},
-    {"RefusedWriteFails", kDeferred, L"host1", L"", 1603, {kRefused}, L"", true},
-};
-
-INSTANTIATE_TEST_SUITE_P(Cases, RemoteConfig, ::testing::ValuesIn(kRemoteConfigCases), kByBehaviour);
-
-// ---- ShowMessageDeferred and ShowMessageImmediately: the installer's answer decides; the quiet-mode box is shown
-// system-modal and decides nothing ----
+// ---- ShowMessage*: the installer's answer decides; the quiet-mode box, shown system-modal, decides nothing ----
 
 // The user message as the runner records it, with the installer's answer.
-std::wstring Message(const wchar_t* typeHex, const std::wstring& text, int answer)
-{
+const auto Message = [](const wchar_t* typeHex, const std::wstring& text, int answer) {
     return std::wstring(typeHex) + L": [1]|" + text + L"| -> " + std::to_wstring(answer);
-}
+};
 
 // The result, the action's lines and the user messages.
 std::tuple<UINT, Lines, Lines> Show(const char* exportName, const Properties& properties, int answer)
@@ -268,12 +233,10 @@ TEST(ShowMessage, DeferredResultFollowsTheAnswerAndTheTypeIsDecimal)
                                             {IDNO, 1602}, {IDTRYAGAIN, 1602}, {-1, 1602}};
     for (const auto& [answer, result] : answers)
     {
-        EXPECT_EQ(Show("ShowMessageDeferred", {{L"CustomActionData", L";MESSAGE=Continue setup?;TYPE=4"}}, answer),
-                  std::make_tuple(result, result == 0 ? Lines{} : Lines{Error(L"Continue setup?")},
-                                  Lines{Message(L"0x03000004", L"Continue setup?", answer)}));
+        EXPECT_EQ(Show("ShowMessageDeferred", {{L"CustomActionData", L";MESSAGE=Continue?;TYPE=48 and more"}}, answer),
+                  std::make_tuple(result, result == 0 ? Lines{} : Lines{Error(L"Continue?")},
+                                  Lines{Message(L"0x03000030", L"Continue?", answer)}));
     }
-    EXPECT_EQ(Show("ShowMessageDeferred", {{L"CustomActionData", L";MESSAGE=Low disk space;TYPE=48 and more"}}, IDOK),
-              std::make_tuple(0u, Lines{}, Lines{Message(L"0x03000030", L"Low disk space", IDOK)}));
     EXPECT_EQ(Show("ShowMessageDeferred", {{L"CustomActionData", L";MESSAGE=Done;OTHER=1"}}, IDOK),
               std::make_tuple(0u, Lines{}, Lines{Message(L"0x03000000", L"Done", IDOK)}));
 }
@@ -326,14 +289,13 @@ const Lines kTextUnread = {Error(L"MsiGetProperty ShowMessageTextProperty failed
 const std::wstring kBox = L"Quillcast Setup|Install the printer driver?|" + std::to_wstring(MB_SYSTEMMODAL | MB_YESNO);
 
 const ImmediateCase kImmediateCases[] = {
-    // Silent installation: the installer answers nothing; the box is the only
-    // way the user sees the message, and cancelling it changes nothing.
-    {"QuietModeOneShowsASystemModalBoxThatDecidesNothing", L"1", 0, Details(kCaption, L"1"), kBox},
     // The refusal's entry is the MESSAGE argument, absent for an immediate action.
     {"InstallerNoFailsWithAnEmptyEntry", L"1", IDNO, With(Details(kCaption, L"1"), 5, L"[ERROR] Various (#) ."), kBox,
      1602},
     {"QuietModeTwoIsNotOne", L"2", IDYES, Details(kCaption, L"2")},
-    {"UnreadableCaptionIsLoggedAndEmpty", L"1", IDOK,
+    // Silent installation: the installer answers nothing; the system-modal box is the only way the user sees the
+    // message, and cancelling it changes nothing.
+    {"UnreadableCaptionIsLoggedAndEmptyInTheBoxThatDecidesNothing", L"1", 0,
      With(Details(L"", L"1"), 2, Error(L"MsiGetProperty ShowMessageCaptionProperty failed with error 4242")),
      kBox.substr(kBox.find(L'|')), 0, L"ShowMessageCaptionProperty"},
     {"UnreadableTextFails", L"1", IDOK, kTextUnread, L"", 1603, L"ShowMessageTextProperty"},
@@ -341,35 +303,20 @@ const ImmediateCase kImmediateCases[] = {
 
 INSTANTIATE_TEST_SUITE_P(Cases, ShowMessageImmediately, ::testing::ValuesIn(kImmediateCases), kByBehaviour);
 
-// ---- GetEngineVersion: the edition property chosen from the engine's uninstall entry, the kind of system and the
-// installer programs in the system directory ----
-
-// Copies the build's program `program` into the system directory as `name`.
-bool Place(const std::wstring& program, const wchar_t* name)
-{
-    wchar_t folder[MAX_PATH] = {};
-    g_Files.push_back(std::wstring(folder, GetSystemDirectoryW(folder, MAX_PATH)) + L"\\" + name);
-    return CopyFileW((BinFolder() + program).c_str(), g_Files.back().c_str(), FALSE) != FALSE;
-}
+// ---- GetEngineVersion: the edition from the uninstall entry, the kind of system and the sibling programs ----
 
 const std::wstring kUninstall = L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\";
 const Lines kEditions = {L"SERVERKIT70", L"RDPKIT70",    L"DESKTOPKIT70", L"DESKTOPKIT702",
                          L"RDPKITXP70",  L"SERVERKIT76", L"RDPKIT76",     L"VDIKIT79"};
 constexpr BYTE Ws = VER_NT_WORKSTATION, Server = VER_NT_SERVER, Dc = VER_NT_DOMAIN_CONTROLLER;
-// Which uninstall entries exist: the engine's, the RDP engine's, both, or the
-// engine's only where a 32-bit product would register.
-enum Keys
-{
-    kEngine,
-    kRdp,
-    kBoth,
-    kEngine32
-};
+// Which uninstall entries exist: the engine's, the RDP engine's, both, or the engine's only where a 32-bit product
+// would register.
+constexpr int kEngine = 1, kRdp = 2, kBoth = kEngine | kRdp, kEngine32 = 4;
 
 struct EngineCase
 {
     const char* behaviour;
-    Keys keys;
+    int keys;
     const wchar_t* version;          // "DisplayVersion"
     const wchar_t* edition;          // the one property set to "1"; null: none
     const wchar_t* second = nullptr; // QcVersion<second>.exe placed in the system directory as QRDPInst.exe
@@ -388,10 +335,16 @@ TEST_P(EngineVersion, SetsTheEditionProperty)
     const REGSAM engineView = test.keys == kEngine32 ? KEY_WOW64_32KEY : KEY_WOW64_64KEY;
     ASSERT_TRUE(test.keys == kRdp ||
                 SetValue(engineView, kUninstall + L".lumen Engine", L"DisplayVersion", REG_SZ, version));
-    ASSERT_TRUE((test.keys != kRdp && test.keys != kBoth) ||
+    ASSERT_TRUE((test.keys & kRdp) == 0 ||
                 SetValue(KEY_WOW64_64KEY, kUninstall + L".lumen RDP Engine", L"DisplayVersion", REG_SZ, version));
-    ASSERT_TRUE(!test.marker || Place(L"QcVersion_7_1_0_0.exe", L"QCZDInst.exe"));
-    ASSERT_TRUE(!test.second || Place(L"QcVersion" + std::wstring(test.second) + L".exe", L"QRDPInst.exe"));
+    // Copies the build's QcVersion<suffix>.exe into the system directory as `name`.
+    const auto place = [](const std::wstring& suffix, const wchar_t* name) {
+        wchar_t folder[MAX_PATH] = {};
+        g_Files.push_back(std::wstring(folder, GetSystemDirectoryW(folder, MAX_PATH)) + L"\\" + name);
+        return CopyFileW((BinFolder() + L"QcVersion" + suffix + L".exe").c_str(), g_Files.back().c_str(), FALSE);
+    };
+    ASSERT_TRUE(!test.marker || place(L"_7_1_0_0", L"QCZDInst.exe"));
+    ASSERT_TRUE(!test.second || place(test.second, L"QRDPInst.exe"));
     g_Imports.productType = test.productType;
 
     const ActionOutcome outcome = RunAction("GetEngineVersion", {}, kEditions);
@@ -437,10 +390,9 @@ struct FileVersionCase
     const char* behaviour;
     const wchar_t* folderSuffix; // appended to the build's bin folder (without its backslash)
     const wchar_t* name;
-    const wchar_t* gfvResult; // "untouched" when the action must not write it
+    const wchar_t* gfvResult; // written over "untouched", so that an empty result is seen to be written
     Lines lines = {};
     UINT result = 0;
-    const wchar_t* failingRead = L""; // a property whose read fails
 };
 
 using GetFileVersion = UtilityCases<FileVersionCase>;
@@ -448,7 +400,6 @@ using GetFileVersion = UtilityCases<FileVersionCase>;
 TEST_P(GetFileVersion, WritesTheFileVersion)
 {
     const FileVersionCase& test = GetParam();
-    g_Imports.failingRead = test.failingRead;
     const std::wstring folder = BinFolder().substr(0, BinFolder().size() - 1) + test.folderSuffix;
     const ActionOutcome outcome = RunAction(
         "GetFileVersion", {{L"GFV_FILEPATH", folder}, {L"GFV_FILENAME", test.name}, {L"GFV_Result", L"untouched"}},
@@ -457,21 +408,15 @@ TEST_P(GetFileVersion, WritesTheFileVersion)
               std::make_tuple(test.result, test.lines, std::wstring(test.gfvResult)));
 }
 
-const wchar_t k1234[] = L"QcVersion_1_2_3_4.exe";
-const Lines kPathUnread = {Error(L"MsiGetProperty GFV_FILEPATH failed with error 4242")};
+// 1812 is Wine's code for a file without a version resource.
+const std::wstring kNoResource = L"[ERROR] FileVersion (#) GetFileVersionInfoSize failed with error 1812.";
 
 const FileVersionCase kFileCases[] = {
-    {"FileVersionOfAVersionResource", L"", L"QcVersion_65535_0_0_65535.exe", L"65535.0.0.65535"},
     // The folder's own backslash and the joining one make two; the file is still found.
-    {"FolderEndingInBackslash", L"\\", k1234, L"1.2.3.4"},
-    // 1812 is Wine's code for a file without a version resource.
-    {"FileWithoutVersionResourceGivesEmptyResult",
-     L"",
-     L"QcVersionNone.exe",
-     L"",
-     {L"[ERROR] FileVersion (#) GetFileVersionInfoSize failed with error 1812."}},
+    {"FileVersionOfAVersionResource", L"\\", L"QcVersion_65535_0_0_65535.exe", L"65535.0.0.65535"},
+    // The test program has no version resource.
+    {"FileWithoutVersionResourceGivesEmptyResult", L"", L"qc_utility_tests.exe", L"", {kNoResource}},
     {"MissingFileGivesMinusOneAndFails", L"", L"QcMissing.exe", L"-1", {Error(L"Access failed with error 2")}, 1603},
-    {"UnreadableFolderFailsAndWritesNothing", L"", k1234, L"untouched", kPathUnread, 1603, L"GFV_FILEPATH"},
 };
 
 INSTANTIATE_TEST_SUITE_P(Cases, GetFileVersion, ::testing::ValuesIn(kFileCases), kByBehaviour);
