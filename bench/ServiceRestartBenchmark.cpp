@@ -42,13 +42,22 @@ void Await(SC_HANDLE hService, DWORD state)
     }
 }
 
+// The shipped DLL's status queries, counted on their way to the service manager.
+int g_StatusQueries = 0;
+
+BOOL WINAPI CountedQuery(SC_HANDLE hService, LPSERVICE_STATUS pStatus)
+{
+    ++g_StatusQueries;
+    return ::QueryServiceStatus(hService, pStatus);
+}
+
 // Prints the figures. The services it registers are deleted when it returns.
-int Measure(int rounds, QcRunner::CustomActionFunction restart, const QcTest::CStatusQueryCounter& counter)
+int Measure(int rounds, QcRunner::CustomActionFunction restart)
 {
     QcTest::CTestServices services;
-    QcTest::CTestService& service = services.Add({L"QcBench_S", L"", SERVICE_DEMAND_START, {}});
-    QcTest::CTestService& d1 = services.Add({L"QcBench_D1", L"", SERVICE_AUTO_START, {L"QcBench_S"}});
-    QcTest::CTestService& d2 = services.Add({L"QcBench_D2", L"", SERVICE_AUTO_START, {L"QcBench_S"}});
+    QcTest::CTestService& service = services.Add(L"QcBench_S", L"", SERVICE_DEMAND_START, {});
+    QcTest::CTestService& d1 = services.Add(L"QcBench_D1", L"", SERVICE_AUTO_START, {L"QcBench_S"});
+    QcTest::CTestService& d2 = services.Add(L"QcBench_D2", L"", SERVICE_AUTO_START, {L"QcBench_S"});
     if (!service.Start() || !d1.Start() || !d2.Start())
     {
         std::fprintf(stderr, "cannot set up the services (%ls)\n", service.Error().c_str());
@@ -63,9 +72,9 @@ int Measure(int rounds, QcRunner::CustomActionFunction restart, const QcTest::CS
         const double ms = MedianMs(rounds, [&] {
             QcRunner::CActionHost host;
             host.SetCustomActionData(std::wstring(L";SERVICENAME=QcBench_S;TIMEOUT=30;DEPENDENCIES=") + dependencies);
-            const int before = counter.Count();
+            const int before = g_StatusQueries;
             result = host.Call(restart);
-            queries = counter.Count() - before;
+            queries = g_StatusQueries - before;
         });
         const std::wstring label = std::wstring(L"ServiceRestart, DEPENDENCIES=") + dependencies;
         std::printf("%-44ls %8.0f ms wall (median of %d)   %3d status queries   result %u\n", label.c_str(), ms, rounds,
@@ -74,13 +83,13 @@ int Measure(int rounds, QcRunner::CustomActionFunction restart, const QcTest::CS
 
     const QcTest::CServiceHandle hManager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
     const QcTest::CServiceHandle hService(
-        ::OpenServiceW(hManager.get(), service.Name().c_str(), SERVICE_QUERY_STATUS | SERVICE_START | SERVICE_STOP));
+        ::OpenServiceW(hManager.Get(), service.Name().c_str(), SERVICE_QUERY_STATUS | SERVICE_START | SERVICE_STOP));
     const double direct = MedianMs(rounds, [&] {
         SERVICE_STATUS status{};
-        ::ControlService(hService.get(), SERVICE_CONTROL_STOP, &status);
-        Await(hService.get(), SERVICE_STOPPED);
-        ::StartServiceW(hService.get(), 0, nullptr);
-        Await(hService.get(), SERVICE_RUNNING);
+        ::ControlService(hService.Get(), SERVICE_CONTROL_STOP, &status);
+        Await(hService.Get(), SERVICE_STOPPED);
+        ::StartServiceW(hService.Get(), 0, nullptr);
+        Await(hService.Get(), SERVICE_RUNNING);
     });
     std::printf("%-44s %8.0f ms wall (median of %d)\n", "Direct stop and start, 10 ms polls", direct, rounds);
     return 0;
@@ -92,14 +101,15 @@ int wmain(int argc, wchar_t** argv)
 {
     QcRunner::CActionLibrary library(QcTest::ShippedDllPath());
     const QcRunner::CustomActionFunction restart = library.Find("ServiceRestart");
-    const QcTest::CDependentsSeam seam(library.Module());
-    const QcTest::CStatusQueryCounter counter(library.Module());
-    if (restart == nullptr || !seam.IsInstalled() || !counter.IsInstalled())
+    const QcTest::CServiceManagerSeam seam(library.Module());
+    const QcTest::CImportPatch counter(library.Module(), "ADVAPI32.dll", "QueryServiceStatus",
+                                       reinterpret_cast<const void*>(&CountedQuery));
+    if (restart == nullptr || !seam.IsInstalled() || !counter.IsApplied())
     {
         std::fprintf(stderr, "cannot load ServiceRestart from the DLL\n");
         return 1;
     }
-    const int exitCode = Measure(argc > 1 ? std::max(1, _wtoi(argv[1])) : 3, restart, counter);
+    const int exitCode = Measure(argc > 1 ? std::max(1, _wtoi(argv[1])) : 3, restart);
 
     // The manager removes a deleted service once its process is gone (it
     // lingers half a second after stopping) and this process, whose DLL keeps

@@ -90,8 +90,6 @@ const ValidationCase kValidationCases[] = {
     {"UnknownAndDuplicatedNamesCountAsPairs", ACTION_ServiceStop, L"|SERVICENAME=Spooler|OTHER=1|OTHER=2", 0,
      L"Argument[SERVICENAME] = Spooler.\n[ERROR] Argument[DEPENDENCIES] = NOT DEFINED.\n"
      L"[ERROR] Argument[TIMEOUT] = NOT DEFINED."},
-    {"RequiredArgumentPresentButEmptyIsInvalid", ACTION_CreateProcessDeferred, L";CMDLINE=", 1603,
-     L"Argument[CMDLINE] = .\n[ERROR] Argument[CMDLINE] is invalid."},
     {"RequiredChecksStopAtTheFirstInvalidName", ACTION_RemovePortException, L";RULENAME=;LOCALPORTS=", 1603,
      L"Argument[RULENAME] = .\nArgument[LOCALPORTS] = .\n[ERROR] Argument[RULENAME] is invalid."},
     {"OptionalArgumentWithEmptyValueIsListedButNotDefinedForTheWorker", ACTION_ServiceRestart,

@@ -28,11 +28,11 @@ namespace {
 const char kExpectedExports[] =
     "AddIcaClient AddPortException AddProgramException CloseAutoConnect CloseProcessDeferred CloseProcessImmediately "
     "CompareVersionString CreateAndInstallRootCertificate CreateAndInstallSignedServerCertificate "
-    "CreateProcessDeferred "
-    "CreateProcessImmediately DirectoryObjectPick GetCustomActionVersion GetDomain GetEngineVersion GetFileVersion "
-    "RemoveIcaClient RemovePortException RemoveProgramException ServiceRestart ServiceStart ServiceStop "
-    "SetRemoteConfigDeferred SetRemoteConfigImmediately ShellExecuteDeferred ShellExecuteImmediately "
-    "ShowMessageDeferred ShowMessageImmediately UninstallRootCertificate UninstallSignedCertificate";
+    "CreateProcessDeferred CreateProcessImmediately DirectoryObjectPick GetCustomActionVersion GetDomain "
+    "GetEngineVersion GetFileVersion RemoveIcaClient RemovePortException RemoveProgramException ServiceRestart "
+    "ServiceStart ServiceStop SetRemoteConfigDeferred SetRemoteConfigImmediately ShellExecuteDeferred "
+    "ShellExecuteImmediately ShowMessageDeferred ShowMessageImmediately UninstallRootCertificate "
+    "UninstallSignedCertificate";
 
 template <typename T>
 const T* AtRva(DWORD rva)
@@ -83,7 +83,7 @@ TEST(ShippedDll, CompareVersionStringWritesTheOutcomeOfTheFieldsBothVersionsHave
     const std::tuple<const wchar_t*, const wchar_t*, const wchar_t*> cases[] = {
         {L"01.2", L"1.2", L"0"},  // fields compare as numbers, not text
         {L"1.2", L"1.2.3", L"0"}, // only the fields both have
-        {L"1.2b", L"1.3", L"-1"}, // conversion stops at the first non-digit
+        {L"1.3b", L"1.3", L"0"},  // conversion stops at the first non-digit
         {L"1.", L"1.0.5", L"0"},  // a trailing point leaves no second field
         {L"", L"3.0", L"0"},
         {L"1.-1", L"1.0", L"-1"},                   // a sign inside a field

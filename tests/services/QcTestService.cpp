@@ -30,30 +30,16 @@ HANDLE g_hExit = nullptr;
 HANDLE g_hStopRequested = nullptr;
 bool g_bStoppedInHandler = false;
 
-// `option` is `prefix` followed by a number of milliseconds.
-bool ParseDelay(const std::wstring& option, const wchar_t* prefix, DWORD& delay)
-{
-    if (option.rfind(prefix, 0) != 0)
-    {
-        return false;
-    }
-    const wchar_t* text = option.c_str() + std::wcslen(prefix);
-    wchar_t* end = nullptr;
-    delay = static_cast<DWORD>(std::wcstoul(text, &end, 10));
-    return *text != L'\0' && *end == L'\0';
-}
-
 bool ParseOptions(int argc, wchar_t** argv)
 {
     for (int i = 2; i < argc; ++i)
     {
-        const std::wstring option = argv[i];
-        if (option.rfind(L"--journal=", 0) == 0)
+        if (std::wcsncmp(argv[i], L"--journal=", 10) == 0)
         {
-            g_Journal = option.substr(10);
+            g_Journal = argv[i] + 10;
         }
-        else if (!ParseDelay(option, L"--start-delay=", g_StartDelay) &&
-                 !ParseDelay(option, L"--stop-delay=", g_StopDelay))
+        else if (std::swscanf(argv[i], L"--start-delay=%lu", &g_StartDelay) != 1 &&
+                 std::swscanf(argv[i], L"--stop-delay=%lu", &g_StopDelay) != 1)
         {
             return false;
         }

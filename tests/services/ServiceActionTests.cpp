@@ -1,6 +1,5 @@
-// The shipped DLL's service actions driven through real installer sessions against real services of the test run's Wine
-// prefix: the states they meet, their waits and the limits of those waits, and the dependents they stop and start. Only
-// the dependent enumeration, which Wine stubs, is answered by the test (ServiceKit.h).
+// The shipped DLL's service actions, through real installer sessions, against real services of the run's Wine prefix:
+// only the dependent enumeration, which Wine stubs, is answered by the test (ServiceKit.h).
 #include <gtest/gtest.h>
 
 #include <windows.h>
@@ -19,7 +18,6 @@
 namespace QcTest {
 namespace {
 
-// Short names for the states and start types the rows use.
 enum : DWORD
 {
     Stopped = SERVICE_STOPPED,
@@ -44,14 +42,12 @@ std::wstring DaemonSourceLineOf(const std::wstring& line)
     const char* root = std::getenv("QC_SOURCE_DIR");
     std::ifstream file(std::string("Z:") + (root != nullptr ? root : "") + "/src/system/Daemon.cpp");
     std::string text;
-    for (auto n = source == std::wstring::npos ? 0 : std::wcstoul(line.c_str() + source + 8, nullptr, 10); n != 0; --n)
+    auto n = source == std::wstring::npos ? 0 : std::wcstoul(line.c_str() + source + 8, nullptr, 10);
+    while (n != 0 && std::getline(file, text))
     {
-        if (!std::getline(file, text))
-        {
-            return {};
-        }
+        --n;
     }
-    return std::wstring(text.begin(), text.end());
+    return n == 0 ? std::wstring(text.begin(), text.end()) : std::wstring();
 }
 
 // One test service: registered (after those it depends on), brought into `before`, and expected in `after` at the end.
@@ -87,10 +83,9 @@ struct Case
     Case& AtCallSite(const wchar_t* text) { return atCallSite = text, *this; }
 };
 
-Case Row(const char* action, const char* behaviour, std::vector<ServiceSetup> services)
-{
+const auto Row = [](const char* action, const char* behaviour, std::vector<ServiceSetup> services) {
     return Case{action, behaviour, std::move(services)};
-}
+};
 
 class ServiceAction : public ::testing::TestWithParam<Case>
 {
@@ -129,9 +124,9 @@ TEST_P(ServiceAction, Case)
     std::vector<CTestService*> services;
     for (const ServiceSetup& setup : test.services)
     {
-        ServiceDefinition definition{Name(setup.role), setup.options, setup.startType, setup.dependsOn};
-        std::transform(setup.dependsOn.begin(), setup.dependsOn.end(), definition.dependsOn.begin(), Name);
-        services.push_back(&m_Services.Add(definition));
+        Lines dependsOn(setup.dependsOn.size());
+        std::transform(setup.dependsOn.begin(), setup.dependsOn.end(), dependsOn.begin(), Name);
+        services.push_back(&m_Services.Add(Name(setup.role), setup.options, setup.startType, dependsOn));
         ASSERT_EQ(services.back()->Error(), L"") << setup.role;
         ASSERT_TRUE(setup.before == Stopped || services.back()->Start(setup.before != StartPending)) << setup.role;
         ASSERT_TRUE(setup.before != Paused || services.back()->Pause()) << setup.role;

@@ -19,6 +19,7 @@
 namespace QcTest {
 
 using Quillcast::System::Types::CKernelHandle;
+using Names = std::vector<std::wstring>;
 
 // The kit, unlike the service controller, releases service handles as documented.
 struct CServiceHandle
@@ -26,7 +27,6 @@ struct CServiceHandle
                                                   Quillcast::System::Types::CloseWith<SC_HANDLE, ::CloseServiceHandle>>
 {
     using CUniqueHandle::CUniqueHandle;
-    SC_HANDLE get() const noexcept { return Get(); } // the benchmark's spelling
 };
 
 // What one loaded module asked of the service manager while a seam lived.
@@ -36,10 +36,9 @@ struct ServiceCalls
     std::vector<std::wstring> opens; // "manager 0xACCESS" / "<service> 0xACCESS", in order
     std::vector<SC_HANDLE> opened;   // every handle those calls returned
     std::vector<HANDLE> closedByCloseHandle;
-    int statusQueries = 0;
 };
 
-// For its lifetime, one loaded module's service-manager opens, status queries, sleeps and CloseHandle calls are
+// For its lifetime, one loaded module's service-manager opens, sleeps and CloseHandle calls are
 // recorded on their way to the real functions: the only way to watch its poll loops and its releases from outside.
 // Only the action's thread writes them: read them once it has returned.
 //
@@ -53,7 +52,6 @@ class CServiceManagerSeam
 public:
     explicit CServiceManagerSeam(HMODULE hModule)
             : m_Patches{{hModule, "ADVAPI32.dll", "EnumDependentServicesW", reinterpret_cast<const void*>(&Enumerate)},
-                        {hModule, "ADVAPI32.dll", "QueryServiceStatus", reinterpret_cast<const void*>(&Query)},
                         {hModule, "ADVAPI32.dll", "OpenSCManagerW", reinterpret_cast<const void*>(&OpenManager)},
                         {hModule, "ADVAPI32.dll", "OpenServiceW", reinterpret_cast<const void*>(&OpenOneService)},
                         {hModule, "KERNEL32.dll", "CloseHandle", reinterpret_cast<const void*>(&Close)},
@@ -66,11 +64,9 @@ public:
     {
         return std::all_of(std::begin(m_Patches), std::end(m_Patches), [](const auto& p) { return p.IsApplied(); });
     }
-    // The status queries so far.
-    int Count() const { return s_Calls.statusQueries; }
     static const ServiceCalls& Calls() { return s_Calls; }
     // `service` depends on `dependsOn`, and starts after every service defined before it.
-    static void Define(const std::wstring& service, const std::vector<std::wstring>& dependsOn)
+    static void Define(const std::wstring& service, const Names& dependsOn)
     {
         s_Registrations.emplace_back(service, dependsOn);
     }
@@ -146,11 +142,6 @@ private:
         ::SetLastError(dwError);
         return handle;
     }
-    static BOOL WINAPI Query(SC_HANDLE hService, LPSERVICE_STATUS pStatus)
-    {
-        ++s_Calls.statusQueries;
-        return ::QueryServiceStatus(hService, pStatus);
-    }
     static SC_HANDLE WINAPI OpenManager(LPCWSTR machine, LPCWSTR database, DWORD access)
     {
         return NotedOpen(::OpenSCManagerW(machine, database, access), L"manager", access);
@@ -170,56 +161,41 @@ private:
         ::Sleep(ms);
     }
 
-    static inline std::vector<std::pair<std::wstring, std::vector<std::wstring>>> s_Registrations;
+    static inline std::vector<std::pair<std::wstring, Names>> s_Registrations;
     static inline ServiceCalls s_Calls;
-    CImportPatch m_Patches[6];
+    CImportPatch m_Patches[5];
 };
 
-// The benchmark's names for it.
-using CDependentsSeam = CServiceManagerSeam;
-using CStatusQueryCounter = CServiceManagerSeam;
-
-// How to register one QcTestService.exe instance (see QcTestService.cpp), after the services it depends on.
-struct ServiceDefinition
-{
-    std::wstring name;
-    std::wstring options; // of QcTestService, e.g. L"--stop-delay=30000"
-    DWORD startType = SERVICE_DEMAND_START;
-    std::vector<std::wstring> dependsOn;
-};
-
-// A service registered in the test run's prefix for one test, noting its transitions in `journalPath`. The destructor
-// ends it through its exit event and deletes it, so that nothing stays registered or running, auto-start services in
-// particular.
+// A QcTestService.exe instance (`options` as QcTestService.cpp lists them) registered in the test run's prefix for one
+// test, after the services it depends on, noting its transitions in `journalPath`. The destructor ends it through its
+// exit event and deletes it, so that nothing stays registered or running, auto-start services in particular.
 class CTestService
 {
 public:
-    CTestService(const ServiceDefinition& definition, const std::wstring& journalPath)
-            : m_Name(definition.name), m_hManager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS)),
+    CTestService(const std::wstring& name, const std::wstring& options, DWORD startType, const Names& dependsOn,
+                 const std::wstring& journalPath)
+            : m_Name(name), m_hManager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS)),
               m_hExit(::CreateEventW(nullptr, TRUE, FALSE, (L"Global\\QcTestService." + m_Name + L".Exit").c_str()))
     {
         // Shared by name with the service, manual-reset, and cleared: a name can outlive its service.
         ::ResetEvent(m_hExit.Get());
-        const std::wstring commandLine = L"\"" + BinFolder() + L"QcTestService.exe\" " + m_Name + L" " +
-                                         definition.options + L" \"--journal=" + journalPath + L"\"";
+        const std::wstring commandLine = L"\"" + BinFolder() + L"QcTestService.exe\" " + m_Name + L" " + options +
+                                         L" \"--journal=" + journalPath + L"\"";
         // A list of strings, each ended by a NUL, then one more NUL: the one c_str() adds.
         std::wstring dependencies;
-        for (const std::wstring& dependency : definition.dependsOn)
+        for (const std::wstring& dependency : dependsOn)
         {
             dependencies += dependency + L'\0';
         }
-        m_hService.Reset(::CreateServiceW(m_hManager.Get(), m_Name.c_str(), m_Name.c_str(), SERVICE_ALL_ACCESS,
-                                          SERVICE_WIN32_OWN_PROCESS, definition.startType, SERVICE_ERROR_NORMAL,
-                                          commandLine.c_str(), nullptr, nullptr, dependencies.c_str(), nullptr,
-                                          nullptr));
+        m_hService.Reset(::CreateServiceW(
+            m_hManager.Get(), m_Name.c_str(), m_Name.c_str(), SERVICE_ALL_ACCESS, SERVICE_WIN32_OWN_PROCESS, startType,
+            SERVICE_ERROR_NORMAL, commandLine.c_str(), nullptr, nullptr, dependencies.c_str(), nullptr, nullptr));
         m_Error = m_hService ? L"" : L"CreateService failed with error " + std::to_wstring(::GetLastError());
         if (m_hService)
         {
-            CServiceManagerSeam::Define(m_Name, definition.dependsOn);
+            CServiceManagerSeam::Define(m_Name, dependsOn);
         }
     }
-    CTestService(const CTestService&) = delete;
-    CTestService& operator=(const CTestService&) = delete;
     ~CTestService()
     {
         if (m_hService)
@@ -235,18 +211,15 @@ public:
 
     const std::wstring& Error() const { return m_Error; }
     const std::wstring& Name() const { return m_Name; }
-    // The current dwCurrentState, or 0 when it cannot be read.
     DWORD State() const
     {
         SERVICE_STATUS status{};
         return ::QueryServiceStatus(m_hService.Get(), &status) ? status.dwCurrentState : 0;
     }
-    // StartServiceW; with `wait`, until it runs.
     bool Start(bool wait = true) const
     {
         return ::StartServiceW(m_hService.Get(), 0, nullptr) && (!wait || Await(SERVICE_RUNNING));
     }
-    // Pauses a running service, and waits until it is paused.
     bool Pause() const
     {
         SERVICE_STATUS status{};
@@ -279,8 +252,6 @@ class CTestServices
 {
 public:
     CTestServices() : m_JournalPath(BinFolder() + L"QcTestService." + std::to_wstring(::GetCurrentProcessId())) {}
-    CTestServices(const CTestServices&) = delete;
-    CTestServices& operator=(const CTestServices&) = delete;
     ~CTestServices()
     {
         while (!m_Services.empty())
@@ -290,9 +261,10 @@ public:
         ::DeleteFileW(m_JournalPath.c_str());
     }
 
-    CTestService& Add(const ServiceDefinition& definition)
+    CTestService& Add(const std::wstring& name, const std::wstring& options, DWORD startType, const Names& dependsOn)
     {
-        return *m_Services.emplace_back(std::make_unique<CTestService>(definition, m_JournalPath));
+        return *m_Services.emplace_back(
+            std::make_unique<CTestService>(name, options, startType, dependsOn, m_JournalPath));
     }
     std::vector<std::wstring> Journal() const
     {
