@@ -34,11 +34,8 @@ for example in "$work"/*.md:*; do
     used=$(msiinfo export "$work/package.msi" CustomAction; msiinfo export "$work/package.msi" InstallExecuteSequence)
     unused=$(grep -o 'Property Id="QC_[A-Z0-9_]*"' "$example" | cut -d'"' -f2 |
         while read -r name; do grep -Eq "(^|[^A-Z0-9_])$name([^A-Z0-9_]|\$)" <<<"$used" || echo "$name"; done)
-    if [ -n "$unused" ]; then
-        echo "FAIL  $where: the package uses no" $unused
-        failures=$((failures + 1))
-    else
-        echo "ok    $where"
-    fi
+    [ -z "$unused" ] && echo "ok    $where" && continue
+    echo "FAIL  $where: the package uses no" $unused
+    failures=$((failures + 1))
 done
 [ $failures -eq 0 ]

@@ -121,12 +121,9 @@ machine_key() {
 ica='HKLM\SOFTWARE\Citrix\ICA Client\Engine\Configuration\Advanced\Modules\ICA 3.0'
 ica32='HKLM\SOFTWARE\Wow6432Node\Citrix\ICA Client\Engine\Configuration\Advanced\Modules\ICA 3.0'
 
-# package NAME [--as FILE] [--set NAME=VALUE]... [-D VAR=VALUE]...: builds packages/NAME.wxs
-# into WORK_DIR/FILE.msi (FILE defaults to NAME) and makes it the current package. --set adds a
-# Property row (Wine's msiexec drops the mixed-case properties of its command line, which the
-# immediate actions read). $(var.QcCustomActionDll) names the DLL, the include
-# authoring/Quillcast.Common.System.wxi is found by its bare name, and the rollback actions get
-# the type wixl leaves out (fix-rollback-types.sh).
+# package NAME [--as FILE] [--set NAME=VALUE]... [-D VAR=VALUE]...: builds packages/NAME.wxs into WORK_DIR/FILE.msi
+# (FILE defaults to NAME), the current package. --set adds a Property row: Wine's msiexec drops the mixed-case
+# properties of its command line, which the immediate actions read.
 package() {
     local name=$1 file=$1 sets=() set relative
     shift
@@ -268,12 +265,8 @@ end_each_start() {
 certificate_tool=$(windows_path "$QC_BIN_DIR/QcCertStoreTool.exe")
 certificate() {
     local file="$work_dir/$3" issuer="$work_dir/${4:-}"
-    if [ $# -lt 4 ]; then
-        openssl req -x509 -newkey rsa:2048 -nodes -keyout "$file.key" -subj "/CN=$2" -days 30 -out "$file.pem" 2>/dev/null
-    else
-        openssl req -newkey rsa:2048 -nodes -keyout "$file.key" -subj "/CN=$2" 2>/dev/null |
-            openssl x509 -req -CA "$issuer.pem" -CAkey "$issuer.key" -CAcreateserial -days 30 -out "$file.pem" 2>/dev/null
-    fi
+    openssl req -x509 -newkey rsa:2048 -nodes -keyout "$file.key" -subj "/CN=$2" -days 30 \
+        ${4:+-CA "$issuer.pem" -CAkey "$issuer.key"} -out "$file.pem" 2>/dev/null
     openssl x509 -in "$file.pem" -outform DER -out "$file.der"
     [ "$1" = - ] || wine_run "$certificate_tool" add "$1" "$(windows_path "$file.der")"
 }
@@ -294,15 +287,13 @@ finish() {
         wine_run msiexec /x "$(windows_path "$current_msi")" /qn >/dev/null 2>&1 || true
     done
     for command in "${undo[@]}"; do eval "wine_run $command" >/dev/null 2>&1 || true; done
+    # Each run as the log reader shows it (its actions, msiexec's verdict, the DLL's lines): what scripts/sample.sh
+    # shows, and what to read first when a check failed.
+    for log in "${logs[@]}"; do wine_run "$QC_BIN_DIR/QcLogRead.exe" "$(windows_path "$log")" | tr -d '\r' || true; done
     if [ $status -eq 0 ] && [ $failures -eq 0 ]; then
         echo "PASSED: $checks checks ($(basename "$case_file"))"
         exit 0
     fi
-    # What to read first: the DLL's lines and how each action ended.
-    for log in "${logs[@]}"; do
-        echo "---- excerpt of $log"
-        tr -d '\r' <"$log" | grep -E "$dll_prefix|^Action ended|: INSTALL\. Return value" | head -n 200 || true
-    done
     echo "FAILED: $failures of $checks checks, status $status ($(basename "$case_file"), logs in $work_dir)"
     exit 1
 }

@@ -23,10 +23,7 @@ stated=$(awk '
         if (kind != "deferred") print action " is " kind " but reads CustomActionData"
         print action " data " line
     }' "$reference")
-if [ "$(wc -l <<<"$table")" -ne 30 ]; then
-    printf 'FAIL: --list printed no table of thirty actions:\n%s\n' "$table"
-    exit 1
-fi
+[ "$(wc -l <<<"$table")" = 30 ] || { printf 'FAIL: --list printed no table of thirty actions:\n%s\n' "$table"; exit 1; }
 if ! diff <(printf '%s\n' "$table") <(printf '%s\n' "$stated"); then
     echo "FAILED: docs/actions.md (>) differs from the action table (<)"
     exit 1

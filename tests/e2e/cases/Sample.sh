@@ -35,8 +35,8 @@ QcServiceRestart|$service|1|30
 QcCreateProcessDeferred|$helper --run-ms=300 --exit-code=0
 QcShellExecuteDeferred|$(windows_path "$app")\\QcSampleApp.exe|$(windows_path "$app")
 EOF
-for action in ShowMessageImmediately CloseProcessImmediately CreateProcessImmediately SetRemoteConfigImmediately \
-    GetFileVersion GetEngineVersion CompareVersionString GetDomain ShellExecuteImmediately CloseAutoConnect AddIcaClient; do
+# The others show in what they leave; the version and domain ones in ImmediateResultsSteer....
+for action in ShowMessageImmediately CloseProcessImmediately SetRemoteConfigImmediately; do
     expect_dll_line --in "Qc$action" "Workbench (#) Processing custom action: $action."
 done
 expect_no_dll_line "*Got less arguments than expected*"
@@ -66,13 +66,10 @@ EOF
 expect_dll_line --in QcRemoveIcaClient "Workbench (#) Processing custom action: RemoveIcaClient."
 expect_no_dll_line "*Got less arguments than expected*"
 expect_service_state "$service" STOPPED
-expect_no_reg "$test_firewall_key\\Rules\\1"
-expect_no_reg "$test_firewall_key\\Rules\\2"
+for rule in 1 2; do expect_no_reg "$test_firewall_key\\Rules\\$rule"; done
 expect_reg "$ica32" VirtualDriver DrvA
 expect_lines "starts of QCAutoConnect.exe" "$(wc -l <"$app/QCAutoConnect.exe.record")" 4
 # The removal's close actions ended both copies of the app that the shell actions opened.
 outcome "$(! wine_run taskkill /f /im QcSampleApp.exe >/dev/null 2>&1; echo $?)" "no QcSampleApp.exe runs" \
     "a QcSampleApp.exe still ran"
 expect_removed Sample
-# What scripts/sample.sh shows: each run's actions, msiexec's verdict and the lines of the DLL.
-for log in "${logs[@]}"; do wine_run "$QC_BIN_DIR/QcLogRead.exe" "$(windows_path "$log")" | tr -d '\r' || true; done
