@@ -261,17 +261,9 @@ const Case kCases[] = {
     Row("EndedBeforeTheCheckFailsAlthoughItRan", "CreateProcessImmediately", {{L"CreateProcessProperty", L"\"{exe}\""}})
         .Fails(L"\"{exe}\"\t{dir}\t0\n")
         .Flags(kEndFirst),
-    Row("MissingProgramFailsWithTheCreateError", "CreateProcessDeferred", Data(L"|CMDLINE={dir}\\Missing.exe"))
-        .Fails(Error(L"Process", L"CreateProcess failed with error 2")),
-    // An empty command line is refused before anything is started or logged.
     Row("EmptyCommandLineFailsSilently", "CreateProcessImmediately", {}).Fails(L""),
 
     // Closing by name. Exit codes: 0 terminated by the action, 7 ended by its own WM_CLOSE handling.
-    Row("TimeoutWithoutDigitsIsZeroNotTheDefault", "CloseProcessDeferred",
-        Data(L";PROCESSNAME=Qc{name}.exe;TIMEOUT=abc"))
-        .Text(Error(L"Process", L"Timeout reached after 0 seconds"))
-        .Waits({0, 0})
-        .Launch({L"--window=ignore"}, {0}),
     Row("NoTimeoutPropertyWaitsTheDefaultMinute", "CloseProcessImmediately",
         {{L"CloseProcessProperty", L"Qc{name}.exe"}})
         .Text(Error(L"Process", L"Timeout reached after 60 seconds"))
@@ -282,7 +274,6 @@ const Case kCases[] = {
         .Text(Error(L"Process", L"Timeout reached after 7 seconds"))
         .Waits({0, 7000})
         .Launch({L"--window=ignore"}, {0}),
-    Row("WindowlessIsTerminatedWithoutWaiting", "CloseProcessDeferred", kCloseTen).Waits({0}).Launch({L"--hold"}, {0}),
     Row("ClosedWindowButRunningIsTerminatedAtOnce", "CloseProcessDeferred", kCloseTen)
         .Waits({0})
         .Launch({L"--window=stay"}, {0})
@@ -298,9 +289,13 @@ const Case kCases[] = {
         .Waits({0, 10000})
         .Launch({L"--window=exit --close-delay=300"}, {7})
         .Flags(kRealWaits),
-    Row("TwoInstancesAreBothClosedInSnapshotOrder", "CloseProcessDeferred", kCloseTen)
-        .Waits({0, 0})
-        .Launch({L"--hold", L"--hold"}, {0, 0}),
+    // A window that ignores its close gets no time at all from a TIMEOUT without digits; a windowless program is
+    // terminated without a wait.
+    Row("TwoAreClosedInSnapshotOrderAndATimeoutWithoutDigitsIsZero", "CloseProcessDeferred",
+        Data(L";PROCESSNAME=Qc{name}.exe;TIMEOUT=abc"))
+        .Text(Error(L"Process", L"Timeout reached after 0 seconds"))
+        .Waits({0, 0, 0})
+        .Launch({L"--window=ignore", L"--hold"}, {0, 0}),
     Row("NameInOtherLetterCaseClosesNothing", "CloseProcessDeferred", Data(L";PROCESSNAME=qc{name}.exe;TIMEOUT=10"))
         .Launch({L"--hold"}, {STILL_ACTIVE}),
     // Intentional: the entry shows the object's stored value (0), not the failure's code.
@@ -328,8 +323,6 @@ const Case kCases[] = {
         {{L"ImagePath", L"\"{dir}\\QCAutoConnSvc.exe\""}})
         .Text(kFirstAutoConnectRun + std::wstring(L"{dir}\\QCAutoConnect.exe -r -q\t{dir}\t0\n"))
         .Waits({INFINITE, INFINITE}),
-    Row("MissingServiceKeyFailsAndStartsNothing", "CloseAutoConnect", {})
-        .Fails(Error(L"Various", L"Open registry key failed with error 0")),
     Row("MissingImagePathFails", "CloseAutoConnect", {{L"ImagePath", L""}})
         .Fails(Error(L"Various", L"Query registry value failed with error 0")),
     Row("ProgramThatCannotStartFailsTheStart", "CloseAutoConnect", {{L"ImagePath", L"{dir}\\Plain.qcnoassoc"}})
@@ -380,15 +373,11 @@ TEST(ProcessAndShellCode, HelperEntriesCarryTheCallersSourceAndLine)
         QC_OPEN_KEY_OR_LOG(HKEY_LOCAL_MACHINE, L"SYSTEM\\QcNoSuchKey", KEY_READ, key,
                            Quillcast::Logging::LOG_LEVEL_WARNING, kCaller, L"Open registry key failed with error ");
     EXPECT_FALSE(bOpened);
-    Lines lines;
-    for (const std::wstring& line : log.Lines())
-    {
-        lines.push_back(WithoutPrefixes(line));
-    }
-    EXPECT_EQ(lines, (Lines{L"[ERROR] Various (" + std::to_wstring(7000 + readLine) +
-                                L") MsiGetProperty CloseProcessProperty failed with error 4242.",
-                            L"[WARNING] Various (" + std::to_wstring(7000 + openLine) +
-                                L") Open registry key failed with error 4243."}));
+    ASSERT_EQ(log.Lines().size(), 2u);
+    EXPECT_EQ(WithoutPrefixes(log.Lines()[0]), L"[ERROR] Various (" + std::to_wstring(7000 + readLine) +
+                                                   L") MsiGetProperty CloseProcessProperty failed with error 4242.");
+    EXPECT_EQ(WithoutPrefixes(log.Lines()[1]), L"[WARNING] Various (" + std::to_wstring(7000 + openLine) +
+                                                   L") Open registry key failed with error 4243.");
 }
 
 } // namespace

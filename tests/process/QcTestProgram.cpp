@@ -1,23 +1,17 @@
-// The program the process tests start, close and look for. Every run first
-// appends one line to its record: its command line, a TAB, its current
-// directory, a TAB and the show command it was started with (-1 when none was
-// given). The record is the program's own path + ".record".
+// The program the process tests start, close and look for. Every run first appends one line to its record (its own
+// path + ".record"): its command line, its current directory and the show command it was started with (-1 when none
+// was given), separated by TABs.
 //
-//   --window=exit   a top-level window; WM_CLOSE ends the program with code 7
-//   --window=ignore a top-level window that ignores WM_CLOSE
-//   --window=stay   a top-level window that WM_CLOSE destroys; the program runs on
+//   --window=exit|ignore|stay  a top-level window; WM_CLOSE ends the program with code 7, is ignored, or destroys
+//                   the window while the program runs on
 //   --close-delay=MS  handle WM_CLOSE only after MS milliseconds
 //   --closed-event=NAME  set that event once WM_CLOSE has been handled
-//   --ready-event=NAME   set that event once the window exists (or, without a
-//                   window, right after the record)
-//   --hold          run until the release event (--release-event=NAME, default
-//                   QcTestProgramRelease, auto-reset) is set
-//   --run-ms=MS     run for MS milliseconds
+//   --ready-event=NAME   set that event once the window exists (or, without a window, right after the record)
+//   --run-ms=MS     without a window: run for MS milliseconds
+//   --hold          without a window: run until the release event (--release-event=NAME, default
+//                   QcTestProgramRelease, auto-reset) is set; also what a windowless run without --run-ms does
 //   --exit-code=N   the code of a normal end (default 0)
-// Without any "--" switch (as the shell or the auto-connect action start it)
-// the program holds. Without --hold or --run-ms a windowless program ends at
-// once. Whatever it does, it ends by itself after two minutes at most (code 4).
-// Its handles live as long as its process.
+// Whatever it does, it ends by itself after two minutes at most (code 4). Its handles live as long as its process.
 #include <windows.h>
 
 #include <cstdio>
@@ -94,14 +88,10 @@ int RunWindow(HANDLE hReady)
     }
     ::SetEvent(hReady);
     // A thread timer: it still fires after the window is gone.
-    ::SetTimer(nullptr, 0, kLifetimeCapMs, nullptr);
+    ::SetTimer(nullptr, 0, kLifetimeCapMs, [](HWND, UINT, UINT_PTR, DWORD) { ::PostQuitMessage(4); });
     MSG message{};
     while (::GetMessageW(&message, nullptr, 0, 0) > 0)
     {
-        if (message.message == WM_TIMER && message.hwnd == nullptr)
-        {
-            return 4;
-        }
         ::DispatchMessageW(&message);
     }
     return static_cast<int>(message.wParam);
@@ -124,18 +114,14 @@ int wmain(int argc, wchar_t** argv)
         return RunWindow(hReady);
     }
     ::SetEvent(hReady);
-    bool bHold = argc < 2 || std::wcsncmp(argv[1], L"--", 2) != 0;
-    for (int i = 1; i < argc; ++i)
-    {
-        bHold = bHold || std::wcscmp(argv[i], L"--hold") == 0;
-    }
-    if (bHold)
+    const std::wstring runMs = Option(argc, argv, L"--run-ms");
+    if (runMs.empty())
     {
         const std::wstring name = Option(argc, argv, L"--release-event");
         const HANDLE hRelease =
             ::CreateEventW(nullptr, FALSE, FALSE, name.empty() ? L"QcTestProgramRelease" : name.c_str());
         return ::WaitForSingleObject(hRelease, kLifetimeCapMs) == WAIT_OBJECT_0 ? exitCode : 4;
     }
-    ::Sleep(static_cast<DWORD>(_wtoi(Option(argc, argv, L"--run-ms").c_str())));
+    ::Sleep(static_cast<DWORD>(_wtoi(runMs.c_str())));
     return exitCode;
 }

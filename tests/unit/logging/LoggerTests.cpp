@@ -76,13 +76,8 @@ TEST(LoggerLayout, EveryAppendWritesItsFormatBetweenCopiesOfThePrefixesAndPostfi
         {[](CLogger& log) { log.Append("narrow text"); }, L"narrow text"},
         {[](CLogger& log) { log.Append(CTextPiece(L"piece")); }, L"piece"},
         {[](CLogger& log) { log.Source(L"Daemon", 4294967295u); }, L"Daemon (4294967295) "},
-        {[](CLogger& log) {
-             log.Append(static_cast<const wchar_t*>(nullptr));
-             log.Append(L"");
-             log.Append(static_cast<const char*>(nullptr));
-             log.Append("");
-         },
-         L""},
+        {[](CLogger& log) { log.Append(static_cast<const wchar_t*>(nullptr)); }, L""},
+        {[](CLogger& log) { log.Append(static_cast<const char*>(nullptr)); }, L""},
     };
     for (const auto& [append, expected] : cases)
     {
